@@ -1,0 +1,44 @@
+# The README's commands. Everything builds with CMake; these targets only pick directories and flags.
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: all deps build test run fuzz bench asan werror clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build -j $(JOBS)
+
+test: build
+	@cd build && ctest --output-on-failure -j $(JOBS)
+
+run: build
+	@rm -rf build/sample
+	@build/bin/quiver sample build/sample
+	@build/bin/quiver info build/sample
+	@build/bin/quiver ls build/sample -l
+
+bench: deps
+	@cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQUIVER_BUILD_TESTS=OFF >/dev/null
+	@cmake --build build-bench -j $(JOBS)
+
+fuzz: deps
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUIVER_BUILD_FUZZ=ON >/dev/null
+	@cmake --build build-fuzz -j $(JOBS)
+
+# Warnings as errors, and the tests under AddressSanitizer and UndefinedBehaviorSanitizer.
+werror: deps
+	@cmake -S . -B build-werror -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUIVER_WERROR=ON -DQUIVER_BUILD_BENCH=ON >/dev/null
+	@cmake --build build-werror -j $(JOBS)
+
+asan: deps
+	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQUIVER_SANITIZE=address,undefined -DQUIVER_BUILD_BENCH=OFF >/dev/null
+	@cmake --build build-asan -j $(JOBS)
+	@cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+clean:
+	rm -rf build build-bench build-fuzz build-werror build-asan
