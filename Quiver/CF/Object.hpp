@@ -6,6 +6,7 @@
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
+#include <CoreFoundation/CFExtension.h>
 
 #include <string>
 #include <utility>

@@ -42,7 +42,7 @@ enum {
 CF_EXPORT CFTypeID CFStringGetTypeID(void);
 
 // CFSTR("text") gives a constant string that is made once per distinct text and never freed.
-CF_EXPORT CFStringRef __CFStringMakeConstantString(const char *cStr) __attribute__((format_arg(1)));
+CF_EXPORT CFStringRef __CFStringMakeConstantString(const char *cStr);
 #define CFSTR(cStr) __CFStringMakeConstantString("" cStr "")
 
 CF_EXPORT CFStringRef CFStringCreateWithCString(CFAllocatorRef alloc, const char *cStr, CFStringEncoding encoding);
