@@ -1,0 +1,136 @@
+// SHA-1 (whole, streamed and from files), hex and Base64 coding, random bytes and UUID names.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "Quiver/Support/Encoding.hpp"
+#include "Quiver/Support/File.hpp"
+#include "Quiver/Support/Hash.hpp"
+#include "Quiver/Support/Random.hpp"
+
+namespace fs = std::filesystem;
+using namespace Quiver::Support;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+Bytes Text(const std::string& text) { return {text.begin(), text.end()}; }
+
+TEST(Sha1Vectors, ShortMessages) {
+    EXPECT_EQ(hex_encode(Sha1(Text("abc"))), "a9993e364706816aba3e25717850c26c9cd0d89d");
+    EXPECT_EQ(hex_encode(Sha1(Bytes{})), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
+    EXPECT_EQ(hex_encode(Sha1(Text("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"))),
+              "84983e441c3bd26ebaae4aa1f95129e5e54670f1");
+}
+
+TEST(Sha1Vectors, MillionAStreamedInUnevenPieces) {
+    Hasher hasher;
+    Bytes piece(997, 'a');
+    std::size_t left = 1000000;
+    while (left > 0) {
+        std::size_t n = std::min(left, piece.size());
+        hasher.Update(piece.data(), n);
+        left -= n;
+    }
+    EXPECT_EQ(hex_encode(hasher.Finalize()), "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
+}
+
+TEST(Sha1Vectors, FinalizeStartsANewMessage) {
+    Hasher hasher(HashAlgorithm::SHA1);
+    hasher.Update(Text("ab"));
+    hasher.Update(Text("c"));
+    EXPECT_EQ(hex_encode(hasher.Finalize()), "a9993e364706816aba3e25717850c26c9cd0d89d");
+    EXPECT_EQ(hex_encode(hasher.Finalize()), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
+}
+
+TEST(Sha1Vectors, UnknownAlgorithmCodeThrows) {
+    EXPECT_THROW(Hasher(static_cast<HashAlgorithm>(0)), std::runtime_error);
+}
+
+TEST(Sha1OfFiles, LargeFileMatchesAndMissingFileThrows) {
+    std::string pattern = (fs::temp_directory_path() / "quiver-hash-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    fs::path dir = pattern;
+    {
+        writable_file file(dir / "a");
+        file.write(Bytes(1000000, 'a'));  // several read chunks
+        writable_file empty(dir / "empty");
+    }
+    EXPECT_EQ(hex_encode(HashOfFile(dir / "a")), "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
+    EXPECT_EQ(HashOfFile(dir / "empty"), Sha1(Bytes{}));
+    EXPECT_THROW(HashOfFile(dir / "missing"), std::system_error);
+    fs::remove_all(dir);
+}
+
+TEST(HexCoding, RoundTripAndCase) {
+    Bytes all(256);
+    for (int i = 0; i < 256; ++i) all[i] = static_cast<uint8_t>(i);
+    std::string text = hex_encode(all);
+    EXPECT_EQ(text.substr(0, 8), "00010203");
+    EXPECT_EQ(text.substr(text.size() - 4), "feff");
+    EXPECT_EQ(hex_decode(text), all);
+    EXPECT_EQ(hex_decode("DEADbeef"), (Bytes{0xde, 0xad, 0xbe, 0xef}));
+    EXPECT_EQ(hex_decode(""), Bytes{});
+}
+
+TEST(HexCoding, MalformedTextIsRejected) {
+    for (const char* bad : {"abc", "zz", "0g", "00 11", "-1", "0x00"}) {
+        EXPECT_FALSE(hex_decode(bad).has_value()) << bad;
+    }
+}
+
+TEST(Base64Coding, Rfc4648Vectors) {
+    const std::pair<const char*, const char*> vectors[] = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"},
+        {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+    };
+    for (const auto& [plain, encoded] : vectors) {
+        EXPECT_EQ(base64_encode(Text(plain)), encoded);
+        EXPECT_EQ(base64_decode(encoded), Text(plain)) << encoded;
+    }
+}
+
+TEST(Base64Coding, RoundTripOfEveryByteAndLength) {
+    Bytes data;
+    for (int n = 0; n < 300; ++n) {
+        EXPECT_EQ(base64_decode(base64_encode(data)), data) << n;
+        data.push_back(static_cast<uint8_t>(n * 131 + 7));
+    }
+    EXPECT_EQ(base64_encode(Bytes{0xfb, 0xff}), "+/8=");
+}
+
+TEST(Base64Coding, WhitespaceIsSkipped) {
+    EXPECT_EQ(base64_decode("\n\tZm9v\r\nYmFy \n"), Text("foobar"));
+    EXPECT_EQ(base64_decode("Zm8\n="), Text("fo"));
+}
+
+TEST(Base64Coding, MalformedTextIsRejected) {
+    for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "=Zg=", "Zg==Zg==", "Zg=a", "Zm9v!", "Zm9v-_",
+                            "Zh==", "Zm9=", "Zg===", "a", "===="}) {
+        EXPECT_FALSE(base64_decode(bad).has_value()) << bad;
+    }
+    EXPECT_FALSE(base64_decode(std::string("Zm\0v", 4)).has_value());
+}
+
+TEST(RandomValues, BytesHaveTheRequestedLengthAndDiffer) {
+    EXPECT_TRUE(RandomBytes(0).empty());
+    Bytes a = RandomBytes(32), b = RandomBytes(32);
+    EXPECT_EQ(a.size(), 32u);
+    EXPECT_NE(a, b);
+}
+
+TEST(RandomValues, UUIDStringsAreUpperCaseVersion4) {
+    const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+    std::string first = MakeUUIDString();
+    for (int i = 0; i < 100; ++i) {
+        std::string uuid = MakeUUIDString();
+        EXPECT_TRUE(std::regex_match(uuid, form)) << uuid;
+        EXPECT_NE(uuid, first);
+    }
+}
+
+}  // namespace
