@@ -1,0 +1,317 @@
+// Data, numbers, booleans, dates and UUIDs, with the data conversions of CFExtension (UTF-8, Base64).
+#include "CFTestRef.hpp"
+
+#include <CoreFoundation/CFExtension.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <regex>
+#include <vector>
+
+using namespace cftest;
+
+namespace {
+
+std::vector<UInt8> bytes_of(CFDataRef d) {
+    const UInt8* p = CFDataGetBytePtr(d);
+    return std::vector<UInt8>(p, p + CFDataGetLength(d));
+}
+
+Ref<CFDataRef> data(std::initializer_list<UInt8> bytes) {
+    std::vector<UInt8> v(bytes);
+    return Ref<CFDataRef>(CFDataCreate(nullptr, v.data(), static_cast<CFIndex>(v.size())));
+}
+
+// ----- Data
+
+TEST(DataNoCopy, NullDeallocatorLeavesTheBytesAlone) {
+    UInt8 onStack[4] = {1, 2, 3, 4};  // freeing these would abort the process
+    {
+        Ref<CFDataRef> d(CFDataCreateWithBytesNoCopy(nullptr, onStack, 4, kCFAllocatorNull));
+        EXPECT_EQ(CFDataGetBytePtr(d), onStack);
+        EXPECT_TRUE(CFEqual(d.get(), data({1, 2, 3, 4}).get()));
+    }
+    EXPECT_EQ(onStack[3], 4);
+}
+
+TEST(DataNoCopy, DefaultDeallocatorFreesTheBytes) {
+    // Under LeakSanitizer this buffer is reported if the data does not free it.
+    auto* heap = static_cast<UInt8*>(std::malloc(16));
+    std::memset(heap, 0xab, 16);
+    Ref<CFDataRef> d(CFDataCreateWithBytesNoCopy(nullptr, heap, 16, kCFAllocatorDefault));
+    Ref<CFDataRef> copy(CFDataCreateCopy(nullptr, d));
+    EXPECT_NE(CFDataGetBytePtr(copy), heap);  // a copy never shares no-copy bytes
+    EXPECT_EQ(CFHash(d.get()), CFHash(copy.get()));
+}
+
+class MutableDataTest : public ::testing::Test {
+protected:
+    Ref<CFMutableDataRef> d{CFDataCreateMutable(nullptr, 0)};
+    void append(std::initializer_list<UInt8> bytes) {
+        std::vector<UInt8> v(bytes);
+        CFDataAppendBytes(d, v.data(), static_cast<CFIndex>(v.size()));
+    }
+};
+
+TEST_F(MutableDataTest, EditsShiftTheRightBytes) {
+    append({0, 1, 2, 3, 4, 5});
+    const UInt8 replacement[] = {9, 9, 9};
+    CFDataReplaceBytes(d, CFRangeMake(1, 2), replacement, 3);
+    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{0, 9, 9, 9, 3, 4, 5}));
+    CFDataDeleteBytes(d, CFRangeMake(0, 4));
+    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{3, 4, 5}));
+    CFDataIncreaseLength(d, 2);
+    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{3, 4, 5, 0, 0}));
+    CFDataSetLength(d, 1);
+    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{3}));
+    CFDataGetMutableBytePtr(d)[0] = 7;
+    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{7}));
+}
+
+TEST_F(MutableDataTest, AppendingItsOwnBytesWhileGrowing) {
+    append({1, 2, 3});
+    for (int i = 0; i < 6; ++i) CFDataAppendBytes(d, CFDataGetBytePtr(d), CFDataGetLength(d));
+    ASSERT_EQ(CFDataGetLength(d), 3 * 64);
+    for (CFIndex i = 0; i < CFDataGetLength(d); ++i) ASSERT_EQ(CFDataGetBytePtr(d)[i], i % 3 + 1);
+}
+
+TEST_F(MutableDataTest, EmptyDataStillHasAPointer) {
+    EXPECT_NE(CFDataGetBytePtr(d), nullptr);
+    EXPECT_NE(CFDataGetMutableBytePtr(d), nullptr);
+}
+
+using DataDeathTest = MutableDataTest;
+
+TEST_F(DataDeathTest, BadRangesAndImmutableEditsAbort) {
+    append({1, 2, 3});
+    UInt8 out[4];
+    EXPECT_DEATH(CFDataGetBytes(d, CFRangeMake(2, 2), out), "out of bounds");
+    EXPECT_DEATH(CFDataDeleteBytes(d, CFRangeMake(-1, 1)), "out of bounds");
+    Ref<CFDataRef> frozen = data({1});
+    EXPECT_DEATH(CFDataSetLength(const_cast<CFMutableDataRef>(frozen.get()), 0), "immutable");
+}
+
+TEST(DataDescription, ShowsLengthAndHex) {
+    EXPECT_EQ(take(CFCopyDescription(data({0x01, 0x02, 0xff}).get())), "<CFData>{length = 3, bytes = 0x0102ff}");
+}
+
+// ----- Numbers
+
+template <typename T>
+std::pair<bool, T> get_as(CFNumberRef n, CFNumberType type) {
+    T out{};
+    bool exact = CFNumberGetValue(n, type, &out);
+    return {exact, out};
+}
+
+TEST(NumberConversion, ReportsLossyConversions) {
+    EXPECT_EQ(get_as<int8_t>(num(300LL), kCFNumberSInt8Type), std::make_pair(false, int8_t(44)));
+    EXPECT_EQ(get_as<int8_t>(num(-128LL), kCFNumberSInt8Type), std::make_pair(true, int8_t(-128)));
+    EXPECT_EQ(get_as<int32_t>(num(1.5), kCFNumberSInt32Type), std::make_pair(false, 1));
+    EXPECT_EQ(get_as<int32_t>(num(-2.0), kCFNumberIntType), std::make_pair(true, -2));
+    EXPECT_EQ(get_as<int16_t>(num(1e10), kCFNumberSInt16Type), std::make_pair(false, int16_t(32767)));
+    EXPECT_EQ(get_as<int64_t>(num(-1e19), kCFNumberSInt64Type),
+              std::make_pair(false, std::numeric_limits<int64_t>::min()));
+    EXPECT_FALSE(get_as<int64_t>(num(9223372036854775808.0), kCFNumberSInt64Type).first);
+    EXPECT_FALSE(get_as<int32_t>(num(std::nan("")), kCFNumberSInt32Type).first);
+}
+
+TEST(NumberConversion, FloatsAreExactOnlyWhenTheyHoldTheValue) {
+    EXPECT_TRUE(get_as<double>(num(1LL << 53), kCFNumberFloat64Type).first);
+    EXPECT_FALSE(get_as<double>(num((1LL << 53) + 1), kCFNumberFloat64Type).first);
+    EXPECT_FALSE(get_as<double>(num(std::numeric_limits<long long>::max()), kCFNumberDoubleType).first);
+    EXPECT_TRUE(get_as<float>(num(0.5), kCFNumberFloat32Type).first);
+    EXPECT_FALSE(get_as<float>(num(0.1), kCFNumberFloat32Type).first);
+    auto huge = get_as<float>(num(1e300), kCFNumberFloatType);
+    EXPECT_FALSE(huge.first);
+    EXPECT_TRUE(std::isinf(huge.second));
+}
+
+TEST(NumberType, ReportsCanonicalTypes) {
+    int i = 5;
+    double d = 2.5;
+    long l = 9;
+    Ref<CFNumberRef> fromInt(CFNumberCreate(nullptr, kCFNumberIntType, &i));
+    Ref<CFNumberRef> fromDouble(CFNumberCreate(nullptr, kCFNumberCGFloatType, &d));
+    Ref<CFNumberRef> fromLong(CFNumberCreate(nullptr, kCFNumberLongType, &l));
+    EXPECT_EQ(CFNumberGetType(fromInt), kCFNumberSInt32Type);
+    EXPECT_EQ(CFNumberGetByteSize(fromInt), 4);
+    EXPECT_EQ(CFNumberGetType(fromDouble), kCFNumberFloat64Type);
+    EXPECT_TRUE(CFNumberIsFloatType(fromDouble));
+    EXPECT_EQ(CFNumberGetType(fromLong), kCFNumberSInt64Type);
+    EXPECT_FALSE(CFNumberIsFloatType(fromLong));
+}
+
+TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremes) {
+    const long long max = std::numeric_limits<long long>::max();
+    // (double)INT64_MAX rounds up to 2^63, which is larger than every int64.
+    EXPECT_EQ(CFNumberCompare(num(max), num(static_cast<double>(max)), nullptr), kCFCompareLessThan);
+    EXPECT_EQ(CFNumberCompare(num((1LL << 53) + 1), num(9007199254740992.0), nullptr), kCFCompareGreaterThan);
+    EXPECT_EQ(CFNumberCompare(num(9007199254740992.0), num((1LL << 53) + 1), nullptr), kCFCompareLessThan);
+    EXPECT_EQ(CFNumberCompare(num(-1LL), num(-0.5), nullptr), kCFCompareLessThan);
+    EXPECT_EQ(CFNumberCompare(num(0LL), num(-0.5), nullptr), kCFCompareGreaterThan);
+    EXPECT_EQ(CFNumberCompare(num(std::numeric_limits<long long>::min()), num(-9223372036854775808.0), nullptr),
+              kCFCompareEqualTo);
+    EXPECT_FALSE(CFEqual(num(max).get(), num(static_cast<double>(max)).get()));
+}
+
+TEST(NumberCompare, NaNIsOrderedBelowEverythingAndEqualToItself) {
+    Ref<CFNumberRef> nan = num(std::nan(""));
+    EXPECT_EQ(CFNumberCompare(nan, num(-HUGE_VAL), nullptr), kCFCompareLessThan);
+    EXPECT_EQ(CFNumberCompare(num(0LL), nan, nullptr), kCFCompareGreaterThan);
+    EXPECT_TRUE(CFEqual(nan.get(), num(std::nan("")).get()));
+    EXPECT_EQ(CFHash(nan.get()), CFHash(num(-std::nan("")).get()));
+}
+
+TEST(NumberHash, EqualValuesHashAlike) {
+    EXPECT_EQ(CFHash(num(1LL).get()), CFHash(num(1.0).get()));
+    EXPECT_EQ(CFHash(num(0LL).get()), CFHash(num(-0.0).get()));
+    EXPECT_EQ(CFHash(num(-123456789LL).get()), CFHash(num(-123456789.0).get()));
+    EXPECT_TRUE(CFEqual(num(1LL).get(), num(1.0).get()));
+}
+
+TEST(NumberDescription, ShortestExactText) {
+    EXPECT_EQ(take(CFCopyDescription(num(-42LL).get())), "-42");
+    EXPECT_EQ(take(CFCopyDescription(num(0.1).get())), "0.1");
+    EXPECT_EQ(take(CFCopyDescription(num(std::nan("")).get())), "nan");
+}
+
+TEST(Boolean, ConstantsAreImmortalAndDistinct) {
+    EXPECT_TRUE(CFBooleanGetValue(kCFBooleanTrue));
+    EXPECT_FALSE(CFBooleanGetValue(kCFBooleanFalse));
+    EXPECT_FALSE(CFEqual(kCFBooleanTrue, kCFBooleanFalse));
+    for (int i = 0; i < 3; ++i) CFRelease(kCFBooleanTrue);  // ignored for constants
+    EXPECT_EQ(CFGetTypeID(kCFBooleanTrue), CFBooleanGetTypeID());
+}
+
+// ----- Dates
+
+std::string date_text(CFAbsoluteTime at) { return take(CFCopyDescription(Ref<CFDateRef>(CFDateCreate(nullptr, at)).get())); }
+
+TEST(DateDescription, IsUtcCalendarTime) {
+    EXPECT_EQ(date_text(0), "2001-01-01 00:00:00 +0000");
+    EXPECT_EQ(date_text(-kCFAbsoluteTimeIntervalSince1970), "1970-01-01 00:00:00 +0000");
+    EXPECT_EQ(date_text(-0.5), "2000-12-31 23:59:59 +0000");
+    EXPECT_EQ(date_text(1709210096.0 - kCFAbsoluteTimeIntervalSince1970), "2024-02-29 12:34:56 +0000");
+    EXPECT_EQ(date_text(-kCFAbsoluteTimeIntervalSince1904), "1904-01-01 00:00:00 +0000");
+    EXPECT_EQ(date_text(253402300800.0 - kCFAbsoluteTimeIntervalSince1970), "10000-01-01 00:00:00 +0000");
+}
+
+TEST(DateDescription, ExtremeValuesStayDeterministic) {
+    for (double at : {1e300, -1e300, HUGE_VAL, -HUGE_VAL, std::nan("")}) {
+        std::string first = date_text(at);
+        EXPECT_FALSE(first.empty());
+        EXPECT_EQ(first, date_text(at));
+    }
+}
+
+TEST(Date, CompareAndIntervals) {
+    Ref<CFDateRef> a(CFDateCreate(nullptr, 100.0)), b(CFDateCreate(nullptr, 250.5));
+    EXPECT_EQ(CFDateCompare(a, b, nullptr), kCFCompareLessThan);
+    EXPECT_EQ(CFDateCompare(b, a, nullptr), kCFCompareGreaterThan);
+    EXPECT_DOUBLE_EQ(CFDateGetTimeIntervalSinceDate(b, a), 150.5);
+    EXPECT_TRUE(CFEqual(a.get(), Ref<CFDateRef>(CFDateCreate(nullptr, 100.0)).get()));
+}
+
+TEST(Date, CurrentTimeCountsFrom2001) {
+    double expected = static_cast<double>(std::time(nullptr)) - kCFAbsoluteTimeIntervalSince1970;
+    EXPECT_NEAR(CFAbsoluteTimeGetCurrent(), expected, 5.0);
+}
+
+// ----- UUIDs
+
+TEST(UUID, NewUUIDsAreRandomVersion4InUpperCase) {
+    Ref<CFUUIDRef> a(CFUUIDCreate(nullptr)), b(CFUUIDCreate(nullptr));
+    std::string text = take(CFUUIDCreateString(nullptr, a));
+    EXPECT_TRUE(std::regex_match(text, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")))
+        << text;
+    EXPECT_FALSE(CFEqual(a.get(), b.get()));
+}
+
+TEST(UUID, TextRoundTripsInEitherCase) {
+    CFUUIDBytes raw = {0x68, 0x75, 0x3a, 0x44, 0x4d, 0x6f, 0x12, 0x26, 0x9c, 0x60, 0x00, 0x50, 0xe4, 0xc0, 0x00, 0x67};
+    Ref<CFUUIDRef> u(CFUUIDCreateFromUUIDBytes(nullptr, raw));
+    EXPECT_EQ(take(CFUUIDCreateString(nullptr, u)), "68753A44-4D6F-1226-9C60-0050E4C00067");
+    Ref<CFUUIDRef> parsed(CFUUIDCreateFromString(nullptr, str("68753a44-4d6f-1226-9c60-0050e4c00067")));
+    ASSERT_TRUE(parsed);
+    EXPECT_TRUE(CFEqual(u.get(), parsed.get()));
+    CFUUIDBytes back = CFUUIDGetUUIDBytes(parsed);
+    EXPECT_EQ(std::memcmp(&back, &raw, sizeof raw), 0);
+}
+
+TEST(UUID, MalformedTextIsRefused) {
+    for (const char* bad : {"", "68753A44-4D6F-1226-9C60-0050E4C0006", "68753A44-4D6F-1226-9C60-0050E4C000677",
+                            "68753A44x4D6F-1226-9C60-0050E4C00067", "68753A44-4D6F-1226-9C60-0050E4C0006G",
+                            "68753A4-44D6F-1226-9C60-0050E4C00067", "{68753A44-4D6F-1226-9C60-0050E4C00067}",
+                            "68753A44-4D6F-1226-9C60-0050E4C0006\xc3\xa9"}) {
+        EXPECT_FALSE(Ref<CFUUIDRef>(CFUUIDCreateFromString(nullptr, str(bad)))) << bad;
+    }
+    EXPECT_EQ(CFUUIDCreateFromString(nullptr, nullptr), nullptr);
+}
+
+// ----- UTF-8 and Base64
+
+TEST(DataUTF8, ValidTextRoundTripsAndInvalidIsRefused) {
+    Ref<CFDataRef> d(CFDataCreateFromUTF8String(nullptr, "h\xc3\xa9llo"));
+    EXPECT_EQ(CFDataGetLength(d), 6);
+    EXPECT_EQ(take(CFDataCopyUTF8String(d)), "h\xc3\xa9llo");
+    EXPECT_EQ(CFDataCreateFromUTF8String(nullptr, nullptr), nullptr);
+    EXPECT_EQ(CFDataCopyUTF8String(data({0xc3, 0x28}).get()), nullptr);        // broken sequence
+    EXPECT_EQ(CFDataCopyUTF8String(data({0xc0, 0xaf}).get()), nullptr);        // overlong
+    EXPECT_EQ(CFDataCopyUTF8String(data({0xed, 0xa0, 0x80}).get()), nullptr);  // surrogate
+    EXPECT_EQ(take(CFDataCopyUTF8String(data({}).get())), "");
+}
+
+Ref<CFDataRef> from_base64(const char* text) {
+    return Ref<CFDataRef>(CFDataCreateFromBase64Representation(nullptr, str(text)));
+}
+
+std::string to_base64(const std::string& raw) {
+    Ref<CFDataRef> d(CFDataCreateFromUTF8String(nullptr, raw.c_str()));
+    return take(CFDataCopyBase64Representation(d));
+}
+
+TEST(Base64, Rfc4648TestVectors) {
+    const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg=="},     {"fo", "Zm8="},
+                                                           {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
+                                                           {"foobar", "Zm9vYmFy"}};
+    for (auto [raw, encoded] : vectors) {
+        EXPECT_EQ(to_base64(raw), encoded);
+        Ref<CFDataRef> decoded = from_base64(encoded);
+        ASSERT_TRUE(decoded) << encoded;
+        EXPECT_EQ(take(CFDataCopyUTF8String(decoded)), raw);
+    }
+}
+
+TEST(Base64, EveryByteValueRoundTrips) {
+    std::vector<UInt8> all(256);
+    for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<UInt8>(255 - i);
+    Ref<CFDataRef> d(CFDataCreate(nullptr, all.data(), 256));
+    Ref<CFStringRef> encoded(CFDataCopyBase64Representation(d));
+    EXPECT_EQ(text(encoded).find_first_of("\r\n"), std::string::npos);
+    Ref<CFDataRef> back(CFDataCreateFromBase64Representation(nullptr, encoded));
+    ASSERT_TRUE(back);
+    EXPECT_TRUE(CFEqual(d.get(), back.get()));
+}
+
+TEST(Base64, WhitespaceAndMissingPaddingAreAccepted) {
+    Ref<CFDataRef> spaced = from_base64(" Zm9v\r\nYmE=\t");
+    ASSERT_TRUE(spaced);
+    EXPECT_EQ(take(CFDataCopyUTF8String(spaced)), "fooba");
+    Ref<CFDataRef> unpadded = from_base64("Zm9vYg");
+    ASSERT_TRUE(unpadded);
+    EXPECT_EQ(take(CFDataCopyUTF8String(unpadded)), "foob");
+}
+
+TEST(Base64, MalformedInputIsRefused) {
+    for (const char* bad : {"Zm9v!", "Z", "Zm9vY", "Zg=", "Zg===", "Zg==Zg==", "=", "Zm9v=", "Zm-_", "Zm9v\xc3\xa9"})
+        EXPECT_FALSE(from_base64(bad)) << bad;
+    EXPECT_EQ(CFDataCreateFromBase64Representation(nullptr, nullptr), nullptr);
+}
+
+}  // namespace
