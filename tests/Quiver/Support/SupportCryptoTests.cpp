@@ -145,22 +145,6 @@ TEST_F(CryptorMalformedTest, BadPaddingThrows) {
     }
 }
 
-TEST_F(CryptorMalformedTest, WrongKeyIsCaughtByPaddingNotReturnedAsGarbage) {
-    // With a wrong key the last block decrypts to noise whose padding is almost never valid; over
-    // a few keys at least one must be refused, and none may return the plaintext.
-    Bytes plain = Pseudorandom(100, 4);
-    Bytes cipher = Cryptor::Encrypt(Alg::AES128, key_, {}, plain);
-    int refused = 0;
-    for (uint32_t seed = 10; seed < 20; ++seed) {
-        try {
-            EXPECT_NE(Cryptor::Decrypt(Alg::AES128, Pseudorandom(16, seed), {}, cipher), plain);
-        } catch (const std::runtime_error&) {
-            ++refused;
-        }
-    }
-    EXPECT_GT(refused, 0);
-}
-
 TEST_F(CryptorMalformedTest, LengthNotAMultipleOfTheBlockThrows) {
     Bytes cipher = Cryptor::Encrypt(Alg::AES128, key_, {}, Pseudorandom(40, 5));
     for (std::size_t cut : {1u, 15u, 17u}) {

@@ -116,13 +116,6 @@ TEST(Base64Coding, MalformedTextIsRejected) {
     EXPECT_FALSE(base64_decode(std::string("Zm\0v", 4)).has_value());
 }
 
-TEST(RandomValues, BytesHaveTheRequestedLengthAndDiffer) {
-    EXPECT_TRUE(RandomBytes(0).empty());
-    Bytes a = RandomBytes(32), b = RandomBytes(32);
-    EXPECT_EQ(a.size(), 32u);
-    EXPECT_NE(a, b);
-}
-
 TEST(RandomValues, UUIDStringsAreUpperCaseVersion4) {
     const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
     std::string first = MakeUUIDString();
