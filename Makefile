@@ -17,10 +17,7 @@ test: build
 	@cd build && ctest --output-on-failure -j $(JOBS)
 
 run: build
-	@rm -rf build/sample
-	@build/bin/quiver sample build/sample
-	@build/bin/quiver info build/sample
-	@build/bin/quiver ls build/sample -l
+	@build/bin/quiver
 
 bench: deps
 	@cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQUIVER_BUILD_TESTS=OFF >/dev/null

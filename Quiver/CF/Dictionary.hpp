@@ -30,6 +30,10 @@ public:
     T Get(std::string_view key) const { return Cast<T>(Get(key)); }
     template <typename T>
     T Get(CFTypeRef key) const { return Cast<T>(Get(key)); }
+    // Text keys given as literals must not bind to the CFTypeRef overloads.
+    CFTypeRef Get(const char* key) const { return Get(std::string_view(key)); }
+    template <typename T>
+    T Get(const char* key) const { return Get<T>(std::string_view(key)); }
     bool Contains(std::string_view key) const { return Get(key) != nullptr; }
 
     // Mutators for a dictionary made with CreateMutable or MutableCopy. A NULL value removes nothing
@@ -37,7 +41,15 @@ public:
     void Set(CFTypeRef key, CFTypeRef value);
     void Set(std::string_view key, CFTypeRef value) { Set(String(key).get(), value); }
     template <typename T>
+        requires requires(const T& v) { v.get(); }
     void Set(std::string_view key, const T& value) { Set(key, static_cast<CFTypeRef>(value.get())); }
+    template <typename T>
+        requires requires(const T& v) { v.get(); }
+    void Set(CFTypeRef key, const T& value) { Set(key, static_cast<CFTypeRef>(value.get())); }
+    void Set(const char* key, CFTypeRef value) { Set(std::string_view(key), value); }
+    template <typename T>
+        requires requires(const T& v) { v.get(); }
+    void Set(const char* key, const T& value) { Set(std::string_view(key), static_cast<CFTypeRef>(value.get())); }
     void Remove(std::string_view key);
 
     // Snapshot of the entries (borrowed; valid while the dictionary is unchanged).

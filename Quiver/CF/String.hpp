@@ -22,7 +22,7 @@ public:
     explicit String(const std::string& utf8) : String(std::string_view(utf8)) {}
 
     static CFTypeID TypeID() { return CFStringGetTypeID(); }
-    static String Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    static String Format(const char* format, ...);
     static String CreateMutable();
 
     // UTF-8 text; "" for an empty holder.

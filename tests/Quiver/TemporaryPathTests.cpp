@@ -1,0 +1,92 @@
+// The temporary storage path can be set once per process, so each case runs in a fresh process
+// (a death-test child that exits with the case's verdict).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Quiver/CF/String.hpp"
+#include "Quiver/QVTemporaryPath.hpp"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class TemporaryPath : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "quiver-path-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        root = pattern;
+    }
+    void TearDown() override { fs::remove_all(root); }
+    fs::path root;
+};
+
+bool set(const fs::path& p) { return QuiverSetTemporaryPath(CF::String(p.string()).get()); }
+
+std::string copied() {
+    CF::String s = CF::String::Adopt(QuiverCopyTemporaryPath());
+    return s ? s.utf8() : "(null)";
+}
+
+// Runs `body` in a child process; the case passes when the body returns true.
+#define EXPECT_IN_FRESH_PROCESS(body) EXPECT_EXIT(std::exit((body) ? 0 : 1), ::testing::ExitedWithCode(0), "")
+
+}  // namespace
+
+TEST_F(TemporaryPath, EmptyOrNullIsRefusedAndNothingIsSet) {
+    EXPECT_IN_FRESH_PROCESS(!QuiverSetTemporaryPath(CFSTR("")) && !QuiverSetTemporaryPath(nullptr) &&
+                            QuiverCopyTemporaryPath() == nullptr);
+}
+
+TEST_F(TemporaryPath, MissingParentsAreCreated) {
+    fs::path deep = root / "a" / "b" / "c";
+    EXPECT_IN_FRESH_PROCESS(set(deep) && fs::is_directory(deep) && copied() == deep.string() &&
+                            Quiver::GetTemporaryFilesystemPath() == deep);
+}
+
+TEST_F(TemporaryPath, SameTwiceSucceedsAndAnotherIsRefused) {
+    fs::path first = root / "first";
+    EXPECT_IN_FRESH_PROCESS(set(first) && set(first) && !set(root / "second") && copied() == first.string());
+}
+
+TEST_F(TemporaryPath, LetterCaseMakesADifferentPath) {
+    EXPECT_IN_FRESH_PROCESS(set(root / "Store") && !set(root / "store"));
+}
+
+TEST_F(TemporaryPath, UncreatableDirectoryLeavesPathUnset) {
+    fs::path file = root / "plain-file";
+    std::ofstream(file) << "x";
+    EXPECT_IN_FRESH_PROCESS(!set(file / "below") && QuiverCopyTemporaryPath() == nullptr && set(root / "good"));
+}
+
+TEST_F(TemporaryPath, GettersThrowUntilSet) {
+    auto check = [] {
+        try {
+            Quiver::GetTemporaryPath();
+            return false;
+        } catch (const std::runtime_error& e) {
+            return std::string(e.what()) == "Temporary storage path not set";
+        }
+    };
+    EXPECT_IN_FRESH_PROCESS(check());
+}
+
+TEST_F(TemporaryPath, CopyIsAFreshMutableString) {
+    auto check = [&] {
+        if (!set(root / "m")) return false;
+        CFStringRef a = QuiverCopyTemporaryPath();
+        CFStringRef b = QuiverCopyTemporaryPath();
+        bool ok = a != b && CFEqual(a, b) && CFGetRetainCount(a) == 1;
+        CFStringAppend(const_cast<CFMutableStringRef>(a), CFSTR("/changed"));  // must not touch the stored path
+        ok = ok && copied() == (root / "m").string();
+        CFRelease(a);
+        CFRelease(b);
+        return ok;
+    };
+    EXPECT_IN_FRESH_PROCESS(check());
+}
