@@ -142,14 +142,6 @@ TEST_F(ErrorTest, DescribesItselfWithoutAddresses) {
               "}");
 }
 
-TEST_F(ErrorTest, EqualityCoversDomainCodeAndUserInfo) {
-    CFDictionarySetValue(info, kCFErrorLocalizedFailureReasonKey, str("x").get());
-    Ref<CFErrorRef> a = make(4, info), b = make(4, info), c = make(5, info), d = make(4, nullptr);
-    EXPECT_TRUE(CFEqual(a.get(), b.get()));
-    EXPECT_FALSE(CFEqual(a.get(), c.get()));
-    EXPECT_FALSE(CFEqual(a.get(), d.get()));
-}
-
 TEST_F(ErrorTest, DomainAndCodeMatch) {
     Ref<CFErrorRef> e = make(16, nullptr);
     EXPECT_TRUE(CFErrorDomainAndCodeMatch(e, str("Quiver.ErrorDomain"), 16));

@@ -210,14 +210,6 @@ TEST(DateDescription, ExtremeValuesStayDeterministic) {
     }
 }
 
-TEST(Date, CompareAndIntervals) {
-    Ref<CFDateRef> a(CFDateCreate(nullptr, 100.0)), b(CFDateCreate(nullptr, 250.5));
-    EXPECT_EQ(CFDateCompare(a, b, nullptr), kCFCompareLessThan);
-    EXPECT_EQ(CFDateCompare(b, a, nullptr), kCFCompareGreaterThan);
-    EXPECT_DOUBLE_EQ(CFDateGetTimeIntervalSinceDate(b, a), 150.5);
-    EXPECT_TRUE(CFEqual(a.get(), Ref<CFDateRef>(CFDateCreate(nullptr, 100.0)).get()));
-}
-
 TEST(Date, CurrentTimeCountsFrom2001) {
     double expected = static_cast<double>(std::time(nullptr)) - kCFAbsoluteTimeIntervalSince1970;
     EXPECT_NEAR(CFAbsoluteTimeGetCurrent(), expected, 5.0);
