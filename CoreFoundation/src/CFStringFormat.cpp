@@ -238,13 +238,13 @@ void truncate_units(std::string& text, size_t max) {
     text.resize(at);
 }
 
-// Text of a C string: UTF-8 when it is, otherwise each byte as ISO Latin 1.
-std::string c_string_text(const char* s, size_t size) {
+// Text of a C string: UTF-8 when it is, otherwise each byte as ISO Latin 1. When a precision cut the
+// string short, a UTF-8 sequence left incomplete at the end is dropped.
+std::string c_string_text(const char* s, size_t size, bool cutShort) {
     CFIndex units = 0;
     bool ascii = false;
     if (cf::str::scan_utf8(s, size, units, ascii)) return std::string(s, size);
-    // A precision may have cut the last character short; drop the partial sequence.
-    for (size_t cut = 1; cut <= 3 && cut <= size; ++cut) {
+    for (size_t cut = 1; cutShort && cut <= 3 && cut <= size; ++cut) {
         if (cf::str::scan_utf8(s, size - cut, units, ascii)) {
             unsigned lead = static_cast<unsigned char>(s[size - cut]);
             size_t needed = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 0;
@@ -362,7 +362,7 @@ void render(std::string& out, const Conversion& c, const std::vector<Arg>& args)
             } else {
                 const char* s = static_cast<const char*>(value.pointer);
                 size_t size = precision >= 0 ? strnlen(s, static_cast<size_t>(precision)) : std::strlen(s);
-                text = c_string_text(s, size);
+                text = c_string_text(s, size, precision >= 0 && size == static_cast<size_t>(precision));
             }
             append_padded(out, std::move(text), effective, width);
             break;
