@@ -361,9 +361,18 @@ CFStringRef create_with_utf8(const char* bytes, size_t size) {
 
 // The process-wide table of constant strings, keyed by the literal's bytes. Entries are never removed
 // and the table itself is never destroyed, so constants stay valid in static destructors.
+struct Constant {
+    explicit Constant(std::string_view text) : key(text) {
+        object.set(key);
+        object.immortal = true;
+    }
+    std::string key;  // the literal's bytes, which the object's text may differ from if they are not UTF-8
+    __CFString object;
+};
+
 struct ConstantTable {
     std::mutex mutex;
-    std::unordered_map<std::string_view, __CFString*> strings;
+    std::unordered_map<std::string_view, Constant*> strings;  // keys view Constant::key
 };
 
 ConstantTable& constants() {
@@ -381,15 +390,11 @@ CFStringRef __CFStringMakeConstantString(const char* cStr) {
     ConstantTable& table = constants();
     std::lock_guard<std::mutex> lock(table.mutex);
     auto found = table.strings.find(text);
-    if (found != table.strings.end()) return found->second;
-    // The key must outlive the caller's literal (a library holding it may be unloaded), and the
-    // object's text may differ from it when the literal is not valid UTF-8; keep a copy of the key.
-    auto* key = new std::string(text);
-    auto* s = new __CFString();
-    s->set(*key);
-    s->immortal = true;
-    table.strings.emplace(*key, s);
-    return s;
+    if (found != table.strings.end()) return &found->second->object;
+    // The key is copied: the caller's literal may go away with a library that is unloaded.
+    auto* constant = new Constant(text);
+    table.strings.emplace(constant->key, constant);
+    return &constant->object;
 }
 
 // Creation.
