@@ -35,10 +35,10 @@ std::string to_log_string(const CF::Error& error, bool withUnderlying, unsigned 
     std::string text = fmt::format("{}{} code {}: {}", std::string(indent, ' '), error.Domain().utf8(), error.Code(),
                                    error.Description());
     std::string reason = error.Reason();
-    if (!reason.empty()) text += fmt::format(" ({})", reason);
+    if (!reason.empty()) text.append(" (").append(reason).append(")");
     if (withUnderlying && indent < 32) {
         if (CF::Error underlying = error.Underlying())
-            text += "\n" + to_log_string(underlying, true, indent + 4);
+            text.append("\n").append(to_log_string(underlying, true, indent + 4));
     }
     return text;
 }

@@ -1,4 +1,5 @@
 // The polymorphic functions, allocators and kCFNull.
+#include "CFConstant.hpp"
 #include "CFRuntime.hpp"
 
 #include <cstdio>
@@ -35,18 +36,19 @@ std::string __CFAllocator::describe() const {
 }
 
 namespace {
-__CFAllocator gSystemAllocator(__CFAllocator::Kind::System);
-__CFAllocator gMallocAllocator(__CFAllocator::Kind::Malloc);
-__CFAllocator gNullAllocator(__CFAllocator::Kind::Null);
-__CFNull gNull;
+// Built before any ordinary static initialiser and never destroyed (see CFConstant.hpp).
+CF_CONSTANT_OBJECT cf::Immortal<__CFAllocator> gSystemAllocator(__CFAllocator::Kind::System);
+CF_CONSTANT_OBJECT cf::Immortal<__CFAllocator> gMallocAllocator(__CFAllocator::Kind::Malloc);
+CF_CONSTANT_OBJECT cf::Immortal<__CFAllocator> gNullAllocator(__CFAllocator::Kind::Null);
+CF_CONSTANT_OBJECT cf::Immortal<__CFNull> gNull;
 }  // namespace
 
 const CFAllocatorRef kCFAllocatorDefault = nullptr;
-const CFAllocatorRef kCFAllocatorSystemDefault = reinterpret_cast<CFAllocatorRef>(&gSystemAllocator);
-const CFAllocatorRef kCFAllocatorMalloc = reinterpret_cast<CFAllocatorRef>(&gMallocAllocator);
-const CFAllocatorRef kCFAllocatorMallocZone = reinterpret_cast<CFAllocatorRef>(&gMallocAllocator);
-const CFAllocatorRef kCFAllocatorNull = reinterpret_cast<CFAllocatorRef>(&gNullAllocator);
-const CFNullRef kCFNull = reinterpret_cast<CFNullRef>(&gNull);
+const CFAllocatorRef kCFAllocatorSystemDefault = &gSystemAllocator.object;
+const CFAllocatorRef kCFAllocatorMalloc = &gMallocAllocator.object;
+const CFAllocatorRef kCFAllocatorMallocZone = &gMallocAllocator.object;
+const CFAllocatorRef kCFAllocatorNull = &gNullAllocator.object;
+const CFNullRef kCFNull = &gNull.object;
 
 CFTypeID CFAllocatorGetTypeID(void) { return kCFTypeIDAllocator; }
 CFTypeID CFNullGetTypeID(void) { return kCFTypeIDNull; }

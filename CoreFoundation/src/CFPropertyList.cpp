@@ -74,33 +74,84 @@ private:
         return static_cast<size_t>(off);
     }
 
-    // Child references of a container object; false when it runs past the object area.
-    bool children(size_t index, std::vector<size_t>& out) const {
-        out.clear();
+    // Reads an object's length: the low nibble, or an integer object following the marker when the
+    // nibble is 0xF. Advances pos past what it read.
+    bool length(UInt8 marker, size_t& pos, uint64_t& out) const {
+        out = marker & 0x0F;
+        if (out != 0x0F) return true;
+        if (pos >= tableOffset_) return false;
+        UInt8 intMarker = p_[pos++];
+        if ((intMarker >> 4) != 0x1) return false;
+        size_t size = size_t{1} << (intMarker & 0x0F);
+        if (size > 8 || pos + size > tableOffset_) return false;
+        out = be(p_ + pos, size);
+        pos += size;
+        return true;
+    }
+
+    // Checks that object `index` is of a known kind and lies wholly before the offset table, and
+    // collects the references of a container. Dictionary keys must be strings.
+    bool inspect(size_t index, std::vector<size_t>& kids) const {
+        kids.clear();
+        auto off = offsetOf(index);
+        if (!off) return false;
+        size_t pos = *off;
+        const size_t end = tableOffset_;
+        UInt8 marker = p_[pos++];
+        uint64_t n = 0;
+        auto fits = [&](uint64_t bytes) { return bytes <= end - pos; };
+        switch (marker >> 4) {
+            case 0x0:
+                return marker == 0x00 || marker == 0x08 || marker == 0x09 || marker == 0x0F;
+            case 0x1:
+                return (marker & 0x0F) <= 4 && fits(uint64_t{1} << (marker & 0x0F));
+            case 0x2:
+                return ((marker & 0x0F) == 2 || (marker & 0x0F) == 3) && fits(uint64_t{1} << (marker & 0x0F));
+            case 0x3:
+                return marker == 0x33 && fits(8);
+            case 0x4:
+            case 0x5:
+                return length(marker, pos, n) && fits(n);
+            case 0x6:
+                return length(marker, pos, n) && n <= end && fits(n * 2);
+            case 0x8:
+                return fits((marker & 0x0F) + 1u);
+            case 0xA:
+            case 0xC:
+            case 0xD: {
+                if (!length(marker, pos, n)) return false;
+                const bool dict = (marker >> 4) == 0xD;
+                if (n > end) return false;
+                uint64_t refs = dict ? n * 2 : n;
+                if (refs > (end - pos) / refSize_) return false;
+                kids.reserve(static_cast<size_t>(refs));
+                for (uint64_t r = 0; r < refs; ++r) {
+                    uint64_t ref = be(p_ + pos + r * refSize_, refSize_);
+                    if (ref >= count_) return false;
+                    if (dict && r < n && !isString(static_cast<size_t>(ref))) return false;
+                    kids.push_back(static_cast<size_t>(ref));
+                }
+                return true;
+            }
+            default:
+                return false;
+        }
+    }
+
+    // A dictionary key: a string without NUL characters (libplist keeps keys as C strings).
+    bool isString(size_t index) const {
         auto off = offsetOf(index);
         if (!off) return false;
         size_t pos = *off;
         UInt8 marker = p_[pos++];
         UInt8 kind = marker >> 4;
-        if (kind != 0xA && kind != 0xC && kind != 0xD) return true;  // a leaf
-        uint64_t items = marker & 0x0F;
-        if (items == 0x0F) {
-            if (pos >= tableOffset_) return false;
-            UInt8 intMarker = p_[pos++];
-            if ((intMarker >> 4) != 0x1) return false;
-            size_t size = size_t{1} << (intMarker & 0x0F);
-            if (size > 8 || pos + size > tableOffset_) return false;
-            items = be(p_ + pos, size);
-            pos += size;
-        }
-        uint64_t refs = kind == 0xD ? items * 2 : items;
-        if (items > tableOffset_ || refs > (tableOffset_ - pos) / refSize_) return false;
-        out.reserve(static_cast<size_t>(refs));
-        for (uint64_t r = 0; r < refs; ++r) {
-            uint64_t ref = be(p_ + pos + r * refSize_, refSize_);
-            if (ref >= count_) return false;
-            out.push_back(static_cast<size_t>(ref));
-        }
+        uint64_t n = 0;
+        if ((kind != 0x5 && kind != 0x6) || !length(marker, pos, n)) return false;
+        const uint64_t bytes = kind == 0x6 ? n * 2 : n;
+        if (n > tableOffset_ || bytes > tableOffset_ - pos) return false;
+        if (kind == 0x5) return std::memchr(p_ + pos, 0, static_cast<size_t>(bytes)) == nullptr;
+        for (uint64_t i = 0; i < bytes; i += 2)
+            if (p_[pos + i] == 0 && p_[pos + i + 1] == 0) return false;
         return true;
     }
 
@@ -116,7 +167,7 @@ private:
         std::vector<Frame> stack;
         std::vector<size_t> kids;
         auto push = [&](size_t index) -> std::optional<std::string> {
-            if (!children(index, kids)) return "object runs past the end of the data";
+            if (!inspect(index, kids)) return "malformed object or one that runs past the end of the data";
             state[index] = 1;
             stack.push_back(Frame{index, kids, 0});
             if (stack.size() > kMaxDepth) return "nesting too deep";
