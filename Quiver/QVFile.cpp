@@ -1,0 +1,406 @@
+#include "Quiver/QVFile.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include "Quiver/FileManager.hpp"
+#include "Quiver/FileManagerInternal.hpp"
+#include "Quiver/QVError.hpp"
+#include "Quiver/QVLog.hpp"
+#include "Quiver/QVTemporaryPath.hpp"
+#include "Quiver/Support/Cryptor.hpp"
+#include "Quiver/Support/Encoding.hpp"
+#include "Quiver/Support/Hash.hpp"
+#include "Quiver/Support/Random.hpp"
+
+namespace fs = std::filesystem;
+using Quiver::Support::Cryptor;
+
+QVFileClass::~QVFileClass() {
+    if (!referenceDigest.empty()) {
+        try {
+            Quiver::FileManager::DeregisterReferenceForFile(*this);
+        } catch (const CF::Error& e) {
+            Quiver::LogErrorFmt(Quiver::log_level::error, e.get(), "Failed to deregister file reference");
+        } catch (const std::exception& e) {
+            Quiver::log_fmt(Quiver::log_level::error, "Failed to deregister file reference: {}", e.what());
+        }
+    }
+    // The writer and the digest context close themselves.
+}
+
+namespace Quiver {
+
+namespace {
+
+constexpr uint64_t kDefaultChunkSize = 32768;
+constexpr size_t kWritePiece = 65536;
+
+CF::String utf8Path(const fs::path& p) { return CF::String(p.string()); }
+
+fs::path toPath(const CF::String& s) { return fs::path(s.utf8()); }
+
+// Last-write time as seconds since 1970.
+double unixModifiedTime(const fs::path& path) {
+    auto written = fs::last_write_time(path);
+    auto system = std::chrono::file_clock::to_sys(written);
+    return std::chrono::duration<double>(system.time_since_epoch()).count();
+}
+
+void writeAll(Support::writable_file& out, const uint8_t* bytes, size_t length) {
+    for (size_t done = 0; done < length;) {
+        size_t piece = std::min(kWritePiece, length - done);
+        out.write(bytes + done, piece);
+        done += piece;
+    }
+}
+
+std::shared_ptr<QVFileClass> createFromBytes(const uint8_t* bytes, int64_t length, CFErrorRef* error) {
+    QV_ASSERT(length >= 0);
+    fs::path location;
+    return Boundary(
+        error,
+        [&]() -> std::shared_ptr<QVFileClass> {
+            location = FileManager::GetStorageLocationForFile();
+            std::vector<uint8_t> digest = Support::Sha1({bytes, static_cast<size_t>(length)});
+            if (auto cached = FileManager::CopyCachedFileReference(location, digest, nullptr)) return cached;
+            Support::writable_file out(location, Support::writable_file::mode::clobber);
+            writeAll(out, bytes, static_cast<size_t>(length));
+            out.close();
+            CFErrorRef inner = nullptr;
+            auto file = FileManager::CopyCachedFileReference(location, digest, &inner);
+            if (!file) {
+                CF::Error cause = CF::Error::Adopt(inner);
+                throw Error(QVErrorUnknown, cause, "File written but reference could not be created");
+            }
+            return file;
+        },
+        [&](const std::exception& e) { return MakeFilesystemError(e, location); });
+}
+
+Cryptor::Operation operationFor(const QVFileClass& file) {
+    return file.keyUse == QVFileClass::KeyUse::Encrypt ? Cryptor::Operation::Encrypt : Cryptor::Operation::Decrypt;
+}
+
+}  // namespace
+
+std::shared_ptr<QVFileClass> MakeFileReference(const fs::path& path, const std::vector<uint8_t>& digest, bool cached) {
+    double modified = unixModifiedTime(path);
+    uint64_t size = fs::file_size(path);
+    auto file = std::make_shared<QVFileClass>();
+    file->size = size;
+    file->modifiedDate = CF::Date(modified - kCFAbsoluteTimeIntervalSince1970);
+    file->localPath = utf8Path(path);
+    file->digest = digest;
+    if (cached) file->referenceDigest = digest;
+    return file;
+}
+
+std::shared_ptr<QVFileClass> QVFileCreateFromData(CFDataRef data, CFErrorRef* error) {
+    if (!data) {
+        StoreError(error, Error(QVErrorInvalidArgument, CF::Error(), "NULL sourceData"));
+        return nullptr;
+    }
+    return createFromBytes(CFDataGetBytePtr(data), CFDataGetLength(data), error);
+}
+
+std::shared_ptr<QVFileClass> QVFileCreateFromData(const std::vector<uint8_t>& data, CFErrorRef* error) {
+    return createFromBytes(data.data(), static_cast<int64_t>(data.size()), error);
+}
+
+std::shared_ptr<QVFileClass> QVFileCreateFromFileAtPath(const CF::String& path, uint8_t copy, CFErrorRef* error) {
+    return Boundary(
+        error,
+        [&]() -> std::shared_ptr<QVFileClass> {
+            fs::path source = toPath(path);
+            std::error_code ec;
+            if (!fs::exists(fs::status(source, ec)))
+                throw Error(QVErrorFileNotFound, CF::Error(),
+                            fmt::format("File does not exist at path '{}'", path.utf8()));
+            std::vector<uint8_t> digest;
+            try {
+                digest = Support::HashOfFile(source);
+            } catch (const std::exception& e) {
+                throw Error(QVErrorUnknown, CF::Error(), fmt::format("Failed to hash file - {}", e.what()));
+            }
+            if (auto cached = FileManager::CopyCachedFileReference(source, digest, nullptr)) return cached;
+            if (!copy) {
+                auto file = MakeFileReference(source, digest, false);
+                if (!file) throw Error(QVErrorUnknown, CF::Error(), "Failed to create internal file reference");
+                return file;
+            }
+            fs::path location = FileManager::GetStorageLocationForFile();
+            fs::copy_file(source, location);
+            CFErrorRef inner = nullptr;
+            auto file = FileManager::CopyCachedFileReference(location, digest, &inner);
+            if (!file) {
+                CF::Error cause = CF::Error::Adopt(inner);
+                throw Error(QVErrorUnknown, cause, "File written but reference could not be created");
+            }
+            return file;
+        },
+        [](const std::exception& e) {
+            return Error(QVErrorFilesystem, CF::Error(), fmt::format("File hash failed: {}", e.what()));
+        });
+}
+
+std::shared_ptr<QVFileClass> QVFileCreateCopy(const std::shared_ptr<QVFileClass>& other) {
+    QV_ASSERT(other);
+    if (other->writer.is_open()) return nullptr;
+    auto file = std::make_shared<QVFileClass>();
+    file->size = other->size;
+    file->digest = other->digest;
+    file->modifiedDate = other->modifiedDate;
+    file->localPath = other->localPath;
+    file->hasKey = other->hasKey;
+    file->key = other->key;
+    file->keyAlgorithm = other->keyAlgorithm;
+    file->keyUse = other->keyUse;
+    if (!other->referenceDigest.empty()) {
+        file->referenceDigest = other->referenceDigest;
+        FileManager::RegisterReferenceForFile(file);
+    }
+    return file;
+}
+
+void QVFileGetData(const std::shared_ptr<QVFileClass>& file, uint64_t chunkSize,
+                   const std::function<bool(const std::vector<uint8_t>&)>& callback) {
+    QV_ASSERT(file);
+    if (chunkSize == 0) chunkSize = kDefaultChunkSize;
+    Support::readable_file in(toPath(file->localPath));
+    std::optional<Cryptor> cryptor;
+    if (file->hasKey) {
+        try {
+            cryptor.emplace(operationFor(*file), static_cast<Cryptor::Algorithm>(file->keyAlgorithm), file->key);
+        } catch (const std::exception& e) {
+            throw Error(QVErrorCryptoOperation, CF::Error(), fmt::format("Cryptor creation failed: {}", e.what()));
+        }
+    }
+    std::vector<uint8_t> chunk(static_cast<size_t>(chunkSize));
+    std::vector<uint8_t> output;
+    for (;;) {
+        std::error_code ec;
+        size_t got = in.read(chunk.data(), chunk.size(), ec);
+        if (ec) throw std::system_error(ec, "Failed to read local file");
+        if (got == 0) break;
+        bool more;
+        if (cryptor) {
+            try {
+                cryptor->Update(chunk.data(), got, output);
+            } catch (const std::exception& e) {
+                throw Error(QVErrorCryptoOperation, CF::Error(), fmt::format("Cryptor failed: {}", e.what()));
+            }
+            more = callback(output);
+        } else if (got == chunk.size()) {
+            more = callback(chunk);
+        } else {
+            output.assign(chunk.begin(), chunk.begin() + static_cast<long>(got));
+            more = callback(output);
+        }
+        if (!more) return;
+    }
+    if (cryptor) {
+        try {
+            output = cryptor->Finalize();
+        } catch (const std::exception& e) {
+            throw Error(QVErrorCryptoOperation, CF::Error(), fmt::format("Cryptor finalize failed: {}", e.what()));
+        }
+        callback(output);
+    }
+}
+
+std::optional<std::vector<uint8_t>> QVFileGetDataQuickly(const std::shared_ptr<QVFileClass>& file) {
+    QV_ASSERT(file);
+    if (file->size == 0 || file->size > FileManager::GetMaxMemorySize()) return std::nullopt;
+    try {
+        Support::readable_file in(toPath(file->localPath));
+        uint64_t total = in.size();
+        // The size on disk is the limit, not the recorded size: an enciphered copy reads the plain
+        // bytes, a deciphered one the padded ciphertext.
+        if (total > FileManager::GetMaxMemorySize() + Cryptor::kBlockSize) return std::nullopt;
+        std::vector<uint8_t> bytes = in.read_whole_file(static_cast<size_t>(std::max<uint64_t>(total, 32768)));
+        if (file->hasKey && !bytes.empty())
+            return Cryptor::Crypt(operationFor(*file), static_cast<Cryptor::Algorithm>(file->keyAlgorithm), file->key,
+                                  {}, bytes);
+        return bytes;
+    } catch (const std::runtime_error&) {
+        return std::nullopt;
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;
+    }
+}
+
+std::vector<uint8_t> QVFileGetHash(const std::shared_ptr<QVFileClass>& file) {
+    QV_ASSERT(file);
+    return file->digest;
+}
+
+uint64_t QVFileGetSize(const std::shared_ptr<QVFileClass>& file) {
+    QV_ASSERT(file);
+    return file->size;
+}
+
+CFStringRef QVFileGetLocalPath(const std::shared_ptr<QVFileClass>& file) {
+    QV_ASSERT(file);
+    return file->localPath.get();
+}
+
+CFDateRef QVFileGetModifiedDate(const std::shared_ptr<QVFileClass>& file) {
+    QV_ASSERT(file);
+    return file->modifiedDate.get();
+}
+
+void _QVFileSetModifiedDate(const std::shared_ptr<QVFileClass>& file, CFDateRef date) {
+    QV_ASSERT(file);
+    file->modifiedDate = CF::Date::Retain(date);
+}
+
+bool QVFileIsAppendable(const std::shared_ptr<QVFileClass>& file) {
+    QV_ASSERT(file);
+    return file->writer.is_open();
+}
+
+namespace {
+
+void setKey(QVFileClass& file, const std::array<uint8_t, 32>& key, QVFileClass::KeyUse use) {
+    if (file.hasKey) return;
+    file.key = key;
+    file.keyAlgorithm = static_cast<uint32_t>(Cryptor::Algorithm::AES256);
+    file.keyUse = use;
+    file.hasKey = 1;
+}
+
+}  // namespace
+
+void _QVFileSetDecryptionKey(const std::shared_ptr<QVFileClass>& file, const std::array<uint8_t, 32>& key) {
+    QV_ASSERT(file);
+    setKey(*file, key, QVFileClass::KeyUse::Decrypt);
+}
+
+void _QVFileSetEncryptionKey(const std::shared_ptr<QVFileClass>& file, const std::array<uint8_t, 32>& key) {
+    QV_ASSERT(file);
+    setKey(*file, key, QVFileClass::KeyUse::Encrypt);
+}
+
+// ---- Appendable files ----
+
+void CloseAppendableFile(QVFileClass& file) {
+    if (!file.writer.is_open()) return;
+    try {
+        file.writer.close();
+    } catch (const std::exception& e) {
+        log_fmt(log_level::warning, "Closing appendable file {} failed: {}", file.localPath, e.what());
+    }
+    file.digestContext.reset();
+}
+
+std::shared_ptr<QVFileClass> QVFileCreateAppendable(CFErrorRef* error) {
+    return Boundary(error, [&]() -> std::shared_ptr<QVFileClass> {
+        CF::String identifier(Support::MakeUUIDString());
+        fs::path location = FileManager::GetStorageLocationForTempIdentifier(identifier.get());
+        Support::writable_file writer(location, Support::writable_file::mode::clobber);
+        Support::OpenSSL::DigestContext context(EVP_MD_CTX_new());
+        if (!context) throw Error(QVErrorUnknown, CF::Error(), "Failed to create digest context");
+        if (EVP_DigestInit_ex(context.get(), EVP_sha1(), nullptr) != 1) {
+            Support::OpenSSL::ClearErrors();
+            throw Error(QVErrorUnknown, CF::Error(), "Failed to init digest context");
+        }
+        auto file = std::make_shared<QVFileClass>();
+        file->localPath = utf8Path(location);
+        file->writer = std::move(writer);
+        file->digestContext = std::move(context);
+        return file;
+    });
+}
+
+uint8_t QVFileAppendBytes(const std::shared_ptr<QVFileClass>& file, const uint8_t* bytes, int64_t length,
+                          CFErrorRef* error) {
+    QV_ASSERT(file);
+    return Boundary(
+        error,
+        [&]() -> uint8_t {
+            if (!bytes || length <= 0) throw Error(QVErrorInvalidArgument, CF::Error(), "Bad buffer argument");
+            if (!file->writer.is_open())
+                throw Error(QVErrorInvalidArgument, CF::Error(), "File reference not appendable");
+            writeAll(file->writer, bytes, static_cast<size_t>(length));
+            if (EVP_DigestUpdate(file->digestContext.get(), bytes, static_cast<size_t>(length)) != 1) {
+                Support::OpenSSL::ClearErrors();
+                throw Error(QVErrorUnknown, CF::Error(), "Failed to update digest");
+            }
+            file->size += static_cast<uint64_t>(length);
+            return 1;
+        },
+        FilesystemErrorFromException{}, [&] { CloseAppendableFile(*file); });
+}
+
+uint8_t QVFileAppendData(const std::shared_ptr<QVFileClass>& file, CFDataRef data, CFErrorRef* error) {
+    return QVFileAppendBytes(file, data ? CFDataGetBytePtr(data) : nullptr, data ? CFDataGetLength(data) : 0, error);
+}
+
+uint8_t QVFileFinalizeAppendable(const std::shared_ptr<QVFileClass>& file, CFErrorRef* error) {
+    QV_ASSERT(file);
+    return Boundary(
+        error,
+        [&]() -> uint8_t {
+            if (!file->writer.is_open())
+                throw Error(QVErrorInvalidArgument, CF::Error(), "File reference not appendable");
+            unsigned char buffer[EVP_MAX_MD_SIZE];
+            unsigned int digestLength = 0;
+            bool finished = EVP_DigestFinal_ex(file->digestContext.get(), buffer, &digestLength) == 1;
+            fs::path temporary = toPath(file->localPath);
+            // Closing reports write-back failures, which must fail the finalisation rather than leave
+            // a short cache file behind.
+            file->writer.close();
+            file->digestContext.reset();
+            if (!finished) {
+                Support::OpenSSL::ClearErrors();
+                throw Error(QVErrorUnknown, CF::Error(), "Failed to finalize digest");
+            }
+            fs::path location = FileManager::GetStorageLocationForFile();
+            file->localPath = utf8Path(location);
+            file->digest.assign(buffer, buffer + digestLength);
+
+            std::lock_guard guard(GlobalLock());
+            std::error_code ec;
+            auto status = fs::status(location, ec);
+            if (fs::exists(status)) {
+                if (!fs::is_regular_file(status))
+                    throw MakeErrnoError(EISDIR, fmt::format("Internal inconsistency ({})", location.string()));
+                fs::remove(temporary);
+            } else {
+                fs::rename(temporary, location);
+            }
+            file->referenceDigest = file->digest;
+            FileManager::RegisterReferenceLocked(*file);
+            double modified = unixModifiedTime(location);
+            uint64_t onDisk = fs::file_size(location);
+            if (onDisk != file->size)
+                throw MakeErrnoError(0, fmt::format("Calculated appended size does not match size on disk! ({} != {}) ({})",
+                                                    file->size, onDisk, location.string()));
+            file->modifiedDate = CF::Date(modified - kCFAbsoluteTimeIntervalSince1970);
+            return 1;
+        },
+        FilesystemErrorFromException{}, [&] { CloseAppendableFile(*file); });
+}
+
+std::string to_string(const std::shared_ptr<QVFileClass>& file) {
+    QV_ASSERT(file);
+    const void* address = file.get();
+    if (file->writer.is_open())
+        return fmt::format("<QVFileClass {}> (Appendable) path:{} size:{}", address, file->localPath, file->size);
+    return fmt::format("<QVFileClass {}> path:{} size:{} hash:{} mdate:{}", address, file->localPath, file->size,
+                       file->digest.empty() ? std::string("Empty") : Support::hex_encode(file->digest),
+                       file->modifiedDate.Text());
+}
+
+}  // namespace Quiver
+
+bool operator==(const std::shared_ptr<QVFileClass>& a, const std::shared_ptr<QVFileClass>& b) {
+    if (a.get() == b.get()) return true;
+    if (a->writer.is_open() || b->writer.is_open()) return false;
+    return a->digest == b->digest;
+}

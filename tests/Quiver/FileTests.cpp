@@ -1,0 +1,325 @@
+// File objects: creation, the reference registry, chunked and whole reads (plain, deciphering and
+// enciphering), equality, copies, and appendable files.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Quiver/CF/Data.hpp"
+#include "Quiver/FileManager.hpp"
+#include "Quiver/QVError.hpp"
+#include "Quiver/QVFile.hpp"
+#include "Quiver/Support/Cryptor.hpp"
+#include "Quiver/Support/Hash.hpp"
+#include "support/TemporaryPath.hpp"
+
+using namespace Quiver;
+namespace fs = std::filesystem;
+using Quiver::Support::Cryptor;
+
+namespace {
+
+std::vector<uint8_t> patterned(size_t n, uint32_t seed = 1) {
+    std::vector<uint8_t> bytes(n);
+    std::mt19937 rng(seed);
+    for (auto& b : bytes) b = static_cast<uint8_t>(rng());
+    return bytes;
+}
+
+std::vector<uint8_t> readAll(const std::shared_ptr<QVFileClass>& file, uint64_t chunk,
+                             std::vector<size_t>* sizes = nullptr) {
+    std::vector<uint8_t> out;
+    QVFileGetData(file, chunk, [&](const std::vector<uint8_t>& piece) {
+        out.insert(out.end(), piece.begin(), piece.end());
+        if (sizes) sizes->push_back(piece.size());
+        return true;
+    });
+    return out;
+}
+
+CF::Error takeError(CFErrorRef error) { return CF::Error::Adopt(error); }
+
+class FileTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QuiverTest::UseTestTemporaryPath();
+        FileManager::SetMaxMemorySize(FileManager::kDefaultMaxMemorySize);
+        scratch = fs::temp_directory_path() / ("quiver-file-" + std::to_string(::getpid()) + "-" +
+                                               ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::create_directories(scratch);
+    }
+    void TearDown() override { fs::remove_all(scratch); }
+    fs::path writeScratch(const std::string& name, const std::vector<uint8_t>& bytes) {
+        fs::path p = scratch / name;
+        std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
+                                                 static_cast<std::streamsize>(bytes.size()));
+        return p;
+    }
+    fs::path scratch;
+};
+
+}  // namespace
+
+TEST_F(FileTest, CreatedFromDataHoldsTheBytesAndTheirDigest) {
+    auto bytes = patterned(100000);
+    CFErrorRef error = nullptr;
+    auto file = QVFileCreateFromData(bytes, &error);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(error, nullptr);
+    EXPECT_EQ(QVFileGetSize(file), bytes.size());
+    EXPECT_EQ(QVFileGetHash(file), Support::Sha1(bytes));
+    EXPECT_EQ(readAll(file, 0), bytes);
+    EXPECT_NE(QVFileGetModifiedDate(file), nullptr);
+    std::string path = CF::String::Retain(QVFileGetLocalPath(file)).utf8();
+    EXPECT_NE(path.find("QVFileManager"), std::string::npos);
+}
+
+TEST_F(FileTest, EmptyDataMakesAnEmptyCachedFile) {
+    auto file = QVFileCreateFromData(std::vector<uint8_t>{}, nullptr);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(QVFileGetSize(file), 0u);
+    EXPECT_EQ(QVFileGetHash(file), Support::Sha1({}));
+    EXPECT_FALSE(QVFileGetDataQuickly(file));
+    EXPECT_EQ(FileManager::GetReferenceCount(Support::Sha1({})) >= 1, true);
+}
+
+TEST_F(FileTest, NullDataFailsWithInvalidArgument) {
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVFileCreateFromData(static_cast<CFDataRef>(nullptr), &error));
+    CF::Error e = takeError(error);
+    EXPECT_EQ(e.Code(), QVErrorInvalidArgument);
+    EXPECT_EQ(e.Reason(), "NULL sourceData");
+    EXPECT_FALSE(QVFileCreateFromData(static_cast<CFDataRef>(nullptr), nullptr));
+}
+
+TEST_F(FileTest, RegistryCountsLiveObjectsPerDigest) {
+    auto bytes = patterned(1000, 7);
+    auto digest = Support::Sha1(bytes);
+    uint32_t before = FileManager::GetReferenceCount(digest);
+    {
+        auto a = QVFileCreateFromData(bytes, nullptr);
+        auto b = QVFileCreateFromData(bytes, nullptr);
+        EXPECT_EQ(FileManager::GetReferenceCount(digest), before + 2);
+        auto c = QVFileCreateCopy(a);
+        EXPECT_EQ(FileManager::GetReferenceCount(digest), before + 3);
+        EXPECT_TRUE(a == b);  // same bytes, different objects
+        EXPECT_EQ(QVFileGetLocalPath(c), QVFileGetLocalPath(a));
+    }
+    EXPECT_EQ(FileManager::GetReferenceCount(digest), before);
+}
+
+TEST_F(FileTest, FromPathRegistersAnExistingFileWhereItLies) {
+    auto bytes = patterned(5000, 3);
+    fs::path p = writeScratch("source.bin", bytes);
+    for (uint8_t copy : {0, 1}) {
+        auto file = QVFileCreateFromFileAtPath(CF::String(p.string()), copy, nullptr);
+        ASSERT_TRUE(file);
+        EXPECT_EQ(QVFileGetHash(file), Support::Sha1(bytes));
+        EXPECT_EQ(CF::String::Retain(QVFileGetLocalPath(file)).utf8(), p.string());
+        EXPECT_EQ(readAll(file, 1000), bytes);
+    }
+}
+
+TEST_F(FileTest, FromMissingPathFailsWithFileNotFound) {
+    CFErrorRef error = nullptr;
+    std::string missing = (scratch / "nope").string();
+    EXPECT_FALSE(QVFileCreateFromFileAtPath(CF::String(missing), 1, &error));
+    CF::Error e = takeError(error);
+    EXPECT_EQ(e.Code(), QVErrorFileNotFound);
+    EXPECT_EQ(e.Reason(), "File does not exist at path '" + missing + "'");
+}
+
+TEST_F(FileTest, ChunkSizeZeroMeansThirtyTwoKilobytesAndFalseStops) {
+    auto bytes = patterned(100000);
+    auto file = QVFileCreateFromData(bytes, nullptr);
+    std::vector<size_t> sizes;
+    EXPECT_EQ(readAll(file, 0, &sizes), bytes);
+    EXPECT_EQ(sizes, (std::vector<size_t>{32768, 32768, 32768, 1696}));
+    int calls = 0;
+    QVFileGetData(file, 0, [&](const std::vector<uint8_t>&) {
+        ++calls;
+        return false;
+    });
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(FileTest, QuickReadHonoursTheMemoryLimit) {
+    auto bytes = patterned(4096);
+    auto file = QVFileCreateFromData(bytes, nullptr);
+    FileManager::SetMaxMemorySize(4096);
+    EXPECT_EQ(QVFileGetDataQuickly(file), bytes);
+    FileManager::SetMaxMemorySize(4095);
+    EXPECT_FALSE(QVFileGetDataQuickly(file));
+    FileManager::SetMaxMemorySize(0);
+    EXPECT_FALSE(QVFileGetDataQuickly(file));
+}
+
+TEST_F(FileTest, VanishedFileFailsTheReadButNotTheQuickRead) {
+    auto bytes = patterned(100);
+    fs::path p = writeScratch("gone.bin", bytes);
+    auto file = QVFileCreateFromFileAtPath(CF::String(p.string()), 0, nullptr);
+    ASSERT_TRUE(file);
+    fs::remove(p);
+    EXPECT_THROW(readAll(file, 0), std::system_error);
+    EXPECT_FALSE(QVFileGetDataQuickly(file));
+}
+
+TEST_F(FileTest, NullHandlesAreProgrammingErrors) {
+    std::shared_ptr<QVFileClass> none;
+    EXPECT_THROW(QVFileGetSize(none), std::invalid_argument);
+    EXPECT_THROW(QVFileCreateCopy(none), std::invalid_argument);
+    try {
+        QVFileGetHash(none);
+    } catch (const std::invalid_argument& e) {
+        EXPECT_TRUE(std::string(e.what()).ends_with(" Assertion file failed."));
+    }
+}
+
+TEST_F(FileTest, TextFormNamesPathSizeAndHash) {
+    auto file = QVFileCreateFromData(std::vector<uint8_t>{'a', 'b', 'c'}, nullptr);
+    std::string text = fmt::format("{}", file);
+    EXPECT_NE(text.find("path:"), std::string::npos);
+    EXPECT_NE(text.find("size:3 hash:a9993e364706816aba3e25717850c26c9cd0d89d mdate:"), std::string::npos) << text;
+}
+
+// ---- Keys ----
+
+class FileCipherTest : public FileTest, public ::testing::WithParamInterface<uint64_t> {
+protected:
+    std::array<uint8_t, 32> key = [] {
+        std::array<uint8_t, 32> k{};
+        std::iota(k.begin(), k.end(), uint8_t{1});
+        return k;
+    }();
+};
+
+TEST_P(FileCipherTest, DecipheringReadsMatchThePlaintextAtAnyChunkSize) {
+    for (size_t length : {0, 1, 15, 16, 17, 4095, 70001}) {
+        SCOPED_TRACE(length);
+        auto plain = patterned(length, static_cast<uint32_t>(length) + 1);
+        auto stored = Cryptor::Encrypt(Cryptor::Algorithm::AES256, key, {}, plain);
+        auto file = QVFileCreateFromData(stored, nullptr);
+        auto reader = QVFileCreateCopy(file);
+        _QVFileSetDecryptionKey(reader, key);
+        EXPECT_EQ(readAll(reader, GetParam()), plain);
+        if (length > 0) {
+            EXPECT_EQ(QVFileGetDataQuickly(reader), plain);
+        }
+        EXPECT_EQ(readAll(file, GetParam()), stored);  // the source object is untouched
+    }
+}
+
+TEST_P(FileCipherTest, EncipheringReadsGiveWhatABackupStores) {
+    auto plain = patterned(50000, 9);
+    auto file = QVFileCreateFromData(plain, nullptr);
+    _QVFileSetEncryptionKey(file, key);
+    auto wrong = key;
+    wrong[0] ^= 1;
+    _QVFileSetEncryptionKey(file, wrong);  // a second switch does nothing
+    _QVFileSetDecryptionKey(file, wrong);
+    auto ciphertext = readAll(file, GetParam());
+    EXPECT_EQ(ciphertext.size(), 50000u + 16u - 50000u % 16u);
+    EXPECT_EQ(Cryptor::Decrypt(Cryptor::Algorithm::AES256, key, {}, ciphertext), plain);
+    EXPECT_EQ(QVFileGetDataQuickly(file), ciphertext);
+}
+
+INSTANTIATE_TEST_SUITE_P(ChunkSizes, FileCipherTest, ::testing::Values(1, 7, 16, 33, 4096, 0));
+
+TEST_F(FileCipherTest, DamagedCiphertextFailsWithCryptoOperation) {
+    auto plain = patterned(100);
+    auto stored = Cryptor::Encrypt(Cryptor::Algorithm::AES256, key, {}, plain);
+    auto truncated = stored;
+    truncated.resize(truncated.size() - 3);  // not a multiple of 16
+    auto badPadding = stored;
+    badPadding.back() ^= 0x5a;
+    for (const auto& bytes : {truncated, badPadding}) {
+        auto file = QVFileCreateFromData(bytes, nullptr);
+        _QVFileSetDecryptionKey(file, key);
+        try {
+            readAll(file, 32);
+            ADD_FAILURE() << "damaged ciphertext read without error";
+        } catch (const CF::Error& e) {
+            EXPECT_EQ(e.Code(), QVErrorCryptoOperation);
+            EXPECT_TRUE(e.Reason().starts_with("Cryptor finalize failed: ")) << e.Reason();
+        }
+        EXPECT_FALSE(QVFileGetDataQuickly(file));
+    }
+}
+
+// ---- Appendable files ----
+
+TEST_F(FileTest, AppendedBytesFinaliseIntoTheCache) {
+    CFErrorRef error = nullptr;
+    auto file = QVFileCreateAppendable(&error);
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(QVFileIsAppendable(file));
+    std::string temporary = CF::String::Retain(QVFileGetLocalPath(file)).utf8();
+    EXPECT_TRUE(fs::path(temporary).filename().string().starts_with("__"));
+    auto a = patterned(100000, 1), b = patterned(3, 2);
+    ASSERT_TRUE(QVFileAppendBytes(file, a.data(), static_cast<int64_t>(a.size()), &error));
+    ASSERT_TRUE(QVFileAppendData(file, CF::Data(b).get(), &error));
+    EXPECT_TRUE(QVFileGetHash(file).empty());
+    EXPECT_FALSE(QVFileCreateCopy(file));  // appendable files cannot be copied
+    EXPECT_FALSE(file == QVFileCreateFromData(a, nullptr));
+    EXPECT_TRUE(file == file);
+
+    ASSERT_TRUE(QVFileFinalizeAppendable(file, &error));
+    auto all = a;
+    all.insert(all.end(), b.begin(), b.end());
+    EXPECT_FALSE(QVFileIsAppendable(file));
+    EXPECT_EQ(QVFileGetSize(file), all.size());
+    EXPECT_EQ(QVFileGetHash(file), Support::Sha1(all));
+    std::string final = CF::String::Retain(QVFileGetLocalPath(file)).utf8();
+    EXPECT_FALSE(fs::path(final).filename().string().starts_with("__"));
+    EXPECT_FALSE(fs::exists(temporary));
+    EXPECT_EQ(readAll(file, 0), all);
+    EXPECT_GE(FileManager::GetReferenceCount(Support::Sha1(all)), 1u);
+    EXPECT_NE(QVFileGetModifiedDate(file), nullptr);
+
+    CF::Error again;
+    EXPECT_FALSE(QVFileFinalizeAppendable(file, &error));
+    again = takeError(error);
+    EXPECT_EQ(again.Reason(), "File reference not appendable");
+    error = nullptr;
+    EXPECT_FALSE(QVFileAppendBytes(file, a.data(), 1, &error));
+    EXPECT_EQ(takeError(error).Reason(), "File reference not appendable");
+}
+
+TEST_F(FileTest, AppendingNothingIsRefusedAndClosesTheFile) {
+    auto file = QVFileCreateAppendable(nullptr);
+    uint8_t byte = 1;
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVFileAppendBytes(file, &byte, 0, &error));
+    CF::Error e = takeError(error);
+    EXPECT_EQ(e.Code(), QVErrorInvalidArgument);
+    EXPECT_EQ(e.Reason(), "Bad buffer argument");
+    EXPECT_FALSE(QVFileIsAppendable(file));
+    EXPECT_FALSE(QVFileFinalizeAppendable(file, nullptr));
+    auto other = QVFileCreateAppendable(nullptr);
+    EXPECT_FALSE(QVFileAppendBytes(other, nullptr, 5, nullptr));
+    EXPECT_FALSE(QVFileIsAppendable(other));
+}
+
+TEST_F(FileTest, FinalisingAnEmptyAppendableFileGivesTheEmptyDigest) {
+    auto file = QVFileCreateAppendable(nullptr);
+    ASSERT_TRUE(QVFileFinalizeAppendable(file, nullptr));
+    EXPECT_EQ(QVFileGetSize(file), 0u);
+    EXPECT_EQ(QVFileGetHash(file), Support::Sha1({}));
+}
+
+TEST_F(FileTest, FinalisingDetectsATamperedTemporaryFile) {
+    auto file = QVFileCreateAppendable(nullptr);
+    auto bytes = patterned(64);
+    ASSERT_TRUE(QVFileAppendBytes(file, bytes.data(), 64, nullptr));
+    // Someone else writes into our temporary file: the size on disk no longer matches.
+    std::ofstream(CF::String::Retain(QVFileGetLocalPath(file)).utf8(), std::ios::app) << "extra";
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVFileFinalizeAppendable(file, &error));
+    CF::Error e = takeError(error);
+    EXPECT_EQ(e.Code(), QVErrorFilesystem);
+    EXPECT_TRUE(e.Reason().starts_with("Calculated appended size does not match size on disk! (64 != 69)")) << e.Reason();
+    EXPECT_FALSE(QVFileIsAppendable(file));
+}
