@@ -1,0 +1,386 @@
+// Walking, checking, unlocking and writing key bags; see KeyBag.hpp.
+#include "Quiver/MB/KeyBag.hpp"
+
+#include <algorithm>
+#include <exception>
+#include <string_view>
+
+#include <fmt/format.h>
+#include <openssl/crypto.h>
+
+#include "Quiver/MB/ManifestEncryption.hpp"
+#include "Quiver/QVError.hpp"
+#include "Quiver/Support/KeyWrap.hpp"
+#include "Quiver/Support/Random.hpp"
+
+namespace MB {
+
+namespace {
+
+constexpr uint32_t kWrapWithKEK = 2;     // RFC 3394 under the key derived from the password
+constexpr uint32_t kWrapWithDevice = 1;  // encrypted with a key that never leaves the device
+constexpr std::size_t kItemHeader = 8;   // tag and length
+
+[[noreturn]] void ThrowInvalid(std::string_view reason) {
+    throw Quiver::Error(QVErrorInvalidKeyBag, {}, reason);
+}
+
+// The one reader of key bag bytes: every read is checked against what is left, so no length taken from
+// the blob can move past its end.
+class Reader {
+public:
+    explicit Reader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
+
+    std::size_t remaining() const { return bytes_.size() - offset_; }
+
+    std::span<const uint8_t> Take(std::size_t n) {
+        if (n > remaining()) ThrowInvalid("Incomplete header");
+        std::span<const uint8_t> taken = bytes_.subspan(offset_, n);
+        offset_ += n;
+        return taken;
+    }
+
+    uint32_t TakeUInt32() {
+        std::span<const uint8_t> b = Take(4);
+        return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | uint32_t{b[3]};
+    }
+
+private:
+    std::span<const uint8_t> bytes_;
+    std::size_t offset_ = 0;
+};
+
+uint32_t DecodeUInt32(const std::vector<uint8_t>& b) {
+    return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | uint32_t{b[3]};
+}
+
+void AppendUInt32(std::vector<uint8_t>& out, uint32_t value) {
+    out.push_back(static_cast<uint8_t>(value >> 24));
+    out.push_back(static_cast<uint8_t>(value >> 16));
+    out.push_back(static_cast<uint8_t>(value >> 8));
+    out.push_back(static_cast<uint8_t>(value));
+}
+
+std::vector<uint8_t> EncodeUInt32(uint32_t value) {
+    std::vector<uint8_t> out;
+    AppendUInt32(out, value);
+    return out;
+}
+
+template <std::size_t N>
+std::vector<uint8_t> Bytes(const std::array<uint8_t, N>& a) {
+    return {a.begin(), a.end()};
+}
+
+// A class-key block, read and size-checked.
+struct ClassRecord {
+    std::array<uint8_t, 16> uuid{};
+    uint32_t protectionClass = 0;
+    uint32_t wrap = 0;
+    uint32_t keyType = 0;
+    std::array<uint8_t, 40> wrappedKey{};
+};
+
+KeyBag::UnlockedKey UnlockClassKey(const ClassRecord& record, const std::array<uint8_t, 32>& kek) {
+    std::vector<uint8_t> key(record.wrappedKey.begin(), record.wrappedKey.end());
+    if (record.wrap & kWrapWithKEK) {
+        try {
+            key = Quiver::Support::RFC3394Unwrap(kek, key);
+        } catch (const std::exception& e) {
+            throw Quiver::Error(QVErrorCryptoOperation, {}, fmt::format("RFC3394Unwrap failed: {}", e.what()));
+        }
+    }
+    if (record.wrap & kWrapWithDevice) {
+        // Only the device that wrote the key bag holds its device key; a backup is opened without it.
+        OPENSSL_cleanse(key.data(), key.size());
+        throw Quiver::Error(QVErrorUnlockFailed, {}, "Cannot decode without deviceKey");
+    }
+    if (key.size() != 32) {
+        OPENSSL_cleanse(key.data(), key.size());
+        ThrowInvalid("Unwrapped bad key length");
+    }
+    KeyBag::UnlockedKey unlocked;
+    unlocked.uuid = record.uuid;
+    unlocked.keyType = record.keyType;
+    std::copy(key.begin(), key.end(), unlocked.key.begin());
+    OPENSSL_cleanse(key.data(), key.size());
+    return unlocked;
+}
+
+std::array<uint8_t, 16> RandomUUID() {
+    std::vector<uint8_t> bytes = Quiver::Support::RandomBytes(16);
+    bytes[6] = static_cast<uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
+    bytes[8] = static_cast<uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    std::array<uint8_t, 16> uuid{};
+    std::copy(bytes.begin(), bytes.end(), uuid.begin());
+    return uuid;
+}
+
+template <std::size_t N>
+std::array<uint8_t, N> RandomArray() {
+    std::vector<uint8_t> bytes = Quiver::Support::RandomBytes(N);
+    std::array<uint8_t, N> out{};
+    std::copy(bytes.begin(), bytes.end(), out.begin());
+    OPENSSL_cleanse(bytes.data(), bytes.size());
+    return out;
+}
+
+std::vector<uint8_t> Wrap(const std::array<uint8_t, 32>& kek, std::span<const uint8_t> key) {
+    try {
+        return Quiver::Support::RFC3394Wrap(kek, key);
+    } catch (const std::exception& e) {
+        throw Quiver::Error(QVErrorCryptoOperation, {}, fmt::format("RFC3394Wrap failed: {}", e.what()));
+    }
+}
+
+}  // namespace
+
+// The items of one block, from its "UUID" item up to the next; they point into the key bag's items.
+struct KeyBag::Block {
+    std::array<uint8_t, 16> uuid{};
+    std::vector<const Item*> items;
+
+    const Item* Find(std::string_view tag) const {
+        for (const Item* item : items) {
+            if (item->first == tag) return item;
+        }
+        return nullptr;
+    }
+
+    const std::vector<uint8_t>& Field(std::string_view tag, std::size_t size) const {
+        const Item* item = Find(tag);
+        if (!item) ThrowInvalid(fmt::format("Missing {} field", tag));
+        if (item->second.size() != size) ThrowInvalid(fmt::format("Invalid {} field", tag));
+        return item->second;
+    }
+
+    uint32_t Number(std::string_view tag) const { return DecodeUInt32(Field(tag, 4)); }
+
+    template <std::size_t N>
+    std::array<uint8_t, N> Array(std::string_view tag) const {
+        const std::vector<uint8_t>& value = Field(tag, N);
+        std::array<uint8_t, N> out{};
+        std::copy(value.begin(), value.end(), out.begin());
+        return out;
+    }
+};
+
+KeyBag::KeyBag(const CF::Data& raw, const std::string& password)
+    : KeyBag(raw, password, &ManifestEncryption::GenerateKEKFromPassword) {}
+
+KeyBag::KeyBag(const CF::Data& raw, const std::string& password, const KEKDerivation& derive) : password_(password) {
+    Reader reader(raw.bytes());
+    // Fewer bytes than an item header at the end are slack, not an item.
+    while (reader.remaining() >= kItemHeader) {
+        std::span<const uint8_t> tag = reader.Take(4);
+        const uint32_t length = reader.TakeUInt32();
+        std::span<const uint8_t> value = reader.Take(length);
+        raw_.emplace_back(std::string(tag.begin(), tag.end()), std::vector<uint8_t>(value.begin(), value.end()));
+    }
+    parseFromRaw(derive);
+}
+
+KeyBag::~KeyBag() {
+    OPENSSL_cleanse(password_.data(), password_.size());
+    for (auto& [protectionClass, key] : unlockedKeys_) OPENSSL_cleanse(key.key.data(), key.key.size());
+}
+
+void KeyBag::parseFromRaw(const KEKDerivation& derive) {
+    if (type_ != static_cast<Type>(0xFFFFFFFFu)) {
+        throw Quiver::Error(QVErrorInvalidArgument, {}, fmt::format("{}: Already called", __PRETTY_FUNCTION__));
+    }
+    if (raw_.size() < 2) ThrowInvalid("Incomplete header");
+
+    const Item& vers = raw_[0];
+    if (vers.first != "VERS") ThrowInvalid("Missing VERS field");
+    if (vers.second.size() != 4) ThrowInvalid("Invalid VERS field");
+    const uint32_t version = DecodeUInt32(vers.second);
+    if (version != 3 && version != 5) ThrowInvalid(fmt::format("Unknown version '{}'", version));
+
+    const Item& type = raw_[1];
+    if (type.first != "TYPE") ThrowInvalid("Missing TYPE field");
+    if (type.second.size() != 4) ThrowInvalid("Invalid TYPE field");
+    const uint32_t typeValue = DecodeUInt32(type.second);
+    if (typeValue > 3) ThrowInvalid(fmt::format("Unknown type '{}'", typeValue));
+
+    std::vector<Block> blocks;
+    auto position = raw_.cbegin() + 2;
+    if (position != raw_.cend()) {
+        if (position->first != "UUID") ThrowInvalid("Missing UUID field");
+        if (position->second.size() != 16) ThrowInvalid("Invalid UUID field");
+        std::array<uint8_t, 16> uuid{};
+        std::copy(position->second.begin(), position->second.end(), uuid.begin());
+        parseNextBlock(uuid, position, blocks);
+    }
+    if (blocks.empty()) ThrowInvalid("Expected one ManifestKey block");
+
+    const Block& first = blocks.front();
+    ManifestInfo info;
+    info.uuid = first.uuid;
+    info.hmck = first.Array<40>("HMCK");
+    info.wrap = first.Number("WRAP");
+    info.salt = first.Array<20>("SALT");
+    info.iter = first.Number("ITER");
+    info.dpwt = first.Number("DPWT");
+    info.dpic = first.Number("DPIC");
+    info.dpsl = first.Array<20>("DPSL");
+
+    std::vector<ClassRecord> records;
+    for (auto block = blocks.cbegin() + 1; block != blocks.cend(); ++block) {
+        ClassRecord record;
+        record.uuid = block->uuid;
+        record.protectionClass = block->Number("CLAS");
+        record.wrap = block->Number("WRAP");
+        record.keyType = block->Number("KTYP");
+        record.wrappedKey = block->Array<40>("WPKY");
+        // Each class has one key; a second would silently replace the first.
+        for (const ClassRecord& earlier : records) {
+            if (earlier.protectionClass == record.protectionClass) ThrowInvalid("Invalid CLAS field");
+        }
+        records.push_back(record);
+    }
+
+    version_ = version;
+    type_ = static_cast<Type>(typeValue);
+    manifestInfo_ = info;
+
+    const std::vector<uint8_t> passwordBytes(password_.begin(), password_.end());
+    std::array<uint8_t, 32> kek = derive(passwordBytes, manifestInfo_);
+    try {
+        for (const ClassRecord& record : records) {
+            try {
+                unlockedKeys_.emplace(record.protectionClass, UnlockClassKey(record, kek));
+            } catch (const CF::Error& e) {
+                throw Quiver::Error(QVErrorUnlockFailed, e,
+                                    fmt::format("Failed to unlock a key (class {})", record.protectionClass));
+            } catch (const std::exception& e) {
+                throw Quiver::Error(QVErrorUnlockFailed, {},
+                                    fmt::format("Failed to unlock a key (class {}): {}", record.protectionClass,
+                                                e.what()));
+            }
+        }
+    } catch (...) {
+        OPENSSL_cleanse(kek.data(), kek.size());
+        throw;
+    }
+    OPENSSL_cleanse(kek.data(), kek.size());
+}
+
+// Collects blocks until the items run out. `position` is at the "UUID" item that opens the block.
+// Iterative rather than one call per block, so a blob of a million tiny blocks cannot exhaust the stack.
+void KeyBag::parseNextBlock(std::array<uint8_t, 16> uuid, std::vector<Item>::const_iterator& position,
+                            std::vector<Block>& blocks) {
+    for (;;) {
+        Block block;
+        block.uuid = uuid;
+        block.items.push_back(&*position);
+        for (++position; position != raw_.cend() && position->first != "UUID"; ++position) {
+            // Two values for one field leave no way to tell which was meant.
+            if (block.Find(position->first)) ThrowInvalid(fmt::format("Invalid {} field", position->first));
+            block.items.push_back(&*position);
+        }
+        blocks.push_back(std::move(block));
+        if (position == raw_.cend()) return;
+        if (position->second.size() != 16) ThrowInvalid("Invalid UUID field");
+        std::copy(position->second.begin(), position->second.end(), uuid.begin());
+    }
+}
+
+CF::Data KeyBag::CopyData() const {
+    std::vector<uint8_t> blob;
+    for (const auto& [tag, value] : raw_) {
+        blob.insert(blob.end(), tag.begin(), tag.end());
+        AppendUInt32(blob, static_cast<uint32_t>(value.size()));
+        blob.insert(blob.end(), value.begin(), value.end());
+    }
+    CF::Data data(blob);
+    OPENSSL_cleanse(blob.data(), blob.size());
+    return data;
+}
+
+KeyBag KeyBag::Create(const std::string& password, const std::vector<std::pair<uint32_t, UnlockedKey>>& keys,
+                      const Parameters& parameters) {
+    for (auto it = keys.begin(); it != keys.end(); ++it) {
+        for (auto other = keys.begin(); other != it; ++other) {
+            if (other->first == it->first) {
+                throw Quiver::Error(QVErrorInvalidArgument, {},
+                                    fmt::format("Two keys for protection class {}", it->first));
+            }
+        }
+    }
+
+    ManifestInfo info;
+    info.uuid = RandomUUID();
+    info.wrap = 0;
+    info.salt = RandomArray<20>();
+    info.iter = parameters.iterations;
+    info.dpwt = parameters.dpwt;
+    info.dpic = parameters.dpIterations;
+    info.dpsl = RandomArray<20>();
+    const std::vector<uint8_t> passwordBytes(password.begin(), password.end());
+    std::array<uint8_t, 32> kek = ManifestEncryption::GenerateKEKFromPassword(passwordBytes, info);
+
+    std::vector<uint8_t> blob;
+    auto append = [&blob](std::string_view tag, const std::vector<uint8_t>& value) {
+        blob.insert(blob.end(), tag.begin(), tag.end());
+        AppendUInt32(blob, static_cast<uint32_t>(value.size()));
+        blob.insert(blob.end(), value.begin(), value.end());
+    };
+    std::array<uint8_t, 32> hmacKey = RandomArray<32>();
+    const std::vector<uint8_t> hmck = Wrap(kek, hmacKey);
+    OPENSSL_cleanse(hmacKey.data(), hmacKey.size());
+
+    append("VERS", EncodeUInt32(parameters.version));
+    append("TYPE", EncodeUInt32(parameters.type));
+    append("UUID", Bytes(info.uuid));
+    append("HMCK", hmck);
+    append("WRAP", EncodeUInt32(info.wrap));
+    append("SALT", Bytes(info.salt));
+    append("ITER", EncodeUInt32(info.iter));
+    append("DPWT", EncodeUInt32(info.dpwt));
+    append("DPIC", EncodeUInt32(info.dpic));
+    append("DPSL", Bytes(info.dpsl));
+    for (const auto& [protectionClass, key] : keys) {
+        append("UUID", Bytes(key.uuid));
+        append("CLAS", EncodeUInt32(protectionClass));
+        append("WRAP", EncodeUInt32(kWrapWithKEK));
+        append("KTYP", EncodeUInt32(key.keyType));
+        append("WPKY", Wrap(kek, key.key));
+    }
+
+    // Parsing what was written checks it; the key just derived stands in for a second derivation.
+    try {
+        KeyBag created(CF::Data(blob), password,
+                       [&kek](const std::vector<uint8_t>&, const ManifestInfo&) { return kek; });
+        OPENSSL_cleanse(kek.data(), kek.size());
+        return created;
+    } catch (...) {
+        OPENSSL_cleanse(kek.data(), kek.size());
+        throw;
+    }
+}
+
+KeyBag KeyBag::Create(const std::string& password, const std::unordered_map<uint32_t, UnlockedKey>& keys,
+                      const Parameters& parameters) {
+    std::vector<std::pair<uint32_t, UnlockedKey>> ordered(keys.begin(), keys.end());
+    std::sort(ordered.begin(), ordered.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+    KeyBag created = Create(password, ordered, parameters);
+    for (auto& [protectionClass, key] : ordered) OPENSSL_cleanse(key.key.data(), key.key.size());
+    return created;
+}
+
+KeyBag KeyBag::Create(const std::string& password, std::span<const uint32_t> classes, const Parameters& parameters) {
+    std::vector<std::pair<uint32_t, UnlockedKey>> keys;
+    for (uint32_t protectionClass : classes) {
+        UnlockedKey key;
+        key.uuid = RandomUUID();
+        key.keyType = 0;
+        key.key = RandomArray<32>();
+        keys.emplace_back(protectionClass, key);
+    }
+    KeyBag created = Create(password, keys, parameters);
+    for (auto& [protectionClass, key] : keys) OPENSSL_cleanse(key.key.data(), key.key.size());
+    return created;
+}
+
+}  // namespace MB

@@ -1,0 +1,210 @@
+// Password key derivation: PBKDF2 against the published vectors and against OpenSSL's own PBKDF2 over
+// many password, salt and output lengths; the two-pass key-encryption key and the data key.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <openssl/evp.h>
+#include <openssl/sha.h>
+
+#include "Quiver/MB/KeyBag.hpp"
+#include "Quiver/MB/ManifestEncryption.hpp"
+#include "Quiver/MB/PBKDF2.hpp"
+#include "Quiver/Support/Encoding.hpp"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Derivation = void (*)(const uint8_t*, std::size_t, const uint8_t*, std::size_t, uint32_t, uint8_t*, std::size_t);
+
+Bytes Hex(const std::string& text) { return *Quiver::Support::hex_decode(text); }
+Bytes Text(const std::string& text) { return {text.begin(), text.end()}; }
+
+Bytes Derive(Derivation derive, const Bytes& password, const Bytes& salt, uint32_t iterations, std::size_t length) {
+    Bytes out(length);
+    derive(password.data(), password.size(), salt.data(), salt.size(), iterations, out.data(), out.size());
+    return out;
+}
+
+Bytes OpenSSLDerive(const EVP_MD* md, const Bytes& password, const Bytes& salt, uint32_t iterations,
+                    std::size_t length) {
+    Bytes out(length);
+    const char* text = password.empty() ? "" : reinterpret_cast<const char*>(password.data());
+    EXPECT_EQ(PKCS5_PBKDF2_HMAC(text, static_cast<int>(password.size()), salt.data(), static_cast<int>(salt.size()),
+                                static_cast<int>(iterations), md, static_cast<int>(length), out.data()),
+              1);
+    return out;
+}
+
+struct Vector {
+    Bytes password;
+    Bytes salt;
+    uint32_t iterations;
+    Bytes expected;
+};
+
+const std::string kNul("\0", 1);
+
+TEST(PBKDF2Vectors, HmacSha1MatchesRFC6070) {
+    const Vector vectors[] = {
+        {Text("password"), Text("salt"), 1, Hex("0c60c80f961f0e71f3a9b524af6012062fe037a6")},
+        {Text("password"), Text("salt"), 2, Hex("ea6c014dc72d6f8ccd1ed92ace1d41f0d8de8957")},
+        {Text("password"), Text("salt"), 4096, Hex("4b007901b765489abead49d926f721d065a429c1")},
+        {Text("password"), Text("salt"), 16777216, Hex("eefe3d61cd4da4e4e9945b3d6ba2158c2634e984")},
+        {Text("passwordPASSWORDpassword"), Text("saltSALTsaltSALTsaltSALTsaltSALTsalt"), 4096,
+         Hex("3d2eec4fe41c849b80c8d83662c0e44a8b291a964cf2f07038")},
+        {Text("pass" + kNul + "word"), Text("sa" + kNul + "lt"), 4096, Hex("56fa6aa75548099dcc37d7f03425e0c3")},
+    };
+    for (const Vector& v : vectors) {
+        EXPECT_EQ(Derive(MB::PBKDF2_HMAC_SHA1, v.password, v.salt, v.iterations, v.expected.size()), v.expected)
+            << v.iterations;
+    }
+}
+
+TEST(PBKDF2Vectors, HmacSha256MatchesPublishedVectors) {
+    const Vector vectors[] = {
+        {Text("password"), Text("salt"), 1, Hex("120fb6cffcf8b32c43e7225256c4f837a86548c92ccc35480805987cb70be17b")},
+        {Text("password"), Text("salt"), 2, Hex("ae4d0c95af6b46d32d0adff928f06dd02a303f8ef3c251dfd6e2d85a95474c43")},
+        {Text("password"), Text("salt"), 4096, Hex("c5e478d59288c841aa530db6845c4c8d962893a001ce4e11a4963873aa98134a")},
+        {Text("passwordPASSWORDpassword"), Text("saltSALTsaltSALTsaltSALTsaltSALTsalt"), 4096,
+         Hex("348c89dbcbd32b2f32d814b8116e84cf2b17347ebc1800181c4e2a1fb8dd53e1c635518c7dac47e9")},
+        {Text("pass" + kNul + "word"), Text("sa" + kNul + "lt"), 4096, Hex("89b69d0516f829893c696226650a8687")},
+        // RFC 7914, section 11: two output blocks.
+        {Text("passwd"), Text("salt"), 1,
+         Hex("55ac046e56e3089fec1691c22544b605f94185216dde0465e68b9d57c20dacbc"
+             "49ca9cccf179b645991664b39d77ef317c71b845b1e30bd509112041d3a19783")},
+        {Text("Password"), Text("NaCl"), 80000,
+         Hex("4ddcd8f60b98be21830cee5ef22701f9641a4418d04c0414aeff08876b34ab56"
+             "a1d425a1225833549adb841b51c9b3176a272bdebba1d078478f62b397f33c8d")},
+    };
+    for (const Vector& v : vectors) {
+        EXPECT_EQ(Derive(MB::PBKDF2_HMAC_SHA256, v.password, v.salt, v.iterations, v.expected.size()), v.expected)
+            << v.iterations;
+    }
+}
+
+TEST(PBKDF2Vectors, HmacSha512MatchesPublishedVectors) {
+    const Vector vectors[] = {
+        {Text("password"), Text("salt"), 1,
+         Hex("867f70cf1ade02cff3752599a3a53dc4af34c7a669815ae5d513554e1c8cf252"
+             "c02d470a285a0501bad999bfe943c08f050235d7d68b1da55e63f73b60a57fce")},
+        {Text("password"), Text("salt"), 2,
+         Hex("e1d9c16aa681708a45f5c7c4e215ceb66e011a2e9f0040713f18aefdb866d53c"
+             "f76cab2868a39b9f7840edce4fef5a82be67335c77a6068e04112754f27ccf4e")},
+    };
+    for (const Vector& v : vectors) {
+        EXPECT_EQ(Derive(MB::PBKDF2_HMAC_SHA512, v.password, v.salt, v.iterations, v.expected.size()), v.expected)
+            << v.iterations;
+    }
+}
+
+// Lengths around each digest's block (64 or 128 bytes, where a password starts being hashed first),
+// output lengths that are not whole digests, empty passwords and salts.
+TEST(PBKDF2Vectors, AgreesWithOpenSSLForAnyLengths) {
+    struct Digest {
+        Derivation derive;
+        const EVP_MD* md;
+    };
+    const Digest digests[] = {{MB::PBKDF2_HMAC_SHA1, EVP_sha1()},
+                              {MB::PBKDF2_HMAC_SHA256, EVP_sha256()},
+                              {MB::PBKDF2_HMAC_SHA512, EVP_sha512()}};
+    std::mt19937 random(20240611);
+    auto bytes = [&](std::size_t n) {
+        Bytes b(n);
+        for (auto& x : b) x = static_cast<uint8_t>(random());
+        return b;
+    };
+    for (const Digest& d : digests) {
+        for (std::size_t passwordLength : {0, 1, 20, 63, 64, 65, 127, 128, 129, 300}) {
+            for (int round = 0; round < 6; ++round) {
+                Bytes password = bytes(passwordLength);
+                Bytes salt = bytes(random() % 140);
+                const uint32_t iterations = 1 + random() % 5;
+                const std::size_t length = 1 + random() % 150;
+                EXPECT_EQ(Derive(d.derive, password, salt, iterations, length),
+                          OpenSSLDerive(d.md, password, salt, iterations, length))
+                    << EVP_MD_get0_name(d.md) << " password " << passwordLength << " salt " << salt.size()
+                    << " iterations " << iterations << " length " << length;
+            }
+        }
+    }
+}
+
+TEST(PBKDF2Vectors, ZeroIterationsCountAsOne) {
+    for (Derivation derive : {MB::PBKDF2_HMAC_SHA1, MB::PBKDF2_HMAC_SHA256, MB::PBKDF2_HMAC_SHA512}) {
+        EXPECT_EQ(Derive(derive, Text("pw"), Text("salt"), 0, 40), Derive(derive, Text("pw"), Text("salt"), 1, 40));
+    }
+}
+
+TEST(PBKDF2Vectors, LongPasswordActsAsItsDigest) {
+    // HMAC replaces a key longer than the block by its digest.
+    Bytes longPassword(65, 'p');
+    Bytes digest(SHA256_DIGEST_LENGTH);
+    SHA256(longPassword.data(), longPassword.size(), digest.data());
+    EXPECT_EQ(Derive(MB::PBKDF2_HMAC_SHA256, longPassword, Text("salt"), 3, 32),
+              Derive(MB::PBKDF2_HMAC_SHA256, digest, Text("salt"), 3, 32));
+    EXPECT_NE(Derive(MB::PBKDF2_HMAC_SHA256, Bytes(64, 'p'), Text("salt"), 3, 32),
+              Derive(MB::PBKDF2_HMAC_SHA256, Bytes(65, 'p'), Text("salt"), 3, 32));
+}
+
+MB::KeyBag::ManifestInfo SampleInfo(uint32_t dpic, uint32_t iter) {
+    MB::KeyBag::ManifestInfo info;
+    for (std::size_t i = 0; i < 20; ++i) {
+        info.dpsl[i] = static_cast<uint8_t>(0xA0 + i);
+        info.salt[i] = static_cast<uint8_t>(0x10 + 3 * i);
+    }
+    info.dpic = dpic;
+    info.iter = iter;
+    return info;
+}
+
+TEST(PasswordKeys, KEKIsSha1PassOverTheSha256Pass) {
+    for (const std::string& password : std::vector<std::string>{"", "1234", std::string(100, 'x')}) {
+        const MB::KeyBag::ManifestInfo info = SampleInfo(7, 5);
+        const Bytes pw = Text(password);
+        Bytes dpsl(info.dpsl.begin(), info.dpsl.end()), salt(info.salt.begin(), info.salt.end());
+        Bytes firstPass = OpenSSLDerive(EVP_sha256(), pw, dpsl, 7, 32);
+        Bytes expected = OpenSSLDerive(EVP_sha1(), firstPass, salt, 5, 32);
+        std::array<uint8_t, 32> kek = MB::ManifestEncryption::GenerateKEKFromPassword(pw, info);
+        EXPECT_EQ(Bytes(kek.begin(), kek.end()), expected) << password;
+        // Not the password itself in the second pass.
+        EXPECT_NE(Bytes(kek.begin(), kek.end()), OpenSSLDerive(EVP_sha1(), pw, salt, 5, 32));
+    }
+}
+
+TEST(PasswordKeys, KEKDependsOnEverySaltAndCount) {
+    const Bytes pw = Text("secret");
+    const auto base = MB::ManifestEncryption::GenerateKEKFromPassword(pw, SampleInfo(3, 3));
+    MB::KeyBag::ManifestInfo info = SampleInfo(3, 3);
+    info.dpsl[19] ^= 1;
+    EXPECT_NE(MB::ManifestEncryption::GenerateKEKFromPassword(pw, info), base);
+    info = SampleInfo(3, 3);
+    info.salt[0] ^= 1;
+    EXPECT_NE(MB::ManifestEncryption::GenerateKEKFromPassword(pw, info), base);
+    EXPECT_NE(MB::ManifestEncryption::GenerateKEKFromPassword(pw, SampleInfo(4, 3)), base);
+    EXPECT_NE(MB::ManifestEncryption::GenerateKEKFromPassword(pw, SampleInfo(3, 4)), base);
+    // HMCK, WRAP and DPWT play no part.
+    info = SampleInfo(3, 3);
+    info.hmck.fill(7);
+    info.wrap = 9;
+    info.dpwt = 9;
+    EXPECT_EQ(MB::ManifestEncryption::GenerateKEKFromPassword(pw, info), base);
+}
+
+TEST(PasswordKeys, DataKeyIsTheStartOfSha1OfPasswordAndSalt) {
+    std::array<uint8_t, 20> salt;
+    for (std::size_t i = 0; i < salt.size(); ++i) salt[i] = static_cast<uint8_t>(i * 7);
+    for (const std::string password : {"", "hunter2"}) {
+        Bytes message = Text(password);
+        message.insert(message.end(), salt.begin(), salt.end());
+        uint8_t digest[SHA_DIGEST_LENGTH];
+        SHA1(message.data(), message.size(), digest);
+        std::array<uint8_t, 16> key = MB::ManifestEncryption::GenerateDataKeyFromPassword(Text(password), salt);
+        EXPECT_EQ(Bytes(key.begin(), key.end()), Bytes(digest, digest + 16)) << password;
+    }
+}
+
+}  // namespace
