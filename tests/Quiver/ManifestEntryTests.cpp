@@ -1,0 +1,246 @@
+// Manifest entries: names and file IDs, the creators' fixed attributes, copies, the lazy file fetch,
+// attribute cloning and per-file keys.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <regex>
+
+#include "Quiver/MB/KeyBag.hpp"
+#include "Quiver/MB/ManifestEncryption.hpp"
+#include "Quiver/QVError.hpp"
+#include "Quiver/QVManifestEntry.hpp"
+#include "Quiver/Support/Cryptor.hpp"
+#include "Quiver/Support/Hash.hpp"
+#include "support/TemporaryPath.hpp"
+
+using namespace Quiver;
+
+namespace {
+
+std::string text(CFStringRef s) { return CF::String::Retain(s).utf8(); }
+
+CF::String str(const char* s) { return CF::String(s); }
+
+class ManifestEntryTest : public ::testing::Test {
+protected:
+    void SetUp() override { QuiverTest::UseTestTemporaryPath(); }
+
+    static std::shared_ptr<QVFileClass> fileOf(const std::string& content) {
+        return QVFileCreateFromData(std::vector<uint8_t>(content.begin(), content.end()), nullptr);
+    }
+
+    // One key bag for the whole suite: derivation with small counts is still the slow part.
+    static const MB::ManifestEncryption& encryption() {
+        static const MB::ManifestEncryption* e = [] {
+            MB::KeyBagParameters parameters;
+            parameters.iterations = 10;
+            parameters.dpIterations = 10;
+            const uint32_t classes[] = {1, 2, 3, 4};
+            return new MB::ManifestEncryption(
+                MB::ManifestEncryption::Create(MB::KeyBag::Create("secret", classes, parameters)));
+        }();
+        return *e;
+    }
+};
+
+}  // namespace
+
+TEST_F(ManifestEntryTest, FileIDIsTheLowercaseSha1OfDomainHyphenPath) {
+    CF::String id = CF::String::Adopt(QVManifestEntryCopyFileIDForPath(CFSTR("HomeDomain"), CFSTR("Library/a.db")));
+    std::string expected = "HomeDomain-Library/a.db";
+    auto digest = Support::Sha1({reinterpret_cast<const uint8_t*>(expected.data()), expected.size()});
+    EXPECT_EQ(id.utf8().size(), 40u);
+    EXPECT_TRUE(std::regex_match(id.utf8(), std::regex("[0-9a-f]{40}")));
+    char hex[41];
+    for (size_t i = 0; i < 20; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+    EXPECT_EQ(id.utf8(), hex);
+    auto entry = QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CFSTR("Library/a.db"));
+    EXPECT_EQ(text(QVManifestEntryGetFileID(entry)), id.utf8());
+    EXPECT_EQ(text(QVManifestEntryGetDomainPathPair(entry)), expected);
+    // An empty path still names the domain.
+    CF::String root = CF::String::Adopt(QVManifestEntryCopyFileIDForPath(CFSTR("HomeDomain"), CFSTR("")));
+    EXPECT_EQ(root.utf8().size(), 40u);
+}
+
+TEST_F(ManifestEntryTest, DeviceFilenameIsTheLastComponent) {
+    auto name = [](const char* path) {
+        return text(QVManifestEntryGetDeviceFilename(QVManifestEntryCreateForDirectory(CFSTR("D"), str(path).get())));
+    };
+    EXPECT_EQ(name("a/b/c.txt"), "c.txt");
+    EXPECT_EQ(name("plain"), "plain");
+    EXPECT_EQ(name("dir/"), "");
+    EXPECT_EQ(name(""), "");
+}
+
+TEST_F(ManifestEntryTest, CreatorsSetTheirFixedAttributes) {
+    auto dir = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("x"));
+    EXPECT_EQ(QVManifestEntryGetFileMode(dir), 0x41ED);
+    EXPECT_EQ(QVManifestEntryGetFileType(dir), 2);
+    EXPECT_EQ(QVManifestEntryGetProtectionClass(dir), EntryProtectionClassNotSet);
+    EXPECT_TRUE(QVManifestEntryIsDirectory(dir));
+    EXPECT_EQ(QVManifestEntryGetFileSize(dir), 0u);
+
+    auto link = QVManifestEntryCreateForSymlink(CFSTR("D"), CFSTR("l"), CFSTR("../target"));
+    EXPECT_EQ(QVManifestEntryGetFileMode(link), 0xA1ED);
+    EXPECT_EQ(QVManifestEntryGetFileType(link), 4);
+    EXPECT_EQ(text(QVManifestEntryGetTarget(link)), "../target");
+    EXPECT_TRUE(QVManifestEntryIsSymlink(link));
+
+    auto content = fileOf("hello");
+    CFErrorRef error = nullptr;
+    auto file = QVManifestEntryCreateForFile(content, CFSTR("D"), CFSTR("f.txt"), nullptr, &error);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(QVManifestEntryGetFileMode(file), 0x81A4);
+    EXPECT_EQ(QVManifestEntryGetFileType(file), 1);
+    EXPECT_EQ(QVManifestEntryGetProtectionClass(file), EntryProtectionClassNone);
+    EXPECT_EQ(QVManifestEntryGetFileSize(file), 5u);
+    EXPECT_EQ(CF::Data::Retain(QVManifestEntryGetDataHash(file)).vector(), QVFileGetHash(content));
+    EXPECT_EQ(CFDataGetLength(QVManifestEntryGetEncryptionData(file)), 0);
+    uint32_t uid = 0, gid = 0;
+    CFDateRef modified = nullptr;
+    QVManifestEntryCopyFilesystemAttributes(file, nullptr, &uid, &gid, nullptr, &modified, nullptr);
+    EXPECT_EQ(uid, 501u);
+    EXPECT_EQ(gid, 501u);
+    ASSERT_NE(modified, nullptr);
+    EXPECT_EQ(CFGetRetainCount(modified), 1);  // a new date for the caller
+    CFRelease(modified);
+    EXPECT_TRUE(file->external);
+}
+
+TEST_F(ManifestEntryTest, FileEntryNeedsACachedContent) {
+    // A file object whose bytes are not where it says cannot become an entry's content.
+    auto phantom = std::make_shared<QVFileClass>();
+    phantom->localPath = CF::String("/nonexistent/quiver/file");
+    phantom->digest = {1, 2, 3};
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVManifestEntryCreateForFile(phantom, CFSTR("D"), CFSTR("f"), nullptr, &error));
+    CF::Error e = CF::Error::Adopt(error);
+    EXPECT_EQ(e.Code(), QVErrorCachedFileAccess);
+    EXPECT_EQ(e.Reason(), "No valid cache reference available for created file (010203)");
+}
+
+TEST_F(ManifestEntryTest, FileIsFetchedOnceThroughTheCallback) {
+    auto content = fileOf("fetched");
+    auto source = QVManifestEntryCreateForFile(content, CFSTR("D"), CFSTR("f"), nullptr, nullptr);
+    source->file.reset();
+    int calls = 0;
+    std::string askedFor;
+    auto entry = QVManifestEntryCreateCopy(source, [&](CFStringRef id, CFErrorRef*) {
+        ++calls;
+        askedFor = text(id);
+        return QVFileCreateCopy(content);
+    });
+    auto first = QVManifestEntryGetFile(entry, nullptr);
+    auto second = QVManifestEntryGetFile(entry, nullptr);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first.get(), second.get());
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(askedFor, text(QVManifestEntryGetFileID(entry)));
+    EXPECT_DOUBLE_EQ(CFDateGetAbsoluteTime(QVFileGetModifiedDate(first)), entry->lastModified.AbsoluteTime());
+}
+
+TEST_F(ManifestEntryTest, FetchWithoutCallbackFailsAndDirectoriesHaveNoFile) {
+    auto source = QVManifestEntryCreateForFile(fileOf("x"), CFSTR("D"), CFSTR("f"), nullptr, nullptr);
+    source->file.reset();
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVManifestEntryGetFile(source, &error));
+    CF::Error e = CF::Error::Adopt(error);
+    EXPECT_EQ(e.Reason(), "Tried to get a File ref for entry, but getFileFunc is not set!");
+
+    auto dir = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("d"));
+    CFErrorRef untouched = nullptr;
+    EXPECT_FALSE(QVManifestEntryGetFile(dir, &untouched));
+    EXPECT_EQ(untouched, nullptr);
+}
+
+TEST_F(ManifestEntryTest, CopyIsDeepAndCloneMovesOnlyAttributes) {
+    auto original = QVManifestEntryCreateForFile(fileOf("copy me"), CFSTR("D"), CFSTR("a/b"), nullptr, nullptr);
+    original->inode = 77;
+    auto copy = QVManifestEntryCreateCopy(original, nullptr);
+    EXPECT_NE(copy->file.get(), original->file.get());  // a fresh file object
+    EXPECT_TRUE(copy->file == original->file);          // with the same content
+    EXPECT_NE(copy->lastModified.get(), original->lastModified.get());
+    EXPECT_EQ(copy->inode, 77u);
+    EXPECT_EQ(text(QVManifestEntryGetFileID(copy)), text(QVManifestEntryGetFileID(original)));
+
+    auto dir = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("other"));
+    _QVManifestEntryCloneAttributes(dir, original);
+    EXPECT_EQ(dir->mode, 0x81A4);
+    EXPECT_EQ(dir->inode, 77u);
+    EXPECT_EQ(dir->protectionClass, EntryProtectionClassNone);
+    EXPECT_EQ(dir->size, 0u);  // size and names stay
+    EXPECT_EQ(text(QVManifestEntryGetPath(dir)), "other");
+}
+
+TEST_F(ManifestEntryTest, ProtectionClassNamesAndCodes) {
+    EXPECT_EQ(to_string(EntryProtectionClassCompleteUntilUnlocked), "CompleteUntilUnlocked");
+    EXPECT_EQ(ProtectionClassFromCode(4), EntryProtectionClassNone);
+    try {
+        ProtectionClassFromCode(5);
+        ADD_FAILURE();
+    } catch (const std::invalid_argument& e) {
+        EXPECT_STREQ(e.what(), "invalid protection class code");
+    }
+    EXPECT_THROW(ProtectionClassFromCode(-1), std::invalid_argument);
+}
+
+TEST_F(ManifestEntryTest, LogTextHasTheDocumentedShape) {
+    auto dir = QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CFSTR("Library"));
+    std::string line = to_string(dir);
+    EXPECT_TRUE(std::regex_match(line, std::regex("<QVManifestEntryClass 0x[0-9a-f]+> HomeDomain-Library size:0 "
+                                                  "mode:40755 uid:501 gid:501 type:0x2 inode:0 protection:NotSet "
+                                                  "external: true\\([0-9a-f]{40}\\) \\{\\} ")))
+        << line;
+}
+
+TEST_F(ManifestEntryTest, GeneratedKeyEnciphersTheContentAndUnlocksAgain) {
+    const std::string plain = "the content of a new file in an encrypted backup";
+    auto entry = QVManifestEntryCreateForFile(fileOf(plain), CFSTR("D"), CFSTR("new"), nullptr, nullptr);
+    CFErrorRef error = nullptr;
+    ASSERT_TRUE(QVManifestEntryGenerateFileKey(entry, encryption(), &error));
+    EXPECT_EQ(CFDataGetLength(QVManifestEntryGetEncryptionData(entry)), 44);
+    EXPECT_EQ(QVManifestEntryGetProtectionClass(entry), EntryProtectionClassNone);
+
+    // The wrapped key unlocks to the key that enciphers the file's reads.
+    entry->unlockedKey.reset();
+    auto key = QVManifestEntryUnlockFileKey(entry, encryption(), &error);
+    ASSERT_TRUE(key);
+    std::vector<uint8_t> stored;
+    QVFileGetData(QVManifestEntryGetFile(entry, nullptr), 0, [&](const std::vector<uint8_t>& chunk) {
+        stored.insert(stored.end(), chunk.begin(), chunk.end());
+        return true;
+    });
+    auto back = Support::Cryptor::Decrypt(Support::Cryptor::Algorithm::AES256, *key, {}, stored);
+    EXPECT_EQ(std::string(back.begin(), back.end()), plain);
+
+    // A second generation is refused and changes nothing.
+    CF::Data before = entry->encryptionKey;
+    EXPECT_FALSE(QVManifestEntryGenerateFileKey(entry, encryption(), &error));
+    CF::Error e = CF::Error::Adopt(error);
+    EXPECT_EQ(e.Reason(), "Impossible to generate a file key for an entry that already has one (protection class None)");
+    EXPECT_EQ(entry->encryptionKey.get(), before.get());
+}
+
+TEST_F(ManifestEntryTest, UnlockReportsABadWrappedKey) {
+    auto entry = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("f"));
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVManifestEntryUnlockFileKey(entry, encryption(), &error));
+    EXPECT_EQ(error, nullptr);  // no key, no error
+    std::vector<uint8_t> junk(44, 0x11);
+    junk[0] = 4;
+    junk[1] = junk[2] = junk[3] = 0;
+    entry->encryptionKey = CF::Data(junk);
+    EXPECT_FALSE(QVManifestEntryUnlockFileKey(entry, encryption(), &error));
+    CF::Error e = CF::Error::Adopt(error);
+    EXPECT_EQ(e.Code(), QVErrorUnlockFailed);
+    EXPECT_EQ(e.Reason(), "Failed to unlock file key for entry");
+    EXPECT_TRUE(e.Underlying());
+}
+
+TEST_F(ManifestEntryTest, KeyGenerationNeedsARegularFile) {
+    auto dir = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("d"));
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVManifestEntryGenerateFileKey(dir, encryption(), &error));
+    EXPECT_EQ(CF::Error::Adopt(error).Reason(),
+              "Impossible to generate a file key for an entry that doesn't represent a file");
+}
