@@ -1,0 +1,283 @@
+#include "Quiver/MB/File.hpp"
+
+#include <CoreFoundation/CFPropertyList.h>
+
+#include <string>
+#include <string_view>
+
+#include "Quiver/CF/Error.hpp"
+#include "Quiver/Support/BinaryPlistReader.hpp"
+#include "Quiver/Support/KeyedArchiver.hpp"
+
+namespace MB {
+
+namespace {
+
+using namespace Quiver::Support;
+using namespace Quiver::Support::archiver_exceptions;
+
+// One empty value of each kind for every record that has nothing there (most records have no target,
+// many no digest, few any attributes). They live for the whole process.
+const CF::String& emptyString() {
+    static const CF::String empty = CF::String::Retain(CFSTR(""));
+    return empty;
+}
+const CF::Data& emptyData() {
+    static const CF::Data empty = CF::Data::Adopt(CFDataCreate(kCFAllocatorDefault, nullptr, 0));
+    return empty;
+}
+const CF::Dictionary& emptyDictionary() {
+    static const CF::Dictionary empty = CF::Dictionary::Adopt(CFDictionaryCreate(
+        kCFAllocatorDefault, nullptr, nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
+    return empty;
+}
+
+CF::String shared(CF::String s) { return s.length() == 0 ? emptyString() : s; }
+CF::Data shared(CF::Data d) { return d.IsEmpty() ? emptyData() : d; }
+
+// The archive keys of the members, in the order in which they are decoded and written.
+enum Member {
+    kRelativePath,
+    kTarget,
+    kDigest,
+    kEncryptionKey,
+    kMode,
+    kUserID,
+    kGroupID,
+    kLastModified,
+    kLastStatusChange,
+    kBirth,
+    kSize,
+    kInodeNumber,
+    kProtectionClass,
+    kExtendedAttributes,
+    kMemberCount
+};
+
+constexpr std::string_view kMemberKeys[kMemberCount] = {
+    "RelativePath", "Target",    "Digest",           "EncryptionKey", "Mode",        "UserID",
+    "GroupID",      "LastModified", "LastStatusChange", "Birth",      "Size",        "InodeNumber",
+    "ProtectionClass", "ExtendedAttributes",
+};
+
+// The member an object key names, or -1 (the object also carries "$class" and keys such as "Flags"
+// that the record does not keep). Keys are told apart by length first: this runs once per key of
+// every record.
+int memberOf(std::string_view key) {
+    auto is = [&](Member m) { return key == kMemberKeys[m]; };
+    switch (key.size()) {
+        case 4: return is(kMode) ? kMode : is(kSize) ? kSize : -1;
+        case 5: return is(kBirth) ? kBirth : -1;
+        case 6: return is(kTarget) ? kTarget : is(kDigest) ? kDigest : is(kUserID) ? kUserID : -1;
+        case 7: return is(kGroupID) ? kGroupID : -1;
+        case 11: return is(kInodeNumber) ? kInodeNumber : -1;
+        case 12: return is(kRelativePath) ? kRelativePath : is(kLastModified) ? kLastModified : -1;
+        case 13: return is(kEncryptionKey) ? kEncryptionKey : -1;
+        case 15: return is(kProtectionClass) ? kProtectionClass : -1;
+        case 16: return is(kLastStatusChange) ? kLastStatusChange : -1;
+        case 18: return is(kExtendedAttributes) ? kExtendedAttributes : -1;
+        default: return -1;
+    }
+}
+
+std::string_view cfTypeName(CFTypeRef v) {
+    const CFTypeID t = CFGetTypeID(v);
+    if (t == CFStringGetTypeID()) return "string";
+    if (t == CFDataGetTypeID()) return "data";
+    if (t == CFNumberGetTypeID()) return CFNumberIsFloatType(static_cast<CFNumberRef>(v)) ? "real" : "integer";
+    if (t == CFBooleanGetTypeID()) return "boolean";
+    if (t == CFDateGetTypeID()) return "date";
+    if (t == CFArrayGetTypeID()) return "array";
+    if (t == CFDictionaryGetTypeID()) return "dictionary";
+    return "unknown";
+}
+
+// Extended attributes map names (strings) to values (data).
+CF::Dictionary checkedAttributes(const CF::Dictionary& attributes) {
+    if (attributes.IsEmpty()) return emptyDictionary();
+    for (const auto& [key, value] : attributes.Entries()) {
+        if (CFGetTypeID(key) != CFStringGetTypeID()) throw cant_decode_as_value(cfTypeName(key), "string");
+        if (CFGetTypeID(value) != CFDataGetTypeID()) throw cant_decode_as_value(cfTypeName(value), "data");
+    }
+    return attributes;
+}
+
+// Attributes written as data that holds a property-list dictionary, as devices write them.
+CF::Dictionary attributesFromPropertyList(std::span<const uint8_t> bytes) {
+    if (bytes.empty()) return emptyDictionary();
+    if (auto reader = binary_plist_reader::open(bytes)) {
+        try {
+            const plist_type topType = reader->type(reader->top());
+            if (topType != plist_type::dictionary) throw cant_decode_as_value(to_string(topType), "dictionary");
+            const auto entries = reader->open_dictionary(reader->top());
+            if (entries.size() == 0) return emptyDictionary();
+            CF::Dictionary result = CF::Dictionary::CreateMutable();
+            for (size_t i = 0; i < entries.size(); ++i) {
+                const auto value = entries.value_at(i);
+                const plist_type valueType = reader->type(value);
+                if (valueType != plist_type::data) throw cant_decode_as_value(to_string(valueType), "data");
+                CF::String key(entries.key(i));
+                if (!key) throw cant_decode_as_value("data", "dictionary");  // a key that is not UTF-8
+                result.Set(key.get(), reader->data(value).get());
+            }
+            return result;
+        } catch (const plist_format_error&) {
+            throw cant_decode_as_value("data", "dictionary");
+        }
+    }
+    if (binary_plist_reader::has_signature(bytes)) throw cant_decode_as_value("data", "dictionary");
+    CF::Data data = CF::Data::NoCopy(bytes);
+    cf_value plist = cf_value::Adopt(
+        CFPropertyListCreateWithData(kCFAllocatorDefault, data.get(), kCFPropertyListImmutable, nullptr, nullptr));
+    if (!plist || CFGetTypeID(plist.get()) != CFDictionaryGetTypeID()) throw cant_decode_as_value("data", "dictionary");
+    return checkedAttributes(CF::Dictionary::Retain(static_cast<CFDictionaryRef>(plist.get())));
+}
+
+template <class Store>
+CF::Dictionary decodeAttributes(basic_keyed_unarchiver<Store>& unarchiver, typename Store::value v) {
+    using value = typename Store::value;
+    const auto id = detail::extract_uid(unarchiver.store(), v);
+    if (!id) throw cant_decode_as_value(unarchiver.type_name(v), "dictionary");
+    if (*id == 0) return emptyDictionary();
+    return unarchiver.decode_object(*id, [](basic_keyed_unarchiver<Store>& u, value raw) -> CF::Dictionary {
+        const plist_type t = u.store().type(raw);
+        if (t == plist_type::data) return attributesFromPropertyList(u.store().data_bytes(raw));
+        if (t == plist_type::dictionary) {
+            if (u.raw_value("NS.keys") != Store::none) return checkedAttributes(u.decode_ns_dictionary(raw));
+            if (const value inner = u.raw_value("NS.data"); inner != Store::none) {
+                const auto bytes = u.data_from(inner);
+                return bytes ? attributesFromPropertyList(bytes->bytes()) : emptyDictionary();
+            }
+        }
+        throw cant_decode_as_value(u.type_name(raw), "dictionary");
+    });
+}
+
+template <class Store>
+File decodeArchive(const Store& store, typename Store::value top) {
+    using value = typename Store::value;
+    const archive_top<Store> archive = check_archive(store, top);
+    if (archive.root == 0) throw missing_root();  // nil
+    basic_keyed_unarchiver<Store> unarchiver(store, archive.objects);
+    return unarchiver.decode_object(archive.root, [](basic_keyed_unarchiver<Store>& u, value raw) {
+        if (u.store().type(raw) != plist_type::dictionary) throw cant_decode_as_value(u.type_name(raw), "MBFile");
+        // One pass over the object's keys, then the members in their order.
+        value slot[kMemberCount];
+        for (value& s : slot) s = Store::none;
+        const auto& object = u.current();
+        for (size_t i = 0; i < object.size(); ++i) {
+            const int m = memberOf(object.key(i));
+            if (m >= 0) slot[m] = object.value_at(i);
+        }
+
+        File f;
+        if (auto s = u.string_from(slot[kRelativePath])) f.RelativePath = shared(std::move(*s));
+        if (auto s = u.string_from(slot[kTarget])) f.Target = shared(std::move(*s));
+        if (auto d = u.data_from(slot[kDigest])) f.Digest = shared(std::move(*d));
+        if (auto d = u.data_from(slot[kEncryptionKey])) f.EncryptionKey = shared(std::move(*d));
+        if (auto n = u.integer_from(slot[kMode], 32)) f.Mode = static_cast<uint32_t>(*n);
+        if (auto n = u.integer_from(slot[kUserID], 32)) f.UserID = static_cast<uint32_t>(*n);
+        if (auto n = u.integer_from(slot[kGroupID], 32)) f.GroupID = static_cast<uint32_t>(*n);
+        if (auto n = u.integer_from(slot[kLastModified])) f.LastModified = *n;
+        if (auto n = u.integer_from(slot[kLastStatusChange])) f.LastStatusChange = *n;
+        if (auto n = u.integer_from(slot[kBirth])) f.Birth = *n;
+        if (auto n = u.integer_from(slot[kSize])) f.Size = static_cast<uint64_t>(*n);
+        if (auto n = u.integer_from(slot[kInodeNumber])) f.InodeNumber = static_cast<uint64_t>(*n);
+        if (auto n = u.integer_from(slot[kProtectionClass], 32)) f.ProtectionClass = static_cast<uint32_t>(*n);
+        if (slot[kExtendedAttributes] != Store::none) f.ExtendedAttributes = decodeAttributes(u, slot[kExtendedAttributes]);
+        return f;
+    });
+}
+
+bool sameString(const CF::String& a, const CF::String& b) {
+    if (a.length() == 0 || b.length() == 0) return a.length() == b.length();
+    return a == b;
+}
+bool sameData(const CF::Data& a, const CF::Data& b) {
+    if (a.IsEmpty() || b.IsEmpty()) return a.IsEmpty() == b.IsEmpty();
+    return a == b;
+}
+bool sameDictionary(const CF::Dictionary& a, const CF::Dictionary& b) {
+    if (a.IsEmpty() || b.IsEmpty()) return a.IsEmpty() == b.IsEmpty();
+    return a == b;
+}
+
+}  // namespace
+
+File::File()
+    : RelativePath(emptyString()),
+      Target(emptyString()),
+      Digest(emptyData()),
+      EncryptionKey(emptyData()),
+      ExtendedAttributes(emptyDictionary()) {}
+File::File(const File& other) = default;
+File& File::operator=(const File& other) = default;
+File::File(File&& other) noexcept = default;
+File& File::operator=(File&& other) noexcept = default;
+File::~File() = default;
+
+std::optional<File> File::Decode(std::span<const uint8_t> blob) {
+    if (binary_plist_reader::has_signature(blob)) {
+        auto reader = binary_plist_reader::open(blob);
+        if (!reader) return std::nullopt;
+        try {
+            if (reader->type(reader->top()) != plist_type::dictionary) return std::nullopt;
+            return decodeArchive(*reader, reader->top());
+        } catch (const plist_format_error&) {
+            // What the bytes break is the property list itself, as if it had not parsed at all.
+            return std::nullopt;
+        }
+    }
+    if (blob.empty()) return std::nullopt;
+    CF::Data data = CF::Data::NoCopy(blob);
+    cf_value plist = cf_value::Adopt(
+        CFPropertyListCreateWithData(kCFAllocatorDefault, data.get(), kCFPropertyListImmutable, nullptr, nullptr));
+    if (!plist || CFGetTypeID(plist.get()) != CFDictionaryGetTypeID()) return std::nullopt;
+    return decodeArchive(cf_plist_store{}, plist.get());
+}
+
+std::optional<File> File::Decode(CFDataRef blob) {
+    if (!blob) return std::nullopt;
+    return Decode(std::span<const uint8_t>(CFDataGetBytePtr(blob), static_cast<size_t>(CFDataGetLength(blob))));
+}
+
+CF::Data File::Encode() const {
+    // The archiver would write any dictionary, but only names -> data can be read back as a record.
+    for (const auto& [key, value] : ExtendedAttributes.Entries())
+        if (CFGetTypeID(key) != CFStringGetTypeID() || CFGetTypeID(value) != CFDataGetTypeID())
+            throw archive_error("MBFile ExtendedAttributes must map strings to data");
+    keyed_archiver archiver;
+    archiver.encode_object(keyed_archiver::root_key, this, {"MBFile", "NSObject"}, [this](keyed_archiver& a) {
+        a.encode_string(kMemberKeys[kRelativePath], RelativePath ? RelativePath.get() : emptyString().get());
+        if (!Target.IsEmpty()) a.encode_string(kMemberKeys[kTarget], Target.get());
+        if (!Digest.IsEmpty()) a.encode_data(kMemberKeys[kDigest], Digest.get());
+        if (!EncryptionKey.IsEmpty()) a.encode_data(kMemberKeys[kEncryptionKey], EncryptionKey.get());
+        a.encode_int64(kMemberKeys[kMode], Mode);
+        // 32-bit numbers, so that IDs such as 4294967294 (-2) keep the form devices give them.
+        a.encode_int32(kMemberKeys[kUserID], static_cast<int32_t>(UserID));
+        a.encode_int32(kMemberKeys[kGroupID], static_cast<int32_t>(GroupID));
+        a.encode_int64(kMemberKeys[kLastModified], LastModified);
+        a.encode_int64(kMemberKeys[kLastStatusChange], LastStatusChange);
+        a.encode_int64(kMemberKeys[kBirth], Birth);
+        a.encode_int64(kMemberKeys[kSize], static_cast<int64_t>(Size));
+        a.encode_int64(kMemberKeys[kInodeNumber], static_cast<int64_t>(InodeNumber));
+        a.encode_int64(kMemberKeys[kProtectionClass], ProtectionClass);
+        if (!ExtendedAttributes.IsEmpty()) a.encode_dictionary(kMemberKeys[kExtendedAttributes], ExtendedAttributes.get());
+    });
+    CF::Dictionary archive = archiver.finishEncoding();
+    CFErrorRef error = nullptr;
+    CFDataRef blob = CFPropertyListCreateData(kCFAllocatorDefault, archive.get(), kCFPropertyListBinaryFormat_v1_0, 0, &error);
+    if (!blob) throw archive_error("Cannot write the MBFile archive: " + CF::Error::Adopt(error).Text());
+    return CF::Data::Adopt(blob);
+}
+
+bool operator==(const File& a, const File& b) {
+    return sameString(a.RelativePath, b.RelativePath) && sameString(a.Target, b.Target) &&
+           sameData(a.Digest, b.Digest) && sameData(a.EncryptionKey, b.EncryptionKey) && a.Mode == b.Mode &&
+           a.UserID == b.UserID && a.GroupID == b.GroupID && a.LastModified == b.LastModified &&
+           a.LastStatusChange == b.LastStatusChange && a.Birth == b.Birth && a.Size == b.Size &&
+           a.InodeNumber == b.InodeNumber && a.ProtectionClass == b.ProtectionClass &&
+           sameDictionary(a.ExtendedAttributes, b.ExtendedAttributes);
+}
+
+}  // namespace MB

@@ -1,0 +1,67 @@
+// MB::File: the record that a Manifest.db row keeps in its `file` blob, an "MBFile" object in a keyed
+// archive (binary property list).
+//
+// Decoding takes the blob's bytes: a binary property list is read in place by binary_plist_reader
+// (nothing but the members themselves is built), any other property-list format goes through
+// CFPropertyListCreateWithData. Devices write strings and data as separate objects referred to by
+// UID, data either plain or as an NSData/NSMutableData object holding "NS.data", and the extended
+// attributes either as an archived NSDictionary or as data holding a property-list dictionary; all
+// of these are read. Members that a blob lacks, and empty strings, data and dictionaries, share one
+// empty object each, so a decoded record holds only what it really has.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "Quiver/CF/Data.hpp"
+#include "Quiver/CF/Dictionary.hpp"
+#include "Quiver/CF/String.hpp"
+#include "Quiver/Export.hpp"
+
+namespace MB {
+
+class QV_EXPORT File {
+public:
+    File();
+    File(const File& other);
+    File& operator=(const File& other);
+    File(File&& other) noexcept;
+    File& operator=(File&& other) noexcept;
+    ~File();
+
+    // Decodes a blob. The result is nullopt when the bytes are not a property list whose top level is a
+    // dictionary. Anything else that is wrong throws one of Quiver::Support::archiver_exceptions (all
+    // std::runtime_error), in the order in which the archive is checked: creator, version, $top,
+    // $objects, root object, then the members (decode_cycle, uid_out_of_range, cant_decode_as_value...).
+    static std::optional<File> Decode(std::span<const uint8_t> blob);
+    static std::optional<File> Decode(CFDataRef blob);
+
+    // The blob: a binary property list with the members in the order below. Target, Digest,
+    // EncryptionKey and ExtendedAttributes are written only when not empty. Throws
+    // Quiver::Support::archiver_exceptions::archive_error when the record cannot be written (an
+    // attribute value a property list cannot hold).
+    CF::Data Encode() const;
+
+    friend bool operator==(const File& a, const File& b);
+
+    // Never null: an absent or empty value is the shared empty string, data or dictionary.
+    CF::String RelativePath;
+    CF::String Target;
+    CF::Data Digest;
+    CF::Data EncryptionKey;
+    uint32_t Mode = 0;
+    uint32_t UserID = 0;
+    uint32_t GroupID = 0;
+    int64_t LastModified = 0;      // Unix seconds
+    int64_t LastStatusChange = 0;  // Unix seconds
+    int64_t Birth = 0;             // Unix seconds
+    uint64_t Size = 0;
+    uint64_t InodeNumber = 0;      // 0 when the blob has none
+    uint32_t ProtectionClass = 0;  // the stored code; checked by whoever converts it
+    CF::Dictionary ExtendedAttributes;  // string to data
+};
+
+}  // namespace MB
