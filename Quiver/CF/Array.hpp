@@ -27,6 +27,7 @@ public:
     // Appends to an array made with CreateMutable.
     void Append(CFTypeRef value);
     template <typename T>
+        requires requires(const T& v) { v.get(); }
     void Append(const T& value) { Append(static_cast<CFTypeRef>(value.get())); }
 
     class const_iterator {

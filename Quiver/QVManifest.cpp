@@ -1,0 +1,187 @@
+#include "Quiver/QVManifest.hpp"
+
+#include <algorithm>
+#include <string_view>
+
+#include "Quiver/QVError.hpp"
+#include "Quiver/QVLog.hpp"
+
+namespace Quiver {
+
+namespace {
+
+// UTF-8 of a string without copying when the string holds it (ours always do).
+std::string utf8(CFStringRef s) {
+    if (!s) return {};
+    if (const char* p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8)) return p;
+    return CF::String::Retain(s).utf8();
+}
+
+void buildDomainIndex(QVManifestClass& manifest) {
+    if (!manifest.domainIndex.empty()) return;
+    for (const Entry& entry : manifest.entries) {
+        std::string domain = utf8(QVManifestEntryGetDomain(entry));
+        if (domain.empty()) continue;
+        manifest.domainIndex[domain].push_back(entry);
+    }
+}
+
+const std::vector<Entry>* entriesInDomain(QVManifestClass& manifest, CFStringRef domain) {
+    buildDomainIndex(manifest);
+    auto it = manifest.domainIndex.find(utf8(domain));
+    return it == manifest.domainIndex.end() ? nullptr : &it->second;
+}
+
+void computeTotals(QVManifestClass& manifest) {
+    manifest.totalFileSize = 0;
+    manifest.totalFileCount = 0;
+    for (const Entry& entry : manifest.entries) {
+        manifest.totalFileSize += static_cast<int64_t>(QVManifestEntryGetFileSize(entry));
+        if (QVManifestEntryIsFile(entry)) ++manifest.totalFileCount;
+    }
+}
+
+}  // namespace
+
+Manifest QVManifestCreateEmpty() {
+    auto manifest = std::make_shared<QVManifestClass>();
+    manifest->flagOnlyRecords = CF::Dictionary::CreateMutable();
+    return manifest;
+}
+
+Manifest QVManifestCreateCopy(const Manifest& source, const QVGetFileFunction& getFile) {
+    QV_ASSERT(source);
+    auto manifest = std::make_shared<QVManifestClass>();
+    manifest->entries.reserve(source->entries.size());
+    for (const Entry& entry : source->entries) manifest->entries.push_back(QVManifestEntryCreateCopy(entry, getFile));
+    manifest->flagOnlyRecords = source->flagOnlyRecords.MutableCopy();
+    manifest->totalFileSize = source->totalFileSize;
+    manifest->totalFileCount = source->totalFileCount;
+    manifest->getFile = getFile;
+    return manifest;  // data version stays 0 on purpose: a copy is not the loaded database
+}
+
+std::vector<Entry> QVManifestGetEntries(const Manifest& manifest) {
+    QV_ASSERT(manifest);
+    return manifest->entries;
+}
+
+Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) {
+    QV_ASSERT(manifest);
+    if (manifest->fileIDIndex.empty()) {
+        manifest->fileIDIndex.reserve(manifest->entries.size());
+        for (const Entry& entry : manifest->entries) {
+            std::string id = utf8(QVManifestEntryGetFileID(entry));
+            if (id.empty()) {
+                log_fmt(log_level::error, "{}: DEVELOPER BUG QVManifestEntry does not have a fileID ({})",
+                        __PRETTY_FUNCTION__, entry);
+                continue;
+            }
+            manifest->fileIDIndex.emplace(std::move(id), entry);  // the first entry with an ID wins
+        }
+    }
+    auto it = manifest->fileIDIndex.find(utf8(fileID));
+    return it == manifest->fileIDIndex.end() ? nullptr : it->second;
+}
+
+Entry QVManifestGetEntryMatchingPath(const Manifest& manifest, CFStringRef domain, CFStringRef path) {
+    QV_ASSERT(manifest);
+    const auto* inDomain = entriesInDomain(*manifest, domain);
+    if (!inDomain || !path) return nullptr;
+    for (const Entry& entry : *inDomain) {
+        CFStringRef entryPath = QVManifestEntryGetPath(entry);
+        if (entryPath && CFEqual(entryPath, path)) return entry;
+    }
+    return nullptr;
+}
+
+std::vector<Entry> QVManifestCopyEntriesInDomain(const Manifest& manifest, CFStringRef domain) {
+    QV_ASSERT(manifest);
+    const auto* inDomain = entriesInDomain(*manifest, domain);
+    return inDomain ? *inDomain : std::vector<Entry>();
+}
+
+std::vector<Entry> QVManifestCopyEntriesAtPath(const Manifest& manifest, CFStringRef domain, CFStringRef path) {
+    QV_ASSERT(manifest);
+    const auto* inDomain = entriesInDomain(*manifest, domain);
+    if (!inDomain) return {};
+    if (!path || CFStringGetLength(path) == 0) return *inDomain;
+    const std::string query = utf8(path);
+    std::vector<Entry> result;
+    for (const Entry& entry : *inDomain) {
+        const std::string entryPath = utf8(QVManifestEntryGetPath(entry));
+        // Whole components match exactly when the path is the query itself or continues it with "/"
+        // (empty components from leading, doubled or trailing slashes included).
+        if (entryPath.size() < query.size() || entryPath.compare(0, query.size(), query) != 0) continue;
+        if (entryPath.size() == query.size() || entryPath[query.size()] == '/') result.push_back(entry);
+    }
+    return result;
+}
+
+CFArrayRef QVManifestCopyDomainsList(const Manifest& manifest) {
+    QV_ASSERT(manifest);
+    buildDomainIndex(*manifest);
+    std::vector<CF::String> domains;
+    domains.reserve(manifest->domainIndex.size());
+    for (const auto& [domain, entries] : manifest->domainIndex) domains.emplace_back(domain);
+    std::sort(domains.begin(), domains.end(),
+              [](const CF::String& a, const CF::String& b) { return CFStringCompare(a.get(), b.get(), 0) < 0; });
+    CF::Array array = CF::Array::CreateMutable();
+    for (const CF::String& domain : domains) array.Append(domain);
+    return array.Detach();
+}
+
+CFArrayRef QVManifestGetFileIDs(const Manifest& manifest) {
+    QV_ASSERT(manifest);
+    if (!manifest->fileIDList || manifest->fileIDList.size() == 0) {
+        CF::Array list = CF::Array::CreateMutable();
+        for (const Entry& entry : manifest->entries) {
+            if (QVManifestEntryIsDirectory(entry) || QVManifestEntryIsSymlink(entry)) continue;
+            CFStringRef id = QVManifestEntryGetFileID(entry);
+            if (id && CFStringGetLength(id) > 0) {
+                list.Append(id);
+            } else {
+                log_fmt(log_level::error, "{}: DEVELOPER BUG QVManifestEntry does not have a fileID ({})",
+                        __PRETTY_FUNCTION__, entry);
+            }
+        }
+        manifest->fileIDList = list;
+    }
+    return manifest->fileIDList.get();
+}
+
+int64_t QVManifestGetTotalFileCount(const Manifest& manifest) {
+    QV_ASSERT(manifest);
+    return manifest->totalFileCount;
+}
+
+int64_t QVManifestGetTotalFileSize(const Manifest& manifest) {
+    QV_ASSERT(manifest);
+    return manifest->totalFileSize;
+}
+
+void QVManifestUpdateEntries(const Manifest& manifest, std::vector<Entry> entries) {
+    QV_ASSERT(manifest);
+    manifest->entries = std::move(entries);
+    manifest->domainIndex.clear();
+    manifest->fileIDIndex.clear();
+    manifest->fileIDList.Reset();
+    computeTotals(*manifest);
+}
+
+Manifest MakeManifest(std::vector<Entry> entries, QVManifestDataVersion version, CF::Dictionary flagOnlyRecords,
+                      QVGetFileFunction getFile) {
+    auto manifest = std::make_shared<QVManifestClass>();
+    manifest->entries = std::move(entries);
+    manifest->dataVersion = version;
+    manifest->flagOnlyRecords = flagOnlyRecords ? std::move(flagOnlyRecords) : CF::Dictionary::CreateMutable();
+    manifest->getFile = std::move(getFile);
+    computeTotals(*manifest);
+    return manifest;
+}
+
+std::string to_string(const Manifest& manifest) {
+    return fmt::format("<QVManifestClass {}>", static_cast<const void*>(manifest.get()));
+}
+
+}  // namespace Quiver
