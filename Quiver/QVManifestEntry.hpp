@@ -116,6 +116,13 @@ QV_EXPORT std::optional<std::array<uint8_t, 32>> QVManifestEntryUnlockFileKey(co
                                                                               const MB::ManifestEncryption& encryption,
                                                                               CFErrorRef* error);
 
+// One Manifest.db row to an entry: the MBFile blob decoded, the row's file ID kept as stored. Empty
+// when the blob does not decode (logged).
+QV_EXPORT Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath,
+                                                    int flags, CFDataRef fileData, QVGetFileFunction getFileFunc);
+// The MBFile blob of an entry; empty data when it cannot be made (logged).
+QV_EXPORT CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry);
+
 // Shared with the manifest readers: fills domain, both paths, the domain-path pair, the device filename
 // and (when fileID is null) the file ID.
 void SetEntryNames(QVManifestEntryClass& entry, CFStringRef domain, CFStringRef relativePath, CFStringRef fileID);

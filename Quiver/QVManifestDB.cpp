@@ -1,0 +1,336 @@
+#include "Quiver/QVManifestDB.hpp"
+
+#include <SQLiteCpp/SQLiteCpp.h>
+
+#include <algorithm>
+#include <cstring>
+#include <cerrno>
+#include <mutex>
+#include <system_error>
+#include <unordered_map>
+
+#include "Quiver/QVError.hpp"
+#include "Quiver/QVLog.hpp"
+#include "Quiver/QVTemporaryPath.hpp"
+#include "Quiver/Support/File.hpp"
+
+namespace fs = std::filesystem;
+
+namespace Quiver {
+
+namespace {
+
+// The whole written database is read back into memory at once; this bounds that read.
+constexpr size_t kMaxDatabaseSize = size_t{4} << 30;
+constexpr int32_t kFlagOnlyRecord = 16;
+
+bool versionAccepted(QVManifestDataVersion version) { return version >= 30 && version <= 33; }
+
+CF::Error badVersion(QVManifestDataVersion version) {
+    return Error(QVErrorInvalidArgument, CF::Error(),
+                 fmt::format("Invalid manifest version '{}' for this encoding scheme", static_cast<int>(version)));
+}
+
+std::string utf8(CFStringRef s) {
+    if (!s) return {};
+    if (const char* p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8)) return p;
+    return CF::String::Retain(s).utf8();
+}
+
+// Text columns as strings; NULL gives the empty string, and bytes that are not UTF-8 are taken as
+// Latin-1 rather than failing the row.
+CF::String textColumn(const SQLite::Column& column) {
+    const char* text = column.getText("");
+    int length = column.getBytes();
+    CFStringRef s = CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(text), length,
+                                            kCFStringEncodingUTF8, false);
+    if (!s)
+        s = CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(text), length,
+                                    kCFStringEncodingISOLatin1, false);
+    return CF::String::Adopt(s);
+}
+
+void removeDatabaseFiles(const fs::path& path) {
+    std::error_code ec;
+    fs::remove(path, ec);
+    fs::remove(fs::path(path.string() + "-wal"), ec);
+    fs::remove(fs::path(path.string() + "-shm"), ec);
+    fs::remove(fs::path(path.string() + "-journal"), ec);
+}
+
+}  // namespace
+
+fs::path ManifestDatabaseDirectory() {
+    static std::mutex lock;
+    static std::optional<fs::path> directory;
+    std::lock_guard guard(lock);
+    if (!directory) {
+        fs::path d = GetTemporaryFilesystemPath() / "QVManifestDB";
+        fs::create_directories(d);
+        directory = d;
+    }
+    return *directory;
+}
+
+ManifestDatabase::ManifestDatabase() = default;
+
+// The private files go with the wrapper: a decrypted copy of an encrypted backup's database is
+// private data and must not linger.
+ManifestDatabase::~ManifestDatabase() {
+    db_.reset();
+    if (!path_.empty()) removeDatabaseFiles(path_);
+}
+
+void ManifestDatabase::Open(const fs::path& source) {
+    fs::path privatePath = ManifestDatabaseDirectory() / CF::UUID::Create().ToString().utf8();
+    if (!source.empty()) {
+        std::error_code ec;
+        fs::copy_file(source, privatePath, ec);
+        if (ec)
+            throw Error(QVErrorFilesystem, CF::Error(),
+                        fmt::format("Failed to copy temporary database '{}' to '{}' ({})", source.string(),
+                                    privatePath.string(), ec.message()));
+        path_ = privatePath;
+        // A write-ahead log beside the database holds committed pages too.
+        fs::path wal(source.string() + "-wal");
+        if (fs::is_regular_file(wal, ec)) fs::copy_file(wal, fs::path(privatePath.string() + "-wal"), ec);
+    }
+    path_ = privatePath;
+    try {
+        db_ = std::make_unique<SQLite::Database>(privatePath.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+    } catch (const std::exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(),
+                    fmt::format("Failed to instantiate database at '{}' ({})", privatePath.string(), e.what()));
+    }
+    try {
+        SQLite::Statement query(*db_, "PRAGMA user_version;");
+        if (query.executeStep()) userVersion_ = static_cast<uint32_t>(query.getColumn(0).getInt64());
+    } catch (const std::exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to query user_version ({})", e.what()));
+    }
+}
+
+void ManifestDatabase::Create(uint32_t userVersion) {
+    Open({});
+    userVersion_ = userVersion;
+    // auto_vacuum takes effect only on a database without tables, so it is also set first; the
+    // statements after it are the schema as devices write it, in their order.
+    const std::string statements[] = {
+        "PRAGMA auto_vacuum='INCREMENTAL';",
+        "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);",
+        "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB);",
+        "CREATE INDEX FilesDomainIdx ON Files (domain);",
+        "CREATE INDEX FilesFlagsIdx ON Files (flags);",
+        "CREATE INDEX FilesRelativePathIdx ON Files (relativePath);",
+        "PRAGMA user_version=" + std::to_string(userVersion) + ";",
+        "PRAGMA auto_vacuum='INCREMENTAL';",
+        "PRAGMA automatic_index=1;",
+        "PRAGMA journal_mode=WAL;",
+    };
+    for (const std::string& statement : statements) {
+        try {
+            db_->exec(statement);
+        } catch (const std::exception& e) {
+            throw Error(QVErrorDatabaseOperation, CF::Error(),
+                        fmt::format("Failed to prepare new database ({}) -- {}", statement, e.what()));
+        }
+    }
+}
+
+void ManifestDatabase::InsertRow(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int32_t flags,
+                                 CFDataRef data) {
+    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
+    if (!fileID) throw Error(QVErrorInvalidArgument, CF::Error(), "fileID must be non-null");
+    try {
+        SQLite::Statement insert(*db_,
+                                 "INSERT OR REPLACE INTO Files (fileID,domain,relativePath,flags,file)VALUES (?,?,?,?,?)");
+        insert.bind(1, utf8(fileID));
+        if (domain) {
+            insert.bind(2, utf8(domain));
+        } else {
+            insert.bind(2);
+        }
+        if (relativePath) {
+            insert.bind(3, utf8(relativePath));
+        } else {
+            insert.bind(3);
+        }
+        insert.bind(4, flags);
+        if (data) {
+            insert.bind(5, CFDataGetBytePtr(data), static_cast<int>(CFDataGetLength(data)));
+        } else {
+            insert.bind(5);
+        }
+        insert.exec();
+    } catch (const SQLite::Exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to insert row ({})", e.what()));
+    }
+}
+
+void ManifestDatabase::QueryAllRows(const RowFunction& row) {
+    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
+    try {
+        int64_t count = 0;
+        {
+            SQLite::Statement counting(*db_, "SELECT COUNT(*) FROM Files;");
+            while (counting.executeStep()) count = counting.getColumn(0).getInt64();
+        }
+        if (count < 1) return;
+        SQLite::Statement query(*db_, "SELECT fileID, domain, relativePath, flags, file FROM Files;");
+        // Devices name a few dozen domains for hundreds of thousands of rows: share one string each.
+        std::unordered_map<std::string, CF::String> domains;
+        int64_t index = 0;
+        while (query.executeStep()) {
+            CF::String fileID = textColumn(query.getColumn(0));
+            SQLite::Column domainColumn = query.getColumn(1);
+            std::string domainText(domainColumn.getText(""), static_cast<size_t>(domainColumn.getBytes()));
+            auto found = domains.find(domainText);
+            if (found == domains.end())
+                found = domains.emplace(domainText, textColumn(domainColumn)).first;
+            CF::String relativePath = textColumn(query.getColumn(2));
+            int32_t flags = query.getColumn(3).getInt();
+            SQLite::Column blob = query.getColumn(4);
+            CF::Data data = CF::Data(std::span<const uint8_t>(static_cast<const uint8_t*>(blob.getBlob()),
+                                                              static_cast<size_t>(blob.getBytes())));
+            row(fileID, found->second, relativePath, flags, data, index, count);
+            ++index;
+        }
+    } catch (const SQLite::Exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to read rows ({})", e.what()));
+    }
+}
+
+void ManifestDatabase::BeginTransaction() {
+    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
+    db_->exec("BEGIN TRANSACTION;");
+}
+
+void ManifestDatabase::Commit() {
+    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
+    db_->exec("COMMIT;");
+}
+
+void ManifestDatabase::Close() { db_.reset(); }
+
+Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVManifestDataVersion version,
+                                              QVGetFileFunction getFile, QVProgressFunction progress,
+                                              CFErrorRef* error) {
+    if (!versionAccepted(version)) {
+        StoreError(error, badVersion(version));
+        return nullptr;
+    }
+    return Boundary(error, [&]() -> Manifest {
+        std::vector<Entry> entries;
+        CF::Dictionary flagOnly = CF::Dictionary::CreateMutable();
+        std::vector<std::string> invalid;
+        try {
+            ManifestDatabase database;
+            database.Open(fs::path(utf8(path)));
+            database.QueryAllRows([&](const CF::String& fileID, const CF::String& domain, const CF::String& relativePath,
+                                      int32_t flags, const CF::Data& data, int64_t index, int64_t count) {
+                if (fileID.length() > 0 && data.size() > 0) {
+                    if (entries.empty()) entries.reserve(static_cast<size_t>(count));
+                    Entry entry = QVManifestEntryCreateFromMBFileData(fileID.get(), domain.get(), relativePath.get(),
+                                                                      flags, data.get(), getFile);
+                    if (entry) {
+                        entries.push_back(std::move(entry));
+                    } else {
+                        log_fmt(log_level::warning, "Parse error: fileID '{}'", fileID);
+                        invalid.push_back(fileID.utf8());
+                    }
+                } else if (flags == kFlagOnlyRecord && fileID.length() > 0) {
+                    flagOnly.Set(fileID.get(), CF::Number(int64_t{flags}));
+                } else {
+                    log_fmt(log_level::warning, "Unknown entry format: fileID '{}' fileType '{:x}'", fileID, flags);
+                    invalid.push_back(fileID.utf8());
+                }
+                if (progress) progress(index, count, static_cast<double>(index) / static_cast<double>(count));
+            });
+        } catch (const CF::Error& e) {
+            CF::Error failure =
+                Error(QVErrorInvalidManifestDatabase, e, "Failed to parse records from manifest database");
+            LogError(log_level::error, failure);
+            throw failure;
+        }
+        if (!invalid.empty()) {
+            CF::Error failure = Error(QVErrorInvalidManifestDatabase, CF::Error(),
+                                      fmt::format("Database contains {} invalid entries", invalid.size()));
+            LogError(log_level::error, failure);
+            throw failure;
+        }
+        return MakeManifest(std::move(entries), version, flagOnly, std::move(getFile));
+    });
+}
+
+std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& manifest,
+                                                                QVManifestDataVersion version) {
+    QV_ASSERT(manifest);
+    if (!versionAccepted(version)) throw badVersion(version);
+    std::vector<Entry> sorted = manifest->entries;
+    std::stable_sort(sorted.begin(), sorted.end(), [](const Entry& a, const Entry& b) {
+        return CFStringCompare(QVManifestEntryGetDomainPathPair(a), QVManifestEntryGetDomainPathPair(b), 0) ==
+               kCFCompareLessThan;
+    });
+    ManifestDatabase database;
+    fs::path privatePath;
+    try {
+        database.Create(2);  // always 2, whatever version was asked for
+        privatePath = database.Path();
+        // One transaction: row by row, SQLite would sync the file for every insert.
+        database.BeginTransaction();
+        for (const auto& [fileID, flags] : manifest->flagOnlyRecords) {
+            auto number = CF::Cast<CF::Number>(flags);
+            database.InsertRow(static_cast<CFStringRef>(fileID), nullptr, nullptr,
+                               static_cast<int32_t>(number.Int64Or(kFlagOnlyRecord)), nullptr);
+        }
+        std::vector<Entry> failed;
+        for (const Entry& entry : sorted) {
+            CF::Data blob = QVManifestEntryCreateMBFileDataRepresentation(entry);
+            if (!blob) {
+                failed.push_back(entry);
+                continue;
+            }
+            try {
+                database.InsertRow(QVManifestEntryGetFileID(entry), QVManifestEntryGetDomain(entry),
+                                   QVManifestEntryGetPath(entry), QVManifestEntryGetFileType(entry), blob.get());
+            } catch (const CF::Error& e) {
+                LogErrorFmt(log_level::error, e.get(), "Failed to insert {}", entry);
+                failed.push_back(entry);
+            }
+        }
+        if (!failed.empty()) {
+            std::string names;
+            for (const Entry& entry : failed) {
+                if (!names.empty()) names += ", ";
+                names += to_string(entry);
+            }
+            throw Error(QVErrorUnknown, CF::Error(), fmt::format("Failed to serialize entries {}", names));
+        }
+        database.Commit();
+    } catch (const CF::Error& e) {
+        throw Error(QVErrorUnknown, e, "Database initialization failed");
+    } catch (const SQLite::Exception& e) {
+        throw Error(QVErrorUnknown, Error(QVErrorDatabaseOperation, CF::Error(), e.what()),
+                    "Database initialization failed");
+    }
+
+    // Closing checkpoints the write-ahead log into the file, which is then read whole.
+    database.Close();
+    Support::readable_file in;
+    try {
+        in = Support::readable_file(privatePath);
+    } catch (const std::system_error& e) {
+        throw std::system_error(e.code(), fmt::format("Failed to open temporary DB location: {}", privatePath.string()));
+    }
+    std::vector<uint8_t> bytes;
+    try {
+        bytes = in.read_whole_file(kMaxDatabaseSize);
+    } catch (const std::system_error& e) {
+        throw std::system_error(e.code(), fmt::format("Failed to read from temporary DB location: {}", privatePath.string()));
+    }
+    std::vector<std::byte> result(bytes.size());
+    if (!bytes.empty()) std::memcpy(result.data(), bytes.data(), bytes.size());
+    return result;
+}
+
+}  // namespace Quiver

@@ -1,0 +1,210 @@
+// Manifest.db reading and writing: round trips, the schema, flag-only records, bad rows and files
+// that are not manifest databases.
+#include <gtest/gtest.h>
+
+#include <SQLiteCpp/SQLiteCpp.h>
+
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "Quiver/QVError.hpp"
+#include "Quiver/QVManifestDB.hpp"
+#include "support/TemporaryPath.hpp"
+
+using namespace Quiver;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string text(CFStringRef s) { return CF::String::Retain(s).utf8(); }
+
+class ManifestDBTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QuiverTest::UseTestTemporaryPath();
+        dir = fs::temp_directory_path() /
+              ("quiver-db-" + std::to_string(::getpid()) + "-" +
+               ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::create_directories(dir);
+    }
+    void TearDown() override { fs::remove_all(dir); }
+
+    fs::path save(const std::vector<std::byte>& bytes, const char* name = "Manifest.db") {
+        fs::path p = dir / name;
+        std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
+                                                 static_cast<std::streamsize>(bytes.size()));
+        return p;
+    }
+
+    Manifest read(const fs::path& p, CF::Error* failure = nullptr, QVProgressFunction progress = nullptr) {
+        CFErrorRef error = nullptr;
+        Manifest m = QVManifestCreateFromManifestDatabase(CF::String(p.string()).get(), QVManifestDataVersion31,
+                                                          nullptr, std::move(progress), &error);
+        if (failure) *failure = CF::Error::Adopt(error);
+        else if (error) CFRelease(error);
+        return m;
+    }
+
+    // A database made with SQL alone, in the layout devices write.
+    fs::path handMade(const std::function<void(SQLite::Database&)>& fill) {
+        fs::path p = dir / "hand.db";
+        SQLite::Database db(p.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+        db.exec("CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);");
+        fill(db);
+        return p;
+    }
+
+    Manifest sample() {
+        Manifest m = QVManifestCreateEmpty();
+        auto content = QVFileCreateFromData(std::vector<uint8_t>{'d', 'a', 't', 'a'}, nullptr);
+        Entry file = QVManifestEntryCreateForFile(content, CFSTR("HomeDomain"), CFSTR("Library/a \"q\".db"), nullptr,
+                                                  nullptr);
+        file->inode = 123456789012ULL;
+        CF::Dictionary attributes = CF::Dictionary::CreateMutable();
+        attributes.Set("com.apple.x", CF::Data(std::vector<uint8_t>{1, 2, 3}));
+        file->properties = attributes;
+        QVManifestUpdateEntries(m, {
+            QVManifestEntryCreateForSymlink(CFSTR("MediaDomain"), CFSTR("Media/link"), CFSTR("../target")),
+            file,
+            QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CFSTR("Library")),
+            QVManifestEntryCreateForDirectory(CFSTR("AppDomain-com.example"), CFSTR("")),
+        });
+        m->flagOnlyRecords.Set("0123456789abcdef0123456789abcdef01234567", CF::Number(int64_t{16}));
+        return m;
+    }
+
+    fs::path dir;
+};
+
+}  // namespace
+
+TEST_F(ManifestDBTest, WrittenManifestReadsBackInDomainPathOrder) {
+    Manifest original = sample();
+    fs::path p = save(QVManifestCreateManifestDBRepresentation(original, QVManifestDataVersion33));
+    CF::Error failure;
+    std::vector<double> fractions;
+    Manifest back = read(p, &failure, [&](int64_t, int64_t total, double f) {
+        EXPECT_EQ(total, 5);
+        fractions.push_back(f);
+    });
+    ASSERT_TRUE(back) << failure.Text();
+    EXPECT_EQ(back->dataVersion, QVManifestDataVersion31);
+    EXPECT_EQ(fractions, (std::vector<double>{0.0, 0.2, 0.4, 0.6, 0.8}));  // no final 1.0
+    auto entries = QVManifestGetEntries(back);
+    std::vector<std::string> order;
+    for (const Entry& e : entries) order.push_back(text(QVManifestEntryGetDomainPathPair(e)));
+    EXPECT_EQ(order, (std::vector<std::string>{"AppDomain-com.example-", "HomeDomain-Library",
+                                               "HomeDomain-Library/a \"q\".db", "MediaDomain-Media/link"}));
+    Entry file = entries[2];
+    const Entry& source = original->entries[1];
+    EXPECT_EQ(text(QVManifestEntryGetFileID(file)), text(QVManifestEntryGetFileID(source)));
+    EXPECT_EQ(file->inode, 123456789012ULL);
+    EXPECT_EQ(file->size, 4u);
+    EXPECT_EQ(file->mode, 0x81A4);
+    EXPECT_EQ(file->fileType, 1);
+    EXPECT_EQ(file->protectionClass, EntryProtectionClassNone);
+    EXPECT_TRUE(file->digest == source->digest);
+    EXPECT_TRUE(file->properties == source->properties);
+    EXPECT_EQ(static_cast<int64_t>(file->lastModified.AbsoluteTime()),
+              static_cast<int64_t>(source->lastModified.AbsoluteTime()));
+    EXPECT_FALSE(file->external);
+    EXPECT_EQ(text(QVManifestEntryGetTarget(entries[3])), "../target");
+    EXPECT_EQ(QVManifestGetTotalFileCount(back), 1);
+    EXPECT_EQ(back->flagOnlyRecords.size(), 1);
+    EXPECT_EQ(QVManifestGetEntries(original)[0]->fileType, 4);  // the source keeps its order
+}
+
+TEST_F(ManifestDBTest, SchemaAndPragmasAreThoseOfDeviceBackups) {
+    fs::path p = save(QVManifestCreateManifestDBRepresentation(sample(), QVManifestDataVersion30));
+    SQLite::Database db(p.string(), SQLite::OPEN_READONLY);
+    EXPECT_EQ(db.execAndGet("PRAGMA user_version;").getInt(), 2);
+    EXPECT_EQ(db.execAndGet("PRAGMA journal_mode;").getString(), "wal");
+    EXPECT_EQ(db.execAndGet("PRAGMA auto_vacuum;").getInt(), 2);  // incremental
+    EXPECT_EQ(db.execAndGet("SELECT COUNT(*) FROM Properties;").getInt(), 0);
+    SQLite::Statement flagOnly(db, "SELECT domain, relativePath, flags, file FROM Files WHERE flags = 16;");
+    ASSERT_TRUE(flagOnly.executeStep());
+    EXPECT_TRUE(flagOnly.getColumn(0).isNull());
+    EXPECT_TRUE(flagOnly.getColumn(1).isNull());
+    EXPECT_TRUE(flagOnly.getColumn(3).isNull());
+    for (const char* index : {"FilesDomainIdx", "FilesFlagsIdx", "FilesRelativePathIdx"}) {
+        SQLite::Statement q(db, "SELECT COUNT(*) FROM sqlite_master WHERE type='index' AND name=?;");
+        q.bind(1, index);
+        ASSERT_TRUE(q.executeStep());
+        EXPECT_EQ(q.getColumn(0).getInt(), 1) << index;
+    }
+}
+
+TEST_F(ManifestDBTest, OnlyVersionsThreeZeroToThreeThreeAreAccepted) {
+    Manifest m = sample();
+    for (int v : {24, 29, 34}) {
+        try {
+            QVManifestCreateManifestDBRepresentation(m, static_cast<QVManifestDataVersion>(v));
+            ADD_FAILURE() << v;
+        } catch (const CF::Error& e) {
+            EXPECT_EQ(e.Code(), QVErrorInvalidArgument);
+            EXPECT_EQ(e.Reason(), fmt::format("Invalid manifest version '{}' for this encoding scheme", v));
+        }
+        CFErrorRef error = nullptr;
+        EXPECT_FALSE(QVManifestCreateFromManifestDatabase(CFSTR("/nonexistent"), static_cast<QVManifestDataVersion>(v),
+                                                          nullptr, nullptr, &error));
+        EXPECT_EQ(CF::Error::Adopt(error).Code(), QVErrorInvalidArgument);
+    }
+}
+
+TEST_F(ManifestDBTest, EmptyFilesTableGivesAnEmptyManifestWithoutProgress) {
+    fs::path p = handMade([](SQLite::Database&) {});
+    int calls = 0;
+    Manifest m = read(p, nullptr, [&](int64_t, int64_t, double) { ++calls; });
+    ASSERT_TRUE(m);
+    EXPECT_TRUE(m->entries.empty());
+    EXPECT_EQ(calls, 0);
+}
+
+TEST_F(ManifestDBTest, OneBadRowFailsTheWholeLoad) {
+    // A row without a blob whose flags are not 16, and a blob that is no archive.
+    for (const char* insert : {"INSERT INTO Files VALUES ('aa', 'D', 'p', 1, NULL);",
+                               "INSERT INTO Files VALUES ('bb', 'D', 'q', 1, x'0102030405');"}) {
+        fs::remove(dir / "hand.db");
+        fs::path p = handMade([&](SQLite::Database& db) {
+            db.exec("INSERT INTO Files VALUES ('cc', NULL, NULL, 16, NULL);");
+            db.exec(insert);
+        });
+        CF::Error failure;
+        EXPECT_FALSE(read(p, &failure));
+        EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
+        EXPECT_EQ(failure.Reason(), "Database contains 1 invalid entries");
+    }
+}
+
+TEST_F(ManifestDBTest, FilesThatAreNotManifestDatabasesFailWithAnError) {
+    std::ofstream(dir / "garbage.db") << "this is not an SQLite database at all, just some text";
+    CF::Error failure;
+    EXPECT_FALSE(read(dir / "garbage.db", &failure));
+    EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
+    EXPECT_EQ(failure.Reason(), "Failed to parse records from manifest database");
+    EXPECT_TRUE(failure.Underlying());
+
+    {
+        SQLite::Database db((dir / "other.db").string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+        db.exec("CREATE TABLE Something (x INTEGER);");
+    }
+    EXPECT_FALSE(read(dir / "other.db", &failure));
+    EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
+
+    EXPECT_FALSE(read(dir / "missing.db", &failure));
+    EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
+    EXPECT_EQ(failure.Underlying().Code(), QVErrorFilesystem);
+}
+
+TEST_F(ManifestDBTest, ReadingLeavesTheCallersFileAndNoPrivateCopies) {
+    fs::path p = save(QVManifestCreateManifestDBRepresentation(sample(), QVManifestDataVersion31));
+    auto before = fs::last_write_time(p);
+    auto bytesBefore = fs::file_size(p);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_TRUE(read(p));
+    EXPECT_EQ(fs::last_write_time(p), before);
+    EXPECT_EQ(fs::file_size(p), bytesBefore);
+    EXPECT_FALSE(fs::exists(p.string() + "-wal"));
+    EXPECT_TRUE(fs::is_empty(ManifestDatabaseDirectory()));
+}

@@ -1,0 +1,125 @@
+// The manifest's queries and indexes.
+#include <gtest/gtest.h>
+
+#include "Quiver/QVManifest.hpp"
+#include "support/TemporaryPath.hpp"
+
+using namespace Quiver;
+
+namespace {
+
+std::string text(CFStringRef s) { return CF::String::Retain(s).utf8(); }
+
+Entry dir(const char* domain, const char* path) {
+    return QVManifestEntryCreateForDirectory(CF::String(domain).get(), CF::String(path).get());
+}
+
+std::vector<std::string> paths(const std::vector<Entry>& entries) {
+    std::vector<std::string> out;
+    for (const Entry& e : entries) out.push_back(text(QVManifestEntryGetPath(e)));
+    return out;
+}
+
+class ManifestTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QuiverTest::UseTestTemporaryPath();
+        manifest = QVManifestCreateEmpty();
+        auto file = QVFileCreateFromData(std::vector<uint8_t>(10, 'x'), nullptr);
+        QVManifestUpdateEntries(manifest, {
+            dir("HomeDomain", "Library"),
+            dir("HomeDomain", "Library/Caches"),
+            QVManifestEntryCreateForFile(file, CFSTR("HomeDomain"), CFSTR("Library/Caches/x"), nullptr, nullptr),
+            dir("HomeDomain", "LibraryX"),
+            dir("HomeDomain", "Library/Pref"),
+            QVManifestEntryCreateForSymlink(CFSTR("AppDomain-com.example"), CFSTR("link"), CFSTR("t")),
+            dir("", "orphan"),
+            dir("CameraRollDomain", "Media"),
+        });
+    }
+    Manifest manifest;
+};
+
+}  // namespace
+
+TEST(ManifestEmpty, EveryQueryIsEmpty) {
+    Manifest m = QVManifestCreateEmpty();
+    EXPECT_TRUE(QVManifestGetEntries(m).empty());
+    EXPECT_FALSE(QVManifestGetEntryForFileID(m, CFSTR("abc")));
+    EXPECT_FALSE(QVManifestGetEntryMatchingPath(m, CFSTR("D"), CFSTR("p")));
+    EXPECT_TRUE(QVManifestCopyEntriesAtPath(m, CFSTR("D"), CFSTR("")).empty());
+    CF::Array domains = CF::Array::Adopt(QVManifestCopyDomainsList(m));
+    EXPECT_EQ(domains.size(), 0);
+    EXPECT_EQ(CFArrayGetCount(QVManifestGetFileIDs(m)), 0);
+    EXPECT_EQ(QVManifestGetTotalFileCount(m), 0);
+    EXPECT_EQ(QVManifestGetTotalFileSize(m), 0);
+}
+
+TEST_F(ManifestTest, PathQueriesMatchWholeComponents) {
+    EXPECT_EQ(paths(QVManifestCopyEntriesAtPath(manifest, CFSTR("HomeDomain"), CFSTR("Library"))),
+              (std::vector<std::string>{"Library", "Library/Caches", "Library/Caches/x", "Library/Pref"}));
+    EXPECT_EQ(paths(QVManifestCopyEntriesAtPath(manifest, CFSTR("HomeDomain"), CFSTR("Library/Pref"))),
+              (std::vector<std::string>{"Library/Pref"}));
+    EXPECT_EQ(QVManifestCopyEntriesAtPath(manifest, CFSTR("HomeDomain"), CFSTR("")).size(), 5u);
+    EXPECT_TRUE(QVManifestCopyEntriesAtPath(manifest, CFSTR("HomeDomain"), CFSTR("Library/")).empty());
+    EXPECT_TRUE(QVManifestCopyEntriesAtPath(manifest, CFSTR("NoDomain"), CFSTR("")).empty());
+    EXPECT_TRUE(QVManifestGetEntryMatchingPath(manifest, CFSTR("HomeDomain"), CFSTR("Library/Caches")));
+    EXPECT_FALSE(QVManifestGetEntryMatchingPath(manifest, CFSTR("HomeDomain"), CFSTR("library/caches")));
+}
+
+TEST_F(ManifestTest, EmptyDomainsAreListedNowhere) {
+    EXPECT_EQ(QVManifestGetEntries(manifest).size(), 8u);
+    CF::Array domains = CF::Array::Adopt(QVManifestCopyDomainsList(manifest));
+    std::vector<std::string> names;
+    for (CFTypeRef d : domains) names.push_back(text(static_cast<CFStringRef>(d)));
+    EXPECT_EQ(names, (std::vector<std::string>{"AppDomain-com.example", "CameraRollDomain", "HomeDomain"}));
+    EXPECT_TRUE(QVManifestCopyEntriesInDomain(manifest, CFSTR("")).empty());
+}
+
+TEST_F(ManifestTest, FileIDListSkipsDirectoriesAndSymlinksButLookupFindsThem) {
+    CFArrayRef ids = QVManifestGetFileIDs(manifest);
+    ASSERT_EQ(CFArrayGetCount(ids), 1);
+    Entry link = QVManifestGetEntryMatchingPath(manifest, CFSTR("AppDomain-com.example"), CFSTR("link"));
+    EXPECT_EQ(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(link)), link);
+}
+
+TEST_F(ManifestTest, FirstEntryWithAFileIDWins) {
+    Entry first = dir("D", "same");
+    Entry second = dir("D", "same");
+    QVManifestUpdateEntries(manifest, {first, second});
+    EXPECT_EQ(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(second)), first);
+}
+
+TEST_F(ManifestTest, UpdateReplacesEntriesAndRecomputesTotals) {
+    EXPECT_EQ(QVManifestGetTotalFileCount(manifest), 1);
+    EXPECT_EQ(QVManifestGetTotalFileSize(manifest), 10);
+    Entry old = QVManifestGetEntryMatchingPath(manifest, CFSTR("HomeDomain"), CFSTR("Library"));
+    ASSERT_TRUE(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(old)));  // builds the index
+    auto file = QVFileCreateFromData(std::vector<uint8_t>(7, 'y'), nullptr);
+    Entry added = QVManifestEntryCreateForFile(file, CFSTR("D"), CFSTR("n"), nullptr, nullptr);
+    QVManifestUpdateEntries(manifest, {added});
+    EXPECT_FALSE(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(old)));
+    EXPECT_EQ(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(added)), added);
+    EXPECT_EQ(QVManifestGetTotalFileCount(manifest), 1);
+    EXPECT_EQ(QVManifestGetTotalFileSize(manifest), 7);
+    EXPECT_EQ(CFArrayGetCount(QVManifestGetFileIDs(manifest)), 1);
+}
+
+TEST_F(ManifestTest, CopyKeepsTotalsAndResetsTheVersion) {
+    manifest->dataVersion = QVManifestDataVersion31;
+    int fetched = 0;
+    Manifest copy = QVManifestCreateCopy(manifest, [&](CFStringRef, CFErrorRef*) {
+        ++fetched;
+        return std::shared_ptr<QVFileClass>();
+    });
+    EXPECT_EQ(copy->dataVersion, QVManifestDataVersionUnset);
+    EXPECT_EQ(QVManifestGetTotalFileSize(copy), 10);
+    EXPECT_EQ(QVManifestGetTotalFileCount(copy), 1);
+    auto entries = QVManifestGetEntries(copy);
+    ASSERT_EQ(entries.size(), 8u);
+    EXPECT_NE(entries[0], manifest->entries[0]);
+    // The copies are bound to the new getter.
+    entries[2]->file.reset();
+    QVManifestEntryGetFile(entries[2], nullptr);
+    EXPECT_EQ(fetched, 1);
+}
