@@ -91,9 +91,14 @@ void ManifestDatabase::Open(const fs::path& source) {
                         fmt::format("Failed to copy temporary database '{}' to '{}' ({})", source.string(),
                                     privatePath.string(), ec.message()));
         path_ = privatePath;
+        // The copy is ours: writable whatever the backup's own permissions (backups are often read-only).
+        constexpr auto ownerReadWrite = fs::perms::owner_read | fs::perms::owner_write;
+        fs::permissions(privatePath, ownerReadWrite, ec);
         // A write-ahead log beside the database holds committed pages too.
         fs::path wal(source.string() + "-wal");
-        if (fs::is_regular_file(wal, ec)) fs::copy_file(wal, fs::path(privatePath.string() + "-wal"), ec);
+        fs::path privateWal(privatePath.string() + "-wal");
+        if (fs::is_regular_file(wal, ec) && fs::file_size(wal, ec) > 0 && fs::copy_file(wal, privateWal, ec))
+            fs::permissions(privateWal, ownerReadWrite, ec);
     }
     path_ = privatePath;
     try {

@@ -208,3 +208,40 @@ TEST_F(ManifestDBTest, ReadingLeavesTheCallersFileAndNoPrivateCopies) {
     EXPECT_FALSE(fs::exists(p.string() + "-wal"));
     EXPECT_TRUE(fs::is_empty(ManifestDatabaseDirectory()));
 }
+
+TEST_F(ManifestDBTest, RealDeviceDatabaseLoadsWholeAndSurvivesARoundTrip) {
+    fs::path real = fs::path(QUIVER_REALDATA) / "mvt-ios-backup" / "backup" / "Manifest.db";
+    if (!fs::exists(real)) GTEST_SKIP() << "no real data at " << real;
+    CF::Error failure;
+    Manifest m = read(real, &failure);
+    ASSERT_TRUE(m) << failure.Text();
+    ASSERT_EQ(m->entries.size(), 3721u);
+    size_t files = 0, dirs = 0, links = 0;
+    for (const Entry& e : m->entries) {
+        files += QVManifestEntryIsFile(e);
+        dirs += QVManifestEntryIsDirectory(e);
+        links += QVManifestEntryIsSymlink(e);
+        // Every row's file ID is the hash of its names.
+        CF::String computed = CF::String::Adopt(
+            QVManifestEntryCopyFileIDForPath(QVManifestEntryGetDomain(e), QVManifestEntryGetPath(e)));
+        ASSERT_EQ(computed.utf8(), text(QVManifestEntryGetFileID(e)));
+    }
+    EXPECT_EQ(files, 1089u);
+    EXPECT_EQ(dirs, 2618u);
+    EXPECT_EQ(links, 14u);
+
+    Manifest back = read(save(QVManifestCreateManifestDBRepresentation(m, QVManifestDataVersion33)));
+    ASSERT_TRUE(back);
+    ASSERT_EQ(back->entries.size(), m->entries.size());
+    EXPECT_EQ(QVManifestGetTotalFileSize(back), QVManifestGetTotalFileSize(m));
+    for (const Entry& e : m->entries) {
+        Entry again = QVManifestGetEntryForFileID(back, QVManifestEntryGetFileID(e));
+        ASSERT_TRUE(again);
+        EXPECT_EQ(again->mode, e->mode);
+        EXPECT_EQ(again->size, e->size);
+        EXPECT_EQ(again->inode, e->inode);
+        EXPECT_TRUE(again->encryptionKey == e->encryptionKey);
+        EXPECT_TRUE(again->target == e->target);
+        EXPECT_EQ(again->lastModified.AbsoluteTime(), e->lastModified.AbsoluteTime());
+    }
+}
