@@ -116,9 +116,7 @@ CF::Dictionary attributesFromPropertyList(std::span<const uint8_t> bytes) {
                 const auto value = entries.value_at(i);
                 const plist_type valueType = reader->type(value);
                 if (valueType != plist_type::data) throw cant_decode_as_value(to_string(valueType), "data");
-                CF::String key(entries.key(i));
-                if (!key) throw cant_decode_as_value("data", "dictionary");  // a key that is not UTF-8
-                result.Set(key.get(), reader->data(value).get());
+                result.Set(reader->string(entries.key_object(i)).get(), reader->data(value).get());
             }
             return result;
         } catch (const plist_format_error&) {

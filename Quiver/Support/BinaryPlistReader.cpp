@@ -49,8 +49,14 @@ bool binary_plist_reader::has_signature(std::span<const uint8_t> bytes) {
     return bytes.size() >= kHeaderSize && std::memcmp(bytes.data(), "bplist00", kHeaderSize) == 0;
 }
 
-std::optional<binary_plist_reader> binary_plist_reader::open(std::span<const uint8_t> bytes) {
-    if (!has_signature(bytes) || bytes.size() < kHeaderSize + kTrailerSize) return std::nullopt;
+std::optional<binary_plist_reader> binary_plist_reader::open(std::span<const uint8_t> bytes, std::string* problem) {
+    auto refuse = [&](const std::string& why) -> std::optional<binary_plist_reader> {
+        if (problem) *problem = why;
+        return std::nullopt;
+    };
+    if (!has_signature(bytes)) return refuse("no binary property-list signature");
+    if (bytes.size() < kHeaderSize + kTrailerSize) return refuse("too short");
+    if (bytes.size() > UINT32_MAX) return refuse("too large");
     binary_plist_reader r;
     r.bytes_ = byte_reader(bytes);
     const uint64_t trailer = bytes.size() - kTrailerSize;
@@ -59,118 +65,97 @@ std::optional<binary_plist_reader> binary_plist_reader::open(std::span<const uin
     const uint64_t count = *r.bytes_.be(trailer + 8, 8);
     const uint64_t top = *r.bytes_.be(trailer + 16, 8);
     const uint64_t tableOffset = *r.bytes_.be(trailer + 24, 8);
-    if (r.offsetSize_ < 1 || r.offsetSize_ > 8 || r.refSize_ < 1 || r.refSize_ > 8) return std::nullopt;
+    if (r.offsetSize_ < 1 || r.offsetSize_ > 8 || r.refSize_ < 1 || r.refSize_ > 8) return refuse("bad trailer sizes");
     // Objects lie between the header and the offset table; the table ends where the trailer begins.
-    if (count == 0 || count >= none || top >= count) return std::nullopt;
-    if (tableOffset < kHeaderSize || tableOffset > trailer) return std::nullopt;
-    if (count > (trailer - tableOffset) / r.offsetSize_) return std::nullopt;
+    if (count == 0 || top >= count) return refuse("bad object count");
+    if (count > max_objects) return refuse("too many objects");
+    if (tableOffset < kHeaderSize || tableOffset > trailer) return refuse("bad offset table position");
+    if (count > (trailer - tableOffset) / r.offsetSize_) return refuse("offset table runs past its end");
     r.tableOffset_ = tableOffset;
     r.count_ = static_cast<size_t>(count);
     r.top_ = static_cast<value>(top);
+    if (r.count_ > kInlineObjects) r.table_.resize(r.count_);
+    Object* table = r.count_ > kInlineObjects ? r.table_.data() : r.inline_;
+    try {
+        for (size_t i = 0; i < r.count_; ++i) table[i] = r.locate(static_cast<value>(i));
+    } catch (const plist_format_error& e) {
+        return refuse(e.what());
+    }
     return r;
 }
 
 binary_plist_reader::Object binary_plist_reader::locate(value v) const {
-    if (v >= count_) malformed("reference to object " + std::to_string(v) + " of " + std::to_string(count_));
-    // In range by open(): the whole table lies before the trailer.
-    const uint64_t offset = *bytes_.be(tableOffset_ + uint64_t{v} * offsetSize_, offsetSize_);
-    if (offset < kHeaderSize || offset >= tableOffset_) malformed("object offset outside the object area");
+    // In range by open(): the whole offset table lies before the trailer.
+    const uint64_t offset =
+        byte_reader::unchecked_be(bytes_.bytes().data() + tableOffset_ + uint64_t{v} * offsetSize_, offsetSize_);
     // The object area ends where the offset table begins; nothing of an object may reach into it.
-    const byte_reader area(bytes_.bytes().first(static_cast<size_t>(tableOffset_)));
-    Object o{};
-    o.marker = *area.u8(offset);
-    uint64_t pos = offset + 1;
-    const uint8_t kind = o.marker >> 4, low = o.marker & 0x0F;
-
-    // Lengths of 15 or more follow the marker as an integer object.
-    auto length = [&]() -> uint64_t {
-        if (low != 0x0F) return low;
-        auto intMarker = area.u8(pos);
-        if (!intMarker || (*intMarker >> 4) != kInt || (*intMarker & 0x0F) > 3) malformed("bad length");
-        const unsigned width = 1u << (*intMarker & 0x0F);
-        auto n = area.be(pos + 1, width);
-        if (!n) malformed("length runs past the object area");
-        pos += 1 + width;
-        return *n;
-    };
-    auto times = [&](uint64_t n, uint64_t unit) -> uint64_t {
-        if (n > UINT64_MAX / unit) malformed("object size overflows");
-        return n * unit;
-    };
+    const uint64_t end = tableOffset_;
+    if (offset < kHeaderSize || offset >= end) malformed("object offset outside the object area");
+    const uint8_t marker = *bytes_.u8(offset);
+    const uint8_t kind = marker >> 4, low = marker & 0x0F;
+    uint64_t pos = offset + 1, count = 0, size = 0;
 
     switch (kind) {
         case kSimple:
-            if (o.marker != 0x00 && o.marker != 0x08 && o.marker != 0x09) malformed("unknown marker");
-            o.size = 0;
+            if (marker != 0x00 && marker != 0x08 && marker != 0x09) malformed("unknown marker");
             break;
         case kInt:
             if (low > 4) malformed("bad integer size");
-            o.size = uint64_t{1} << low;
+            size = uint64_t{1} << low;
             break;
         case kReal:
             if (low != 2 && low != 3) malformed("bad real size");
-            o.size = uint64_t{1} << low;
+            size = uint64_t{1} << low;
             break;
         case kDate:
-            if (o.marker != 0x33) malformed("bad date marker");
-            o.size = 8;
+            if (marker != 0x33) malformed("bad date marker");
+            size = 8;
+            break;
+        case kUID:
+            size = uint64_t{low} + 1;
             break;
         case kData:
         case kASCII:
-            o.count = length();
-            o.size = o.count;
-            break;
         case kUTF16:
-            o.count = length();
-            o.size = times(o.count, 2);
-            break;
-        case kUID:
-            o.size = uint64_t{low} + 1;
-            break;
         case kArray:
         case kSet:
-            o.count = length();
-            o.size = times(o.count, refSize_);
+        case kDict: {
+            count = low;
+            if (low == 0x0F) {
+                // Lengths of 15 or more follow the marker as an integer object of 1 to 8 bytes.
+                const std::optional<uint8_t> intMarker = pos < end ? bytes_.u8(pos) : std::nullopt;
+                if (!intMarker || (*intMarker >> 4) != kInt || (*intMarker & 0x0F) > 3) malformed("bad length");
+                const unsigned width = 1u << (*intMarker & 0x0F);
+                const std::optional<uint64_t> n = pos + 1 + width <= end ? bytes_.be(pos + 1, width) : std::nullopt;
+                if (!n) malformed("length runs past the object area");
+                count = *n;
+                pos += 1 + width;
+            }
+            // A count beyond the object area is refused before it is multiplied, so nothing overflows.
+            if (count > end) malformed("object runs past the object area");
+            const uint64_t unit = kind == kUTF16 ? 2 : kind == kDict ? 2 * refSize_ : kind >= kArray ? refSize_ : 1;
+            size = count * unit;
             break;
-        case kDict:
-            o.count = length();
-            o.size = times(times(o.count, 2), refSize_);
-            break;
+        }
         default:
             malformed("unknown marker");
     }
-    if (!area.contains(pos, o.size)) malformed("object runs past the object area");
-    o.payload = pos;
-    return o;
+    if (size > end - pos) malformed("object runs past the object area");
+    return Object{static_cast<uint32_t>(pos), static_cast<uint32_t>(size), static_cast<uint32_t>(count), marker};
 }
 
-plist_type binary_plist_reader::type(value v) const {
-    const Object o = locate(v);
-    switch (o.marker >> 4) {
-        case kSimple: return o.marker == 0x00 ? plist_type::null : plist_type::boolean;
-        case kInt: return plist_type::integer;
-        case kReal: return plist_type::real;
-        case kDate: return plist_type::date;
-        case kData: return plist_type::data;
-        case kASCII:
-        case kUTF16: return plist_type::string;
-        case kUID: return plist_type::uid;
-        case kArray: return plist_type::array;
-        case kSet: return plist_type::set;
-        default: return plist_type::dictionary;  // locate() admits no other marker
-    }
+void binary_plist_reader::badReference(value v) const {
+    malformed("reference to object " + std::to_string(v) + " of " + std::to_string(count_));
 }
 
-binary_plist_reader::Object binary_plist_reader::expect(value v, plist_type type, const char* accessor) const {
-    if (this->type(v) != type) throw std::logic_error(std::string("binary_plist_reader::") + accessor +
-                                                      " called on a value of another type");
-    return locate(v);
+void binary_plist_reader::wrongType(const char* accessor) {
+    throw std::logic_error(std::string("binary_plist_reader::") + accessor + " called on a value of another type");
 }
 
 bool binary_plist_reader::boolean(value v) const { return expect(v, plist_type::boolean, "boolean").marker == 0x09; }
 
 std::optional<int64_t> binary_plist_reader::integer(value v) const {
-    const Object o = expect(v, plist_type::integer, "integer");
+    const Object& o = expect(v, plist_type::integer, "integer");
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     if (o.size <= 8) return static_cast<int64_t>(byte_reader::unchecked_be(p, static_cast<unsigned>(o.size)));
     // 16 bytes: a 128-bit two's complement value, which fits when its high half only extends the sign
@@ -181,9 +166,10 @@ std::optional<int64_t> binary_plist_reader::integer(value v) const {
 }
 
 double binary_plist_reader::real(value v) const {
-    const plist_type t = type(v);
-    if (t != plist_type::real && t != plist_type::date) throw std::logic_error("binary_plist_reader::real called on a value of another type");
-    const Object o = locate(v);
+    const Object& o = at(v);
+    const plist_type t = typeOf(o.marker);
+    if (t != plist_type::real && t != plist_type::date)
+        throw std::logic_error("binary_plist_reader::real called on a value of another type");
     const uint64_t bits = byte_reader::unchecked_be(bytes_.bytes().data() + o.payload, static_cast<unsigned>(o.size));
     if (o.size == 4) {
         float f;
@@ -197,18 +183,17 @@ double binary_plist_reader::real(value v) const {
 }
 
 uint32_t binary_plist_reader::uid(value v) const {
-    const Object o = expect(v, plist_type::uid, "uid");
+    const Object& o = expect(v, plist_type::uid, "uid");
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     // Keyed archives number their objects with 32 bits; wider UIDs are refused as CoreFoundation does.
-    const size_t size = static_cast<size_t>(o.size);
-    for (size_t i = 0; i + 4 < size; ++i)
+    for (size_t i = 0; i + 4 < o.size; ++i)
         if (p[i] != 0) malformed("UID value out of range");
-    const unsigned width = size < 4 ? static_cast<unsigned>(size) : 4;
-    return static_cast<uint32_t>(byte_reader::unchecked_be(p + size - width, width));
+    const unsigned width = o.size < 4 ? o.size : 4;
+    return static_cast<uint32_t>(byte_reader::unchecked_be(p + o.size - width, width));
 }
 
 CF::String binary_plist_reader::string(value v) const {
-    const Object o = expect(v, plist_type::string, "string");
+    const Object& o = expect(v, plist_type::string, "string");
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     CFStringRef s = (o.marker >> 4) == kASCII
                         ? CFStringCreateWithBytes(kCFAllocatorDefault, p, static_cast<CFIndex>(o.size),
@@ -220,8 +205,8 @@ CF::String binary_plist_reader::string(value v) const {
 }
 
 bool binary_plist_reader::string_equals(value v, std::string_view ascii) const {
-    if (type(v) != plist_type::string) return false;
-    const Object o = locate(v);
+    const Object& o = at(v);
+    if (typeOf(o.marker) != plist_type::string) return false;
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     if (o.count != ascii.size()) return false;
     if ((o.marker >> 4) == kASCII) return std::memcmp(p, ascii.data(), ascii.size()) == 0;
@@ -231,12 +216,12 @@ bool binary_plist_reader::string_equals(value v, std::string_view ascii) const {
 }
 
 std::span<const uint8_t> binary_plist_reader::data_bytes(value v) const {
-    const Object o = expect(v, plist_type::data, "data_bytes");
+    const Object& o = expect(v, plist_type::data, "data_bytes");
     return bytes_.bytes().subspan(static_cast<size_t>(o.payload), static_cast<size_t>(o.size));
 }
 
 size_t binary_plist_reader::count(value v) const {
-    const Object o = locate(v);
+    const Object& o = at(v);
     const uint8_t kind = o.marker >> 4;
     if (kind != kArray && kind != kSet && kind != kDict)
         throw std::logic_error("binary_plist_reader::count called on a value that is not a collection");
@@ -250,7 +235,7 @@ binary_plist_reader::value binary_plist_reader::ref_at(uint64_t offset) const {
 }
 
 binary_plist_reader::value binary_plist_reader::element(value v, size_t i) const {
-    const Object o = locate(v);
+    const Object& o = at(v);
     const uint8_t kind = o.marker >> 4;
     if (kind != kArray && kind != kSet)
         throw std::logic_error("binary_plist_reader::element called on a value that is not an array");
@@ -258,49 +243,28 @@ binary_plist_reader::value binary_plist_reader::element(value v, size_t i) const
     return ref_at(o.payload + uint64_t{i} * refSize_);
 }
 
-void binary_plist_reader::dictionary::push(std::string_view key, value v) {
-    if (size_ < kInline) {
-        inline_[size_] = Entry{key, v};
-    } else {
-        overflow_.push_back(Entry{key, v});
-    }
-    ++size_;
+std::string_view binary_plist_reader::dictionary::key(size_t i) const {
+    const value k = key_object(i);
+    const Object& o = reader_->at(k);
+    if ((o.marker >> 4) == kASCII)
+        return {reinterpret_cast<const char*>(reader_->bytes_.bytes().data() + o.payload), o.size};
+    if ((o.marker >> 4) != kUTF16) malformed("dictionary key is not a string");
+    return *converted_.emplace_back(std::make_unique<std::string>(reader_->string(k).utf8()));
 }
 
 binary_plist_reader::value binary_plist_reader::dictionary::find(std::string_view key) const {
-    for (size_t i = size_; i-- > 0;) {
-        const Entry& e = entry(i);
-        if (e.key.size() == key.size() && std::memcmp(e.key.data(), key.data(), key.size()) == 0) return e.object;
+    for (size_t i = count_; i-- > 0;) {
+        const value k = key_object(i);
+        const uint8_t kind = reader_->at(k).marker >> 4;
+        if (kind != kASCII && kind != kUTF16) malformed("dictionary key is not a string");
+        if (reader_->string_equals(k, key)) return value_at(i);
     }
     return none;
 }
 
 binary_plist_reader::dictionary binary_plist_reader::open_dictionary(value v) const {
-    const Object o = expect(v, plist_type::dictionary, "open_dictionary");
-    dictionary d;
-    if (o.count > dictionary::kInline) d.overflow_.reserve(static_cast<size_t>(o.count) - dictionary::kInline);
-    const uint64_t valuesAt = o.payload + o.count * refSize_;
-    for (uint64_t i = 0; i < o.count; ++i) {
-        const value k = ref_at(o.payload + i * refSize_);
-        const value val = ref_at(valuesAt + i * refSize_);
-        const Object ko = locate(k);
-        const uint8_t* p = bytes_.bytes().data() + ko.payload;
-        const size_t size = static_cast<size_t>(ko.size);
-        // Keys are strings without NUL characters, as CoreFoundation requires of every dictionary.
-        if ((ko.marker >> 4) == kASCII) {
-            if (std::memchr(p, 0, size)) malformed("dictionary key holds a NUL character");
-            d.push(std::string_view(reinterpret_cast<const char*>(p), size), val);
-        } else if ((ko.marker >> 4) == kUTF16) {
-            CF::String s = string(k);
-            auto utf8 = std::make_unique<std::string>(s.utf8());
-            if (utf8->find('\0') != std::string::npos) malformed("dictionary key holds a NUL character");
-            d.push(*utf8, val);
-            d.converted_.push_back(std::move(utf8));
-        } else {
-            malformed("dictionary key is not a string");
-        }
-    }
-    return d;
+    const Object& o = expect(v, plist_type::dictionary, "open_dictionary");
+    return dictionary(*this, o.payload, o.count);
 }
 
 }  // namespace Quiver::Support

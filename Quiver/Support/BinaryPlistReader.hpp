@@ -6,9 +6,13 @@
 // (what type object 7 is, which value a dictionary holds under "RelativePath", the bytes of a data
 // object) and builds CoreFoundation values only for what a caller asks to keep.
 //
-// The bytes are untrusted. Every offset, reference and length is checked through byte_reader before
-// it is used; an object that is malformed or lies outside the object area throws plist_format_error
-// when it is read. Objects that are never read are never looked at. No operation recurses.
+// The bytes are untrusted. open() reads the offset table once and locates every object, checking its
+// marker, length and position through byte_reader, and refuses a list in which any object is malformed
+// or reaches outside the object area; after that the questions are answered from that table. What
+// depends on the relations between objects (a reference that names no object, a dictionary key that is
+// not a string, a UID wider than 32 bits) and the validity of text is checked when it is read, and
+// throws plist_format_error. No operation recurses, so a list that refers to itself can be read
+// without harm.
 #pragma once
 
 #include <cstdint>
@@ -44,20 +48,23 @@ public:
     // An object of the list by its number; `none` stands for "no such value" (a missing key).
     using value = uint32_t;
     static constexpr value none = UINT32_MAX;
+    // More objects than any record or attribute list holds; the table of a list costs 16 bytes an object.
+    static constexpr size_t max_objects = size_t{1} << 20;
 
     // Whether the bytes begin with the binary property-list signature "bplist00".
     static bool has_signature(std::span<const uint8_t> bytes);
 
-    // Checks the signature, the trailer and the position of the offset table; nullopt when any of them
-    // is wrong. The bytes must outlive the reader and everything it hands out by view.
-    static std::optional<binary_plist_reader> open(std::span<const uint8_t> bytes);
+    // Checks the signature and the trailer and locates every object in one pass over the offset table.
+    // nullopt when any of that is wrong or the list has more than max_objects objects (with the reason in
+    // *problem when given). The bytes must outlive the reader and everything it hands out by view.
+    static std::optional<binary_plist_reader> open(std::span<const uint8_t> bytes, std::string* problem = nullptr);
 
     value top() const { return top_; }
     size_t object_count() const { return count_; }
 
     // Each accessor below throws plist_format_error when the object is malformed, and std::logic_error
     // when it is asked for a type the object does not have (the caller checks type() first).
-    plist_type type(value v) const;
+    plist_type type(value v) const { return typeOf(at(v).marker); }
     bool boolean(value v) const;
     // The 64-bit two's complement value; nullopt for a 16-byte integer that needs more than 64 bits.
     std::optional<int64_t> integer(value v) const;
@@ -75,44 +82,67 @@ public:
     size_t count(value v) const;
     value element(value v, size_t i) const;
 
-    // A dictionary's entries, read once so that repeated lookups cost no further decoding. Keys are
-    // viewed as UTF-8 (in place for ASCII keys).
+    // A view of a dictionary's entries, which reads keys and values from the bytes as it is asked.
     class dictionary {
     public:
-        size_t size() const { return size_; }
-        std::string_view key(size_t i) const { return entry(i).key; }
-        value value_at(size_t i) const { return entry(i).object; }
+        size_t size() const { return count_; }
+        // The key as a string object of the list.
+        value key_object(size_t i) const { return reader_->ref_at(payload_ + uint64_t{i} * reader_->refSize_); }
+        // The key's text: in place for ASCII keys; UTF-16 keys are converted to UTF-8 and kept with the view.
+        std::string_view key(size_t i) const;
+        value value_at(size_t i) const {
+            return reader_->ref_at(payload_ + (uint64_t{count_} + i) * reader_->refSize_);
+        }
         // The value of the last entry with this key (as CoreFoundation keeps the last), or `none`.
         value find(std::string_view key) const;
 
     private:
         friend class binary_plist_reader;
-        struct Entry {
-            std::string_view key;
-            binary_plist_reader::value object;
-        };
-        static constexpr size_t kInline = 16;
-        const Entry& entry(size_t i) const { return i < kInline ? inline_[i] : overflow_[i - kInline]; }
-        void push(std::string_view key, value v);
-
-        Entry inline_[kInline];
-        std::vector<Entry> overflow_;
-        size_t size_ = 0;
-        // UTF-8 forms of keys stored as UTF-16.
-        std::vector<std::unique_ptr<std::string>> converted_;
+        dictionary(const binary_plist_reader& reader, uint32_t payload, uint32_t count)
+            : reader_(&reader), payload_(payload), count_(count) {}
+        const binary_plist_reader* reader_;
+        uint32_t payload_;
+        uint32_t count_;
+        mutable std::vector<std::unique_ptr<std::string>> converted_;
     };
     dictionary open_dictionary(value v) const;
 
 private:
+    // An object as located by open(); its payload lies inside the object area.
     struct Object {
+        uint32_t payload;  // offset of the bytes after the marker and length
+        uint32_t size;     // bytes of payload
+        uint32_t count;    // length of data and strings, elements of containers, entries of dictionaries
         uint8_t marker;
-        uint64_t count;      // length of data and strings, elements of containers, entries of dictionaries
-        uint64_t payload;    // offset of the bytes after the marker and length
-        uint64_t size;       // bytes of payload
     };
+    // Lists of up to this many objects keep their table inside the reader.
+    static constexpr size_t kInlineObjects = 48;
+
     binary_plist_reader() = default;
+    const Object& at(value v) const {
+        if (v >= count_) [[unlikely]]
+            badReference(v);
+        return count_ > kInlineObjects ? table_[v] : inline_[v];
+    }
+    [[noreturn]] void badReference(value v) const;
     Object locate(value v) const;
-    Object expect(value v, plist_type type, const char* accessor) const;
+    // The type of an object by its marker (open() admits no marker outside this table).
+    static plist_type typeOf(uint8_t marker) {
+        constexpr plist_type kByKind[16] = {
+            plist_type::null,   plist_type::integer, plist_type::real,  plist_type::date,
+            plist_type::data,   plist_type::string,  plist_type::string, plist_type::null,
+            plist_type::uid,    plist_type::null,    plist_type::array, plist_type::null,
+            plist_type::set,    plist_type::dictionary, plist_type::null, plist_type::null,
+        };
+        return marker == 0x08 || marker == 0x09 ? plist_type::boolean : kByKind[marker >> 4];
+    }
+    const Object& expect(value v, plist_type type, const char* accessor) const {
+        const Object& o = at(v);
+        if (typeOf(o.marker) != type) [[unlikely]]
+            wrongType(accessor);
+        return o;
+    }
+    [[noreturn]] static void wrongType(const char* accessor);
     value ref_at(uint64_t offset) const;
     [[noreturn]] static void malformed(const std::string& what);
 
@@ -122,6 +152,8 @@ private:
     unsigned refSize_ = 0;
     size_t count_ = 0;
     value top_ = none;
+    Object inline_[kInlineObjects];
+    std::vector<Object> table_;  // lists of more objects
 };
 
 }  // namespace Quiver::Support

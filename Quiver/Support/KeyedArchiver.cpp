@@ -368,17 +368,22 @@ template std::optional<uint32_t> extract_uid(const binary_plist_reader&, binary_
 
 template <class Store>
 archive_top<Store> check_archive(const Store& store, typename Store::value top) {
+    // One pass over the keys (the last of equal keys counts, as in a dictionary).
     const auto d = store.open_dictionary(top);
-    const auto archiver = d.find("$archiver");
+    auto archiver = Store::none, version = Store::none, topObject = Store::none, objects = Store::none;
+    for (size_t i = 0; i < d.size(); ++i) {
+        const std::string_view key = d.key(i);
+        if (key == "$archiver") archiver = d.value_at(i);
+        else if (key == "$version") version = d.value_at(i);
+        else if (key == "$top") topObject = d.value_at(i);
+        else if (key == "$objects") objects = d.value_at(i);
+    }
     if (archiver == Store::none || !store.string_equals(archiver, "NSKeyedArchiver")) throw invalid_creator();
-    const auto version = d.find("$version");
     if (version == Store::none) throw missing_version();
     if (store.type(version) != plist_type::integer) throw unknown_version(std::nullopt);
     const std::optional<int64_t> number = store.integer(version);
     if (number != kArchiveVersion) throw unknown_version(number);
-    const auto topObject = d.find("$top");
     if (topObject == Store::none) throw missing_top();
-    const auto objects = d.find("$objects");
     if (objects == Store::none || store.type(objects) != plist_type::array) throw missing_objects();
     if (store.type(topObject) != plist_type::dictionary) throw missing_root();
     const auto root = detail::extract_uid(store, store.open_dictionary(topObject).find("root"));

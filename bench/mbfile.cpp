@@ -1,0 +1,243 @@
+// MBFile blobs: decoding and encoding one record, and what 500,000 decoded records cost in time and
+// resident memory (the size of a large device's Manifest.db).
+//
+// The blobs are laid out as devices write them (path by UID, digest as plain data, key as an
+// NSMutableData object, attributes as data holding a property list, a "Flags" key the record does not
+// keep), in the proportions of a real iOS 14 manifest: 70% without key or digest (directories and
+// empty files), 15% with a key, 13% with key and digest, 2% with attributes. For comparison the same
+// blobs are decoded from their XML form, which goes through CFPropertyListCreateWithData, and the
+// binary form is parsed by CFPropertyListCreateWithData alone.
+//
+// QUIVER_BENCH_RECORDS sets the number of records of the memory run (default 500000).
+#include <benchmark/benchmark.h>
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "Quiver/CF/CF.hpp"
+#include "Quiver/MB/File.hpp"
+#include "Quiver/Support/KeyedArchiver.hpp"
+
+using Quiver::Support::cf_value;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+cf_value UID(uint32_t n) { return cf_value::Adopt(_CFKeyedArchiverUIDCreate(kCFAllocatorDefault, n)); }
+
+CF::Dictionary ClassDescription(std::initializer_list<const char*> classes) {
+    CF::Dictionary d = CF::Dictionary::CreateMutable();
+    d.Set("$classname", CF::String(*classes.begin()));
+    CF::Array names = CF::Array::CreateMutable();
+    for (const char* c : classes) names.Append(CF::String(c));
+    d.Set("$classes", names);
+    return d;
+}
+
+Bytes Serialize(CFTypeRef plist, CFPropertyListFormat format) {
+    return CF::Data::Adopt(CFPropertyListCreateData(kCFAllocatorDefault, plist, format, 0, nullptr)).vector();
+}
+
+// {"CF$UID": n} in place of every UID, the XML spelling.
+cf_value WithoutUIDs(CFTypeRef value) {
+    const CFTypeID t = CFGetTypeID(value);
+    if (t == _CFKeyedArchiverUIDGetTypeID()) {
+        CF::Dictionary d = CF::Dictionary::CreateMutable();
+        d.Set("CF$UID", CF::Number(int64_t{_CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(value))}));
+        return cf_value::Retain(d.get());
+    }
+    if (t == CFDictionaryGetTypeID()) {
+        CF::Dictionary out = CF::Dictionary::CreateMutable();
+        for (const auto& [k, v] : CF::Dictionary::Retain(static_cast<CFDictionaryRef>(value)).Entries())
+            out.Set(k, WithoutUIDs(v).get());
+        return cf_value::Retain(out.get());
+    }
+    if (t == CFArrayGetTypeID()) {
+        CF::Array out = CF::Array::CreateMutable();
+        for (CFTypeRef v : CF::Array::Retain(static_cast<CFArrayRef>(value))) out.Append(WithoutUIDs(v).get());
+        return cf_value::Retain(out.get());
+    }
+    return cf_value::Retain(value);
+}
+
+Bytes Pattern(size_t n, uint32_t seed) {
+    Bytes b(n);
+    for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>((seed * 2654435761u) >> (i % 24));
+    return b;
+}
+
+// The archive of record i, as a device lays it out.
+CF::Dictionary DeviceArchive(uint32_t i) {
+    const uint32_t kind = i % 100;
+    const bool hasKey = kind >= 70, hasDigest = kind >= 85, hasAttributes = kind >= 98;
+    CF::Array objects = CF::Array::CreateMutable();
+    objects.Append(CF::String("$null"));
+    CF::Dictionary root = CF::Dictionary::CreateMutable();
+    objects.Append(root);
+    auto add = [&](CFTypeRef v) {
+        objects.Append(v);
+        return static_cast<uint32_t>(objects.size() - 1);
+    };
+    root.Set("LastModified", CF::Number(int64_t{1610674653} + i));
+    root.Set("Flags", CF::Number(int64_t{0}));
+    root.Set("GroupID", CF::Number(int64_t{501}));
+    root.Set("LastStatusChange", CF::Number(int64_t{1610674660} + i));
+    root.Set("Birth", CF::Number(int64_t{1610674600}));
+    root.Set("Size", CF::Number(int64_t{hasKey ? 1620 + i : 0}));
+    root.Set("Mode", CF::Number(int64_t{hasKey ? 0100644 : 040755}));
+    root.Set("UserID", CF::Number(int64_t{501}));
+    root.Set("InodeNumber", CF::Number(int64_t{100000} + i));
+    root.Set("ProtectionClass", CF::Number(int64_t{hasKey ? 3 : 0}));
+    const std::string path = "Library/Application Support/com.example.app" + std::to_string(i % 97) + "/Cache/item-" +
+                             std::to_string(i);
+    root.Set("RelativePath", UID(add(CF::String(path).get())));
+    if (hasDigest) root.Set("Digest", UID(add(CF::Data(Pattern(20, i)).get())));
+    if (hasKey) {
+        CF::Dictionary key = CF::Dictionary::CreateMutable();
+        Bytes wrapped = Pattern(44, i + 7);
+        wrapped[0] = 3, wrapped[1] = wrapped[2] = wrapped[3] = 0;
+        key.Set("NS.data", CF::Data(wrapped));
+        const uint32_t keyId = add(key.get());
+        key.Set("$class", UID(add(ClassDescription({"NSMutableData", "NSData", "NSObject"}).get())));
+        root.Set("EncryptionKey", UID(keyId));
+    }
+    if (hasAttributes) {
+        CF::Dictionary xattrs = CF::Dictionary::CreateMutable();
+        xattrs.Set("com.apple.TextEncoding", CF::Data(Bytes{'u', 't', 'f', '-', '8'}));
+        xattrs.Set("com.apple.assetsd.UUID", CF::Data(Pattern(36, i)));
+        root.Set("ExtendedAttributes", UID(add(CF::Data(Serialize(xattrs.get(), kCFPropertyListBinaryFormat_v1_0)).get())));
+    }
+    root.Set("$class", UID(add(ClassDescription({"MBFile", "NSObject"}).get())));
+    CF::Dictionary top = CF::Dictionary::CreateMutable();
+    top.Set("root", UID(1));
+    CF::Dictionary archive = CF::Dictionary::CreateMutable();
+    archive.Set("$version", CF::Number(int64_t{100000}));
+    archive.Set("$archiver", CF::String("NSKeyedArchiver"));
+    archive.Set("$top", top);
+    archive.Set("$objects", objects);
+    return archive;
+}
+
+constexpr uint32_t kDistinctBlobs = 1000;
+
+const std::vector<Bytes>& BinaryBlobs() {
+    static const std::vector<Bytes> blobs = [] {
+        std::vector<Bytes> v;
+        for (uint32_t i = 0; i < kDistinctBlobs; ++i)
+            v.push_back(Serialize(DeviceArchive(i).get(), kCFPropertyListBinaryFormat_v1_0));
+        return v;
+    }();
+    return blobs;
+}
+
+const std::vector<Bytes>& XMLBlobs() {
+    static const std::vector<Bytes> blobs = [] {
+        std::vector<Bytes> v;
+        for (uint32_t i = 0; i < kDistinctBlobs; ++i)
+            v.push_back(Serialize(WithoutUIDs(DeviceArchive(i).get()).get(), kCFPropertyListXMLFormat_v1_0));
+        return v;
+    }();
+    return blobs;
+}
+
+void DecodeBinary(benchmark::State& state) {
+    const auto& blobs = BinaryBlobs();
+    size_t i = 0, bytes = 0;
+    for (auto _ : state) {
+        const Bytes& blob = blobs[i++ % blobs.size()];
+        auto f = MB::File::Decode(blob);
+        if (!f) state.SkipWithError("a blob did not decode");
+        benchmark::DoNotOptimize(f);
+        bytes += blob.size();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(bytes));
+}
+BENCHMARK(DecodeBinary);
+
+void DecodeXMLThroughCoreFoundation(benchmark::State& state) {
+    const auto& blobs = XMLBlobs();
+    size_t i = 0;
+    for (auto _ : state) {
+        auto f = MB::File::Decode(blobs[i++ % blobs.size()]);
+        if (!f) state.SkipWithError("a blob did not decode");
+        benchmark::DoNotOptimize(f);
+    }
+}
+BENCHMARK(DecodeXMLThroughCoreFoundation);
+
+// Only the parse that the in-place reader saves: the binary blob into CoreFoundation values.
+void ParseBinaryWithCoreFoundation(benchmark::State& state) {
+    const auto& blobs = BinaryBlobs();
+    size_t i = 0;
+    for (auto _ : state) {
+        const Bytes& blob = blobs[i++ % blobs.size()];
+        CF::Data data = CF::Data::NoCopy(blob);
+        cf_value plist = cf_value::Adopt(CFPropertyListCreateWithData(kCFAllocatorDefault, data.get(), 0, nullptr, nullptr));
+        benchmark::DoNotOptimize(plist.get());
+    }
+}
+BENCHMARK(ParseBinaryWithCoreFoundation);
+
+void Encode(benchmark::State& state) {
+    std::vector<MB::File> files;
+    for (const Bytes& blob : BinaryBlobs()) files.push_back(*MB::File::Decode(blob));
+    size_t i = 0;
+    for (auto _ : state) {
+        CF::Data blob = files[i++ % files.size()].Encode();
+        benchmark::DoNotOptimize(blob.get());
+    }
+}
+BENCHMARK(Encode);
+
+size_t ResidentBytes() {
+    std::ifstream statm("/proc/self/statm");
+    size_t pages = 0, resident = 0;
+    statm >> pages >> resident;
+    return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
+size_t RecordCount() {
+    if (const char* text = std::getenv("QUIVER_BENCH_RECORDS")) {
+        char* end = nullptr;
+        const unsigned long long n = std::strtoull(text, &end, 10);
+        if (end != text && *end == '\0' && n > 0) return n;
+    }
+    return 500000;
+}
+
+// Every record a blob of its own (as rows of a database are), decoded and kept. Reports the decoding
+// time of all records and the resident memory they hold, per record.
+void DecodeAndKeepManyRecords(benchmark::State& state) {
+    const size_t n = RecordCount();
+    std::vector<Bytes> blobs;
+    blobs.reserve(n);
+    for (size_t i = 0; i < n; ++i) {
+        // Copies of the distinct blobs; each decoded record still owns all of its objects.
+        blobs.push_back(BinaryBlobs()[i % kDistinctBlobs]);
+    }
+    for (auto _ : state) {
+        std::vector<MB::File> records;
+        records.reserve(n);
+        const size_t before = ResidentBytes();
+        const auto start = std::chrono::steady_clock::now();
+        for (const Bytes& blob : blobs) records.push_back(*MB::File::Decode(blob));
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        const size_t after = ResidentBytes();
+        state.counters["records"] = static_cast<double>(n);
+        state.counters["decode_s_total"] = took.count();
+        state.counters["resident_bytes_per_record"] = static_cast<double>(after - before) / static_cast<double>(n);
+        state.counters["sizeof_MBFile"] = sizeof(MB::File);
+    }
+}
+BENCHMARK(DecodeAndKeepManyRecords)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
