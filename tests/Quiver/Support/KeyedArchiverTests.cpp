@@ -1,0 +1,258 @@
+// The keyed archiver's layout and uniquing, the unarchiver over both stores (CoreFoundation values and
+// binary bytes read in place), and the binary reader's refusal of malformed lists.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "Quiver/Support/BinaryPlistReader.hpp"
+#include "Quiver/Support/KeyedArchiver.hpp"
+#include "Quiver/Support/PlistValues.hpp"
+
+using namespace Quiver::Support;
+using namespace plist_values;
+namespace ax = Quiver::Support::archiver_exceptions;
+
+namespace {
+
+uint32_t UIDValue(CFTypeRef v) {
+    EXPECT_TRUE(v && CFGetTypeID(v) == _CFKeyedArchiverUIDGetTypeID());
+    return v ? _CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(v)) : UINT32_MAX;
+}
+
+// Runs f(unarchiver, root UID) over the archive as CoreFoundation values and as binary bytes.
+template <class F>
+void ForBothStores(const CF::Dictionary& archive, F&& f) {
+    {
+        SCOPED_TRACE("CoreFoundation values");
+        cf_plist_store store;
+        const auto top = check_archive(store, archive.get());
+        keyed_unarchiver u(store, top.objects);
+        f(u, top.root);
+    }
+    {
+        SCOPED_TRACE("binary bytes");
+        const Bytes bytes = Serialize(archive.get());
+        auto reader = binary_plist_reader::open(bytes);
+        ASSERT_TRUE(reader);
+        const auto top = check_archive(*reader, reader->top());
+        binary_keyed_unarchiver u(*reader, top.objects);
+        f(u, top.root);
+    }
+}
+
+// An archive whose root is object 1 of `objects` ("$null" first).
+CF::Dictionary ArchiveOf(const CF::Array& objects) {
+    return Dict({{"$archiver", "NSKeyedArchiver"}, {"$version", 100000}, {"$top", Dict({{"root", UID(1)}})},
+                 {"$objects", objects}});
+}
+
+template <class E, class F>
+std::string Thrown(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "(nothing thrown)";
+}
+
+class KeyedArchiverWriting : public ::testing::Test {
+protected:
+    keyed_archiver archiver;
+    int identity = 0, other = 0;
+};
+
+TEST_F(KeyedArchiverWriting, ArchiveHasHeaderRootAndNullFirst) {
+    archiver.encode_object(keyed_archiver::root_key, &identity, {"Thing", "NSObject"},
+                           [](keyed_archiver& a) { a.encode_int64("n", 7); });
+    CF::Dictionary archive = archiver.finishEncoding();
+    EXPECT_EQ(archive.Get<CF::String>("$archiver").utf8(), "NSKeyedArchiver");
+    EXPECT_EQ(archive.Get<CF::Number>("$version").Int64(), 100000);
+    auto objects = archive.Get<CF::Array>("$objects");
+    EXPECT_EQ(objects.at<CF::String>(0).utf8(), "$null");
+    const uint32_t root = UIDValue(archive.Get<CF::Dictionary>("$top").Get("root"));
+    CF::Dictionary thing = objects.at<CF::Dictionary>(root);
+    EXPECT_EQ(thing.Get<CF::Number>("n").Int64(), 7);
+    CF::Dictionary cls = objects.at<CF::Dictionary>(UIDValue(thing.Get("$class")));
+    EXPECT_EQ(cls.Get<CF::String>("$classname").utf8(), "Thing");
+    EXPECT_EQ(cls.Get<CF::Array>("$classes").at<CF::String>(1).utf8(), "NSObject");
+    EXPECT_THROW(archiver.encode_int64("late", 1), std::logic_error);
+}
+
+TEST_F(KeyedArchiverWriting, ObjectsAreUniquedByIdentityAndClassesByName) {
+    CF::String text("same text"), equalText("same text");
+    int bodies = 0;
+    auto body = [&](keyed_archiver& a) {
+        ++bodies;
+        a.encode_string("a", text.get());
+        a.encode_string("b", text.get());
+        a.encode_string("c", equalText.get());
+    };
+    archiver.encode_object("first", &identity, {"Item"}, body);
+    archiver.encode_object("again", &identity, {"Item"}, body);
+    archiver.encode_object("other", &other, {"Item"}, [](keyed_archiver&) {});
+    CF::Dictionary archive = archiver.finishEncoding();
+    EXPECT_EQ(bodies, 1);
+    auto top = archive.Get<CF::Dictionary>("$top");
+    auto objects = archive.Get<CF::Array>("$objects");
+    EXPECT_EQ(UIDValue(top.Get("first")), UIDValue(top.Get("again")));
+    CF::Dictionary first = objects.at<CF::Dictionary>(UIDValue(top.Get("first")));
+    CF::Dictionary second = objects.at<CF::Dictionary>(UIDValue(top.Get("other")));
+    EXPECT_EQ(UIDValue(first.Get("a")), UIDValue(first.Get("b")));
+    EXPECT_NE(UIDValue(first.Get("a")), UIDValue(first.Get("c")));  // equal, but another object
+    EXPECT_EQ(UIDValue(first.Get("$class")), UIDValue(second.Get("$class")));
+}
+
+TEST_F(KeyedArchiverWriting, UIDRulesAndConditionalReferences) {
+    EXPECT_EQ(Thrown<ax::nullopt_uid>([&] { archiver.set("key", std::nullopt); }), "Attempted to set a key to a nullopt uid");
+    EXPECT_EQ(archiver._referenceObject(&identity, true), std::nullopt);
+    archiver.encode_conditional_object("before", &identity);
+    archiver.encode_object("object", &identity, {"Item"}, [](keyed_archiver&) {});
+    archiver.encode_conditional_object("after", &identity);
+    CF::Dictionary top = archiver.finishEncoding().Get<CF::Dictionary>("$top");
+    EXPECT_EQ(UIDValue(top.Get("before")), 0u);
+    EXPECT_EQ(UIDValue(top.Get("after")), UIDValue(top.Get("object")));
+}
+
+TEST_F(KeyedArchiverWriting, FailedObjectIsClosedSoThatEncodingGoesOn) {
+    EXPECT_THROW(archiver.encode_object("bad", &identity, {"Item"},
+                                        [](keyed_archiver& a) { a.encode_dictionary("d", Dict({{"u", CF::UUID::Create()}}).get()); }),
+                 ax::unsupported_value);
+    archiver.encode_int64("after", 1);
+    EXPECT_TRUE(archiver.finishEncoding().Get<CF::Dictionary>("$top").Contains("after"));
+}
+
+// ---- Reading ----
+
+TEST(KeyedUnarchiver, ArchivedValuesComeBackInBothStores) {
+    CF::Dictionary nested = Dict({{"data", Bytes{1, 2, 3}}, {"list", Arr({"x", int64_t{-4}, CF::Boolean(true)})},
+                                  {"when", CF::Date(12345.5)}, {"inner", Dict({{"k", "v"}})}});
+    keyed_archiver archiver;
+    archiver.encode_object(keyed_archiver::root_key, &archiver, {"Holder"},
+                           [&](keyed_archiver& a) { a.encode_dictionary("value", nested.get()); });
+    ForBothStores(archiver.finishEncoding(), [&](auto& u, uint32_t root) {
+        u.decode_object(root, [&](auto& u, auto) {
+            EXPECT_EQ(u.class_name(), "Holder");
+            auto value = u.decode_dictionary("value");
+            ASSERT_TRUE(value);
+            EXPECT_TRUE(*value == nested) << CF::Describe(value->get());
+            EXPECT_FALSE(u.decode_dictionary("absent"));
+        });
+    });
+}
+
+TEST(KeyedUnarchiver, CyclesDepthAndRangeAreRefused) {
+    // 1 refers to itself through an array; 2 starts a chain of 200 nested arrays; 3 names object 999.
+    CF::Array objects = Arr({"$null", Dict({{"NS.objects", Arr({UID(1)})}})});
+    objects.Append(Dict({{"NS.objects", Arr({UID(4)})}}));
+    objects.Append(Dict({{"NS.objects", Arr({UID(999)})}}));
+    for (uint32_t i = 4; i < 204; ++i) objects.Append(Dict({{"NS.objects", Arr({UID(i + 1)})}}));
+    objects.Append(CF::String("end"));
+    ForBothStores(ArchiveOf(objects), [](auto& u, uint32_t) {
+        EXPECT_EQ(Thrown<ax::decode_cycle>([&] { u.decode_value(1); }), "A cycle was detected when decoding the archive");
+        EXPECT_EQ(Thrown<ax::nesting_too_deep>([&] { u.decode_value(2); }), "Archive nests its objects too deeply");
+        EXPECT_EQ(Thrown<ax::uid_out_of_range>([&] { u.decode_value(3); }),
+                  "Archive refers to object 999 but holds only 205 objects");
+        // The stack unwinds with the exceptions: a fresh decode is not taken for a cycle.
+        EXPECT_EQ(CF::Describe(u.decode_value(204).get()), "end");
+    });
+}
+
+TEST(KeyedUnarchiver, UnknownClassesAndWrongTypesAreNamed) {
+    CF::Array objects = Arr({"$null", Dict({{"$class", UID(2)}, {"n", "text"}, {"s", UID(3)}}),
+                             Dict({{"$classname", "NSWidget"}, {"$classes", Arr({"NSWidget"})}}), Bytes{9}});
+    ForBothStores(ArchiveOf(objects), [](auto& u, uint32_t root) {
+        EXPECT_EQ(Thrown<ax::cant_decode_as_value>([&] { u.decode_value(root); }), "Cant decode type 'NSWidget' as value");
+        u.decode_object(root, [](auto& u, auto) {
+            EXPECT_EQ(Thrown<ax::cant_decode_as_value>([&] { u.decode_integer("n"); }),
+                      "Cant decode type 'string' as 64-bit integer");
+            EXPECT_EQ(Thrown<ax::cant_decode_as_value>([&] { u.decode_string("s"); }), "Cant decode type 'data' as string");
+        });
+    });
+}
+
+TEST(KeyedUnarchiver, UIDsAreReadInBothSpellings) {
+    cf_plist_store store;
+    CF::Dictionary xml = Dict({{"CF$UID", 5}}), negative = Dict({{"CF$UID", -1}}), extra = Dict({{"CF$UID", 5}, {"x", 1}});
+    EXPECT_EQ(detail::extract_uid(store, UID(5).get()), 5u);
+    EXPECT_EQ(detail::extract_uid(store, xml.get()), 5u);
+    EXPECT_EQ(detail::extract_uid(store, negative.get()), std::nullopt);
+    EXPECT_EQ(detail::extract_uid(store, extra.get()), std::nullopt);
+    EXPECT_EQ(detail::extract_uid(store, CF::Number(int64_t{5}).get()), std::nullopt);
+}
+
+// ---- The binary reader on hand-made lists ----
+
+// A binary list from raw object bytes; references are one byte, offsets two.
+Bytes BinaryList(const std::vector<Bytes>& objects, uint64_t top = 0) {
+    Bytes out = {'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+    std::vector<size_t> offsets;
+    for (const Bytes& o : objects) {
+        offsets.push_back(out.size());
+        out.insert(out.end(), o.begin(), o.end());
+    }
+    const uint64_t table = out.size();
+    for (size_t off : offsets) out.insert(out.end(), {static_cast<uint8_t>(off >> 8), static_cast<uint8_t>(off)});
+    Bytes trailer(32, 0);
+    trailer[6] = 2, trailer[7] = 1;
+    for (int i = 0; i < 8; ++i) {
+        trailer[8 + i] = static_cast<uint8_t>(uint64_t{objects.size()} >> (56 - 8 * i));
+        trailer[16 + i] = static_cast<uint8_t>(top >> (56 - 8 * i));
+        trailer[24 + i] = static_cast<uint8_t>(table >> (56 - 8 * i));
+    }
+    out.insert(out.end(), trailer.begin(), trailer.end());
+    return out;
+}
+
+TEST(BinaryPlistReader, ReadsValuesInPlace) {
+    const Bytes list = BinaryList({
+        {0xA4, 1, 2, 3, 0},                                           // array of 1, 2, 3 and itself
+        {0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0x80, 0, 0, 0, 0, 0, 0, 1},    // 2^63 + 1 in 16 bytes
+        {0x62, 0, 0xDC, 0, 'x'},                                      // UTF-16 "Üx"
+        {0x4F, 0x10, 20, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20},
+    });
+    auto r = binary_plist_reader::open(list);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->count(0), 4u);
+    EXPECT_EQ(r->element(0, 3), 0u);  // a list may contain itself; nothing follows it
+    EXPECT_EQ(r->integer(1), static_cast<int64_t>(0x8000000000000001ULL));
+    EXPECT_EQ(r->string(2).utf8(), "\xC3\x9Cx");
+    EXPECT_EQ(r->data_bytes(3).size(), 20u);
+    EXPECT_THROW(r->integer(2), std::logic_error);
+}
+
+TEST(BinaryPlistReader, MalformedListsAreRefusedWhole) {
+    std::string why;
+    EXPECT_FALSE(binary_plist_reader::open(Bytes{'b', 'p', 'l', 'i', 's', 't', '0', '0'}, &why));
+    EXPECT_EQ(why, "too short");
+    Bytes top = BinaryList({{0x08}}, 1);
+    EXPECT_FALSE(binary_plist_reader::open(top, &why));
+    EXPECT_EQ(why, "bad object count");
+    EXPECT_FALSE(binary_plist_reader::open(BinaryList({{0x4F, 0x13, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}), &why));
+    EXPECT_EQ(why, "Malformed binary property list: object runs past the object area");
+    EXPECT_FALSE(binary_plist_reader::open(BinaryList({{0x53, 'a', 'b'}}), &why));  // reaches into the table
+    EXPECT_FALSE(binary_plist_reader::open(BinaryList({{0x70}}), &why));
+    EXPECT_EQ(why, "Malformed binary property list: unknown marker");
+    Bytes pointsIntoTable = BinaryList({{0x08}});
+    pointsIntoTable[pointsIntoTable.size() - 32 - 1] = 10;  // the offset of object 0
+    EXPECT_FALSE(binary_plist_reader::open(pointsIntoTable, &why));
+    EXPECT_EQ(why, "Malformed binary property list: object offset outside the object area");
+}
+
+TEST(BinaryPlistReader, RelationsAreCheckedWhenRead) {
+    const Bytes list = BinaryList({
+        {0xA1, 9},                     // refers to object 9 of 5
+        {0xD1, 3, 2},                  // key is an integer
+        {0x10, 1},
+        {0x84, 1, 0, 0, 0, 2},         // UID wider than 32 bits
+        {0x52, 0xFF, 0xFE},            // not UTF-8
+    });
+    auto r = binary_plist_reader::open(list);
+    ASSERT_TRUE(r);
+    EXPECT_THROW(r->element(0, 0), plist_format_error);
+    EXPECT_THROW(r->open_dictionary(1).find("x"), plist_format_error);
+    EXPECT_THROW(r->uid(3), plist_format_error);
+    EXPECT_THROW(r->string(4), plist_format_error);
+}
+
+}  // namespace
