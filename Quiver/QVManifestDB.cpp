@@ -77,6 +77,7 @@ ManifestDatabase::ManifestDatabase() = default;
 // The private files go with the wrapper: a decrypted copy of an encrypted backup's database is
 // private data and must not linger.
 ManifestDatabase::~ManifestDatabase() {
+    insert_.reset();
     db_.reset();
     if (!path_.empty()) removeDatabaseFiles(path_);
 }
@@ -147,8 +148,13 @@ void ManifestDatabase::InsertRow(CFStringRef fileID, CFStringRef domain, CFStrin
     if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
     if (!fileID) throw Error(QVErrorInvalidArgument, CF::Error(), "fileID must be non-null");
     try {
-        SQLite::Statement insert(*db_,
-                                 "INSERT OR REPLACE INTO Files (fileID,domain,relativePath,flags,file)VALUES (?,?,?,?,?)");
+        if (!insert_) {
+            insert_ = std::make_unique<SQLite::Statement>(
+                *db_, "INSERT OR REPLACE INTO Files (fileID,domain,relativePath,flags,file)VALUES (?,?,?,?,?)");
+        }
+        SQLite::Statement& insert = *insert_;
+        insert.reset();
+        insert.clearBindings();
         insert.bind(1, utf8(fileID));
         if (domain) {
             insert.bind(2, utf8(domain));
@@ -215,7 +221,10 @@ void ManifestDatabase::Commit() {
     db_->exec("COMMIT;");
 }
 
-void ManifestDatabase::Close() { db_.reset(); }
+void ManifestDatabase::Close() {
+    insert_.reset();
+    db_.reset();
+}
 
 Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVManifestDataVersion version,
                                               QVGetFileFunction getFile, QVProgressFunction progress,

@@ -20,6 +20,7 @@
 
 namespace SQLite {
 class Database;
+class Statement;
 }
 
 namespace Quiver {
@@ -59,6 +60,7 @@ public:
 
 private:
     std::unique_ptr<SQLite::Database> db_;
+    std::unique_ptr<SQLite::Statement> insert_;  // prepared once, reset per row
     std::filesystem::path path_;
     uint32_t userVersion_ = 0;
 };

@@ -57,7 +57,11 @@ void append_entry(__CFDictionary* d, const void* key, const void* value) {
     const void* storedKey = retain_key(d, key);
     const void* storedValue = retain_value(d, value);
     d->entries.push_back({storedKey, storedValue});
-    d->index.emplace(d->hash_key(storedKey), d->entries.size() - 1);
+    if (d->entries.size() == __CFDictionary::kIndexThreshold + 1) {
+        d->rebuild_index();
+    } else if (d->entries.size() > __CFDictionary::kIndexThreshold) {
+        d->index.emplace(d->hash_key(storedKey), d->entries.size() - 1);
+    }
 }
 
 void replace_value_at(__CFDictionary* d, size_t pos, const void* value) {
@@ -69,15 +73,19 @@ void replace_value_at(__CFDictionary* d, size_t pos, const void* value) {
 
 void remove_entry_at(__CFDictionary* d, size_t pos) {
     __CFDictionary::Entry removed = d->entries[pos];
-    auto [first, last] = d->index.equal_range(d->hash_key(removed.key));
-    for (auto it = first; it != last; ++it) {
-        if (it->second == pos) {
-            d->index.erase(it);
-            break;
+    if (!d->index.empty()) {
+        auto [first, last] = d->index.equal_range(d->hash_key(removed.key));
+        for (auto it = first; it != last; ++it) {
+            if (it->second == pos) {
+                d->index.erase(it);
+                break;
+            }
         }
     }
     d->entries.erase(d->entries.begin() + static_cast<std::ptrdiff_t>(pos));
-    if (pos < d->entries.size()) {
+    if (d->entries.size() <= __CFDictionary::kIndexThreshold) {
+        d->index.clear();
+    } else if (pos < d->entries.size()) {
         for (auto& slot : d->index)
             if (slot.second > pos) --slot.second;
     }
@@ -125,6 +133,12 @@ bool __CFDictionary::keys_equal(const void* a, const void* b) const {
 
 long __CFDictionary::find(const void* key) const {
     if (!key) return -1;
+    if (index.empty()) {
+        // Small dictionaries (most of them: archive objects, error information) go without an index.
+        for (size_t i = 0; i < entries.size(); ++i)
+            if (keys_equal(entries[i].key, key)) return static_cast<long>(i);
+        return -1;
+    }
     auto [first, last] = index.equal_range(hash_key(key));
     for (auto it = first; it != last; ++it) {
         if (it->second < entries.size() && keys_equal(entries[it->second].key, key))
@@ -135,6 +149,7 @@ long __CFDictionary::find(const void* key) const {
 
 void __CFDictionary::rebuild_index() {
     index.clear();
+    if (entries.size() <= kIndexThreshold) return;
     index.reserve(entries.size());
     for (size_t i = 0; i < entries.size(); ++i) index.emplace(hash_key(entries[i].key), i);
 }
@@ -167,7 +182,6 @@ CFDictionaryRef CFDictionaryCreate(CFAllocatorRef, const void** keys, const void
     if ((!keys || !values) && numValues > 0) cf::fatal("CFDictionaryCreate", "NULL keys or values");
     __CFDictionary* d = make_dict(keyCallBacks, valueCallBacks, false);
     d->entries.reserve(static_cast<size_t>(numValues));
-    d->index.reserve(static_cast<size_t>(numValues));
     // A key given twice keeps its first position and its last value.
     for (CFIndex i = 0; i < numValues; ++i) set_value(d, keys[i], values[i]);
     return d;

@@ -6,6 +6,7 @@
 // and refuse reference cycles, nesting deeper than kMaxDepth and graphs whose expansion into a tree
 // would exceed kMaxExpandedObjects (a few hundred bytes of shared references can otherwise stand for
 // billions of objects). XML input is checked for nesting depth the same way.
+#include "CFBinaryPlist.hpp"
 #include "CFRuntime.hpp"
 
 #include <plist/plist.h>
@@ -504,6 +505,14 @@ CFDataRef CFPropertyListCreateData(CFAllocatorRef, CFPropertyListRef propertyLis
     }
     const bool binary = format == kCFPropertyListBinaryFormat_v1_0;
     std::string problem;
+    if (binary) {
+        std::vector<UInt8> bytes;
+        if (!cf::write_binary_plist(propertyList, bytes, problem)) {
+            setError(error, kCFPropertyListWriteStreamError, "Cannot write property list: " + problem);
+            return nullptr;
+        }
+        return CFDataCreate(kCFAllocatorDefault, bytes.data(), static_cast<CFIndex>(bytes.size()));
+    }
     PlistPtr root(toPlist(propertyList, binary, 0, problem));
     if (!root) {
         setError(error, kCFPropertyListWriteStreamError, "Cannot write property list: " + problem);
@@ -511,21 +520,13 @@ CFDataRef CFPropertyListCreateData(CFAllocatorRef, CFPropertyListRef propertyLis
     }
     char* out = nullptr;
     uint32_t outLength = 0;
-    if (binary) {
-        plist_to_bin(root.get(), &out, &outLength);
-    } else {
-        plist_to_xml(root.get(), &out, &outLength);
-    }
+    plist_to_xml(root.get(), &out, &outLength);
     if (!out) {
         setError(error, kCFPropertyListWriteStreamError, "Cannot write property list");
         return nullptr;
     }
     CFDataRef result = CFDataCreate(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(out), outLength);
-    if (binary) {
-        plist_to_bin_free(out);
-    } else {
-        plist_to_xml_free(out);
-    }
+    plist_to_xml_free(out);
     return result;
 }
 

@@ -162,7 +162,9 @@ struct __CFDictionary final : __CFObject {
         const void* key;
         const void* value;
     };
-    // Insertion-ordered entries with a hash index (hash code -> positions in entries).
+    // Insertion-ordered entries with a hash index (hash code -> positions in entries) once there are more
+    // than kIndexThreshold of them; smaller dictionaries are searched in order.
+    static constexpr size_t kIndexThreshold = 8;
     std::vector<Entry> entries;
     std::unordered_multimap<CFHashCode, size_t> index;
     CFDictionaryKeyCallBacks keyCallbacks{};
