@@ -1,0 +1,434 @@
+// The container's model and loading: constructors, the metadata files, the encryption checks, the
+// manifest (Manifest.db, decrypted to a private copy for an encrypted backup, or Manifest.mbdb), the
+// lazy file getter and the metadata getters and setters.
+#include "Quiver/QVBackupContainer.hpp"
+
+#include <array>
+#include <filesystem>
+
+#include "Quiver/FileManager.hpp"
+#include "Quiver/QVError.hpp"
+#include "Quiver/QVLog.hpp"
+#include "Quiver/QVManifestDB.hpp"
+#include "Quiver/QVManifestMBDB.hpp"
+#include "Quiver/QVTemporaryPath.hpp"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const CF::String& reservedName(size_t i) {
+    static const std::array<CF::String, 5>* names = new std::array<CF::String, 5>{
+        CF::String("Manifest.plist"), CF::String("Info.plist"), CF::String("Status.plist"),
+        CF::String("Manifest.mbdb"), CF::String("Manifest.db")};
+    return (*names)[i];
+}
+
+Quiver::Support::software_version readSourceIOSVersion(const CF::Dictionary& manifest) {
+    CF::Dictionary lockdown = manifest.Get<CF::Dictionary>("Lockdown");
+    return Quiver::Support::make_software_version(lockdown.Get<CF::String>("ProductVersion").utf8());
+}
+
+CF::Dictionary mutableEmpty() { return CF::Dictionary::CreateMutable(); }
+
+// Replaces the contents of a container dictionary in place.
+void replaceContents(CF::Dictionary& target, CFDictionaryRef source) {
+    CFDictionaryRemoveAllValues(const_cast<CFMutableDictionaryRef>(target.get()));
+    if (source) CFDictionarySetValues(const_cast<CFMutableDictionaryRef>(target.get()), source);
+}
+
+}  // namespace
+
+QVBackupContainerClass::QVBackupContainerClass()
+    : manifestDict(mutableEmpty()), infoDict(mutableEmpty()), statusDict(mutableEmpty()) {
+    sourceIOSVersion = readSourceIOSVersion(manifestDict);
+}
+
+QVBackupContainerClass::~QVBackupContainerClass() {
+    Quiver::CloseZipSource(*this);
+    for (const fs::path& p : privateFiles) {
+        std::error_code ec;
+        fs::remove(p, ec);
+    }
+}
+
+namespace Quiver {
+
+// ---- Names ----
+
+bool IsReservedName(CFStringRef name) {
+    if (!name) return false;
+    for (size_t i = 0; i < 5; ++i)
+        if (CFStringCompare(name, reservedName(i).get(), 0) == kCFCompareEqualTo) return true;
+    return false;
+}
+
+CF::String LocalFilenameForFileID(const CF::String& fileID, QVManifestDataVersion version, bool forwardSlashes) {
+    if (IsReservedName(fileID.get())) return fileID;
+    switch (version) {
+        case QVManifestDataVersionUnset:
+        case QVManifestDataVersion24:
+            return fileID;
+        case QVManifestDataVersion30:
+        case QVManifestDataVersion31:
+        case QVManifestDataVersion32:
+        case QVManifestDataVersion33: {
+            std::string id = fileID.utf8();
+            if (id.size() < 2) return CF::String(fmt::format("{}{}", forwardSlashes ? "/" : "\\", id));
+            return CF::String(fmt::format("{}{}{}{}", id[0], id[1], forwardSlashes ? "/" : "\\", id));
+        }
+        default:
+            return CF::String("");
+    }
+}
+
+std::vector<MetadataFile> MetadataFileList(QVBackupContainerClass& backup) {
+    return {{"Manifest.plist", true, &backup.manifestDict},
+            {"Info.plist", false, &backup.infoDict},
+            {"Status.plist", true, &backup.statusDict}};
+}
+
+// ---- The source ----
+
+std::shared_ptr<QVFileClass> SourceLoadFile(const Backup& backup, const CF::String& name) {
+    QV_ASSERT(backup);
+    switch (backup->sourceType) {
+        case QVDataSourceTypeDirectory: {
+            CFErrorRef error = nullptr;
+            auto file = QVFileCreateFromFileAtPath(CF::String(fmt::format("{}/{}", backup->path, name)), 0, &error);
+            if (!file) throw CF::Error::Adopt(error);
+            return file;
+        }
+        case QVDataSourceTypeZip:
+            return SourceLoadZipMember(*backup, name);
+        default:
+            throw Error(QVErrorInvalidArgument, CF::Error(), "No data source type set for backup container");
+    }
+}
+
+std::shared_ptr<QVFileClass> SourceLoadFileForFileID(const Backup& backup, CFStringRef fileID, CFErrorRef* error) {
+    CF::String local = LocalFilenameForFileID(CF::String::Retain(fileID), backup->manifestVersion, true);
+    try {
+        return SourceLoadFile(backup, local);
+    } catch (const CF::Error& e) {
+        StoreError(error, Error(QVErrorLoadingExternalRepresentation, e, fmt::format("Failed to load file ({})", local)));
+        return nullptr;
+    }
+}
+
+namespace {
+
+// The file getter handed to manifests. It holds the container, so a loaded container and its
+// manifest keep each other alive until the caller lets go of both.
+QVGetFileFunction getterFor(const Backup& backup) {
+    return [backup](CFStringRef fileID, CFErrorRef* error) { return SourceLoadFileForFileID(backup, fileID, error); };
+}
+
+std::vector<uint8_t> readWhole(const std::shared_ptr<QVFileClass>& file, uint64_t chunk) {
+    std::vector<uint8_t> bytes;
+    QVFileGetData(file, chunk, [&](const std::vector<uint8_t>& piece) {
+        bytes.insert(bytes.end(), piece.begin(), piece.end());
+        return true;
+    });
+    return bytes;
+}
+
+void loadMetadataDictFile(const Backup& backup, const char* name, CF::Dictionary& dictionary) {
+    auto file = SourceLoadFile(backup, CF::String(name));
+    std::vector<uint8_t> bytes = readWhole(file, 32768);
+    replaceContents(dictionary, nullptr);
+    if (bytes.empty()) return;
+    CF::Data data = CF::Data::NoCopy(bytes);
+    CFPropertyListRef plist = CFPropertyListCreateWithData(kCFAllocatorDefault, data.get(), 0, nullptr, nullptr);
+    if (plist && CFGetTypeID(plist) == CFDictionaryGetTypeID()) replaceContents(dictionary, static_cast<CFDictionaryRef>(plist));
+    if (plist) CFRelease(plist);
+}
+
+void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
+    QV_ASSERT(backup);
+    std::string version = backup->statusDict.Get<CF::String>("Version").utf8();
+    if (version.empty()) throw Error(QVErrorInvalidBackup, CF::Error(), "The manifest version is missing");
+    static const std::pair<const char*, QVManifestDataVersion> kVersions[] = {
+        {"2.4", QVManifestDataVersion24}, {"3.0", QVManifestDataVersion30}, {"3.1", QVManifestDataVersion31},
+        {"3.2", QVManifestDataVersion32}, {"3.3", QVManifestDataVersion33}};
+    for (const auto& [text, value] : kVersions) {
+        if (version == text) {
+            backup->manifestVersion = value;
+            break;
+        }
+    }
+    const bool encrypted = backup->manifestEncryption.has_value();
+    const auto notSupported = [&] {
+        return Error(QVErrorEncryptionNotSupported, CF::Error(),
+                     fmt::format("Encrypted backups are not supported for manifest version '{}'", version));
+    };
+    if (backup->manifestVersion == QVManifestDataVersion24) {
+        if (encrypted) throw notSupported();
+        try {
+            auto file = SourceLoadFile(backup, CF::String("Manifest.mbdb"));
+            CF::Data data(readWhole(file, 0));
+            backup->manifest = QVManifestCreateFromManifestData(data.get(), backup->manifestVersion, getterFor(backup),
+                                                                progress);
+            if (!backup->manifest)
+                throw Error(QVErrorInvalidBackup, CF::Error(),
+                            "The backup manifest could not be loaded because it is corrupted.");
+        } catch (const CF::Error& e) {
+            throw Error(QVErrorLoadingExternalRepresentation, e, "An error ocurred while loading manifest file");
+        }
+        return;
+    }
+    if ((backup->manifestVersion == QVManifestDataVersion30 || backup->manifestVersion == QVManifestDataVersion31) &&
+        encrypted)
+        throw notSupported();
+    if (backup->manifestVersion < QVManifestDataVersion30 || backup->manifestVersion > QVManifestDataVersion33)
+        throw Error(QVErrorUnknownManifestVersion, CF::Error(), fmt::format("Unsupported version '{}' specified", version));
+
+    auto file = SourceLoadFile(backup, CF::String("Manifest.db"));
+    CFStringRef localPath = QVFileGetLocalPath(file);
+    if (!localPath) throw Error(QVErrorInvalidArgument, CF::Error(), "No path for manifest database");
+    CF::String databasePath = CF::String::Retain(localPath);
+    if (encrypted) {
+        CF::String identifier = CF::UUID::Create().ToString();
+        fs::path temporary = FileManager::GetStorageLocationForTempIdentifier(identifier.get());
+        log_fmt(log_level::debug, "(QVBackupContainer {}) Will decrypt manifest version '{}' to {}",
+                static_cast<const void*>(backup.get()), version, temporary.string());
+        backup->privateFiles.push_back(temporary);
+        MB::ManifestEncryption::DecryptFile(fs::path(databasePath.utf8()), temporary,
+                                            backup->manifestEncryption->GetManifestKey());
+        databasePath = CF::String(temporary.string());
+        log_fmt(log_level::info, "(QVBackupContainer {}) Successfully decrypted manifest",
+                static_cast<const void*>(backup.get()));
+    }
+    CFErrorRef slot = nullptr;
+    backup->manifest = QVManifestCreateFromManifestDatabase(databasePath.get(), backup->manifestVersion,
+                                                           getterFor(backup), progress, &slot);
+    if (!backup->manifest) throw CF::Error::Adopt(slot);
+}
+
+}  // namespace
+
+void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress) {
+    QV_ASSERT(backup);
+    for (const MetadataFile& record : MetadataFileList(*backup)) {
+        try {
+            loadMetadataDictFile(backup, record.name, *record.dictionary);
+        } catch (const CF::Error& e) {
+            if (e.Matches(kQVErrorDomain, QVErrorFileNotFound)) {
+                if (record.required)
+                    throw Error(QVErrorInvalidBackup, e,
+                                fmt::format("Backup metadata file missing. Are you sure this is a valid backup? ({})",
+                                            record.name));
+                replaceContents(*record.dictionary, nullptr);
+                continue;
+            }
+            throw Error(QVErrorInvalidBackup, e, fmt::format("Failed to load backup metadata file ({})", record.name));
+        }
+    }
+    bool encrypted = backup->manifestDict.Get<CF::Boolean>("IsEncrypted").value();
+    bool hasPassword = backup->password && backup->password.length() > 0;
+    if (encrypted && !hasPassword) throw Error(QVErrorPasswordRequired);
+    if (encrypted) {
+        backup->manifestEncryption.reset();
+        backup->manifestEncryption.emplace(backup->manifestDict, backup->password.utf8());
+    } else if (hasPassword) {
+        throw Error(QVErrorNotEncrypted);
+    }
+    loadManifestDatabase(backup, progress);
+}
+
+// ---- Constructors ----
+
+Backup QVBackupContainerCreateEmpty(CFErrorRef* error) {
+    auto backup = std::make_shared<QVBackupContainerClass>();
+    fs::path directory;
+    try {
+        directory = GetTemporaryFilesystemPath() / "QVBackupContainer" /
+                    fmt::format("{}", static_cast<const void*>(backup.get()));
+        fs::create_directories(directory);
+    } catch (const std::exception& e) {
+        StoreError(error, Error(QVErrorFilesystem, CF::Error(), fmt::format("{}", e.what())));
+        return nullptr;
+    }
+    backup->sourceType = QVDataSourceTypeDirectory;
+    backup->path = CF::String(directory.string());
+    backup->manifest = QVManifestCreateEmpty();
+    backup->manifestVersion = QVManifestDataVersionUnset;
+    return backup;
+}
+
+namespace {
+
+Backup load(QVDataSourceType type, CFStringRef path, CFStringRef password, const LoadProgress& progress,
+            CFErrorRef* error) {
+    auto backup = std::make_shared<QVBackupContainerClass>();
+    backup->sourceType = type;
+    backup->path = CF::String::Retain(path);
+    if (password) backup->password = CF::String::Retain(password);
+    try {
+        if (type == QVDataSourceTypeZip) OpenZipSource(*backup);
+        SourceLoadMetadataFiles(backup, progress);
+    } catch (const CF::Error& e) {
+        StoreError(error, e);
+        // The manifest's getter holds the container: break the cycle so the half-built object goes.
+        backup->manifest.reset();
+        return nullptr;
+    }
+    return backup;
+}
+
+}  // namespace
+
+Backup QVBackupContainerCreateFromDirectory(CFStringRef path, CFStringRef password, LoadProgress progress,
+                                            CFErrorRef* error) {
+    return load(QVDataSourceTypeDirectory, path, password, progress, error);
+}
+
+Backup QVBackupContainerCreateFromDirectory(CFStringRef path, LoadProgress progress, CFErrorRef* error) {
+    return QVBackupContainerCreateFromDirectory(path, nullptr, std::move(progress), error);
+}
+
+Backup QVBackupContainerCreateFromZipFile(CFStringRef path, CFStringRef password, LoadProgress progress,
+                                          CFErrorRef* error) {
+    return load(QVDataSourceTypeZip, path, password, progress, error);
+}
+
+Backup QVBackupContainerCreateFromZipFile(CFStringRef path, LoadProgress progress, CFErrorRef* error) {
+    return QVBackupContainerCreateFromZipFile(path, nullptr, std::move(progress), error);
+}
+
+Backup QVBackupContainerCreateCopy(const Backup& source) {
+    QV_ASSERT(source);
+    auto backup = std::make_shared<QVBackupContainerClass>();
+    backup->sourceType = source->sourceType;
+    backup->path = source->path;
+    backup->manifestVersion = source->manifestVersion;
+    if (backup->sourceType == QVDataSourceTypeZip) OpenZipSource(*backup);
+    backup->manifest = QVManifestCreateCopy(source->manifest, getterFor(backup));
+    backup->manifestDict = source->manifestDict.MutableCopy();
+    backup->infoDict = source->infoDict.MutableCopy();
+    backup->statusDict = source->statusDict.MutableCopy();
+    backup->baseDirectory = source->baseDirectory;
+    if (source->password && source->password.length() > 0 && source->manifestEncryption) {
+        backup->password = source->password;
+        backup->manifestEncryption = source->manifestEncryption;
+    }
+    backup->sourceIOSVersion = readSourceIOSVersion(backup->manifestDict);
+    return backup;
+}
+
+QVBackupContainer QVBackupContainer::Copy() const {
+    if (!backup_) return {};
+    return QVBackupContainer(QVBackupContainerCreateCopy(backup_));
+}
+
+Support::software_version QVBackupContainer::get_source_ios_version() const {
+    if (!backup_) return {};
+    return backup_->sourceIOSVersion;
+}
+
+std::string to_string(const QVBackupContainer& handle) {
+    const Backup& backup = handle.get();
+    QV_ASSERT(backup);
+    switch (backup->sourceType) {
+        case QVDataSourceTypeZip:
+            return fmt::format("<QVBackupContainerClass {}> (Zip) path:{} base_dir:{}",
+                               static_cast<const void*>(backup.get()), backup->path, backup->baseDirectory);
+        case QVDataSourceTypeDirectory:
+            return {};
+    }
+    throw std::logic_error("backup container without a data source type");
+}
+
+// ---- Metadata ----
+
+namespace {
+CFDictionaryRef mutableCopy(const CF::Dictionary& d) {
+    return d ? CFDictionaryCreateMutableCopy(kCFAllocatorDefault, 0, d.get()) : nullptr;
+}
+}  // namespace
+
+CFDictionaryRef QVBackupContainerCopyInfoDict(const Backup& backup) {
+    QV_ASSERT(backup);
+    return mutableCopy(backup->infoDict);
+}
+
+CFDictionaryRef QVBackupContainerCopyStatusDict(const Backup& backup) {
+    QV_ASSERT(backup);
+    return mutableCopy(backup->statusDict);
+}
+
+CFDictionaryRef QVBackupContainerCopyManifestDict(const Backup& backup) {
+    QV_ASSERT(backup);
+    return mutableCopy(backup->manifestDict);
+}
+
+const CF::Dictionary& QVBackupContainerGetManifestDict(const Backup& backup) {
+    QV_ASSERT(backup);
+    return backup->manifestDict;
+}
+
+void QVBackupContainerSetDictionaries(const Backup& backup, CFDictionaryRef info, CFDictionaryRef status,
+                                      CFDictionaryRef manifest) {
+    QV_ASSERT(backup);
+    if (info) backup->infoDict = CF::Dictionary::Adopt(CFDictionaryCreateMutableCopy(kCFAllocatorDefault, 0, info));
+    if (status)
+        backup->statusDict = CF::Dictionary::Adopt(CFDictionaryCreateMutableCopy(kCFAllocatorDefault, 0, status));
+    if (manifest) {
+        backup->manifestDict =
+            CF::Dictionary::Adopt(CFDictionaryCreateMutableCopy(kCFAllocatorDefault, 0, manifest));
+        backup->sourceIOSVersion = readSourceIOSVersion(backup->manifestDict);
+    }
+}
+
+CFNumberRef QVBackupContainerCopySystemDomainsVersion(const Backup& backup) {
+    QV_ASSERT(backup);
+    CF::Number version = backup->manifestDict.Get<CF::Number>("SystemDomainsVersion");
+    if (version) return version.CopyRef();
+    return CF::Number(int32_t{0}).Detach();
+}
+
+void QVBackupContainerSetSystemDomainsVersion(const Backup& backup, CFNumberRef version) {
+    QV_ASSERT(backup);
+    if (version) backup->manifestDict.Set("SystemDomainsVersion", static_cast<CFTypeRef>(version));
+}
+
+unsigned char QVBackupContainerIsEncrypted(const Backup& backup) {
+    QV_ASSERT(backup);
+    return backup->manifestEncryption.has_value() ? 1 : 0;
+}
+
+int64_t QVBackupContainerGetTotalFileCount(const Backup& backup) {
+    QV_ASSERT(backup);
+    return static_cast<int64_t>(MetadataFileList(*backup).size()) + QVManifestGetTotalFileCount(backup->manifest) + 1;
+}
+
+CFStringRef QVBackupContainerGetBaseDirectory(const Backup& backup) { return backup->baseDirectory.get(); }
+
+void QVBackupContainerSetBaseDirectory(const Backup& backup, CFStringRef directory) {
+    QV_ASSERT(backup);
+    backup->baseDirectory = CF::String::Retain(directory);
+}
+
+CFArrayRef QVBackupContainerCopyFilesystemPathsList(const Backup& backup, unsigned char forwardSlashes) {
+    QV_ASSERT(backup);
+    CF::Array paths = CF::Array::CreateMutable();
+    CFArrayRef ids = QVManifestGetFileIDs(backup->manifest);
+    for (CFIndex i = 0, n = CFArrayGetCount(ids); i < n; ++i) {
+        auto id = CF::String::Retain(static_cast<CFStringRef>(CFArrayGetValueAtIndex(ids, i)));
+        paths.Append(LocalFilenameForFileID(id, backup->manifestVersion, forwardSlashes != 0));
+    }
+    if (backup->manifestVersion == QVManifestDataVersion24) {
+        paths.Append(CF::String("Manifest.mbdb"));
+    } else if (backup->manifestVersion >= QVManifestDataVersion30 && backup->manifestVersion <= QVManifestDataVersion33) {
+        paths.Append(CF::String("Manifest.db"));
+    }
+    for (const MetadataFile& record : MetadataFileList(*backup)) paths.Append(CF::String(record.name));
+    return paths.Detach();
+}
+
+Manifest QVBackupContainerGetManifest(const Backup& backup) {
+    QV_ASSERT(backup);
+    return backup->manifest;
+}
+
+}  // namespace Quiver

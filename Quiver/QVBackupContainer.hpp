@@ -1,0 +1,157 @@
+// The backup container: one whole backup with its three metadata dictionaries, its manifest, the data
+// source its stored files are read from (a backup directory or a zip file), and, for an encrypted
+// backup, the password and unlocked manifest encryption. Stored files are opened lazily, when an
+// entry's content is first asked for, so the source must stay in place while the container lives.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "Quiver/CF/CF.hpp"
+#include "Quiver/Export.hpp"
+#include "Quiver/MB/ManifestEncryption.hpp"
+#include "Quiver/QVFile.hpp"
+#include "Quiver/QVManifest.hpp"
+#include "Quiver/QVManifestEntry.hpp"
+#include "Quiver/Support/SoftwareVersion.hpp"
+
+enum QVDataSourceType : uint32_t {
+    QVDataSourceTypeZip = 0,
+    QVDataSourceTypeDirectory = 1,
+};
+
+class QV_EXPORT QVBackupContainerClass {
+public:
+    QVBackupContainerClass();
+    ~QVBackupContainerClass();
+    QVBackupContainerClass(const QVBackupContainerClass&) = delete;
+    QVBackupContainerClass& operator=(const QVBackupContainerClass&) = delete;
+
+    QVDataSourceType sourceType = QVDataSourceTypeZip;
+    QVManifestDataVersion manifestVersion = QVManifestDataVersionUnset;
+    void* zipFile = nullptr;  // minizip read handle (unzFile) of a zip source
+    CF::String path;
+    Quiver::Manifest manifest;
+    CF::Dictionary manifestDict;
+    CF::Dictionary infoDict;
+    CF::Dictionary statusDict;
+    CF::String password;
+    std::optional<MB::ManifestEncryption> manifestEncryption;
+    CF::String baseDirectory;
+    Quiver::Support::software_version sourceIOSVersion;
+    // Decrypted copies of an encrypted Manifest.db are the user's private data: removed with the container.
+    std::vector<std::filesystem::path> privateFiles;
+};
+
+namespace Quiver {
+
+using Backup = std::shared_ptr<QVBackupContainerClass>;
+using LoadProgress = std::function<void(int64_t completed, int64_t total, double fraction)>;
+
+class QV_EXPORT QVBackupContainer {
+public:
+    QVBackupContainer() = default;
+    QVBackupContainer(std::shared_ptr<QVBackupContainerClass> backup) : backup_(std::move(backup)) {}
+    operator std::shared_ptr<QVBackupContainerClass>() const { return backup_; }
+    explicit operator bool() const { return backup_ != nullptr; }
+    QVBackupContainer Copy() const;
+    Support::software_version get_source_ios_version() const;
+    const std::shared_ptr<QVBackupContainerClass>& get() const { return backup_; }
+
+private:
+    std::shared_ptr<QVBackupContainerClass> backup_;
+};
+
+// ---- Construction and loading ----
+
+QV_EXPORT Backup QVBackupContainerCreateEmpty(CFErrorRef* error);
+QV_EXPORT Backup QVBackupContainerCreateFromDirectory(CFStringRef path, CFStringRef password, LoadProgress progress,
+                                                      CFErrorRef* error);
+QV_EXPORT Backup QVBackupContainerCreateFromDirectory(CFStringRef path, LoadProgress progress, CFErrorRef* error);
+QV_EXPORT Backup QVBackupContainerCreateFromZipFile(CFStringRef path, CFStringRef password, LoadProgress progress,
+                                                    CFErrorRef* error);
+QV_EXPORT Backup QVBackupContainerCreateFromZipFile(CFStringRef path, LoadProgress progress, CFErrorRef* error);
+QV_EXPORT Backup QVBackupContainerCreateCopy(const Backup& source);
+
+// ---- Metadata ----
+
+QV_EXPORT CFDictionaryRef QVBackupContainerCopyInfoDict(const Backup& backup);
+QV_EXPORT CFDictionaryRef QVBackupContainerCopyStatusDict(const Backup& backup);
+QV_EXPORT CFDictionaryRef QVBackupContainerCopyManifestDict(const Backup& backup);
+QV_EXPORT const CF::Dictionary& QVBackupContainerGetManifestDict(const Backup& backup);
+QV_EXPORT void QVBackupContainerSetDictionaries(const Backup& backup, CFDictionaryRef info, CFDictionaryRef status,
+                                                CFDictionaryRef manifest);
+QV_EXPORT CFNumberRef QVBackupContainerCopySystemDomainsVersion(const Backup& backup);
+QV_EXPORT void QVBackupContainerSetSystemDomainsVersion(const Backup& backup, CFNumberRef version);
+QV_EXPORT unsigned char QVBackupContainerIsEncrypted(const Backup& backup);
+QV_EXPORT int64_t QVBackupContainerGetTotalFileCount(const Backup& backup);
+QV_EXPORT CFStringRef QVBackupContainerGetBaseDirectory(const Backup& backup);
+QV_EXPORT void QVBackupContainerSetBaseDirectory(const Backup& backup, CFStringRef directory);
+// Every name an export writes, relative to the backup root; the caller releases the array.
+QV_EXPORT CFArrayRef QVBackupContainerCopyFilesystemPathsList(const Backup& backup, unsigned char forwardSlashes);
+QV_EXPORT Manifest QVBackupContainerGetManifest(const Backup& backup);
+
+// ---- Entry operations ----
+
+QV_EXPORT Entry QVBackupContainerGetEntryForPath(const Backup& backup, CFStringRef domain, CFStringRef path);
+QV_EXPORT Entry QVBackupContainerGetEntryForLocalFilename(const Backup& backup, CFStringRef localFilename,
+                                                          unsigned char* isMetadataFile);
+QV_EXPORT std::vector<Entry> QVBackupContainerCopyEntriesContainedInDirectoryAtPath(const Backup& backup,
+                                                                                   CFStringRef domain, CFStringRef path);
+// The content as a caller reads it: deciphered for a file of an encrypted backup.
+QV_EXPORT std::shared_ptr<QVFileClass> QVBackupContainerCopyFileForPath(const Backup& backup, CFStringRef domain,
+                                                                        CFStringRef path, CFErrorRef* error);
+// What an export writes under a name: enciphered where the backup is encrypted.
+QV_EXPORT std::shared_ptr<QVFileClass> QVBackupContainerCopyFileForLocalFilename(const Backup& backup,
+                                                                                 CFStringRef localFilename,
+                                                                                 CFErrorRef* error);
+QV_EXPORT Entry QVBackupContainerAddEntry(std::shared_ptr<QVBackupContainerClass> backup,
+                                          std::shared_ptr<QVManifestEntryClass> entry, CFErrorRef* error);
+QV_EXPORT Entry QVBackupContainerStoreFileForPath(const Backup& backup, CFStringRef domain, CFStringRef path,
+                                                  std::shared_ptr<QVFileClass> file, CFErrorRef* error);
+QV_EXPORT Entry QVBackupContainerCreateDirectoryAtPath(const Backup& backup, CFStringRef domain, CFStringRef path);
+QV_EXPORT Entry QVBackupContainerCreateSymlinkAtPath(const Backup& backup, CFStringRef domain, CFStringRef path,
+                                                     CFStringRef target);
+QV_EXPORT unsigned char QVBackupContainerRemovePath(const Backup& backup, CFStringRef domain, CFStringRef path);
+
+// ---- Internal, shared by the container's parts ----
+
+struct MetadataFile {
+    const char* name;
+    bool required;
+    CF::Dictionary* dictionary;
+};
+std::vector<MetadataFile> MetadataFileList(QVBackupContainerClass& backup);
+bool IsReservedName(CFStringRef name);
+CF::String LocalFilenameForFileID(const CF::String& fileID, QVManifestDataVersion version, bool forwardSlashes);
+std::shared_ptr<QVFileClass> SourceLoadFile(const Backup& backup, const CF::String& name);
+std::shared_ptr<QVFileClass> SourceLoadFileForFileID(const Backup& backup, CFStringRef fileID, CFErrorRef* error);
+// The zip source: a member read whole into an appendable file.
+std::shared_ptr<QVFileClass> SourceLoadZipMember(QVBackupContainerClass& backup, const CF::String& name);
+void CloseZipSource(QVBackupContainerClass& backup);
+void OpenZipSource(QVBackupContainerClass& backup);
+// Loads metadata, checks encryption and loads the manifest; throws CF::Error.
+void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress);
+
+}  // namespace Quiver
+
+namespace Quiver {
+// "<QVBackupContainerClass 0x...> (Zip) path:... base_dir:..." for a zip container, "" for a directory
+// container; throws std::logic_error for a container without a source type.
+QV_EXPORT std::string to_string(const QVBackupContainer& backup);
+}  // namespace Quiver
+
+template <>
+struct fmt::formatter<Quiver::QVBackupContainer> : fmt::formatter<std::string_view> {
+    auto format(const Quiver::QVBackupContainer& backup, format_context& ctx) const {
+        return fmt::formatter<std::string_view>::format(Quiver::to_string(backup), ctx);
+    }
+};
