@@ -122,6 +122,17 @@ QV_EXPORT Entry QVBackupContainerCreateSymlinkAtPath(const Backup& backup, CFStr
                                                      CFStringRef target);
 QV_EXPORT unsigned char QVBackupContainerRemovePath(const Backup& backup, CFStringRef domain, CFStringRef path);
 
+// ---- Export ----
+
+using ExportProgress = std::function<void(double fraction)>;
+// Writes the container, edits included, as a new backup directory; 1 when every file was written.
+// Never writes into an existing path; failures are logged, and what was written stays.
+QV_EXPORT unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringRef destination,
+                                                           const ExportProgress& progress);
+// The same as a new zip file.
+QV_EXPORT unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef destination,
+                                                     const ExportProgress& progress);
+
 // ---- Internal, shared by the container's parts ----
 
 struct MetadataFile {
