@@ -284,7 +284,8 @@ bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryp
         if (!copy) throw Error(QVErrorInvalidArgument, CF::Error(), "File is still being written");
         _QVFileSetEncryptionKey(copy, key);
         CF::Data wrapped = encryption.LockKey(ProtectionClassCode(entry->protectionClass), key);
-        entry->file = copy;
+        // The entry keeps its plain file: readers get the plaintext, and an export enciphers a copy
+        // with the unlocked key.
         entry->encryptionKey = wrapped;
         entry->unlockedKey = key;
         entry->digest = CF::Data(QVFileGetHash(copy));

@@ -201,12 +201,16 @@ TEST_F(ManifestEntryTest, GeneratedKeyEnciphersTheContentAndUnlocksAgain) {
     EXPECT_EQ(CFDataGetLength(QVManifestEntryGetEncryptionData(entry)), 44);
     EXPECT_EQ(QVManifestEntryGetProtectionClass(entry), EntryProtectionClassNone);
 
-    // The wrapped key unlocks to the key that enciphers the file's reads.
+    // The entry keeps its plain content; the wrapped key unlocks to the key that enciphers a copy.
+    auto generated = entry->unlockedKey;
     entry->unlockedKey.reset();
     auto key = QVManifestEntryUnlockFileKey(entry, encryption(), &error);
     ASSERT_TRUE(key);
+    EXPECT_EQ(key, generated);
+    auto copy = QVFileCreateCopy(QVManifestEntryGetFile(entry, nullptr));
+    _QVFileSetEncryptionKey(copy, *key);
     std::vector<uint8_t> stored;
-    QVFileGetData(QVManifestEntryGetFile(entry, nullptr), 0, [&](const std::vector<uint8_t>& chunk) {
+    QVFileGetData(copy, 0, [&](const std::vector<uint8_t>& chunk) {
         stored.insert(stored.end(), chunk.begin(), chunk.end());
         return true;
     });

@@ -1,0 +1,332 @@
+// The backup container end to end on backups made by the test builder: loading plain and encrypted
+// backups with either manifest, reading every file back, the loading failures, and the edits.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+
+#include "Quiver/QVBackupContainer.hpp"
+#include "Quiver/QVError.hpp"
+#include "Quiver/Support/Cryptor.hpp"
+#include "Quiver/Support/Hash.hpp"
+#include "support/BackupBuilder.hpp"
+#include "support/TemporaryPath.hpp"
+
+using namespace Quiver;
+using namespace QuiverTest;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string text(CFStringRef s) { return CF::String::Retain(s).utf8(); }
+
+std::vector<uint8_t> contentOf(const std::shared_ptr<QVFileClass>& file) {
+    std::vector<uint8_t> bytes;
+    QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
+        bytes.insert(bytes.end(), chunk.begin(), chunk.end());
+        return true;
+    });
+    return bytes;
+}
+
+// Every file below a directory with its SHA-1, to show that nothing was changed.
+std::map<std::string, std::vector<uint8_t>> snapshot(const fs::path& dir) {
+    std::map<std::string, std::vector<uint8_t>> out;
+    for (const auto& e : fs::recursive_directory_iterator(dir))
+        if (e.is_regular_file()) out[fs::relative(e.path(), dir).string()] = Support::HashOfFile(e.path());
+    return out;
+}
+
+class ContainerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        UseTestTemporaryPath();
+        root = fs::temp_directory_path() / ("quiver-container-" + std::to_string(::getpid()) + "-" +
+                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(root);
+        fs::create_directories(root);
+    }
+    void TearDown() override { fs::remove_all(root); }
+
+    BuiltBackup build(const std::string& version, bool encrypted, const char* name = "backup") {
+        BackupDescription description;
+        description.items = SampleItems();
+        description.manifestVersion = version;
+        description.encrypted = encrypted;
+        return BuildBackup(root / name, description);
+    }
+
+    Backup open(const fs::path& dir, const char* password, CF::Error* failure = nullptr) {
+        CFErrorRef error = nullptr;
+        CF::String pw = password ? CF::String(password) : CF::String();
+        Backup b = QVBackupContainerCreateFromDirectory(CF::String(dir.string()).get(), pw.get(), nullptr, &error);
+        if (failure) *failure = CF::Error::Adopt(error);
+        else if (error) CFRelease(error);
+        return b;
+    }
+
+    // Every item of the built backup is in the container, and every file reads back as its plaintext.
+    void expectAllItems(const Backup& backup, const BuiltBackup& built) {
+        for (const BuiltItem& item : built.items) {
+            SCOPED_TRACE(item.domain + "/" + item.relativePath);
+            CF::String domain(item.domain), path(item.relativePath);
+            Entry entry = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
+            ASSERT_TRUE(entry);
+            EXPECT_EQ(text(QVManifestEntryGetFileID(entry)), item.fileID);
+            if (item.kind != ItemKind::File) continue;
+            CFErrorRef error = nullptr;
+            auto file = QVBackupContainerCopyFileForPath(backup, domain.get(), path.get(), &error);
+            ASSERT_TRUE(file) << CF::Error::Adopt(error).Text();
+            EXPECT_EQ(contentOf(file), item.content);
+        }
+    }
+
+    fs::path root;
+};
+
+}  // namespace
+
+TEST_F(ContainerTest, PlainAndEncryptedBackupsOfBothManifestsGiveBackEveryFile) {
+    struct Case {
+        const char* version;
+        bool encrypted;
+    };
+    for (Case c : {Case{"3.3", false}, Case{"3.2", true}, Case{"2.4", false}, Case{"3.0", false}}) {
+        SCOPED_TRACE(std::string(c.version) + (c.encrypted ? " encrypted" : " plain"));
+        std::string name = std::string("b") + c.version + (c.encrypted ? "e" : "p");
+        BuiltBackup built = build(c.version, c.encrypted, name.c_str());
+        auto before = snapshot(built.directory);
+        CF::Error failure;
+        std::vector<double> fractions;
+        CFErrorRef error = nullptr;
+        CF::String pw = c.encrypted ? CF::String("password") : CF::String();
+        Backup backup = QVBackupContainerCreateFromDirectory(
+            CF::String(built.directory.string()).get(), pw.get(),
+            [&](int64_t, int64_t, double f) { fractions.push_back(f); }, &error);
+        ASSERT_TRUE(backup) << CF::Error::Adopt(error).Text();
+        EXPECT_EQ(QVBackupContainerIsEncrypted(backup), c.encrypted ? 1 : 0);
+        EXPECT_FALSE(fractions.empty());
+        expectAllItems(backup, built);
+        EXPECT_EQ(snapshot(built.directory), before);  // loading and reading never write
+    }
+}
+
+TEST_F(ContainerTest, MetadataAndNamesOfALoadedBackup) {
+    BuiltBackup built = build("3.3", false);
+    Backup backup = open(built.directory, nullptr);
+    ASSERT_TRUE(backup);
+    EXPECT_EQ(backup->manifestVersion, QVManifestDataVersion33);
+    CF::Dictionary status = CF::Dictionary::Adopt(QVBackupContainerCopyStatusDict(backup));
+    EXPECT_EQ(status.Get<CF::String>("Version").utf8(), "3.3");
+    CF::Dictionary info = CF::Dictionary::Adopt(QVBackupContainerCopyInfoDict(backup));
+    EXPECT_EQ(info.Get<CF::String>("Device Name").utf8(), "Test Device");
+    // Loading leaves the version read from the empty dictionary at construction; setting recomputes it.
+    EXPECT_FALSE(QVBackupContainer(backup).get_source_ios_version().valid());
+    QVBackupContainerSetDictionaries(backup, nullptr, nullptr, QVBackupContainerGetManifestDict(backup).get());
+    EXPECT_EQ(QVBackupContainer(backup).get_source_ios_version().text(), "14.3");
+
+    size_t files = 0;
+    for (const BuiltItem& item : built.items) files += item.kind == ItemKind::File;
+    EXPECT_EQ(QVBackupContainerGetTotalFileCount(backup), static_cast<int64_t>(files) + 4);
+    CF::Array paths = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
+    ASSERT_EQ(paths.size(), static_cast<CFIndex>(files + 4));
+    std::vector<std::string> tail;
+    for (CFIndex i = paths.size() - 4; i < paths.size(); ++i) tail.push_back(text(static_cast<CFStringRef>(paths[i])));
+    EXPECT_EQ(tail, (std::vector<std::string>{"Manifest.db", "Manifest.plist", "Info.plist", "Status.plist"}));
+    for (CFIndex i = 0; i < paths.size() - 4; ++i) {
+        std::string name = text(static_cast<CFStringRef>(paths[i]));
+        EXPECT_TRUE(fs::is_regular_file(built.directory / name)) << name;
+        unsigned char metadata = 9;
+        EXPECT_TRUE(QVBackupContainerGetEntryForLocalFilename(backup, static_cast<CFStringRef>(paths[i]), &metadata));
+        EXPECT_EQ(metadata, 0);
+    }
+    unsigned char metadata = 0;
+    EXPECT_FALSE(QVBackupContainerGetEntryForLocalFilename(backup, CFSTR("Status.plist"), &metadata));
+    EXPECT_EQ(metadata, 1);
+}
+
+TEST_F(ContainerTest, NewEmptyContainer) {
+    CFErrorRef error = nullptr;
+    Backup backup = QVBackupContainerCreateEmpty(&error);
+    ASSERT_TRUE(backup);
+    EXPECT_EQ(QVBackupContainerGetTotalFileCount(backup), 4);
+    CF::Array paths = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
+    ASSERT_EQ(paths.size(), 3);
+    EXPECT_EQ(text(static_cast<CFStringRef>(paths[0])), "Manifest.plist");
+    EXPECT_EQ(fmt::format("{}", QVBackupContainer(backup)), "");
+    EXPECT_EQ(text(LocalFilenameForFileID(CF::String("Manifest.db"), QVManifestDataVersion24, true).get()), "Manifest.db");
+    EXPECT_EQ(LocalFilenameForFileID(CF::String("abcdef"), QVManifestDataVersion33, true).utf8(), "ab/abcdef");
+    EXPECT_EQ(LocalFilenameForFileID(CF::String("abcdef"), QVManifestDataVersion24, true).utf8(), "abcdef");
+    EXPECT_EQ(LocalFilenameForFileID(CF::String("abcdef"), static_cast<QVManifestDataVersion>(99), true).utf8(), "");
+    EXPECT_THROW(QVBackupContainerGetTotalFileCount(nullptr), std::invalid_argument);
+}
+
+TEST_F(ContainerTest, PasswordRulesAndWrongPasswords) {
+    BuiltBackup encrypted = build("3.3", true, "enc");
+    BuiltBackup plain = build("3.3", false, "plain");
+    CF::Error failure;
+    EXPECT_FALSE(open(encrypted.directory, nullptr, &failure));
+    EXPECT_EQ(failure.Code(), QVErrorPasswordRequired);
+    EXPECT_TRUE(failure.IsFriendly());
+    EXPECT_FALSE(open(encrypted.directory, "wrong", &failure));
+    EXPECT_EQ(failure.Code(), QVErrorUnlockFailed);
+    EXPECT_FALSE(open(plain.directory, "password", &failure));
+    EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
+}
+
+TEST_F(ContainerTest, DamagedMetadataFailsWithTheNamedFile) {
+    BuiltBackup built = build("3.3", false);
+    fs::path status = built.directory / "Status.plist";
+    auto original = ReadWholeFile(status);
+
+    fs::remove(built.directory / "Info.plist");
+    Backup withoutInfo = open(built.directory, nullptr);
+    ASSERT_TRUE(withoutInfo);
+    EXPECT_EQ(CF::Dictionary::Adopt(QVBackupContainerCopyInfoDict(withoutInfo)).size(), 0);
+
+    CF::Error failure;
+    fs::remove(status);
+    EXPECT_FALSE(open(built.directory, nullptr, &failure));
+    EXPECT_EQ(failure.Code(), QVErrorInvalidBackup);
+    EXPECT_EQ(failure.Reason(), "Backup metadata file missing. Are you sure this is a valid backup? (Status.plist)");
+
+    WriteWholeFile(status, {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'});
+    EXPECT_FALSE(open(built.directory, nullptr, &failure));
+    EXPECT_EQ(failure.Reason(), "The manifest version is missing");  // garbage reads as an empty dictionary
+
+    CF::Dictionary changed = ReadPropertyList(built.directory / "Manifest.plist");
+    WriteWholeFile(status, original);
+    CF::Dictionary newer = CF::Dictionary::CreateMutable();
+    newer.Set("Version", CF::String("3.4"));
+    WritePropertyList(status, newer.get());
+    EXPECT_FALSE(open(built.directory, nullptr, &failure));
+    EXPECT_EQ(failure.Code(), QVErrorUnknownManifestVersion);
+    EXPECT_EQ(failure.Reason(), "Unsupported version '3.4' specified");
+    EXPECT_TRUE(failure.IsFriendly());
+}
+
+TEST_F(ContainerTest, DamagedManifestsAndStoredFilesAreReported) {
+    BuiltBackup built = build("3.3", false);
+    BuiltBackup mbdb = build("2.4", false, "old");
+    CF::Error failure;
+    WriteWholeFile(mbdb.directory / "Manifest.mbdb", {'m', 'b', 'd', 'b', 5, 0, 0, 9});
+    EXPECT_FALSE(open(mbdb.directory, nullptr, &failure));
+    EXPECT_EQ(failure.Code(), QVErrorLoadingExternalRepresentation);
+    EXPECT_EQ(failure.Reason(), "An error ocurred while loading manifest file");
+
+    // A missing stored file is found when it is read, and named.
+    const BuiltItem* victim = nullptr;
+    for (const BuiltItem& item : built.items)
+        if (item.kind == ItemKind::File && !item.content.empty()) victim = &item;
+    ASSERT_NE(victim, nullptr);
+    fs::remove(built.directory / victim->localFilename);
+    Backup backup = open(built.directory, nullptr);
+    ASSERT_TRUE(backup);
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVBackupContainerCopyFileForPath(backup, CF::String(victim->domain).get(),
+                                                  CF::String(victim->relativePath).get(), &error));
+    CF::Error missing = CF::Error::Adopt(error);
+    EXPECT_EQ(missing.Code(), QVErrorLoadingExternalRepresentation);
+    EXPECT_EQ(missing.Reason(), "Failed to load file (" + victim->localFilename + ")");
+
+    fs::remove(built.directory / "Manifest.db");
+    EXPECT_FALSE(open(built.directory, nullptr, &failure));
+    EXPECT_EQ(failure.Code(), QVErrorFileNotFound);
+}
+
+TEST_F(ContainerTest, StoringAFileCreatesItsParentsInOrder) {
+    Backup backup = QVBackupContainerCreateEmpty(nullptr);
+    auto file = QVFileCreateFromData(std::vector<uint8_t>{'x'}, nullptr);
+    CFErrorRef error = nullptr;
+    ASSERT_TRUE(QVBackupContainerStoreFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Prefs/a.plist"), file,
+                                                  &error));
+    std::vector<std::string> paths;
+    for (const Entry& e : QVManifestGetEntries(backup->manifest)) paths.push_back(text(QVManifestEntryGetPath(e)));
+    EXPECT_EQ(paths, (std::vector<std::string>{"", "Library", "Library/Prefs", "Library/Prefs/a.plist"}));
+    auto children = QVBackupContainerCopyEntriesContainedInDirectoryAtPath(backup, CFSTR("HomeDomain"), CFSTR(""));
+    ASSERT_EQ(children.size(), 1u);
+    EXPECT_EQ(text(QVManifestEntryGetPath(children[0])), "Library");
+    EXPECT_FALSE(QVBackupContainerStoreFileForPath(backup, CFSTR("HomeDomain"), CFSTR("x"), nullptr, &error));
+    EXPECT_EQ(CF::Error::Adopt(error).Reason(), "No file reference");
+}
+
+TEST_F(ContainerTest, ReplacingKeepsAttributesAndReplacingADirectoryDropsItsSubtree) {
+    BuiltBackup built = build("3.3", false);
+    Backup backup = open(built.directory, nullptr);
+    ASSERT_TRUE(backup);
+    const BuiltItem* existing = nullptr;
+    for (const BuiltItem& item : built.items)
+        if (item.kind == ItemKind::File && item.relativePath.find('/') != std::string::npos) existing = &item;
+    ASSERT_NE(existing, nullptr);
+    CF::String domain(existing->domain), path(existing->relativePath);
+    Entry old = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
+    size_t count = QVManifestGetEntries(backup->manifest).size();
+    auto replacement = QVFileCreateFromData(std::vector<uint8_t>{'n', 'e', 'w'}, nullptr);
+    Entry created = QVBackupContainerStoreFileForPath(backup, domain.get(), path.get(), replacement, nullptr);
+    ASSERT_TRUE(created);
+    EXPECT_EQ(QVManifestGetEntries(backup->manifest).size(), count);  // no parents, old entry gone
+    EXPECT_EQ(created->mode, old->mode);
+    EXPECT_EQ(created->inode, old->inode);
+    EXPECT_EQ(created->protectionClass, old->protectionClass);
+    EXPECT_EQ(created->lastModified.AbsoluteTime(), old->lastModified.AbsoluteTime());
+    auto read = QVBackupContainerCopyFileForPath(backup, domain.get(), path.get(), nullptr);
+    EXPECT_EQ(contentOf(read), (std::vector<uint8_t>{'n', 'e', 'w'}));
+
+    // Now store a file where a directory with children is.
+    std::string parent = existing->relativePath.substr(0, existing->relativePath.rfind('/'));
+    CF::String parentPath(parent);
+    ASSERT_TRUE(QVBackupContainerGetEntryForPath(backup, domain.get(), parentPath.get()));
+    ASSERT_TRUE(QVBackupContainerStoreFileForPath(backup, domain.get(), parentPath.get(), replacement, nullptr));
+    EXPECT_FALSE(QVBackupContainerGetEntryForPath(backup, domain.get(), path.get()));
+    EXPECT_TRUE(QVManifestEntryIsFile(QVBackupContainerGetEntryForPath(backup, domain.get(), parentPath.get())));
+}
+
+TEST_F(ContainerTest, DirectoriesSymlinksAndRemoval) {
+    Backup backup = QVBackupContainerCreateEmpty(nullptr);
+    Entry dir = QVBackupContainerCreateDirectoryAtPath(backup, CFSTR("D"), CFSTR("a"));
+    ASSERT_TRUE(dir);
+    EXPECT_EQ(QVBackupContainerCreateDirectoryAtPath(backup, CFSTR("D"), CFSTR("a")), dir);
+    auto file = QVFileCreateFromData(std::vector<uint8_t>{'1'}, nullptr);
+    QVBackupContainerStoreFileForPath(backup, CFSTR("D"), CFSTR("a/f"), file, nullptr);
+    EXPECT_FALSE(QVBackupContainerCreateDirectoryAtPath(backup, CFSTR("D"), CFSTR("a/f")));
+    EXPECT_FALSE(QVBackupContainerCreateSymlinkAtPath(backup, CFSTR("D"), CFSTR("a/f"), CFSTR("t")));
+    Entry link = QVBackupContainerCreateSymlinkAtPath(backup, CFSTR("D"), CFSTR("l"), CFSTR("one"));
+    Entry relinked = QVBackupContainerCreateSymlinkAtPath(backup, CFSTR("D"), CFSTR("l"), CFSTR("two"));
+    ASSERT_TRUE(relinked);
+    EXPECT_EQ(text(QVManifestEntryGetTarget(QVBackupContainerGetEntryForPath(backup, CFSTR("D"), CFSTR("l")))), "two");
+    (void)link;
+    size_t before = QVManifestGetEntries(backup->manifest).size();
+    EXPECT_EQ(QVBackupContainerRemovePath(backup, CFSTR("D"), CFSTR("nothing")), 0);
+    EXPECT_EQ(QVManifestGetEntries(backup->manifest).size(), before);
+    EXPECT_EQ(QVBackupContainerRemovePath(backup, CFSTR("D"), CFSTR("a")), 1);
+    EXPECT_FALSE(QVBackupContainerGetEntryForPath(backup, CFSTR("D"), CFSTR("a/f")));
+    EXPECT_EQ(QVManifestGetEntries(backup->manifest).size(), before - 2);
+}
+
+TEST_F(ContainerTest, AddedFileInAnEncryptedBackupGetsItsOwnKey) {
+    BuiltBackup built = build("3.3", true);
+    Backup backup = open(built.directory, "password");
+    ASSERT_TRUE(backup);
+    const std::vector<uint8_t> plain = {'s', 'e', 'c', 'r', 'e', 't', ' ', 'n', 'o', 't', 'e'};
+    CFErrorRef error = nullptr;
+    Entry added = QVBackupContainerStoreFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Notes/new.txt"),
+                                                    QVFileCreateFromData(plain, nullptr), &error);
+    ASSERT_TRUE(added) << CF::Error::Adopt(error).Text();
+    EXPECT_EQ(CFDataGetLength(QVManifestEntryGetEncryptionData(added)), 44);
+    // The caller reads plaintext; an export gets the ciphertext under the entry's own key.
+    EXPECT_EQ(contentOf(QVBackupContainerCopyFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Notes/new.txt"),
+                                                         nullptr)),
+              plain);
+    CF::String local = LocalFilenameForFileID(CF::String::Retain(QVManifestEntryGetFileID(added)),
+                                              backup->manifestVersion, true);
+    auto stored = contentOf(QVBackupContainerCopyFileForLocalFilename(backup, local.get(), nullptr));
+    auto key = built.encryption->UnlockKey(CF::Data::Retain(QVManifestEntryGetEncryptionData(added)));
+    EXPECT_EQ(Support::Cryptor::Decrypt(Support::Cryptor::Algorithm::AES256, key, {}, stored), plain);
+    // Files of the source are handed to an export as they were stored.
+    const BuiltItem* original = nullptr;
+    for (const BuiltItem& item : built.items)
+        if (item.kind == ItemKind::File) original = &item;
+    auto asStored = contentOf(QVBackupContainerCopyFileForLocalFilename(
+        backup, CF::String(original->localFilename).get(), nullptr));
+    EXPECT_EQ(asStored, ReadWholeFile(built.directory / original->localFilename));
+}
