@@ -51,13 +51,11 @@ Bytes image(const Bytes& record, Bytes header = {'m', 'b', 'd', 'b', 5, 0}) {
 struct Heap {
     std::unique_ptr<uint8_t[]> bytes;
     CF::Data data;
-    Heap(const Bytes& b, size_t n) : bytes(new uint8_t[n + 1]) {
+    Heap(const Bytes& b, size_t n) : bytes(new uint8_t[std::max<size_t>(n, 1)]) {
         std::copy_n(b.begin(), n, bytes.get());
         data = CF::Data::NoCopy({bytes.get(), n});
     }
 };
-
-Bytes bytesOf(CFDataRef d) { return Bytes(CFDataGetBytePtr(d), CFDataGetBytePtr(d) + CFDataGetLength(d)); }
 
 void expectSameEntry(const Entry& a, const Entry& b) {
     auto fields = [](const Entry& e) {
@@ -148,7 +146,7 @@ TEST_F(ManifestMBDB, RecordBuiltFromTheFormatDecodesToItsValues) {
     e->lastModified = CF::Date(e->lastModified.AbsoluteTime() + 0.9);
     Bytes expected = kRecord;
     expected[2 + 16 + 2 + 32] = expected[2 + 16 + 2 + 32 + 1] = 0;
-    Bytes written = bytesOf(CF::Data::Adopt(QVManifestEntryCreateManifestDataRepresentation(e)).get());
+    Bytes written = CF::Data::Adopt(QVManifestEntryCreateManifestDataRepresentation(e)).vector();
     ASSERT_EQ(written.size(), expected.size());
     EXPECT_TRUE(std::equal(expected.begin(), expected.end() - kPropertyBytes, written.begin()));
 }
