@@ -6,6 +6,7 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 
+#include <algorithm>
 #include <set>
 #include <string>
 
@@ -28,6 +29,11 @@ namespace {
 std::string FileIDOf(const std::string& domain, const std::string& path) {
     const std::string pair = domain + "-" + path;
     return Quiver::Support::hex_encode(Quiver::Support::Sha1({reinterpret_cast<const uint8_t*>(pair.data()), pair.size()}));
+}
+
+std::string Head(const fs::path& path, std::size_t n) {
+    const std::vector<uint8_t> bytes = ReadWholeFile(path);
+    return std::string(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(std::min(n, bytes.size())));
 }
 
 std::vector<uint8_t> Decipher(std::span<const uint8_t> key, const std::vector<uint8_t>& bytes) {
@@ -63,33 +69,26 @@ protected:
     fs::path root;
 };
 
-TEST_F(BackupBuilderTest, PlainBackupHoldsExactlyTheMetadataManifestAndOneStoredFilePerRegularFile) {
-    BuiltBackup b = build("3.3", false);
+TEST_F(BackupBuilderTest, PlainBackupHoldsOneStoredFilePerRegularFileAndOneRowPerItem) {
+    BuiltBackup b = build("3.1", false);
+    const std::set<std::string> present = filesIn(b.directory);  // before SQLite adds its side files
+    SQLite::Database db((b.directory / "Manifest.db").string(), SQLite::OPEN_READONLY);
+    EXPECT_EQ(db.execAndGet("SELECT COUNT(*) FROM Files").getInt(), static_cast<int>(b.items.size()));
     std::set<std::string> expected{"Manifest.plist", "Info.plist", "Status.plist", "Manifest.db"};
     for (const BuiltItem& item : b.items) {
         EXPECT_EQ(item.fileID, FileIDOf(item.domain, item.relativePath));
-        if (item.kind != ItemKind::File) continue;
-        EXPECT_EQ(item.localFilename, item.fileID.substr(0, 2) + "/" + item.fileID);
-        EXPECT_EQ(ReadWholeFile(b.directory / item.localFilename), item.content) << item.relativePath;
-        EXPECT_TRUE(item.encryptionKey.empty());
-        expected.insert(item.localFilename);
-    }
-    EXPECT_EQ(filesIn(b.directory), expected);
-}
-
-TEST_F(BackupBuilderTest, ManifestDatabaseHasOneRowPerItemFlaggedByKind) {
-    BuiltBackup b = build("3.1", false);
-    SQLite::Database db((b.directory / "Manifest.db").string(), SQLite::OPEN_READONLY);
-    EXPECT_EQ(db.execAndGet("SELECT COUNT(*) FROM Files").getInt(), static_cast<int>(b.items.size()));
-    for (const BuiltItem& item : b.items) {
         SQLite::Statement row(db, "SELECT domain, relativePath, flags FROM Files WHERE fileID = ?");
         row.bind(1, item.fileID);
         ASSERT_TRUE(row.executeStep()) << item.relativePath;
         EXPECT_EQ(row.getColumn(0).getString(), item.domain);
         EXPECT_EQ(row.getColumn(1).getString(), item.relativePath);
-        const int flags = item.kind == ItemKind::File ? 1 : item.kind == ItemKind::Directory ? 2 : 4;
-        EXPECT_EQ(row.getColumn(2).getInt(), flags);
+        EXPECT_EQ(row.getColumn(2).getInt(), item.kind == ItemKind::File ? 1 : item.kind == ItemKind::Directory ? 2 : 4);
+        if (item.kind != ItemKind::File) continue;
+        EXPECT_EQ(ReadWholeFile(b.directory / item.localFilename), item.content) << item.relativePath;
+        EXPECT_TRUE(item.encryptionKey.empty());
+        expected.insert(item.localFilename);
     }
+    EXPECT_EQ(present, expected) << "nothing else, no database side files";
 }
 
 class StoreLayoutTest : public BackupBuilderTest, public ::testing::WithParamInterface<const char*> {};
@@ -120,9 +119,8 @@ TEST_F(BackupBuilderTest, EncryptedDatabaseAndStoredFilesOpenWithThePasswordAlon
 
     MB::ManifestEncryption keys(plist, "password");
     const std::vector<uint8_t> database = Decipher(keys.GetManifestKey(), ReadWholeFile(b.directory / "Manifest.db"));
-    ASSERT_GE(database.size(), 16u);
-    EXPECT_EQ(std::string(database.begin(), database.begin() + 15), "SQLite format 3");
     WriteWholeFile(root / "plain.db", database);
+    EXPECT_EQ(Head(root / "plain.db", 15), "SQLite format 3");
     SQLite::Database db((root / "plain.db").string(), SQLite::OPEN_READONLY);
 
     for (const BuiltItem& item : b.items) {
@@ -155,10 +153,8 @@ TEST_F(BackupBuilderTest, EncryptedMbdbBackupKeepsPerFileKeysInItsRecordsAndNoMa
     EXPECT_FALSE(plist.Contains("ManifestKey"));
     MB::KeyBag keyBag(plist.Get<CF::Data>("BackupKeyBag"), "password");
 
-    const std::vector<uint8_t> image = ReadWholeFile(b.directory / "Manifest.mbdb");
-    ASSERT_GE(image.size(), 6u);
-    EXPECT_EQ(std::string(image.begin(), image.begin() + 6), std::string("mbdb\x05\x00", 6));
-    CF::Data data(image);
+    EXPECT_EQ(Head(b.directory / "Manifest.mbdb", 6), std::string("mbdb\x05\x00", 6));
+    CF::Data data(ReadWholeFile(b.directory / "Manifest.mbdb"));
     Quiver::Manifest manifest = Quiver::QVManifestCreateFromManifestData(data.get(), QVManifestDataVersion24, {}, {});
     ASSERT_TRUE(manifest);
     ASSERT_EQ(manifest->entries.size(), b.items.size());
@@ -181,28 +177,25 @@ TEST_F(BackupBuilderTest, EncryptedMbdbBackupKeepsPerFileKeysInItsRecordsAndNoMa
 
 TEST_F(BackupBuilderTest, MetadataCarriesTheDeviceInTheFormatsDevicesWrite) {
     BackupDescription d;
-    d.items = SampleItems();
     d.deviceName = "Lab Phone";
     d.productVersion = "12.1";
     BuiltBackup b = BuildBackup(root / "binary", d);
-    const std::vector<uint8_t> manifestBytes = ReadWholeFile(b.directory / "Manifest.plist");
-    EXPECT_EQ(std::string(manifestBytes.begin(), manifestBytes.begin() + 8), "bplist00");
-    CF::Dictionary lockdown = ReadPropertyList(b.directory / "Manifest.plist").Get<CF::Dictionary>("Lockdown");
+    EXPECT_EQ(Head(b.directory / "Manifest.plist", 8), "bplist00");
+    EXPECT_EQ(Head(b.directory / "Info.plist", 5), "<?xml");
+    CF::Dictionary manifest = ReadPropertyList(b.directory / "Manifest.plist");
+    EXPECT_FALSE(manifest.Get<CF::Boolean>("IsEncrypted").value());
+    CF::Dictionary lockdown = manifest.Get<CF::Dictionary>("Lockdown");
     EXPECT_EQ(lockdown.Get<CF::String>("ProductVersion").utf8(), "12.1");
     EXPECT_EQ(lockdown.Get<CF::String>("DeviceName").utf8(), "Lab Phone");
-    const std::vector<uint8_t> infoBytes = ReadWholeFile(b.directory / "Info.plist");
-    EXPECT_EQ(std::string(infoBytes.begin(), infoBytes.begin() + 5), "<?xml");
     CF::Dictionary info = ReadPropertyList(b.directory / "Info.plist");
     EXPECT_EQ(info.Get<CF::String>("Product Version").utf8(), "12.1");
     EXPECT_EQ(info.Get<CF::String>("Device Name").utf8(), "Lab Phone");
-    EXPECT_FALSE(ReadPropertyList(b.directory / "Manifest.plist").Get<CF::Boolean>("IsEncrypted").value());
 
     d.writeInfoPlist = false;
     d.xmlMetadata = true;
     BuiltBackup xml = BuildBackup(root / "xml", d);
     EXPECT_FALSE(fs::exists(xml.directory / "Info.plist"));
-    const std::vector<uint8_t> statusBytes = ReadWholeFile(xml.directory / "Status.plist");
-    EXPECT_EQ(std::string(statusBytes.begin(), statusBytes.begin() + 5), "<?xml");
+    EXPECT_EQ(Head(xml.directory / "Status.plist", 5), "<?xml");
 }
 
 TEST_F(BackupBuilderTest, RefusesDescriptionsItCannotWrite) {
