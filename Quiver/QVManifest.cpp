@@ -33,12 +33,14 @@ const std::vector<Entry>* entriesInDomain(QVManifestClass& manifest, CFStringRef
 }
 
 void computeTotals(QVManifestClass& manifest) {
-    manifest.totalFileSize = 0;
+    // Sizes come from the manifest file and cannot be trusted: add them without signed overflow.
+    uint64_t size = 0;
     manifest.totalFileCount = 0;
     for (const Entry& entry : manifest.entries) {
-        manifest.totalFileSize += static_cast<int64_t>(QVManifestEntryGetFileSize(entry));
+        size += QVManifestEntryGetFileSize(entry);
         if (QVManifestEntryIsFile(entry)) ++manifest.totalFileCount;
     }
+    manifest.totalFileSize = static_cast<int64_t>(size);
 }
 
 }  // namespace
