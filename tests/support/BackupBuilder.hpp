@@ -73,7 +73,7 @@ struct BackupDescription {
     std::string deviceName = "Test Device";
     std::string productVersion = "14.3";
     std::string buildVersion = "18C66";
-    std::string productType = "iPhone9,3";
+    std::string productType = "Device9,3";  // a model identifier in the devices' form
     int64_t date = 1609459200;  // Unix seconds: the backup's date and the items' default times
 };
 
