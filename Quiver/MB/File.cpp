@@ -158,7 +158,9 @@ File decodeArchive(const Store& store, typename Store::value top) {
     if (archive.root == 0) throw missing_root();  // nil
     basic_keyed_unarchiver<Store> unarchiver(store, archive.objects);
     return unarchiver.decode_object(archive.root, [](basic_keyed_unarchiver<Store>& u, value raw) {
-        if (u.store().type(raw) != plist_type::dictionary) throw cant_decode_as_value(u.type_name(raw), "MBFile");
+        // A dictionary that spells a UID ({"CF$UID": n}) is a reference, not an object.
+        if (u.store().type(raw) != plist_type::dictionary || detail::extract_uid(u.store(), raw))
+            throw cant_decode_as_value(u.type_name(raw), "MBFile");
         // One pass over the object's keys, then the members in their order.
         value slot[kMemberCount];
         for (value& s : slot) s = Store::none;
@@ -185,6 +187,20 @@ File decodeArchive(const Store& store, typename Store::value top) {
         if (slot[kExtendedAttributes] != Store::none) f.ExtendedAttributes = decodeAttributes(u, slot[kExtendedAttributes]);
         return f;
     });
+}
+
+// The property-list writer ends strings at a NUL character; a record holding one would come back
+// changed, so it is not written at all.
+void checkWritable(const CF::String& s) {
+    if (!s) return;
+    const CFIndex length = CFStringGetLength(s.get());
+    CFIndex used = 0;
+    CFStringGetBytes(s.get(), CFRangeMake(0, length), kCFStringEncodingUTF8, 0, false, nullptr, 0, &used);
+    std::string bytes(static_cast<size_t>(used), '\0');
+    CFStringGetBytes(s.get(), CFRangeMake(0, length), kCFStringEncodingUTF8, 0, false,
+                     reinterpret_cast<UInt8*>(bytes.data()), used, &used);
+    if (bytes.find('\0') != std::string::npos)
+        throw archive_error("MBFile strings cannot be written with a NUL character in them");
 }
 
 bool sameString(const CF::String& a, const CF::String& b) {
@@ -241,9 +257,13 @@ std::optional<File> File::Decode(CFDataRef blob) {
 
 CF::Data File::Encode() const {
     // The archiver would write any dictionary, but only names -> data can be read back as a record.
-    for (const auto& [key, value] : ExtendedAttributes.Entries())
+    for (const auto& [key, value] : ExtendedAttributes.Entries()) {
         if (CFGetTypeID(key) != CFStringGetTypeID() || CFGetTypeID(value) != CFDataGetTypeID())
             throw archive_error("MBFile ExtendedAttributes must map strings to data");
+        checkWritable(CF::String::Retain(static_cast<CFStringRef>(key)));
+    }
+    checkWritable(RelativePath);
+    checkWritable(Target);
     keyed_archiver archiver;
     archiver.encode_object(keyed_archiver::root_key, this, {"MBFile", "NSObject"}, [this](keyed_archiver& a) {
         a.encode_string(kMemberKeys[kRelativePath], RelativePath ? RelativePath.get() : emptyString().get());

@@ -33,16 +33,19 @@ public:
     ~File();
 
     // Decodes a blob. The result is nullopt when the bytes are not a property list whose top level is a
-    // dictionary. Anything else that is wrong throws one of Quiver::Support::archiver_exceptions (all
-    // std::runtime_error), in the order in which the archive is checked: creator, version, $top,
-    // $objects, root object, then the members (decode_cycle, uid_out_of_range, cant_decode_as_value...).
+    // dictionary (for a binary list: also when an object that decoding reads is malformed, where
+    // CoreFoundation would not have parsed the list at all). Anything else that is wrong throws one of
+    // Quiver::Support::archiver_exceptions (all derived from archive_error, a std::runtime_error) in
+    // the order in which the archive is checked: creator, version, $top, $objects, root object, then
+    // the members (decode_cycle, uid_out_of_range, cant_decode_as_value...). Callers that report a
+    // failure take the exception's what() as its text.
     static std::optional<File> Decode(std::span<const uint8_t> blob);
     static std::optional<File> Decode(CFDataRef blob);
 
     // The blob: a binary property list with the members in the order below. Target, Digest,
     // EncryptionKey and ExtendedAttributes are written only when not empty. Throws
-    // Quiver::Support::archiver_exceptions::archive_error when the record cannot be written (an
-    // attribute value a property list cannot hold).
+    // Quiver::Support::archiver_exceptions::archive_error when the record cannot be written faithfully
+    // (attributes that are not names to data, a string holding a NUL character).
     CF::Data Encode() const;
 
     friend bool operator==(const File& a, const File& b);

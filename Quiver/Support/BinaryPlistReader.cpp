@@ -37,7 +37,6 @@ std::string_view to_string(plist_type type) {
         case plist_type::string: return "string";
         case plist_type::uid: return "uid";
         case plist_type::array: return "array";
-        case plist_type::set: return "set";
         case plist_type::dictionary: return "dictionary";
     }
     return "unknown";
@@ -158,11 +157,7 @@ std::optional<int64_t> binary_plist_reader::integer(value v) const {
     const Object& o = expect(v, plist_type::integer, "integer");
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     if (o.size <= 8) return static_cast<int64_t>(byte_reader::unchecked_be(p, static_cast<unsigned>(o.size)));
-    // 16 bytes: a 128-bit two's complement value, which fits when its high half only extends the sign
-    // of the low half (or is zero, the form in which unsigned 64-bit values are written).
-    const uint64_t high = byte_reader::unchecked_be(p, 8), low = byte_reader::unchecked_be(p + 8, 8);
-    if (high == 0 || (high == UINT64_MAX && (low >> 63) != 0)) return static_cast<int64_t>(low);
-    return std::nullopt;
+    return static_cast<int64_t>(byte_reader::unchecked_be(p + 8, 8));
 }
 
 double binary_plist_reader::real(value v) const {
@@ -243,22 +238,32 @@ binary_plist_reader::value binary_plist_reader::element(value v, size_t i) const
     return ref_at(o.payload + uint64_t{i} * refSize_);
 }
 
+binary_plist_reader::value binary_plist_reader::dictionary::key_object(size_t i) const {
+    const value k = reader_->ref_at(payload_ + uint64_t{i} * reader_->refSize_);
+    const uint8_t kind = reader_->at(k).marker >> 4;
+    if (kind != kASCII && kind != kUTF16) malformed("dictionary key is not a string");
+    return k;
+}
+
 std::string_view binary_plist_reader::dictionary::key(size_t i) const {
     const value k = key_object(i);
     const Object& o = reader_->at(k);
     if ((o.marker >> 4) == kASCII)
         return {reinterpret_cast<const char*>(reader_->bytes_.bytes().data() + o.payload), o.size};
-    if ((o.marker >> 4) != kUTF16) malformed("dictionary key is not a string");
-    return *converted_.emplace_back(std::make_unique<std::string>(reader_->string(k).utf8()));
+    // Kept with the view; the string's own UTF-8 bytes, NUL characters included.
+    const CF::String s = reader_->string(k);
+    const CFIndex length = CFStringGetLength(s.get());
+    CFIndex used = 0;
+    CFStringGetBytes(s.get(), CFRangeMake(0, length), kCFStringEncodingUTF8, 0, false, nullptr, 0, &used);
+    auto& text = *converted_.emplace_back(std::make_unique<std::string>(static_cast<size_t>(used), '\0'));
+    CFStringGetBytes(s.get(), CFRangeMake(0, length), kCFStringEncodingUTF8, 0, false,
+                     reinterpret_cast<UInt8*>(text.data()), used, &used);
+    return text;
 }
 
 binary_plist_reader::value binary_plist_reader::dictionary::find(std::string_view key) const {
-    for (size_t i = count_; i-- > 0;) {
-        const value k = key_object(i);
-        const uint8_t kind = reader_->at(k).marker >> 4;
-        if (kind != kASCII && kind != kUTF16) malformed("dictionary key is not a string");
-        if (reader_->string_equals(k, key)) return value_at(i);
-    }
+    for (size_t i = count_; i-- > 0;)
+        if (reader_->string_equals(key_object(i), key)) return value_at(i);
     return none;
 }
 

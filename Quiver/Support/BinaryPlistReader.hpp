@@ -30,10 +30,11 @@
 
 namespace Quiver::Support {
 
-// The kinds of value a property list can hold (binary lists add UIDs and sets).
-enum class plist_type : uint8_t { null, boolean, integer, real, date, data, string, uid, array, set, dictionary };
+// The kinds of value a property list can hold (binary lists add UIDs). Binary sets read as arrays, as
+// CoreFoundation has no sets of its own to read them into.
+enum class plist_type : uint8_t { null, boolean, integer, real, date, data, string, uid, array, dictionary };
 
-// "null", "boolean", "integer", "real", "date", "data", "string", "uid", "array", "set", "dictionary".
+// "null", "boolean", "integer", "real", "date", "data", "string", "uid", "array", "dictionary".
 std::string_view to_string(plist_type type);
 
 // Bytes that are not a well-formed binary property list where they were read.
@@ -66,7 +67,8 @@ public:
     // when it is asked for a type the object does not have (the caller checks type() first).
     plist_type type(value v) const { return typeOf(at(v).marker); }
     bool boolean(value v) const;
-    // The 64-bit two's complement value; nullopt for a 16-byte integer that needs more than 64 bits.
+    // The value as 64-bit two's complement. Of a 16-byte integer only the low 64 bits count, as
+    // property-list readers keep them (unsigned 64-bit values are written in 16 bytes).
     std::optional<int64_t> integer(value v) const;
     // Reals and dates (seconds since 2001-01-01).
     double real(value v) const;
@@ -86,8 +88,8 @@ public:
     class dictionary {
     public:
         size_t size() const { return count_; }
-        // The key as a string object of the list.
-        value key_object(size_t i) const { return reader_->ref_at(payload_ + uint64_t{i} * reader_->refSize_); }
+        // The key as a string object of the list (plist_format_error when it is no string).
+        value key_object(size_t i) const;
         // The key's text: in place for ASCII keys; UTF-16 keys are converted to UTF-8 and kept with the view.
         std::string_view key(size_t i) const;
         value value_at(size_t i) const {
@@ -132,7 +134,7 @@ private:
             plist_type::null,   plist_type::integer, plist_type::real,  plist_type::date,
             plist_type::data,   plist_type::string,  plist_type::string, plist_type::null,
             plist_type::uid,    plist_type::null,    plist_type::array, plist_type::null,
-            plist_type::set,    plist_type::dictionary, plist_type::null, plist_type::null,
+            plist_type::array,  plist_type::dictionary, plist_type::null, plist_type::null,
         };
         return marker == 0x08 || marker == 0x09 ? plist_type::boolean : kByKind[marker >> 4];
     }

@@ -172,6 +172,12 @@ TEST_F(MBFileRoundTrip, AttributesThatAreNotNamesToDataAreNotWritten) {
     EXPECT_THROW(f.Encode(), ax::archive_error);
 }
 
+TEST_F(MBFileRoundTrip, TextWithNULIsRefusedRatherThanCutShort) {
+    MB::File f;
+    f.Target = CF::String(std::string_view("a\0b", 3));
+    EXPECT_THROW(f.Encode(), ax::archive_error);
+}
+
 // ---- Archives written by Python's plistlib in the layouts devices use ----
 
 class MBFilePythonBlobs : public ::testing::Test {
@@ -348,6 +354,12 @@ TEST_P(MBFileArchiveChecks, RootThatIsNotAnObjectIsRefused) {
     ExpectFailure<ax::cant_decode_as_value>("Cant decode type 'string' as MBFile");
 }
 
+TEST_P(MBFileArchiveChecks, RootThatIsAReferenceIsRefused) {
+    // In XML the reference reads as a dictionary {"CF$UID": 2}; it is still no object.
+    a.top.Set("root", UID(a.Add(UID(2))));
+    ExpectFailure<ax::cant_decode_as_value>("Cant decode type 'uid' as MBFile");
+}
+
 TEST_P(MBFileArchiveChecks, ObjectReferringToItselfIsACycle) {
     a.root.Set("RelativePath", UID(1));
     ExpectFailure<ax::decode_cycle>("A cycle was detected when decoding the archive");
@@ -500,6 +512,15 @@ TEST(MBFileNotAnArchive, TruncatedOrCorruptedBinaryGivesNothing) {
     const uint64_t tableOffset = Quiver::Support::byte_reader(corrupt).be(corrupt.size() - 8, 8).value();
     std::fill(corrupt.begin() + static_cast<long>(tableOffset), corrupt.end() - 32, 0);
     EXPECT_FALSE(MB::File::Decode(corrupt).has_value());
+}
+
+// Inputs that the fuzz target found, each once a crash.
+TEST(MBFileRegressions, FuzzFindingsFailCleanly) {
+    const fs::path dir = fs::path(QUIVER_TEST_DATA) / "mbfile" / "regressions";
+    // A property list in an attribute blob whose dictionary key is no string.
+    EXPECT_THROW(MB::File::Decode(ReadFile(dir / "attribute-key-not-a-string.bplist")), ax::cant_decode_as_value);
+    // A list whose top object is a UID.
+    EXPECT_FALSE(MB::File::Decode(ReadFile(dir / "top-level-uid.bplist")).has_value());
 }
 
 // ---- Real backups ----
