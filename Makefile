@@ -16,8 +16,16 @@ build: deps
 test: build
 	@cd build && ctest --output-on-failure -j $(JOBS)
 
+# Writes the sample backup afresh and shows what the tool makes of it.
 run: build
-	@build/bin/quiver
+	@rm -rf build/sample
+	@build/bin/quiver sample build/sample
+	@echo '$$ quiver info build/sample'
+	@build/bin/quiver info build/sample
+	@echo '$$ quiver ls -l build/sample'
+	@build/bin/quiver ls -l build/sample
+	@echo '$$ quiver cat build/sample HomeDomain Library/Notes/welcome.txt'
+	@build/bin/quiver cat build/sample HomeDomain Library/Notes/welcome.txt
 
 bench: deps
 	@cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DQUIVER_BUILD_TESTS=OFF >/dev/null

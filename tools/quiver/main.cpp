@@ -1,31 +1,70 @@
-// The quiver command-line tool. For now it shows what the library's foundation does: it writes a small
-// property list in both formats, reads it back, and reports an error made the library's way.
-#include <CoreFoundation/CoreFoundation.h>
+// The quiver command-line tool: inspect, read, extract, edit and write iOS device backups through the
+// Quiver library. This file parses the command line, runs the chosen command inside a session (a
+// private temporary folder for the library, removed at the end) and turns the outcome into one line
+// on standard error and an exit status: 0 success, 1 failure, 2 usage, 3 password, 4 not a usable
+// backup.
+#include <unistd.h>
 
-#include <cstdio>
-#include <string>
+#include <exception>
 
-#include "Quiver/CF/CF.hpp"
-#include "Quiver/QVError.hpp"
+#include <fmt/format.h>
+
+#include "Tool.hpp"
+
+using namespace QuiverTool;
+
+namespace {
+
+void Report(const std::string& message) {
+    if (message.empty()) return;
+    try {
+        WriteAll(STDERR_FILENO, fmt::format("quiver: {}\n", message));
+    } catch (const Failure&) {
+    }
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
-    std::string command = argc > 1 ? argv[1] : "";
-    CF::Dictionary info = CF::Dictionary::CreateMutable();
-    info.Set("Device Name", CF::String("Sample iPhone"));
-    info.Set("Product Version", CF::String("17.4"));
-    info.Set("Last Backup Date", CF::Date(static_cast<double>(static_cast<int64_t>(CFAbsoluteTimeGetCurrent()))));
-    info.Set("IsEncrypted", CF::Boolean(false));
-    for (auto format : {kCFPropertyListXMLFormat_v1_0, kCFPropertyListBinaryFormat_v1_0}) {
-        CF::Data bytes = CF::Data::Adopt(CFPropertyListCreateData(nullptr, info.get(), format, 0, nullptr));
-        CF::Dictionary back = CF::Dictionary::Adopt(static_cast<CFDictionaryRef>(
-            CFPropertyListCreateWithData(nullptr, bytes.get(), 0, nullptr, nullptr)));
-        std::printf("%s property list: %zu bytes, reads back %s\n",
-                    format == kCFPropertyListXMLFormat_v1_0 ? "XML" : "binary", bytes.size(),
-                    back == info ? "equal" : "DIFFERENT");
+    CLI::App app("Inspect, extract, edit and write iOS device backups (directories or zip files).\n"
+                 "Passwords: QUIVER_PASSWORD, --password-file FILE, or a prompt on a terminal.\n"
+                 "Exit status: 0 success, 1 failure, 2 usage, 3 password missing or incorrect,\n"
+                 "4 not a backup, damaged, or of an unsupported version.",
+                 "quiver");
+    app.require_subcommand(1);
+    app.fallthrough();
+    GlobalOptions global;
+    app.add_flag("-v,--verbose", global.verbosity, "Say more, and show the library's log (-vv: all of it)");
+    app.add_option("--password-file", global.passwordFile, "Read the backup's password from FILE")
+        ->type_name("FILE");
+    Action action;
+    AddInspectCommands(app, global, action);
+    AddReadCommands(app, global, action);
+    AddWriteCommands(app, global, action);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int code = app.exit(e);
+        return code == 0 ? kSuccess : kUsage;
     }
-    std::printf("%s\n", CF::Describe(info.get()).c_str());
-    CF::Error e = Quiver::Error(QVErrorPasswordRequired, CF::Error(), "no password was given");
-    std::printf("an error as callers see it: %s (friendly: %s)\n", e.Text().c_str(), e.IsFriendly() ? "yes" : "no");
-    (void)command;
-    return 0;
+    if (!action) return kUsage;
+
+    int status = kFailure;
+    try {
+        StartSession();
+        ConfigureLogging(global.verbosity);
+        status = action();
+    } catch (const Failure& f) {
+        Report(f.what());
+        status = f.status();
+    } catch (const CF::Error& e) {
+        Report(ErrorText(e));
+        status = kFailure;
+    } catch (const std::exception& e) {
+        Report(e.what());
+        status = kFailure;
+    }
+    EndSession();
+    return status;
 }

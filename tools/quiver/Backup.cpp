@@ -1,0 +1,265 @@
+// Opening a backup the way a person expects: a directory or a zip file, a password asked for only
+// when the backup needs one, and a failure explained in one line that says what is wrong and maps to
+// the exit status a script can act on (3 for the password, 4 for what is not a usable backup).
+//
+// The library refuses a password for a plain backup. QUIVER_PASSWORD may well be set in a shell for
+// other backups, so the tool then simply opens the backup without it.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include <fmt/format.h>
+
+#include "Quiver/QVError.hpp"
+#include "Tool.hpp"
+
+namespace fs = std::filesystem;
+using namespace Quiver;
+
+namespace QuiverTool {
+
+namespace {
+
+struct Password {
+    std::string text;
+    std::string origin;  // where it came from, for messages
+};
+
+std::optional<Password> PasswordFromOptions(const GlobalOptions& options) {
+    if (!options.passwordFile.empty()) {
+        std::ifstream in(options.passwordFile, std::ios::binary);
+        if (!in)
+            throw Failure(kFailure,
+                          fmt::format("cannot read the password file {}: {}", options.passwordFile, std::strerror(errno)));
+        std::ostringstream content;
+        content << in.rdbuf();
+        std::string text = content.str();
+        // A file written by `echo` ends with a line break that is not part of the password.
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        if (!text.empty() && text.back() == '\r') text.pop_back();
+        if (text.empty()) throw Failure(kPasswordProblem, fmt::format("the password file {} is empty", options.passwordFile));
+        return Password{text, "the password file"};
+    }
+    if (const char* env = std::getenv("QUIVER_PASSWORD"); env && *env) return Password{env, "QUIVER_PASSWORD"};
+    return std::nullopt;
+}
+
+bool IsWrongPassword(const CF::Error& error) {
+    if (error.Code() == QVErrorIncorrectPassword) return true;
+    // The key bag fails to unlock under a wrong password. When the key bag opened but the manifest key
+    // does not unwrap, the password was right and the backup is damaged.
+    return error.Code() == QVErrorUnlockFailed && error.Reason() != "Failed to unlock manifest key";
+}
+
+// The name in the trailing "(...)" of a library message, e.g. the metadata file it is about.
+std::string TrailingName(const std::string& reason) {
+    if (reason.empty() || reason.back() != ')') return {};
+    size_t open = reason.rfind('(');
+    if (open == std::string::npos) return {};
+    return reason.substr(open + 1, reason.size() - open - 2);
+}
+
+Failure LoadFailure(const std::string& path, const CF::Error& error) {
+    const std::string reason = error.Reason();
+    switch (error.Code()) {
+        case QVErrorPasswordRequired:
+            return Failure(kPasswordProblem,
+                           fmt::format("{} is encrypted and no password was given: set QUIVER_PASSWORD, use "
+                                       "--password-file FILE, or run quiver on a terminal to be asked for it",
+                                       path));
+        case QVErrorIncorrectPassword:
+            return Failure(kPasswordProblem, fmt::format("the password for {} is incorrect", path));
+        case QVErrorUnlockFailed:
+            if (IsWrongPassword(error))
+                return Failure(kPasswordProblem, fmt::format("the password for {} is incorrect", path));
+            return Failure(kBadBackup, fmt::format("{} is damaged: {}", path, ErrorText(error)));
+        case QVErrorInvalidBackup:
+            if (reason.find("metadata file missing") != std::string::npos)
+                return Failure(kBadBackup, fmt::format("{} is not a backup: {} is missing", path, TrailingName(reason)));
+            if (reason.rfind("Failed to open zip file", 0) == 0)
+                return Failure(kBadBackup,
+                               fmt::format("{} is not a backup: it is neither a backup directory nor a zip file", path));
+            if (reason.rfind("Failed to load backup metadata file", 0) == 0)
+                return Failure(kBadBackup, fmt::format("{} is not a readable backup: {} could not be read ({})", path,
+                                                       TrailingName(reason), ErrorText(error.Underlying())));
+            return Failure(kBadBackup, fmt::format("{} is not a readable backup: {}", path, ErrorText(error)));
+        case QVErrorUnknownManifestVersion:
+        case QVErrorEncryptionNotSupported:
+            return Failure(kBadBackup, fmt::format("{} is of an unsupported kind: {}", path, ErrorText(error)));
+        case QVErrorInvalidManifestDatabase:
+        case QVErrorDatabaseOperation:
+        case QVErrorLoadingExternalRepresentation:
+        case QVErrorInvalidMBFile:
+        case QVErrorArchiveFile:
+        case QVErrorCryptoOperation:
+        case QVErrorInvalidKeyBag:
+        case QVErrorInvalidMetadata:
+            return Failure(kBadBackup, fmt::format("{} is damaged: {}", path, ErrorText(error)));
+        default:
+            return Failure(kFailure, fmt::format("cannot open {}: {}", path, ErrorText(error)));
+    }
+}
+
+Backup TryLoad(const std::string& path, bool zip, const std::optional<std::string>& password, CF::Error& failure) {
+    Progress progress(password ? "Deriving the key from the password" : "Opening the backup");
+    bool loading = false;
+    LoadProgress report = [&](int64_t, int64_t, double fraction) {
+        if (!loading) {
+            progress.SetLabel("Loading the manifest");
+            loading = true;
+        }
+        progress.Update(fraction);
+    };
+    CF::String pathText(path);
+    CF::String passwordText = password ? CF::String(*password) : CF::String();
+    if (password && !passwordText) throw Failure(kPasswordProblem, "the password is not valid UTF-8 text");
+    CFErrorRef error = nullptr;
+    Backup backup = zip ? QVBackupContainerCreateFromZipFile(pathText.get(), passwordText.get(), report, &error)
+                        : QVBackupContainerCreateFromDirectory(pathText.get(), passwordText.get(), report, &error);
+    failure = CF::Error::Adopt(error);
+    return backup;
+}
+
+}  // namespace
+
+std::string Utf8(CFStringRef string) { return string ? CF::String::Retain(string).utf8() : std::string(); }
+
+std::string ErrorText(const CF::Error& error) {
+    std::vector<std::string> parts;
+    CF::Error current = error;
+    for (int depth = 0; current && depth < 16; ++depth, current = current.Underlying()) {
+        std::string text = current.Reason();
+        if (text.empty()) text = current.Description();
+        if (!text.empty() && std::find(parts.begin(), parts.end(), text) == parts.end()) parts.push_back(text);
+    }
+    std::string joined;
+    for (const std::string& part : parts) {
+        if (!joined.empty()) joined += ": ";
+        joined += part;
+    }
+    return joined.empty() ? "unknown error" : joined;
+}
+
+OpenBackup& OpenBackup::operator=(OpenBackup&& other) noexcept {
+    if (this != &other) {
+        Release();
+        backup_ = std::move(other.backup_);
+    }
+    return *this;
+}
+
+void OpenBackup::Release() {
+    if (!backup_) return;
+    // The manifest's file getter holds the container; dropping the manifest lets both go.
+    backup_->manifest.reset();
+    backup_.reset();
+}
+
+OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
+    std::error_code ec;
+    fs::file_status status = fs::status(path, ec);
+    if (!fs::exists(status)) throw Failure(kFailure, fmt::format("{}: no such file or directory", path));
+    const bool zip = !fs::is_directory(status);
+
+    std::optional<Password> given = PasswordFromOptions(options);
+    std::optional<std::string> password;
+    if (given) password = given->text;
+    CF::Error failure;
+    Backup backup = TryLoad(path, zip, password, failure);
+    if (!backup && failure.Code() == QVErrorNotEncrypted && password) {
+        Detail(options.verbosity, fmt::format("{} is not encrypted; the password from {} is not needed", path,
+                                              given->origin));
+        backup = TryLoad(path, zip, std::nullopt, failure);
+    }
+    if (!backup && failure.Code() == QVErrorPasswordRequired) {
+        for (int attempt = 0; attempt < 3 && !backup; ++attempt) {
+            std::optional<std::string> typed = PromptForPassword(fmt::format("Password for {}: ", path));
+            if (!typed) break;
+            backup = TryLoad(path, zip, typed, failure);
+            if (!backup && !IsWrongPassword(failure)) break;
+            if (!backup && attempt < 2) Warn("incorrect password, try again");
+        }
+    }
+    if (!backup) {
+        Detail(options.verbosity, fmt::format("the library reported: {}", failure.Text()));
+        throw LoadFailure(path, failure);
+    }
+    return OpenBackup(std::move(backup));
+}
+
+const char* EntryTypeName(const Entry& entry) {
+    if (QVManifestEntryIsDirectory(entry)) return "dir";
+    if (QVManifestEntryIsSymlink(entry)) return "symlink";
+    return "file";
+}
+
+int64_t EntryModifiedUnixTime(const Entry& entry) {
+    CFDateRef modified = nullptr;
+    QVManifestEntryCopyFilesystemAttributes(entry, nullptr, nullptr, nullptr, nullptr, &modified, nullptr);
+    CF::Date date = CF::Date::Adopt(modified);
+    if (!date) return 0;
+    return static_cast<int64_t>(std::floor(date.UnixTime()));
+}
+
+Entry RequireEntry(const Backup& backup, const std::string& domain, const std::string& path) {
+    Entry entry = QVBackupContainerGetEntryForPath(backup, CF::String(domain).get(), CF::String(path).get());
+    if (!entry) throw Failure(kFailure, fmt::format("nothing in the backup at {} {}", domain, path));
+    return entry;
+}
+
+std::vector<Entry> SelectEntries(const Backup& backup, const std::optional<std::string>& domain,
+                                 const std::optional<std::string>& path) {
+    Manifest manifest = QVBackupContainerGetManifest(backup);
+    std::vector<Entry> entries;
+    if (!domain) {
+        entries = QVManifestGetEntries(manifest);
+    } else {
+        std::string wanted = path.value_or("");
+        while (!wanted.empty() && wanted.back() == '/') wanted.pop_back();
+        entries = QVManifestCopyEntriesAtPath(manifest, CF::String(*domain).get(), CF::String(wanted).get());
+        if (entries.empty()) {
+            if (wanted.empty()) throw Failure(kFailure, fmt::format("the backup has no domain {}", *domain));
+            throw Failure(kFailure, fmt::format("nothing in the backup at {} {}", *domain, wanted));
+        }
+    }
+    std::vector<std::pair<std::pair<std::string, std::string>, Entry>> keyed;
+    keyed.reserve(entries.size());
+    for (Entry& e : entries) keyed.push_back({{EntryDomain(e), EntryPath(e)}, std::move(e)});
+    std::stable_sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    entries.clear();
+    for (auto& k : keyed) entries.push_back(std::move(k.second));
+    return entries;
+}
+
+void ReadEntryContent(const Backup& backup, const Entry& entry, const std::function<void(const uint8_t*, size_t)>& sink) {
+    const std::string domain = EntryDomain(entry);
+    const std::string path = EntryPath(entry);
+    if (!QVManifestEntryIsFile(entry))
+        throw Failure(kFailure, fmt::format("{} {} is a {}, not a file", domain, path,
+                                            QVManifestEntryIsDirectory(entry) ? "directory" : "symbolic link"));
+    CFErrorRef error = nullptr;
+    std::shared_ptr<QVFileClass> file = QVBackupContainerCopyFileForPath(
+        backup, QVManifestEntryGetDomain(entry), QVManifestEntryGetPath(entry), &error);
+    CF::Error failure = CF::Error::Adopt(error);
+    if (!file) throw Failure(kFailure, fmt::format("cannot read {} {}: {}", domain, path, ErrorText(failure)));
+    try {
+        QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
+            if (!chunk.empty()) sink(chunk.data(), chunk.size());
+            return true;
+        });
+    } catch (const Failure&) {
+        throw;
+    } catch (const CF::Error& e) {
+        throw Failure(kFailure, fmt::format("cannot read {} {}: {}", domain, path, ErrorText(e)));
+    } catch (const std::exception& e) {
+        throw Failure(kFailure, fmt::format("cannot read {} {}: {}", domain, path, e.what()));
+    }
+}
+
+}  // namespace QuiverTool

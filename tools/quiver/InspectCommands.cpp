@@ -1,0 +1,224 @@
+// Commands that look at a backup without writing anything: `info` (what device, which version,
+// encrypted or not, how much is in it), `ls` (the entries, for people or as JSON for scripts) and
+// `csv` (the CSV listing of a Manifest.db file).
+#include <unistd.h>
+
+#include <cmath>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "Quiver/QVError.hpp"
+#include "Quiver/QVManifestCSV.hpp"
+#include "Tool.hpp"
+
+using namespace Quiver;
+using nlohmann::json;
+
+namespace QuiverTool {
+
+namespace {
+
+std::string StringValue(const CF::Dictionary& dict, const char* key) {
+    CF::String value = dict.Get<CF::String>(key);
+    return value ? value.utf8() : std::string();
+}
+
+// The backup's date: the host's "Last Backup Date", else the date of the backup's status or manifest.
+std::optional<int64_t> BackupDate(const CF::Dictionary& info, const CF::Dictionary& status,
+                                  const CF::Dictionary& manifest) {
+    for (const auto& [dict, key] : {std::pair{&info, "Last Backup Date"}, {&status, "Date"}, {&manifest, "Date"}}) {
+        CF::Date date = dict->Get<CF::Date>(key);
+        if (date) return static_cast<int64_t>(std::floor(date.UnixTime()));
+    }
+    return std::nullopt;
+}
+
+std::string IsoTime(int64_t unixSeconds) {
+    std::string text = UtcTimeText(unixSeconds);
+    if (text.size() == 19) text[10] = 'T';
+    return text + "Z";
+}
+
+struct InfoOptions {
+    std::string backup;
+    bool json = false;
+};
+
+int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
+    OpenBackup open = LoadBackup(o.backup, global);
+    const Backup& backup = open.get();
+    CF::Dictionary info = CF::Dictionary::Adopt(QVBackupContainerCopyInfoDict(backup));
+    CF::Dictionary status = CF::Dictionary::Adopt(QVBackupContainerCopyStatusDict(backup));
+    CF::Dictionary manifestDict = CF::Dictionary::Adopt(QVBackupContainerCopyManifestDict(backup));
+    CF::Dictionary lockdown = manifestDict.Get<CF::Dictionary>("Lockdown");
+
+    auto pick = [](std::string first, const std::string& second) { return first.empty() ? second : first; };
+    const std::string deviceName = pick(StringValue(info, "Device Name"), StringValue(lockdown, "DeviceName"));
+    const std::string productVersion = pick(StringValue(info, "Product Version"), StringValue(lockdown, "ProductVersion"));
+    const std::string buildVersion = pick(StringValue(info, "Build Version"), StringValue(lockdown, "BuildVersion"));
+    const std::string productType = pick(StringValue(info, "Product Type"), StringValue(lockdown, "ProductType"));
+    const std::string version = StringValue(status, "Version");
+    const bool encrypted = QVBackupContainerIsEncrypted(backup) != 0;
+    const std::optional<int64_t> date = BackupDate(info, status, manifestDict);
+
+    int64_t files = 0, directories = 0, symlinks = 0;
+    uint64_t totalSize = 0;
+    Manifest manifest = QVBackupContainerGetManifest(backup);
+    for (const Entry& e : QVManifestGetEntries(manifest)) {
+        if (QVManifestEntryIsDirectory(e)) {
+            ++directories;
+        } else if (QVManifestEntryIsSymlink(e)) {
+            ++symlinks;
+        } else {
+            ++files;
+            totalSize += QVManifestEntryGetFileSize(e);
+        }
+    }
+    CF::Array domains = CF::Array::Adopt(QVManifestCopyDomainsList(manifest));
+    const std::string manifestFile = version == "2.4" ? "Manifest.mbdb" : "Manifest.db";
+
+    if (o.json) {
+        json out = {
+            {"path", o.backup},
+            {"deviceName", deviceName},
+            {"productVersion", productVersion},
+            {"buildVersion", buildVersion},
+            {"productType", productType},
+            {"version", version},
+            {"manifestFile", manifestFile},
+            {"encrypted", encrypted},
+            {"date", date ? json(IsoTime(*date)) : json(nullptr)},
+            {"files", files},
+            {"directories", directories},
+            {"symlinks", symlinks},
+            {"totalSize", totalSize},
+            {"domains", domains.size()},
+        };
+        WriteAll(STDOUT_FILENO, out.dump(2) + "\n");
+        return kSuccess;
+    }
+    auto orUnknown = [](const std::string& s) { return s.empty() ? std::string("(unknown)") : s; };
+    std::string text;
+    text += fmt::format("Backup:           {}\n", o.backup);
+    text += fmt::format("Device name:      {}\n", orUnknown(deviceName));
+    text += fmt::format("Device type:      {}\n", orUnknown(productType));
+    text += fmt::format("iOS version:      {}{}\n", orUnknown(productVersion),
+                        buildVersion.empty() ? "" : fmt::format(" ({})", buildVersion));
+    text += fmt::format("Manifest version: {} ({})\n", version, manifestFile);
+    text += fmt::format("Encrypted:        {}\n", encrypted ? "yes" : "no");
+    text += fmt::format("Date:             {}\n", date ? UtcTimeText(*date) + " UTC" : std::string("(unknown)"));
+    text += fmt::format("Domains:          {}\n", domains.size());
+    text += fmt::format("Files:            {}\n", files);
+    text += fmt::format("Directories:      {}\n", directories);
+    text += fmt::format("Symlinks:         {}\n", symlinks);
+    text += fmt::format("Total size:       {}{}\n", SizeText(totalSize),
+                        totalSize >= 1000 ? fmt::format(" ({} bytes)", totalSize) : std::string());
+    WriteAll(STDOUT_FILENO, text);
+    return kSuccess;
+}
+
+struct ListOptions {
+    std::string backup;
+    std::optional<std::string> domain;
+    std::optional<std::string> path;
+    bool json = false;
+    bool longFormat = false;
+};
+
+json EntryJson(const Entry& e) {
+    uint16_t mode = 0;
+    uint32_t uid = 0, gid = 0;
+    QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
+    std::string target = Utf8(QVManifestEntryGetTarget(e));
+    return json{
+        {"domain", EntryDomain(e)},
+        {"path", EntryPath(e)},
+        {"type", EntryTypeName(e)},
+        {"size", QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0},
+        {"mode", mode},
+        {"uid", uid},
+        {"gid", gid},
+        {"mtime", EntryModifiedUnixTime(e)},
+        {"fileID", Utf8(QVManifestEntryGetFileID(e))},
+        {"target", QVManifestEntryIsSymlink(e) ? json(target) : json(nullptr)},
+        {"protectionClass", ProtectionClassCode(QVManifestEntryGetProtectionClass(e))},
+    };
+}
+
+int RunList(const ListOptions& o, const GlobalOptions& global) {
+    OpenBackup open = LoadBackup(o.backup, global);
+    std::vector<Entry> entries = SelectEntries(open.get(), o.domain, o.path);
+    if (o.json) {
+        json out = json::array();
+        for (const Entry& e : entries) out.push_back(EntryJson(e));
+        WriteAll(STDOUT_FILENO, out.dump(2) + "\n");
+        return kSuccess;
+    }
+    std::string text;
+    for (const Entry& e : entries) {
+        std::string name = EntryPath(e);
+        if (QVManifestEntryIsDirectory(e)) name += "/";
+        if (o.longFormat) {
+            uint16_t mode = 0;
+            uint32_t uid = 0, gid = 0;
+            QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
+            text += fmt::format("{} {:>5} {:>5} {:>10} {}  {}\t{}", ModeString(mode), uid, gid,
+                                QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0,
+                                UtcTimeText(EntryModifiedUnixTime(e)), EntryDomain(e), name);
+            if (QVManifestEntryIsSymlink(e)) text += " -> " + Utf8(QVManifestEntryGetTarget(e));
+        } else {
+            text += fmt::format("{}\t{}", EntryDomain(e), name);
+        }
+        text += '\n';
+        if (text.size() >= 65536) {
+            WriteAll(STDOUT_FILENO, text);
+            text.clear();
+        }
+    }
+    WriteAll(STDOUT_FILENO, text);
+    return kSuccess;
+}
+
+int RunCsv(const std::string& database) {
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(database, ec))
+        throw Failure(kFailure, fmt::format("{}: no such file", database));
+    CFErrorRef error = nullptr;
+    CF::String csv = CF::String::Adopt(QVManifestDBCopyCSVRepresentation(CF::String(database).get(), &error));
+    CF::Error failure = CF::Error::Adopt(error);
+    if (!csv) {
+        const bool damaged = failure.Code() == QVErrorInvalidManifestDatabase ||
+                             failure.Code() == QVErrorDatabaseOperation || failure.Code() == QVErrorInvalidMBFile;
+        throw Failure(damaged ? kBadBackup : kFailure,
+                      fmt::format("{} is not a readable Manifest.db: {}", database, ErrorText(failure)));
+    }
+    WriteAll(STDOUT_FILENO, csv.utf8());
+    return kSuccess;
+}
+
+}  // namespace
+
+void AddInspectCommands(CLI::App& app, const GlobalOptions& global, Action& action) {
+    auto info = std::make_shared<InfoOptions>();
+    CLI::App* infoCommand = app.add_subcommand("info", "Show the device, version, encryption and contents of a backup");
+    infoCommand->add_option("BACKUP", info->backup, "Backup directory or zip file")->required();
+    infoCommand->add_flag("--json", info->json, "Print one JSON object");
+    infoCommand->callback([info, &global, &action] { action = [info, &global] { return RunInfo(*info, global); }; });
+
+    auto list = std::make_shared<ListOptions>();
+    CLI::App* listCommand = app.add_subcommand("ls", "List the entries of a backup, a domain, or a path");
+    listCommand->add_option("BACKUP", list->backup, "Backup directory or zip file")->required();
+    listCommand->add_option("DOMAIN", list->domain, "Only this domain");
+    listCommand->add_option("PATH", list->path, "Only this path and what is below it");
+    listCommand->add_flag("--json", list->json, "Print one JSON array of entry objects");
+    listCommand->add_flag("-l,--long", list->longFormat, "Mode, owner, size and date of each entry");
+    listCommand->callback([list, &global, &action] { action = [list, &global] { return RunList(*list, global); }; });
+
+    auto database = std::make_shared<std::string>();
+    CLI::App* csvCommand = app.add_subcommand("csv", "Print the CSV listing of a Manifest.db file");
+    csvCommand->add_option("MANIFEST_DB", *database, "An unencrypted Manifest.db")->required();
+    csvCommand->callback([database, &action] { action = [database] { return RunCsv(*database); }; });
+}
+
+}  // namespace QuiverTool

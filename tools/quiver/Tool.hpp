@@ -1,0 +1,173 @@
+// What the quiver tool's commands share: exit statuses, the failure that ends a command with one of
+// them, the global options, the opening of a backup with its password, the terminal progress line,
+// and the process's private temporary folder with its cleanup on exit and on signals.
+//
+// A command is a function that returns an exit status or throws Failure; main() turns anything else
+// that escapes into status 1, so every path out of the program passes through the cleanup.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "Quiver/CF/CF.hpp"
+#include "Quiver/QVBackupContainer.hpp"
+
+namespace QuiverTool {
+
+enum ExitStatus : int {
+    kSuccess = 0,
+    kFailure = 1,
+    kUsage = 2,
+    kPasswordProblem = 3,  // missing or incorrect
+    kBadBackup = 4,        // not a backup, damaged, or of an unsupported version
+};
+
+// Ends the command: main() prints the message (when not empty) as one line and exits with the status.
+class Failure : public std::runtime_error {
+public:
+    Failure(int status, const std::string& message) : std::runtime_error(message), status_(status) {}
+    int status() const { return status_; }
+
+private:
+    int status_;
+};
+
+struct GlobalOptions {
+    int verbosity = 0;
+    std::string passwordFile;
+};
+
+using Action = std::function<int()>;
+
+// Each command family adds its subcommands; the chosen one stores its work in `action`.
+void AddInspectCommands(CLI::App& app, const GlobalOptions& options, Action& action);  // info, ls, csv
+void AddReadCommands(CLI::App& app, const GlobalOptions& options, Action& action);     // cat, extract
+void AddWriteCommands(CLI::App& app, const GlobalOptions& options, Action& action);    // export, edit, sample
+
+// ---- Backups (Backup.cpp) ----
+
+// A loaded container. A loaded container and its manifest refer to each other; the destructor breaks
+// that cycle so that the container, and the decrypted manifest copy it owns, are really released.
+class OpenBackup {
+public:
+    OpenBackup() = default;
+    explicit OpenBackup(Quiver::Backup backup) : backup_(std::move(backup)) {}
+    OpenBackup(OpenBackup&&) noexcept = default;
+    OpenBackup& operator=(OpenBackup&& other) noexcept;
+    OpenBackup(const OpenBackup&) = delete;
+    OpenBackup& operator=(const OpenBackup&) = delete;
+    ~OpenBackup() { Release(); }
+
+    const Quiver::Backup& get() const { return backup_; }
+    void Release();
+
+private:
+    Quiver::Backup backup_;
+};
+
+// Loads a backup directory or zip file. The password comes from --password-file, QUIVER_PASSWORD or
+// a prompt on the terminal, and only when the backup turns out to need one. Throws Failure with
+// status 3 for a missing or wrong password, 4 for what is not a readable backup, 1 otherwise.
+OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options);
+
+// The error's reasons from the outermost to the innermost cause, in plain words, joined by ": ".
+std::string ErrorText(const CF::Error& error);
+
+// The entry of (domain, path) or Failure(1) naming what is missing.
+Quiver::Entry RequireEntry(const Quiver::Backup& backup, const std::string& domain, const std::string& path);
+
+// Every entry, a domain's, or those at and below a path, sorted by domain and path. Throws Failure(1)
+// when a domain or path was asked for and nothing is there.
+std::vector<Quiver::Entry> SelectEntries(const Quiver::Backup& backup, const std::optional<std::string>& domain,
+                                         const std::optional<std::string>& path);
+
+std::string Utf8(CFStringRef string);
+inline std::string EntryDomain(const Quiver::Entry& e) { return Utf8(Quiver::QVManifestEntryGetDomain(e)); }
+inline std::string EntryPath(const Quiver::Entry& e) { return Utf8(Quiver::QVManifestEntryGetPath(e)); }
+// "file", "dir" or "symlink".
+const char* EntryTypeName(const Quiver::Entry& entry);
+// Unix seconds of the entry's last modification, 0 when it has none.
+int64_t EntryModifiedUnixTime(const Quiver::Entry& entry);
+
+// Streams a file's plaintext to a callback; throws Failure(1) when it cannot be read.
+void ReadEntryContent(const Quiver::Backup& backup, const Quiver::Entry& entry,
+                      const std::function<void(const uint8_t*, size_t)>& sink);
+
+// ---- Output (Output.cpp) ----
+
+// Writes all of the bytes to a file descriptor, retrying after interruptions and short writes.
+// Throws Failure(1); a reader that went away (EPIPE) ends the command quietly.
+void WriteAll(int fd, const void* bytes, size_t length);
+void WriteAll(int fd, std::string_view text);
+
+// "-rw-r--r--" from a whole POSIX mode.
+std::string ModeString(uint16_t mode);
+// "2021-01-01 00:00:00" in UTC, from Unix seconds.
+std::string UtcTimeText(int64_t unixSeconds);
+// "1.5 MB" for people; exact bytes are in --json.
+std::string SizeText(uint64_t bytes);
+// A name from a backup made safe to show on a terminal: control characters become "\xNN".
+std::string Printable(std::string_view name);
+
+// ---- Terminal and session (Session.cpp) ----
+
+// A progress line on standard error, drawn only when standard error is a terminal. Without a known
+// fraction it shows a spinner and the time spent, redrawn by a ticker thread while the library works.
+class Progress {
+public:
+    explicit Progress(std::string label);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void SetLabel(std::string label);
+    void Update(double fraction);
+    // Clears the line; the destructor does it too.
+    void Finish();
+
+private:
+    struct State;
+    std::shared_ptr<State> state_;
+};
+
+// Asks for a password on the terminal without echo; nothing when standard input is not a terminal.
+std::optional<std::string> PromptForPassword(const std::string& prompt);
+
+// Creates the private temporary folder, hands it to the library, and arranges that it is removed at
+// exit and when SIGINT, SIGTERM or SIGHUP ends the process. Call once, before any other thread starts.
+void StartSession();
+// Removes the temporary folder; called by main() after the command's objects are gone.
+void EndSession();
+std::filesystem::path SessionTemporaryFolder();
+
+// A path that a signal should remove too: an export or edit destination still being written.
+class RemoveOnSignal {
+public:
+    explicit RemoveOnSignal(std::filesystem::path path);
+    ~RemoveOnSignal();
+    RemoveOnSignal(const RemoveOnSignal&) = delete;
+    RemoveOnSignal& operator=(const RemoveOnSignal&) = delete;
+
+private:
+    std::filesystem::path path_;
+};
+
+// Sets the library's log level from -v (info) and -vv (debug); without -v the library stays silent.
+void ConfigureLogging(int verbosity);
+// One line of detail on standard error, shown with -v only.
+void Detail(int verbosity, const std::string& line);
+// "quiver: warning: ..." on standard error.
+void Warn(const std::string& line);
+
+}  // namespace QuiverTool

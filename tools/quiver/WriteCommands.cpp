@@ -1,0 +1,367 @@
+// Commands that write a new backup: `export` (the backup as it is, to a directory or zip), `edit`
+// (files put, paths removed, folders and links made, in the order given, then written as a new
+// backup; an encrypted backup stays encrypted, each new file with its own key) and `sample` (the small
+// plain backup that `make run` shows, made from nothing through the library).
+//
+// The library writes an export file by file and leaves what it wrote when one fails. A half-written
+// backup is worse than none, so the tool removes its destination when the export fails or a signal
+// ends the process; the destination never existed before, so nothing of the user's is lost.
+#include <fmt/format.h>
+
+#include "Quiver/QVFile.hpp"
+#include "Tool.hpp"
+
+namespace fs = std::filesystem;
+using namespace Quiver;
+
+namespace QuiverTool {
+
+namespace {
+
+void RequireNewDestination(const std::string& destination, bool zip) {
+    std::error_code ec;
+    if (fs::exists(fs::symlink_status(destination, ec)))
+        throw Failure(kFailure, fmt::format("{} already exists; give a new name", destination));
+    fs::path parent = fs::path(destination).parent_path();
+    if (zip && !parent.empty() && !fs::is_directory(parent, ec))
+        throw Failure(kFailure, fmt::format("the folder {} does not exist", parent.string()));
+}
+
+void WriteBackup(const Backup& backup, const std::string& destination, bool zip) {
+    RemoveOnSignal removeIfInterrupted(destination);
+    Progress progress(zip ? "Writing the zip file" : "Writing the backup");
+    CF::String target(destination);
+    ExportProgress report = [&](double fraction) { progress.Update(fraction); };
+    const bool written = zip ? QVBackupContainerExportToZip(backup, target.get(), report)
+                             : QVBackupContainerExportToDirectory(backup, target.get(), report);
+    progress.Finish();
+    if (!written) {
+        std::error_code ec;
+        fs::remove_all(destination, ec);
+        throw Failure(kFailure,
+                      fmt::format("could not write {}: some of its files failed (run with -v to see the library's log)",
+                                  destination));
+    }
+}
+
+// ---- export ----
+
+struct ExportOptions {
+    std::string backup;
+    std::string destination;
+    bool zip = false;
+};
+
+int RunExport(const ExportOptions& o, const GlobalOptions& global) {
+    RequireNewDestination(o.destination, o.zip);
+    OpenBackup open = LoadBackup(o.backup, global);
+    WriteBackup(open.get(), o.destination, o.zip);
+    return kSuccess;
+}
+
+// ---- edit ----
+
+struct EditOptions {
+    std::string backup;
+    std::string destination;
+    bool zip = false;
+    std::vector<std::string> put, remove, mkdir, symlink;
+    CLI::Option* putOption = nullptr;
+    CLI::Option* removeOption = nullptr;
+    CLI::Option* mkdirOption = nullptr;
+    CLI::Option* symlinkOption = nullptr;
+    CLI::App* command = nullptr;
+};
+
+enum class EditKind { Put, Remove, Mkdir, Symlink };
+
+struct Edit {
+    EditKind kind;
+    std::string domain;
+    std::string path;
+    std::string extra;  // the local file of a put, the target of a symlink
+};
+
+// The edits in the order they were given on the command line.
+std::vector<Edit> EditsInOrder(const EditOptions& o) {
+    std::vector<Edit> edits;
+    size_t next[4] = {0, 0, 0, 0};
+    for (const CLI::Option* option : o.command->parse_order()) {
+        EditKind kind;
+        const std::vector<std::string>* values;
+        size_t width;
+        if (option == o.putOption) {
+            kind = EditKind::Put, values = &o.put, width = 3;
+        } else if (option == o.removeOption) {
+            kind = EditKind::Remove, values = &o.remove, width = 2;
+        } else if (option == o.mkdirOption) {
+            kind = EditKind::Mkdir, values = &o.mkdir, width = 2;
+        } else if (option == o.symlinkOption) {
+            kind = EditKind::Symlink, values = &o.symlink, width = 3;
+        } else {
+            continue;
+        }
+        size_t& at = next[static_cast<int>(kind)];
+        if (at + width > values->size()) throw Failure(kUsage, "an edit option is missing its arguments");
+        Edit edit{kind, (*values)[at], (*values)[at + 1], width == 3 ? (*values)[at + 2] : std::string()};
+        at += width;
+        edits.push_back(std::move(edit));
+    }
+    return edits;
+}
+
+// Names written into a backup must be safe to extract again: a plain domain and a relative path
+// without "..".
+void RequireSafeName(const Edit& edit, bool pathRequired) {
+    auto bad = [&](const std::string& why) {
+        return Failure(kUsage, fmt::format("cannot edit {} {}: {}", Printable(edit.domain), Printable(edit.path), why));
+    };
+    if (edit.domain.empty() || edit.domain == "." || edit.domain == ".." ||
+        edit.domain.find('/') != std::string::npos)
+        throw bad("the domain must be a plain name such as HomeDomain");
+    if (pathRequired && edit.path.empty()) throw bad("a path is needed");
+    if (!edit.path.empty() && edit.path.front() == '/') throw bad("the path must be relative to its domain");
+    if (edit.path.find('\0') != std::string::npos) throw bad("the path holds a NUL character");
+    size_t start = 0;
+    while (start <= edit.path.size()) {
+        size_t end = edit.path.find('/', start);
+        if (end == std::string::npos) end = edit.path.size();
+        std::string part = edit.path.substr(start, end - start);
+        if (part == "..") throw bad("the path must not hold \"..\"");
+        if (part.empty() && !edit.path.empty()) throw bad("the path holds an empty component");
+        start = end + 1;
+    }
+}
+
+// Folder entries for every parent of path that has none, like `mkdir -p`.
+void MakeParents(const Backup& backup, const Edit& edit, bool includingPath) {
+    CF::String domain(edit.domain);
+    std::string prefix;
+    size_t start = 0;
+    while (start < edit.path.size()) {
+        size_t end = edit.path.find('/', start);
+        const bool last = end == std::string::npos;
+        if (last && !includingPath) break;
+        if (last) end = edit.path.size();
+        prefix = edit.path.substr(0, end);
+        if (!QVBackupContainerCreateDirectoryAtPath(backup, domain.get(), CF::String(prefix).get()))
+            throw Failure(kFailure, fmt::format("cannot make the folder {} {}: something else is there",
+                                                Printable(edit.domain), Printable(prefix)));
+        start = end + 1;
+    }
+}
+
+void ApplyEdit(const Backup& backup, const Edit& edit, const GlobalOptions& global) {
+    CF::String domain(edit.domain);
+    CF::String path(edit.path);
+    const std::string shown = fmt::format("{} {}", Printable(edit.domain), Printable(edit.path));
+    switch (edit.kind) {
+        case EditKind::Put: {
+            RequireSafeName(edit, true);
+            std::error_code ec;
+            if (!fs::is_regular_file(edit.extra, ec))
+                throw Failure(kFailure, fmt::format("{} is not a file that can be put into the backup", edit.extra));
+            CFErrorRef error = nullptr;
+            std::shared_ptr<QVFileClass> file = QVFileCreateFromFileAtPath(CF::String(edit.extra), 1, &error);
+            CF::Error failure = CF::Error::Adopt(error);
+            if (!file) throw Failure(kFailure, fmt::format("cannot read {}: {}", edit.extra, ErrorText(failure)));
+            Entry existing = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
+            if (!existing) MakeParents(backup, edit, false);
+            Entry stored = QVBackupContainerStoreFileForPath(backup, domain.get(), path.get(), file, &error);
+            failure = CF::Error::Adopt(error);
+            if (!stored) throw Failure(kFailure, fmt::format("cannot put {}: {}", shown, ErrorText(failure)));
+            Detail(global.verbosity, fmt::format("put {} from {}", shown, edit.extra));
+            break;
+        }
+        case EditKind::Remove:
+            RequireSafeName(edit, false);
+            if (!QVBackupContainerRemovePath(backup, domain.get(), path.get()))
+                throw Failure(kFailure, fmt::format("cannot remove {}: nothing is there", shown));
+            Detail(global.verbosity, fmt::format("removed {}", shown));
+            break;
+        case EditKind::Mkdir:
+            RequireSafeName(edit, false);
+            if (edit.path.empty()) {
+                if (!QVBackupContainerCreateDirectoryAtPath(backup, domain.get(), path.get()))
+                    throw Failure(kFailure, fmt::format("cannot make the folder {}", shown));
+            } else {
+                MakeParents(backup, edit, true);
+            }
+            Detail(global.verbosity, fmt::format("made the folder {}", shown));
+            break;
+        case EditKind::Symlink: {
+            RequireSafeName(edit, true);
+            if (edit.extra.empty()) throw Failure(kUsage, fmt::format("the link {} needs a target", shown));
+            Entry existing = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
+            if (!existing) MakeParents(backup, edit, false);
+            if (!QVBackupContainerCreateSymlinkAtPath(backup, domain.get(), path.get(), CF::String(edit.extra).get()))
+                throw Failure(kFailure, fmt::format("cannot make the link {}: something other than a link is there", shown));
+            Detail(global.verbosity, fmt::format("made the link {} -> {}", shown, Printable(edit.extra)));
+            break;
+        }
+    }
+}
+
+int RunEdit(const EditOptions& o, const GlobalOptions& global) {
+    std::vector<Edit> edits = EditsInOrder(o);
+    RequireNewDestination(o.destination, o.zip);
+    OpenBackup open = LoadBackup(o.backup, global);
+    for (const Edit& edit : edits) ApplyEdit(open.get(), edit, global);
+    WriteBackup(open.get(), o.destination, o.zip);
+    return kSuccess;
+}
+
+// ---- sample ----
+
+struct SampleOptions {
+    std::string destination;
+    bool zip = false;
+};
+
+constexpr int64_t kSampleDate = 1710498600;  // 2024-03-15 10:30:00 UTC
+
+CF::Data XmlPlist(const CF::Dictionary& dict) {
+    return CF::Data::Adopt(CFPropertyListCreateData(nullptr, dict.get(), kCFPropertyListXMLFormat_v1_0, 0, nullptr));
+}
+
+CF::Data Text(std::string_view text) {
+    return CF::Data(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+}
+
+void StoreSampleFile(const Backup& backup, const char* domain, const char* path, const CF::Data& content) {
+    CFErrorRef error = nullptr;
+    std::shared_ptr<QVFileClass> file = QVFileCreateFromData(content.get(), &error);
+    if (file) {
+        Entry entry = QVBackupContainerStoreFileForPath(backup, CF::String(domain).get(), CF::String(path).get(), file, &error);
+        if (entry) return;
+    }
+    CF::Error failure = CF::Error::Adopt(error);
+    throw Failure(kFailure, fmt::format("cannot make the sample file {} {}: {}", domain, path, ErrorText(failure)));
+}
+
+int RunSample(const SampleOptions& o) {
+    RequireNewDestination(o.destination, o.zip);
+    CFErrorRef error = nullptr;
+    Backup backup = QVBackupContainerCreateEmpty(&error);
+    CF::Error failure = CF::Error::Adopt(error);
+    if (!backup) throw Failure(kFailure, fmt::format("cannot make a new backup: {}", ErrorText(failure)));
+    // An empty container has no manifest format yet; the sample is a current one, with Manifest.db.
+    backup->manifestVersion = QVManifestDataVersion33;
+
+    const CF::Date date = CF::Date::FromUnixTime(static_cast<double>(kSampleDate));
+    CF::Dictionary lockdown = CF::Dictionary::CreateMutable();
+    lockdown.Set("DeviceName", CF::String("Sample iPhone"));
+    lockdown.Set("ProductType", CF::String("iPhone14,2"));
+    lockdown.Set("ProductVersion", CF::String("17.4"));
+    lockdown.Set("BuildVersion", CF::String("21E219"));
+    CF::Dictionary notesApp = CF::Dictionary::CreateMutable();
+    notesApp.Set("CFBundleIdentifier", CF::String("com.example.notes"));
+    notesApp.Set("CFBundleVersion", CF::String("3.2"));
+    CF::Dictionary applications = CF::Dictionary::CreateMutable();
+    applications.Set("com.example.notes", notesApp);
+
+    CF::Dictionary manifest = CF::Dictionary::CreateMutable();
+    manifest.Set("Version", CF::String("10.0"));
+    manifest.Set("Date", date);
+    manifest.Set("IsEncrypted", CF::Boolean(false));
+    manifest.Set("WasPasscodeSet", CF::Boolean(false));
+    manifest.Set("Lockdown", lockdown);
+    manifest.Set("Applications", applications);
+    CF::Dictionary status = CF::Dictionary::CreateMutable();
+    status.Set("Version", CF::String("3.3"));
+    status.Set("Date", date);
+    status.Set("BackupState", CF::String("new"));
+    status.Set("SnapshotState", CF::String("finished"));
+    status.Set("IsFullBackup", CF::Boolean(false));
+    status.Set("UUID", CF::String("9F0C3A52-5D4B-4E0A-9C37-2B8E8F6A1D04"));
+    CF::Dictionary info = CF::Dictionary::CreateMutable();
+    info.Set("Device Name", CF::String("Sample iPhone"));
+    info.Set("Display Name", CF::String("Sample iPhone"));
+    info.Set("Product Type", CF::String("iPhone14,2"));
+    info.Set("Product Version", CF::String("17.4"));
+    info.Set("Build Version", CF::String("21E219"));
+    info.Set("Last Backup Date", date);
+    info.Set("Target Type", CF::String("Device"));
+    QVBackupContainerSetDictionaries(backup, info.get(), status.get(), manifest.get());
+
+    CF::Dictionary settings = CF::Dictionary::CreateMutable();
+    settings.Set("AutoLock", CF::Number(int64_t{120}));
+    settings.Set("Wallpaper", CF::String("Blue Hour"));
+    settings.Set("ShowBatteryPercentage", CF::Boolean(true));
+    CF::Dictionary notesSettings = CF::Dictionary::CreateMutable();
+    notesSettings.Set("SortOrder", CF::String("modified"));
+    notesSettings.Set("DefaultFolder", CF::String("Notes"));
+
+    StoreSampleFile(backup, "HomeDomain", "Library/Preferences/com.example.settings.plist", XmlPlist(settings));
+    StoreSampleFile(backup, "HomeDomain", "Library/Notes/welcome.txt",
+                    Text("Welcome to Quiver.\n\nThis file lives in the HomeDomain of a sample backup that the quiver\n"
+                         "tool wrote through the library: `quiver cat build/sample HomeDomain Library/Notes/welcome.txt`\n"
+                         "printed it.\n"));
+    StoreSampleFile(backup, "AppDomain-com.example.notes", "Documents/shopping.txt",
+                    Text("- apples\n- bread\n- coffee\n"));
+    StoreSampleFile(backup, "AppDomain-com.example.notes", "Library/Preferences/com.example.notes.plist",
+                    XmlPlist(notesSettings));
+    StoreSampleFile(backup, "CameraRollDomain", "Media/DCIM/100APPLE/IMG_0001.txt",
+                    Text("(a photo would be here)\n"));
+    CF::String notesDomain("AppDomain-com.example.notes");
+    if (!QVBackupContainerCreateSymlinkAtPath(backup, notesDomain.get(), CF::String("Documents/latest.txt").get(),
+                                              CF::String("shopping.txt").get()) ||
+        !QVBackupContainerCreateDirectoryAtPath(backup, CF::String("MediaDomain").get(), CF::String("").get()) ||
+        !QVBackupContainerCreateDirectoryAtPath(backup, CF::String("MediaDomain").get(), CF::String("Media").get()))
+        throw Failure(kFailure, "cannot make the sample's folders and links");
+
+    // Every entry carries the sample's date, so that two samples list alike.
+    for (const Entry& entry : QVManifestGetEntries(QVBackupContainerGetManifest(backup))) {
+        entry->birth = CF::Date(date.AbsoluteTime());
+        entry->lastModified = CF::Date(date.AbsoluteTime());
+        entry->lastStatusChange = CF::Date(date.AbsoluteTime());
+    }
+    OpenBackup hold(std::move(backup));
+    WriteBackup(hold.get(), o.destination, o.zip);
+    return kSuccess;
+}
+
+}  // namespace
+
+void AddWriteCommands(CLI::App& app, const GlobalOptions& global, Action& action) {
+    auto exportOptions = std::make_shared<ExportOptions>();
+    CLI::App* exportCommand = app.add_subcommand("export", "Write the backup as a new backup directory or zip file");
+    exportCommand->add_option("BACKUP", exportOptions->backup, "Backup directory or zip file")->required();
+    exportCommand->add_option("DEST", exportOptions->destination, "New directory or zip file (must not exist)")->required();
+    exportCommand->add_flag("--zip", exportOptions->zip, "Write a zip file");
+    exportCommand->callback([exportOptions, &global, &action] {
+        action = [exportOptions, &global] { return RunExport(*exportOptions, global); };
+    });
+
+    auto edit = std::make_shared<EditOptions>();
+    CLI::App* editCommand = app.add_subcommand("edit", "Change a backup and write the result as a new backup");
+    edit->command = editCommand;
+    editCommand->add_option("BACKUP", edit->backup, "Backup directory or zip file")->required();
+    editCommand->add_option("DEST", edit->destination, "New directory or zip file (must not exist)")->required();
+    editCommand->add_flag("--zip", edit->zip, "Write a zip file");
+    edit->putOption = editCommand->add_option("--put", edit->put, "Store LOCALFILE at DOMAIN PATH")
+                          ->type_name("DOMAIN PATH LOCALFILE")
+                          ->expected(3)
+                          ->allow_extra_args(false);
+    edit->removeOption = editCommand->add_option("--rm", edit->remove, "Remove DOMAIN PATH and what is below it")
+                             ->type_name("DOMAIN PATH")
+                             ->expected(2)
+                             ->allow_extra_args(false);
+    edit->mkdirOption = editCommand->add_option("--mkdir", edit->mkdir, "Make the folder DOMAIN PATH")
+                            ->type_name("DOMAIN PATH")
+                            ->expected(2)
+                            ->allow_extra_args(false);
+    edit->symlinkOption = editCommand->add_option("--symlink", edit->symlink, "Make a link at DOMAIN PATH to TARGET")
+                              ->type_name("DOMAIN PATH TARGET")
+                              ->expected(3)
+                              ->allow_extra_args(false);
+    editCommand->callback([edit, &global, &action] { action = [edit, &global] { return RunEdit(*edit, global); }; });
+
+    auto sample = std::make_shared<SampleOptions>();
+    CLI::App* sampleCommand = app.add_subcommand("sample", "Write a small plain sample backup");
+    sampleCommand->add_option("DEST", sample->destination, "New directory or zip file (must not exist)")->required();
+    sampleCommand->add_flag("--zip", sample->zip, "Write a zip file");
+    sampleCommand->callback([sample, &action] { action = [sample] { return RunSample(*sample); }; });
+}
+
+}  // namespace QuiverTool
