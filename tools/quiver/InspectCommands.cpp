@@ -193,7 +193,9 @@ int RunCsv(const std::string& database) {
         throw Failure(damaged ? kBadBackup : kFailure,
                       fmt::format("{} is not a readable Manifest.db: {}", database, ErrorText(failure)));
     }
-    WriteAll(STDOUT_FILENO, csv.utf8());
+    std::string text = csv.utf8();
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    WriteAll(STDOUT_FILENO, text);
     return kSuccess;
 }
 

@@ -82,10 +82,11 @@ struct Edit {
     std::string extra;  // the local file of a put, the target of a symlink
 };
 
-// The edits in the order they were given on the command line.
+// The edits in the order they were given on the command line. The parser records one step per value,
+// so an edit is complete when its option has received all of its values.
 std::vector<Edit> EditsInOrder(const EditOptions& o) {
     std::vector<Edit> edits;
-    size_t next[4] = {0, 0, 0, 0};
+    size_t received[4] = {0, 0, 0, 0};
     for (const CLI::Option* option : o.command->parse_order()) {
         EditKind kind;
         const std::vector<std::string>* values;
@@ -101,11 +102,11 @@ std::vector<Edit> EditsInOrder(const EditOptions& o) {
         } else {
             continue;
         }
-        size_t& at = next[static_cast<int>(kind)];
-        if (at + width > values->size()) throw Failure(kUsage, "an edit option is missing its arguments");
-        Edit edit{kind, (*values)[at], (*values)[at + 1], width == 3 ? (*values)[at + 2] : std::string()};
-        at += width;
-        edits.push_back(std::move(edit));
+        size_t& count = received[static_cast<int>(kind)];
+        if (++count % width != 0) continue;
+        if (count > values->size()) throw Failure(kUsage, "an edit option is missing its arguments");
+        const size_t at = count - width;
+        edits.push_back({kind, (*values)[at], (*values)[at + 1], width == 3 ? (*values)[at + 2] : std::string()});
     }
     return edits;
 }
@@ -341,19 +342,23 @@ void AddWriteCommands(CLI::App& app, const GlobalOptions& global, Action& action
     editCommand->add_flag("--zip", edit->zip, "Write a zip file");
     edit->putOption = editCommand->add_option("--put", edit->put, "Store LOCALFILE at DOMAIN PATH")
                           ->type_name("DOMAIN PATH LOCALFILE")
-                          ->expected(3)
+                          ->type_size(3)
+                          ->expected(1, CLI::detail::expected_max_vector_size)
                           ->allow_extra_args(false);
     edit->removeOption = editCommand->add_option("--rm", edit->remove, "Remove DOMAIN PATH and what is below it")
                              ->type_name("DOMAIN PATH")
-                             ->expected(2)
+                             ->type_size(2)
+                             ->expected(1, CLI::detail::expected_max_vector_size)
                              ->allow_extra_args(false);
     edit->mkdirOption = editCommand->add_option("--mkdir", edit->mkdir, "Make the folder DOMAIN PATH")
                             ->type_name("DOMAIN PATH")
-                            ->expected(2)
+                            ->type_size(2)
+                            ->expected(1, CLI::detail::expected_max_vector_size)
                             ->allow_extra_args(false);
     edit->symlinkOption = editCommand->add_option("--symlink", edit->symlink, "Make a link at DOMAIN PATH to TARGET")
                               ->type_name("DOMAIN PATH TARGET")
-                              ->expected(3)
+                              ->type_size(3)
+                              ->expected(1, CLI::detail::expected_max_vector_size)
                               ->allow_extra_args(false);
     editCommand->callback([edit, &global, &action] { action = [edit, &global] { return RunEdit(*edit, global); }; });
 

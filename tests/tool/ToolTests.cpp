@@ -1,0 +1,386 @@
+// The quiver tool driven as a user runs it, on backups made by the test fixtures: plain and
+// encrypted, directory and zip, Manifest.db and Manifest.mbdb. Every test runs the tool with its own
+// TMPDIR and checks at the end that the tool left nothing there.
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "Quiver/QVBackupContainer.hpp"
+#include "support/BackupBuilder.hpp"
+#include "support/TemporaryPath.hpp"
+#include "tool/ToolRunner.hpp"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using namespace QuiverTest;
+using namespace QuiverToolTest;
+
+namespace {
+
+std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+
+class ToolTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { UseTestTemporaryPath(); }
+
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "quiver-tool-test-XXXXXX").string();
+        ASSERT_TRUE(mkdtemp(pattern.data()));
+        work_ = pattern;
+        fs::create_directories(work_ / "tmp");
+    }
+
+    void TearDown() override {
+        EXPECT_TRUE(fs::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
+        std::error_code ec;
+        fs::remove_all(work_, ec);
+    }
+
+    RunResult Run(const std::vector<std::string>& args, std::string password = "") {
+        Environment env{{"TMPDIR", (work_ / "tmp").string()}};
+        if (!password.empty()) env["QUIVER_PASSWORD"] = password;
+        return RunTool(args, env);
+    }
+
+    BuiltBackup Build(const std::string& name, std::string version, bool encrypted,
+                      std::vector<BackupItem> items = SampleItems()) {
+        BackupDescription d;
+        d.items = std::move(items);
+        d.manifestVersion = std::move(version);
+        d.encrypted = encrypted;
+        return BuildBackup(work_ / name, d);
+    }
+
+    // The same backup packed in a zip file by the library's own export.
+    std::string Zip(const BuiltBackup& built, const std::string& password) {
+        std::string zip = built.directory.string() + ".zip";
+        CF::String pw(password);
+        Quiver::Backup backup = Quiver::QVBackupContainerCreateFromDirectory(
+            CF::String(built.directory.string()).get(), password.empty() ? nullptr : pw.get(), nullptr, nullptr);
+        EXPECT_TRUE(backup);
+        EXPECT_TRUE(Quiver::QVBackupContainerExportToZip(backup, CF::String(zip).get(), nullptr));
+        backup->manifest.reset();  // the manifest's file getter holds the container
+        return zip;
+    }
+
+    fs::path work_;
+};
+
+// ---- Every reading command on every kind of backup ----
+
+struct Kind {
+    const char* name;
+    const char* version;
+    bool encrypted;
+    bool zip;
+};
+
+class EveryKindOfBackup : public ToolTest, public ::testing::WithParamInterface<Kind> {
+protected:
+    void SetUp() override {
+        ToolTest::SetUp();
+        built_ = Build("backup", GetParam().version, GetParam().encrypted);
+        password_ = GetParam().encrypted ? "password" : "";
+        path_ = GetParam().zip ? Zip(built_, password_) : built_.directory.string();
+    }
+    BuiltBackup built_;
+    std::string password_;
+    std::string path_;
+};
+
+TEST_P(EveryKindOfBackup, InfoReportsVersionEncryptionAndCounts) {
+    RunResult r = Run({"info", path_, "--json"}, password_);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");  // no progress when standard error is not a terminal
+    json info = json::parse(r.out);
+    EXPECT_EQ(info["encrypted"], GetParam().encrypted);
+    EXPECT_EQ(info["version"], GetParam().version);
+    EXPECT_EQ(info["deviceName"], "Test Device");
+    EXPECT_EQ(info["files"], 5);
+    EXPECT_EQ(info["directories"], 5);
+    EXPECT_EQ(info["symlinks"], 1);
+    EXPECT_EQ(info["totalSize"], 0 + 1 + 16 + 17 + 100000);
+    EXPECT_EQ(Run({"info", path_}, password_).out.find("Encrypted:        ") != std::string::npos, true);
+}
+
+TEST_P(EveryKindOfBackup, ListShowsEveryItemWithItsAttributes) {
+    RunResult r = Run({"ls", path_, "--json"}, password_);
+    ASSERT_EQ(r.status, 0) << r.err;
+    json list = json::parse(r.out);
+    ASSERT_EQ(list.size(), built_.items.size());
+    for (const BuiltItem& item : built_.items) {
+        auto found = std::find_if(list.begin(), list.end(), [&](const json& e) {
+            return e["domain"] == item.domain && e["path"] == item.relativePath;
+        });
+        ASSERT_NE(found, list.end()) << item.domain << " " << item.relativePath;
+        EXPECT_EQ((*found)["fileID"], item.fileID);
+        const char* type = item.kind == ItemKind::File ? "file" : item.kind == ItemKind::Directory ? "dir" : "symlink";
+        EXPECT_EQ((*found)["type"], type);
+        if (item.kind == ItemKind::File) {
+            EXPECT_EQ((*found)["size"], item.content.size());
+        }
+    }
+    const json& large = *std::find_if(list.begin(), list.end(), [](const json& e) { return e["path"] == "Documents/large.db"; });
+    EXPECT_EQ(large["mode"], 0100600);
+    EXPECT_EQ(large["mtime"], 1600000000);
+    EXPECT_EQ(large["protectionClass"], 1);
+    const json& link = *std::find_if(list.begin(), list.end(), [](const json& e) { return e["type"] == "symlink"; });
+    EXPECT_EQ(link["target"], "Preferences");
+
+    RunResult domain = Run({"ls", path_, "HomeDomain", "Library/Preferences"}, password_);
+    ASSERT_EQ(domain.status, 0) << domain.err;
+    EXPECT_EQ(std::count(domain.out.begin(), domain.out.end(), '\n'), 5);  // the folder and its four files
+    EXPECT_EQ(domain.out.find("AppDomain"), std::string::npos);
+}
+
+TEST_P(EveryKindOfBackup, CatWritesEachFilesPlaintext) {
+    for (const BuiltItem& item : built_.items) {
+        if (item.kind != ItemKind::File) continue;
+        RunResult r = Run({"cat", path_, item.domain, item.relativePath}, password_);
+        ASSERT_EQ(r.status, 0) << item.relativePath << ": " << r.err;
+        EXPECT_EQ(r.out, Bytes(item.content)) << item.relativePath;
+    }
+}
+
+TEST_P(EveryKindOfBackup, ExtractWritesAReadableTree) {
+    fs::path dest = work_ / "out";
+    RunResult r = Run({"extract", path_, dest.string()}, password_);
+    ASSERT_EQ(r.status, 0) << r.err;
+    for (const BuiltItem& item : built_.items) {
+        fs::path p = dest / item.domain / item.relativePath;
+        if (item.kind == ItemKind::File) {
+            EXPECT_EQ(Bytes(ReadWholeFile(p)), Bytes(item.content)) << p;
+        } else if (item.kind == ItemKind::Directory) {
+            EXPECT_TRUE(fs::is_directory(fs::symlink_status(p))) << p;
+        } else {
+            EXPECT_EQ(fs::read_symlink(p), "Preferences");
+        }
+    }
+    struct stat st {};
+    ASSERT_EQ(stat((dest / "AppDomain-com.example.notes/Documents/large.db").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mtime, 1600000000);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST_P(EveryKindOfBackup, ExportWritesABackupThatReadsTheSame) {
+    for (bool zip : {false, true}) {
+        std::string dest = (work_ / (zip ? "export.zip" : "export")).string();
+        std::vector<std::string> args{"export", path_, dest};
+        if (zip) args.push_back("--zip");
+        RunResult r = Run(args, password_);
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(fs::is_directory(dest), !zip);
+        RunResult info = Run({"info", dest, "--json"}, password_);
+        ASSERT_EQ(info.status, 0) << info.err;
+        EXPECT_EQ(json::parse(info.out)["encrypted"], GetParam().encrypted);
+        const BuiltItem& large = built_.Item("AppDomain-com.example.notes", "Documents/large.db");
+        EXPECT_EQ(Run({"cat", dest, large.domain, large.relativePath}, password_).out, Bytes(large.content));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, EveryKindOfBackup,
+                         ::testing::Values(Kind{"PlainDirectory", "3.3", false, false},
+                                           Kind{"PlainZip", "3.3", false, true},
+                                           Kind{"EncryptedDirectory", "3.3", true, false},
+                                           Kind{"EncryptedZip", "3.3", true, true},
+                                           Kind{"EncryptedVersion32", "3.2", true, false},
+                                           Kind{"MbdbDirectory", "2.4", false, false},
+                                           Kind{"MbdbZip", "2.4", false, true}),
+                         [](const ::testing::TestParamInfo<Kind>& info) { return std::string(info.param.name); });
+
+// ---- Passwords and exit statuses ----
+
+using PasswordAndStatus = ToolTest;
+
+TEST_F(PasswordAndStatus, PasswordMissingOrWrongEndsWithStatusThree) {
+    BuiltBackup built = Build("enc", "3.3", true);
+    RunResult missing = Run({"info", built.directory.string()});
+    EXPECT_EQ(missing.status, 3);
+    EXPECT_NE(missing.err.find("no password was given"), std::string::npos) << missing.err;
+    RunResult wrong = Run({"info", built.directory.string()}, "not-the-password");
+    EXPECT_EQ(wrong.status, 3);
+    EXPECT_NE(wrong.err.find("incorrect"), std::string::npos) << wrong.err;
+    EXPECT_EQ(std::count(wrong.err.begin(), wrong.err.end(), '\n'), 1);  // one line, no dump
+}
+
+TEST_F(PasswordAndStatus, PasswordFileIsReadWithoutItsLineBreak) {
+    BuiltBackup built = Build("enc", "3.3", true);
+    fs::path file = work_ / "pw";
+    std::ofstream(file) << "password\n";
+    RunResult r = Run({"--password-file", file.string(), "cat", built.directory.string(), "HomeDomain",
+                       "Library/Preferences/one.txt"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "1");
+}
+
+TEST_F(PasswordAndStatus, APasswordInTheEnvironmentDoesNotStopAPlainBackup) {
+    BuiltBackup built = Build("plain", "3.3", false);
+    RunResult r = Run({"info", built.directory.string(), "--json"}, "some-other-password");
+    EXPECT_EQ(r.status, 0) << r.err;
+}
+
+TEST_F(PasswordAndStatus, WhatIsNotAUsableBackupEndsWithStatusFour) {
+    fs::create_directories(work_ / "empty");
+    RunResult empty = Run({"info", (work_ / "empty").string()});
+    EXPECT_EQ(empty.status, 4);
+    EXPECT_NE(empty.err.find("Manifest.plist is missing"), std::string::npos) << empty.err;
+
+    WriteWholeFile(work_ / "junk.zip", {'n', 'o', 't', ' ', 'a', ' ', 'z', 'i', 'p'});
+    EXPECT_EQ(Run({"ls", (work_ / "junk.zip").string()}).status, 4);
+
+    BuiltBackup future = Build("future", "3.3", false);
+    CF::Dictionary status = ReadPropertyList(future.directory / "Status.plist").MutableCopy();
+    status.Set("Version", CF::String("3.4"));
+    WritePropertyList(future.directory / "Status.plist", status.get());
+    RunResult unsupported = Run({"info", future.directory.string()});
+    EXPECT_EQ(unsupported.status, 4);
+    EXPECT_NE(unsupported.err.find("3.4"), std::string::npos) << unsupported.err;
+
+    BuiltBackup damaged = Build("damaged", "3.3", false);
+    WriteWholeFile(damaged.directory / "Manifest.db", std::vector<uint8_t>(4096, 0x5a));
+    RunResult bad = Run({"info", damaged.directory.string()});
+    EXPECT_EQ(bad.status, 4);
+    EXPECT_NE(bad.err.find("damaged"), std::string::npos) << bad.err;
+}
+
+TEST_F(PasswordAndStatus, UsageErrorsAndMissingItems) {
+    EXPECT_EQ(Run({}).status, 2);
+    EXPECT_EQ(Run({"frobnicate"}).status, 2);
+    EXPECT_EQ(Run({"cat", "only-a-backup"}).status, 2);
+    EXPECT_EQ(Run({"--help"}).status, 0);
+    BuiltBackup built = Build("plain", "3.3", false);
+    EXPECT_EQ(Run({"cat", built.directory.string(), "HomeDomain", "no/such/file"}).status, 1);
+    EXPECT_EQ(Run({"cat", built.directory.string(), "HomeDomain", "Library"}).status, 1);
+    EXPECT_EQ(Run({"ls", built.directory.string(), "NoSuchDomain"}).status, 1);
+    EXPECT_EQ(Run({"info", (work_ / "does-not-exist").string()}).status, 1);
+    EXPECT_EQ(Run({"export", built.directory.string(), built.directory.string()}).status, 1);
+}
+
+// ---- Extracting a hostile backup ----
+
+TEST_F(ToolTest, ExtractSkipsNamesThatWouldLeaveTheDestination) {
+    fs::path outside = work_ / "outside";
+    fs::create_directories(outside);
+    std::vector<BackupItem> items{
+        BackupItem::File("HomeDomain", "good.txt", std::string_view("kept")),
+        BackupItem::File("HomeDomain", "../climbed.txt", std::string_view("x")),
+        BackupItem::File("HomeDomain", (work_ / "absolute.txt").string(), std::string_view("x")),
+        BackupItem::File("..", "domain-climbed.txt", std::string_view("x")),
+        BackupItem::Symlink("HomeDomain", "link", outside.string()),
+        BackupItem::File("HomeDomain", "link/through.txt", std::string_view("x")),
+    };
+    BuiltBackup built = Build("hostile", "3.3", false, items);
+    fs::path dest = work_ / "dest" / "inner";
+    RunResult r = Run({"extract", built.directory.string(), dest.string()});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 5) << r.err;  // four warnings and the summary
+    EXPECT_NE(r.err.find("symbolic link"), std::string::npos) << r.err;
+    EXPECT_EQ(Bytes(ReadWholeFile(dest / "HomeDomain/good.txt")), "kept");
+    EXPECT_EQ(fs::read_symlink(dest / "HomeDomain/link"), outside);
+    EXPECT_FALSE(fs::exists(dest / "climbed.txt"));
+    EXPECT_FALSE(fs::exists(work_ / "absolute.txt"));
+    EXPECT_FALSE(fs::exists(work_ / "dest" / "domain-climbed.txt"));
+    EXPECT_TRUE(fs::is_empty(outside));
+}
+
+// ---- Editing ----
+
+class EditTest : public ToolTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(EditTest, EditsApplyInOrderAndEncryptionIsKept) {
+    const bool encrypted = GetParam();
+    const std::string password = encrypted ? "password" : "";
+    BuiltBackup built = Build("src", "3.3", encrypted);
+    fs::path local = work_ / "new.txt";
+    std::ofstream(local) << "new content";
+    std::string dest = (work_ / "edited.zip").string();
+    RunResult r = Run({"edit", built.directory.string(), dest, "--zip",
+                       "--rm", "HomeDomain", "Library/Preferences",
+                       "--put", "HomeDomain", "Library/Preferences/new.txt", local.string(),
+                       "--put", "MediaDomain", "Media/Recordings/a.txt", local.string(),
+                       "--rm", "MediaDomain", "Media/Recordings/a.txt",
+                       "--mkdir", "MediaDomain", "Media/Empty/Deeper",
+                       "--symlink", "HomeDomain", "Library/latest", "Preferences/new.txt"},
+                      password);
+    ASSERT_EQ(r.status, 0) << r.err;
+
+    RunResult list = Run({"ls", dest, "--json"}, password);
+    ASSERT_EQ(list.status, 0) << list.err;
+    std::map<std::string, std::string> types;
+    for (const json& e : json::parse(list.out)) types[e["domain"].get<std::string>() + ":" + e["path"].get<std::string>()] = e["type"];
+    EXPECT_EQ(types.count("HomeDomain:Library/Preferences/one.txt"), 0u);  // removed before the put
+    EXPECT_EQ(types["HomeDomain:Library/Preferences"], "dir");               // made again by the put
+    EXPECT_EQ(types["HomeDomain:Library/Preferences/new.txt"], "file");
+    EXPECT_EQ(types.count("MediaDomain:Media/Recordings/a.txt"), 0u);      // put, then removed
+    EXPECT_EQ(types["MediaDomain:Media/Empty"], "dir");
+    EXPECT_EQ(types["MediaDomain:Media/Empty/Deeper"], "dir");
+    EXPECT_EQ(types["HomeDomain:Library/latest"], "symlink");
+    EXPECT_EQ(Run({"cat", dest, "HomeDomain", "Library/Preferences/new.txt"}, password).out, "new content");
+    EXPECT_EQ(json::parse(Run({"info", dest, "--json"}, password).out)["encrypted"], encrypted);
+    if (encrypted) {
+        EXPECT_EQ(Run({"info", dest}).status, 3);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Tool, EditTest, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) { return info.param ? "Encrypted" : "Plain"; });
+
+TEST_F(ToolTest, AFailedEditWritesNothing) {
+    BuiltBackup built = Build("src", "3.3", false);
+    std::string dest = (work_ / "edited").string();
+    RunResult r = Run({"edit", built.directory.string(), dest, "--rm", "HomeDomain", "no/such/path"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("nothing is there"), std::string::npos) << r.err;
+    EXPECT_FALSE(fs::exists(dest));
+    EXPECT_EQ(Run({"edit", built.directory.string(), dest, "--put", "HomeDomain", "../x", "/etc/hostname"}).status, 2);
+}
+
+// ---- csv and sample ----
+
+TEST_F(ToolTest, CsvListsEveryRowOfAManifestDatabase) {
+    BuiltBackup built = Build("plain", "3.3", false);
+    RunResult r = Run({"csv", (built.directory / "Manifest.db").string()});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out.rfind("\"fileID\",\"domain\",\"relativePath\"", 0), 0u);
+    EXPECT_EQ(r.out.back(), '\n');
+    for (const BuiltItem& item : built.items) EXPECT_NE(r.out.find("\n\"" + item.fileID + "\""), std::string::npos);
+    WriteWholeFile(work_ / "junk.db", std::vector<uint8_t>(100, 'j'));
+    EXPECT_EQ(Run({"csv", (work_ / "junk.db").string()}).status, 4);
+}
+
+TEST_F(ToolTest, SampleWritesABackupTheOtherCommandsRead) {
+    std::string dest = (work_ / "sample").string();
+    ASSERT_EQ(Run({"sample", dest}).status, 0);
+    RunResult info = Run({"info", dest, "--json"});
+    ASSERT_EQ(info.status, 0) << info.err;
+    EXPECT_EQ(json::parse(info.out)["deviceName"], "Sample iPhone");
+    EXPECT_GE(json::parse(info.out)["files"], 3);
+    RunResult cat = Run({"cat", dest, "HomeDomain", "Library/Notes/welcome.txt"});
+    EXPECT_EQ(cat.status, 0) << cat.err;
+    EXPECT_EQ(cat.out.rfind("Welcome to Quiver.", 0), 0u);
+    EXPECT_EQ(Run({"sample", dest}).status, 1);  // never over an existing path
+}
+
+// ---- Temporary storage on a signal ----
+
+TEST_F(ToolTest, ASignalRemovesTheTemporaryFolder) {
+    BuiltBackup built = Build("enc", "3.3", true);
+    std::string zip = Zip(built, "password");
+    Environment env{{"TMPDIR", (work_ / "tmp").string()}, {"QUIVER_PASSWORD", "password"}};
+    // The 100,000 bytes fill the unread pipe, so the tool waits mid-output with its decrypted manifest
+    // and the zip member in its temporary folder.
+    RunningTool tool({"cat", zip, "AppDomain-com.example.notes", "Documents/large.db"}, env);
+    ASSERT_TRUE(tool.WaitForOutput());
+    EXPECT_FALSE(fs::is_empty(work_ / "tmp"));
+    tool.Signal(SIGTERM);
+    RunResult r = tool.Wait();
+    EXPECT_TRUE(r.signaled);
+    EXPECT_EQ(r.status, 128 + SIGTERM);
+}
+
+}  // namespace
