@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <random>
 #include <string>
@@ -106,15 +107,14 @@ protected:
 
 // ---- construction
 
-TEST_F(ManifestEncryptionTest, OpensFromManifestPlistWithThePassword) {
+TEST_F(ManifestEncryptionTest, OpensWithThePasswordOnly) {
     ManifestEncryption opened(GoodManifest(), kPassword);
     EXPECT_EQ(opened.GetManifestKey(), Encryption().GetManifestKey());
     EXPECT_EQ(opened.GetKeyBag().GetUnlockedKeys(), Encryption().GetKeyBag().GetUnlockedKeys());
-}
-
-TEST_F(ManifestEncryptionTest, WrongPasswordFailsAtConstruction) {
-    CF::Error e = Thrown([&] { ManifestEncryption(GoodManifest(), "open sesame!"); });
-    EXPECT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock a key (class 11)"));
+    EXPECT_EQ(ManifestEncryption(Encryption().GetKeyBag(), manifestKeyBlob_).GetManifestKey(),
+              Encryption().GetManifestKey());
+    EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(GoodManifest(), "open sesame!"); }), QVErrorUnlockFailed,
+                        "Failed to unlock a key (class 11)"));
 }
 
 TEST_F(ManifestEncryptionTest, MissingValuesAreReportedBeforeTheKeyBagIsRead) {
@@ -124,11 +124,8 @@ TEST_F(ManifestEncryptionTest, MissingValuesAreReportedBeforeTheKeyBagIsRead) {
                         QVErrorInvalidMetadata, "ManifestKey is missing"));
     EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(Manifest(std::nullopt, std::nullopt), kPassword); }),
                         QVErrorInvalidMetadata, "BackupKeyBag is missing"));
-    EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(Manifest(std::nullopt, manifestKeyBlob_), kPassword); }),
-                        QVErrorInvalidMetadata, "BackupKeyBag is missing"));
-    CF::Dictionary wrongType = CF::Dictionary::CreateMutable();
+    CF::Dictionary wrongType = Manifest(std::nullopt, manifestKeyBlob_).MutableCopy();
     wrongType.Set("BackupKeyBag", CF::String("not data"));
-    wrongType.Set("ManifestKey", manifestKeyBlob_);
     EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(wrongType, kPassword); }), QVErrorInvalidMetadata,
                         "BackupKeyBag is missing"));
     EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(Manifest(garbage, manifestKeyBlob_), kPassword); }),
@@ -138,28 +135,15 @@ TEST_F(ManifestEncryptionTest, MissingValuesAreReportedBeforeTheKeyBagIsRead) {
 TEST_F(ManifestEncryptionTest, ManifestKeyThatDoesNotUnwrapFailsConstruction) {
     Bytes otherClass = manifestKeyBlob_.vector();
     otherClass[0] = 12;  // a class the key bag lacks
-    CF::Error e = Thrown(
-        [&] { ManifestEncryption(Manifest(Encryption().GetKeyBag().CopyData(), CF::Data(otherClass)), kPassword); });
-    ASSERT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock manifest key"));
-    EXPECT_TRUE(IsError(e.Underlying(), QVErrorUnlockFailed, "Missing key class 12"));
-
     Bytes shortened = manifestKeyBlob_.vector();
     shortened.pop_back();
-    e = Thrown(
-        [&] { ManifestEncryption(Manifest(Encryption().GetKeyBag().CopyData(), CF::Data(shortened)), kPassword); });
-    ASSERT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock manifest key"));
-    EXPECT_TRUE(IsError(e.Underlying(), QVErrorUnlockFailed, "Key blob is wrong size"));
-}
-
-TEST_F(ManifestEncryptionTest, OpensFromAKeyBagAndTheWrappedKey) {
-    ManifestEncryption opened(Encryption().GetKeyBag(), manifestKeyBlob_);
-    EXPECT_EQ(opened.GetManifestKey(), Encryption().GetManifestKey());
-}
-
-TEST_F(ManifestEncryptionTest, CreationNeedsTheManifestKeysClass) {
-    const uint32_t classes[] = {1, 2};
-    EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption::Create(KeyBag::Create("x", classes, kFast), 4); }),
-                        QVErrorCryptoOperation, "Missing key class 4"));
+    for (const auto& [blob, cause] : {std::pair{otherClass, "Missing key class 12"},
+                                      std::pair{shortened, "Key blob is wrong size"}}) {
+        CF::Error e = Thrown(
+            [&] { ManifestEncryption(Manifest(Encryption().GetKeyBag().CopyData(), CF::Data(blob)), kPassword); });
+        ASSERT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock manifest key"));
+        EXPECT_TRUE(IsError(e.Underlying(), QVErrorUnlockFailed, cause));
+    }
 }
 
 // ---- wrapped keys
@@ -177,16 +161,15 @@ TEST_F(ManifestEncryptionTest, UnlockGivesBackWhatLockWrappedForEveryClass) {
     }
 }
 
-TEST_F(ManifestEncryptionTest, EachClassWrapsWithItsOwnKey) {
-    const auto key = KeyOf<32>(1);
-    Bytes under4 = Encryption().LockKey(4, key).vector();
-    Bytes under3 = Encryption().LockKey(3, key).vector();
-    EXPECT_NE(Bytes(under4.begin() + 4, under4.end()), Bytes(under3.begin() + 4, under3.end()));
-    // Relabelled as another class, the wrapped key fails its integrity check.
-    under4[0] = 3;
-    CF::Error e = Thrown([&] { Encryption().UnlockKey(CF::Data(under4)); });
-    EXPECT_EQ(e.Code(), QVErrorUnlockFailed);
-    EXPECT_EQ(e.Reason(), "RFC3394Unwrap failed: integrity check failed");
+TEST_F(ManifestEncryptionTest, OnlyTheSameClassOfTheSameKeyBagUnlocks) {
+    Bytes blob = Encryption().LockKey(4, KeyOf<32>(1)).vector();
+    blob[0] = 3;  // relabelled as another class
+    CF::Error e = Thrown([&] { Encryption().UnlockKey(CF::Data(blob)); });
+    EXPECT_TRUE(IsError(e, QVErrorUnlockFailed, "RFC3394Unwrap failed: integrity check failed"));
+
+    ManifestEncryption other = ManifestEncryption::Create(KeyBag::Create(kPassword, kClasses, kFast), 3);
+    e = Thrown([&] { other.UnlockKey(Encryption().LockKey(4, KeyOf<32>(1))); });
+    EXPECT_TRUE(IsError(e, QVErrorUnlockFailed, "RFC3394Unwrap failed: integrity check failed"));
 }
 
 TEST_F(ManifestEncryptionTest, UnlockRefusesBlobsOfTheWrongSize) {
@@ -207,13 +190,9 @@ TEST_F(ManifestEncryptionTest, ClassesTheKeyBagLacksAreNamed) {
                         "Missing key class 12"));
     EXPECT_TRUE(IsError(Thrown([&] { Encryption().LockKey(99, KeyOf<32>(3)); }), QVErrorCryptoOperation,
                         "Missing key class 99"));
-}
-
-TEST_F(ManifestEncryptionTest, AnotherBackupsKeysDoNotUnlock) {
-    ManifestEncryption other = ManifestEncryption::Create(KeyBag::Create(kPassword, kClasses, kFast), 3);
-    CF::Data blob = Encryption().LockKey(4, KeyOf<32>(4));
-    CF::Error e = Thrown([&] { other.UnlockKey(blob); });
-    EXPECT_EQ(e.Reason().rfind("RFC3394Unwrap failed: ", 0), 0u) << e.Text();
+    const uint32_t classes[] = {1, 2};
+    EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption::Create(KeyBag::Create("x", classes, kFast), 4); }),
+                        QVErrorCryptoOperation, "Missing key class 4"));
 }
 
 // ---- files and strings
@@ -222,16 +201,13 @@ TEST_F(ManifestEncryptionTest, FilesRoundTripWithEitherKeySize) {
     const auto key16 = KeyOf<16>(5);
     const auto key32 = KeyOf<32>(6);
     // Sizes around the block and across the streaming chunk.
-    for (std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{15}, std::size_t{16},
-                             std::size_t{(1 << 20) + 17}}) {
+    for (std::size_t size : {std::size_t{0}, std::size_t{15}, std::size_t{16}, std::size_t{(1 << 20) + 17}}) {
         const Bytes plain = Pseudorandom(size, static_cast<uint32_t>(size));
         fs::path source = Write("plain", plain);
-
         ManifestEncryption::EncryptFile(source, dir_ / "c16", key16);
         ManifestEncryption::EncryptFile(source, dir_ / "c32", key32);
         EXPECT_EQ(Read(dir_ / "c16"), ReferenceEncrypt(plain, key16)) << size;
         EXPECT_EQ(Read(dir_ / "c32"), ReferenceEncrypt(plain, key32)) << size;
-
         ManifestEncryption::DecryptFile(dir_ / "c16", dir_ / "p16", key16);
         ManifestEncryption::DecryptFile(dir_ / "c32", dir_ / "p32", key32);
         EXPECT_EQ(Read(dir_ / "p16"), plain) << size;
@@ -239,39 +215,27 @@ TEST_F(ManifestEncryptionTest, FilesRoundTripWithEitherKeySize) {
     }
 }
 
-TEST_F(ManifestEncryptionTest, FailedDecryptionLeavesNoDestination) {
+TEST_F(ManifestEncryptionTest, FailuresLeaveNoDestination) {
     const auto key32 = KeyOf<32>(7);
-    fs::path cipher = Write("cipher", ReferenceEncrypt(Pseudorandom(100, 1), key32));
-    // The wrong key: the padding does not check out.
-    CF::Error e = Thrown([&] { ManifestEncryption::DecryptFile(cipher, dir_ / "out", KeyOf<32>(8)); });
-    EXPECT_EQ(e.Code(), QVErrorCryptoOperation);
-    EXPECT_EQ(e.Reason().rfind("Failed to decrypt/encrypt: ", 0), 0u) << e.Text();
-    EXPECT_FALSE(fs::exists(dir_ / "out"));
-    // Not a whole number of blocks.
-    fs::path ragged = Write("ragged", Bytes(33, 1));
-    e = Thrown([&] { ManifestEncryption::DecryptFile(ragged, dir_ / "out", key32); });
-    EXPECT_EQ(e.Code(), QVErrorCryptoOperation);
-    EXPECT_FALSE(fs::exists(dir_ / "out"));
-}
-
-TEST_F(ManifestEncryptionTest, FileErrorsNameThePath) {
+    const fs::path out = dir_ / "out";
+    const fs::path cipher = Write("cipher", ReferenceEncrypt(Pseudorandom(100, 1), key32));
+    const fs::path ragged = Write("ragged", Bytes(33, 1));
     const fs::path missing = dir_ / "missing";
-    CF::Error e = Thrown([&] { ManifestEncryption::EncryptFile(missing, dir_ / "out", KeyOf<16>(1)); });
-    EXPECT_EQ(e.Code(), QVErrorCryptoOperation);
-    EXPECT_NE(e.Reason().find(missing.string()), std::string::npos) << e.Text();
-    EXPECT_FALSE(fs::exists(dir_ / "out"));
-
-    fs::path source = Write("plain", Bytes(10, 2));
-    e = Thrown([&] { ManifestEncryption::EncryptFile(source, dir_ / "no" / "dir" / "out", KeyOf<32>(1)); });
-    EXPECT_EQ(e.Code(), QVErrorCryptoOperation);
-}
-
-TEST_F(ManifestEncryptionTest, SourceIsNeverItsOwnDestination) {
-    const Bytes plain = Pseudorandom(64, 3);
-    fs::path source = Write("plain", plain);
-    CF::Error e = Thrown([&] { ManifestEncryption::EncryptFile(source, source, KeyOf<32>(1)); });
-    EXPECT_EQ(e.Code(), QVErrorCryptoOperation);
-    EXPECT_EQ(Read(source), plain);
+    const std::vector<std::function<void()>> failures = {
+        [&] { ManifestEncryption::DecryptFile(cipher, out, KeyOf<32>(8)); },  // wrong key: bad padding
+        [&] { ManifestEncryption::DecryptFile(ragged, out, key32); },        // not whole blocks
+        [&] { ManifestEncryption::EncryptFile(missing, out, KeyOf<16>(1)); },
+    };
+    for (const auto& failure : failures) {
+        CF::Error e = Thrown(failure);
+        EXPECT_EQ(e.Code(), QVErrorCryptoOperation);
+        EXPECT_EQ(e.Reason().rfind("Failed to decrypt/encrypt: ", 0), 0u) << e.Text();
+        EXPECT_FALSE(fs::exists(out));
+    }
+    EXPECT_NE(Thrown(failures[2]).Reason().find(missing.string()), std::string::npos);
+    // Opening the destination would empty a source that is also the destination.
+    EXPECT_EQ(Thrown([&] { ManifestEncryption::DecryptFile(cipher, cipher, key32); }).Code(), QVErrorCryptoOperation);
+    EXPECT_EQ(Read(cipher), ReferenceEncrypt(Pseudorandom(100, 1), key32));
 }
 
 TEST_F(ManifestEncryptionTest, StringsRoundTripThroughBase64) {
@@ -282,10 +246,6 @@ TEST_F(ManifestEncryptionTest, StringsRoundTripThroughBase64) {
         EXPECT_EQ(text, Quiver::Support::base64_encode(ReferenceEncrypt(plain, key)));
         EXPECT_EQ(ManifestEncryption::DecryptString(text, key), plain);
     }
-}
-
-TEST_F(ManifestEncryptionTest, StringsThatAreNotCiphertextFail) {
-    const auto key = KeyOf<16>(9);
     const std::vector<std::string> texts = {"not base64!", "AAAA", Quiver::Support::base64_encode(Bytes(16, 0))};
     for (const std::string& bad : texts) {
         CF::Error e = Thrown([&] { ManifestEncryption::DecryptString(bad, key); });
