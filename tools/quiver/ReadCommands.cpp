@@ -274,7 +274,10 @@ int RunExtract(const ExtractOptions& o, const GlobalOptions& global) {
     Progress progress("Extracting");
     Extractor extractor(open.get(), std::move(root), progress, totalBytes);
     size_t extracted = 0;
-    for (const Entry& e : entries) extracted += extractor.Extract(e) ? 1 : 0;
+    for (const Entry& e : entries) {
+        StopIfInterrupted();
+        extracted += extractor.Extract(e) ? 1 : 0;
+    }
     extractor.FinishDirectories();
     progress.Finish();
 

@@ -4,12 +4,16 @@
 // Decrypted manifests and file contents pass through the library's temporary storage, so the folder
 // must not outlive the process. Normal exits and failures come back through main(), which calls
 // EndSession(). Signals that end the process are blocked in every thread and taken by one thread that
-// waits for them: it restores the terminal, removes the folder (and any half-written destination) and
-// then lets the signal end the process as it would have, so the shell still sees the signal.
+// waits for them. It first asks the main thread to stop: the main thread looks at every progress
+// report and then parks for good, so that nothing is written while the cleanup runs (work that
+// reports no progress, such as a write to a full pipe, is given a second). Then it restores the
+// terminal, removes the folder (and any half-written destination) and lets the signal end the process
+// as it would have, so the shell still sees the signal.
 #include <pthread.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -41,6 +45,12 @@ struct SessionState {
     termios savedTerminal{};
 };
 
+std::atomic<bool> interrupted{false};
+std::atomic<bool> progressShown{false};  // a progress line is on the terminal
+std::mutex parkLock;
+std::condition_variable parkedSignal;
+bool parked = false;
+
 SessionState& Session() {
     static SessionState* state = new SessionState;  // never destroyed: the signal thread may outlive main()
     return *state;
@@ -59,11 +69,16 @@ void SignalThread(sigset_t signals) {
     int signal = 0;
     while (sigwait(&signals, &signal) != 0) {
     }
+    interrupted = true;
+    {
+        std::unique_lock<std::mutex> guard(parkLock);
+        parkedSignal.wait_for(guard, std::chrono::seconds(1), [] { return parked; });
+    }
     {
         SessionState& session = Session();
         std::lock_guard<std::mutex> guard(session.lock);
         if (session.terminalChanged) tcsetattr(STDIN_FILENO, TCSANOW, &session.savedTerminal);
-        if (isatty(STDERR_FILENO)) {
+        if (progressShown) {
             static const char clear[] = "\r\033[K";
             ssize_t ignored = write(STDERR_FILENO, clear, sizeof clear - 1);
             (void)ignored;
@@ -82,6 +97,16 @@ void SignalThread(sigset_t signals) {
 }
 
 }  // namespace
+
+void StopIfInterrupted() {
+    if (!interrupted) return;
+    {
+        std::lock_guard<std::mutex> guard(parkLock);
+        parked = true;
+    }
+    parkedSignal.notify_all();
+    for (;;) pause();  // the signal thread ends the process
+}
 
 void StartSession() {
     sigset_t signals;
@@ -185,10 +210,12 @@ struct Progress::State {
     bool stop = false;
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     unsigned tick = 0;
+    bool drawn = false;
     std::thread ticker;
 
     // Called with the lock held.
     void Draw() {
+        if (interrupted) return;  // the signal thread clears the line
         std::string line;
         if (fraction >= 0) {
             line = fmt::format("\r\033[K{} {:3d}%", label, shownPercent);
@@ -199,6 +226,8 @@ struct Progress::State {
         }
         ssize_t ignored = write(STDERR_FILENO, line.data(), line.size());
         (void)ignored;
+        drawn = true;
+        progressShown = true;
     }
 };
 
@@ -229,6 +258,7 @@ void Progress::SetLabel(std::string label) {
 }
 
 void Progress::Update(double fraction) {
+    StopIfInterrupted();
     if (!state_) return;
     std::lock_guard<std::mutex> guard(state_->lock);
     if (!(fraction >= 0)) fraction = 0;  // NaN included
@@ -245,9 +275,12 @@ void Progress::Finish() {
     }
     state_->wake.notify_all();
     if (state_->ticker.joinable()) state_->ticker.join();
-    static const char clear[] = "\r\033[K";
-    ssize_t ignored = write(STDERR_FILENO, clear, sizeof clear - 1);
-    (void)ignored;
+    if (state_->drawn) {
+        static const char clear[] = "\r\033[K";
+        ssize_t ignored = write(STDERR_FILENO, clear, sizeof clear - 1);
+        (void)ignored;
+        progressShown = false;
+    }
     state_.reset();
 }
 

@@ -147,6 +147,9 @@ std::optional<std::string> PromptForPassword(const std::string& prompt);
 // Creates the private temporary folder, hands it to the library, and arranges that it is removed at
 // exit and when SIGINT, SIGTERM or SIGHUP ends the process. Call once, before any other thread starts.
 void StartSession();
+// Parks the calling thread for good once a signal has come, so that the cleanup of the signal thread
+// does not race with new writes. Progress::Update calls it; so do loops that report no progress.
+void StopIfInterrupted();
 // Removes the temporary folder; called by main() after the command's objects are gone.
 void EndSession();
 std::filesystem::path SessionTemporaryFolder();

@@ -42,6 +42,10 @@ int main(int argc, char** argv) {
     AddReadCommands(app, global, action);
     AddWriteCommands(app, global, action);
 
+    if (argc < 2) {
+        WriteAll(STDERR_FILENO, app.help());
+        return kUsage;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
