@@ -209,7 +209,7 @@ int64_t EntryModifiedUnixTime(const Entry& entry) {
 
 Entry RequireEntry(const Backup& backup, const std::string& domain, const std::string& path) {
     Entry entry = QVBackupContainerGetEntryForPath(backup, CF::String(domain).get(), CF::String(path).get());
-    if (!entry) throw Failure(kFailure, fmt::format("nothing in the backup at {} {}", domain, path));
+    if (!entry) throw Failure(kFailure, fmt::format("nothing in the backup at {} {}", Printable(domain), Printable(path)));
     return entry;
 }
 
@@ -224,8 +224,8 @@ std::vector<Entry> SelectEntries(const Backup& backup, const std::optional<std::
         while (!wanted.empty() && wanted.back() == '/') wanted.pop_back();
         entries = QVManifestCopyEntriesAtPath(manifest, CF::String(*domain).get(), CF::String(wanted).get());
         if (entries.empty()) {
-            if (wanted.empty()) throw Failure(kFailure, fmt::format("the backup has no domain {}", *domain));
-            throw Failure(kFailure, fmt::format("nothing in the backup at {} {}", *domain, wanted));
+            if (wanted.empty()) throw Failure(kFailure, fmt::format("the backup has no domain {}", Printable(*domain)));
+            throw Failure(kFailure, fmt::format("nothing in the backup at {} {}", Printable(*domain), Printable(wanted)));
         }
     }
     std::vector<std::pair<std::pair<std::string, std::string>, Entry>> keyed;
@@ -241,13 +241,14 @@ void ReadEntryContent(const Backup& backup, const Entry& entry, const std::funct
     const std::string domain = EntryDomain(entry);
     const std::string path = EntryPath(entry);
     if (!QVManifestEntryIsFile(entry))
-        throw Failure(kFailure, fmt::format("{} {} is a {}, not a file", domain, path,
+        throw Failure(kFailure, fmt::format("{} {} is a {}, not a file", Printable(domain), Printable(path),
                                             QVManifestEntryIsDirectory(entry) ? "directory" : "symbolic link"));
     CFErrorRef error = nullptr;
     std::shared_ptr<QVFileClass> file = QVBackupContainerCopyFileForPath(
         backup, QVManifestEntryGetDomain(entry), QVManifestEntryGetPath(entry), &error);
     CF::Error failure = CF::Error::Adopt(error);
-    if (!file) throw Failure(kFailure, fmt::format("cannot read {} {}: {}", domain, path, ErrorText(failure)));
+    const std::string shown = Printable(domain) + " " + Printable(path);
+    if (!file) throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, ErrorText(failure)));
     try {
         QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
             if (!chunk.empty()) sink(chunk.data(), chunk.size());
@@ -256,9 +257,9 @@ void ReadEntryContent(const Backup& backup, const Entry& entry, const std::funct
     } catch (const Failure&) {
         throw;
     } catch (const CF::Error& e) {
-        throw Failure(kFailure, fmt::format("cannot read {} {}: {}", domain, path, ErrorText(e)));
+        throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, ErrorText(e)));
     } catch (const std::exception& e) {
-        throw Failure(kFailure, fmt::format("cannot read {} {}: {}", domain, path, e.what()));
+        throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, e.what()));
     }
 }
 

@@ -157,7 +157,9 @@ int RunList(const ListOptions& o, const GlobalOptions& global) {
     }
     std::string text;
     for (const Entry& e : entries) {
-        std::string name = EntryPath(e);
+        // Names come from the backup: control characters are shown escaped, never sent to the terminal.
+        std::string name = Printable(EntryPath(e));
+        const std::string domain = Printable(EntryDomain(e));
         if (QVManifestEntryIsDirectory(e)) name += "/";
         if (o.longFormat) {
             uint16_t mode = 0;
@@ -165,10 +167,10 @@ int RunList(const ListOptions& o, const GlobalOptions& global) {
             QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
             text += fmt::format("{} {:>5} {:>5} {:>10} {}  {}\t{}", ModeString(mode), uid, gid,
                                 QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0,
-                                UtcTimeText(EntryModifiedUnixTime(e)), EntryDomain(e), name);
-            if (QVManifestEntryIsSymlink(e)) text += " -> " + Utf8(QVManifestEntryGetTarget(e));
+                                UtcTimeText(EntryModifiedUnixTime(e)), domain, name);
+            if (QVManifestEntryIsSymlink(e)) text += " -> " + Printable(Utf8(QVManifestEntryGetTarget(e)));
         } else {
-            text += fmt::format("{}\t{}", EntryDomain(e), name);
+            text += fmt::format("{}\t{}", domain, name);
         }
         text += '\n';
         if (text.size() >= 65536) {
