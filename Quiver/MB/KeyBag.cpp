@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -10,6 +11,7 @@
 
 #include "Quiver/MB/ManifestEncryption.hpp"
 #include "Quiver/QVError.hpp"
+#include "Quiver/Support/ByteReader.hpp"
 #include "Quiver/Support/KeyWrap.hpp"
 #include "Quiver/Support/Random.hpp"
 
@@ -24,31 +26,6 @@ constexpr std::size_t kItemHeader = 8;   // tag and length
 [[noreturn]] void ThrowInvalid(std::string_view reason) {
     throw Quiver::Error(QVErrorInvalidKeyBag, {}, reason);
 }
-
-// The one reader of key bag bytes: every read is checked against what is left, so no length taken from
-// the blob can move past its end.
-class Reader {
-public:
-    explicit Reader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
-
-    std::size_t remaining() const { return bytes_.size() - offset_; }
-
-    std::span<const uint8_t> Take(std::size_t n) {
-        if (n > remaining()) ThrowInvalid("Incomplete header");
-        std::span<const uint8_t> taken = bytes_.subspan(offset_, n);
-        offset_ += n;
-        return taken;
-    }
-
-    uint32_t TakeUInt32() {
-        std::span<const uint8_t> b = Take(4);
-        return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | uint32_t{b[3]};
-    }
-
-private:
-    std::span<const uint8_t> bytes_;
-    std::size_t offset_ = 0;
-};
 
 uint32_t DecodeUInt32(const std::vector<uint8_t>& b) {
     return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | uint32_t{b[3]};
@@ -169,13 +146,17 @@ KeyBag::KeyBag(const CF::Data& raw, const std::string& password)
     : KeyBag(raw, password, &ManifestEncryption::GenerateKEKFromPassword) {}
 
 KeyBag::KeyBag(const CF::Data& raw, const std::string& password, const KEKDerivation& derive) : password_(password) {
-    Reader reader(raw.bytes());
+    // Every read goes through the bounds-checked reader: no length taken from the blob can reach past it.
+    const Quiver::Support::byte_reader reader(raw.bytes());
+    uint64_t offset = 0;
     // Fewer bytes than an item header at the end are slack, not an item.
-    while (reader.remaining() >= kItemHeader) {
-        std::span<const uint8_t> tag = reader.Take(4);
-        const uint32_t length = reader.TakeUInt32();
-        std::span<const uint8_t> value = reader.Take(length);
-        raw_.emplace_back(std::string(tag.begin(), tag.end()), std::vector<uint8_t>(value.begin(), value.end()));
+    while (reader.contains(offset, kItemHeader)) {
+        const std::span<const uint8_t> tag = reader.slice(offset, 4).value();
+        const uint64_t length = reader.be(offset + 4, 4).value();
+        const std::optional<std::span<const uint8_t>> value = reader.slice(offset + kItemHeader, length);
+        if (!value) ThrowInvalid("Incomplete header");
+        raw_.emplace_back(std::string(tag.begin(), tag.end()), std::vector<uint8_t>(value->begin(), value->end()));
+        offset += kItemHeader + length;
     }
     parseFromRaw(derive);
 }
