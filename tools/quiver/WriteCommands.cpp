@@ -158,7 +158,6 @@ void ApplyEdit(const Backup& backup, const Edit& edit, const GlobalOptions& glob
     const std::string shown = fmt::format("{} {}", Printable(edit.domain), Printable(edit.path));
     switch (edit.kind) {
         case EditKind::Put: {
-            RequireSafeName(edit, true);
             std::error_code ec;
             if (!fs::is_regular_file(edit.extra, ec))
                 throw Failure(kFailure, fmt::format("{} is not a file that can be put into the backup", edit.extra));
@@ -175,13 +174,11 @@ void ApplyEdit(const Backup& backup, const Edit& edit, const GlobalOptions& glob
             break;
         }
         case EditKind::Remove:
-            RequireSafeName(edit, false);
             if (!QVBackupContainerRemovePath(backup, domain.get(), path.get()))
                 throw Failure(kFailure, fmt::format("cannot remove {}: nothing is there", shown));
             Detail(global.verbosity, fmt::format("removed {}", shown));
             break;
         case EditKind::Mkdir:
-            RequireSafeName(edit, false);
             if (edit.path.empty()) {
                 if (!QVBackupContainerCreateDirectoryAtPath(backup, domain.get(), path.get()))
                     throw Failure(kFailure, fmt::format("cannot make the folder {}", shown));
@@ -191,7 +188,6 @@ void ApplyEdit(const Backup& backup, const Edit& edit, const GlobalOptions& glob
             Detail(global.verbosity, fmt::format("made the folder {}", shown));
             break;
         case EditKind::Symlink: {
-            RequireSafeName(edit, true);
             if (edit.extra.empty()) throw Failure(kUsage, fmt::format("the link {} needs a target", shown));
             Entry existing = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
             if (!existing) MakeParents(backup, edit, false);
@@ -205,6 +201,8 @@ void ApplyEdit(const Backup& backup, const Edit& edit, const GlobalOptions& glob
 
 int RunEdit(const EditOptions& o, const GlobalOptions& global) {
     std::vector<Edit> edits = EditsInOrder(o);
+    // Unsafe names are usage errors, found before the backup is opened or a password asked for.
+    for (const Edit& edit : edits) RequireSafeName(edit, edit.kind == EditKind::Put || edit.kind == EditKind::Symlink);
     RequireNewDestination(o.destination, o.zip);
     OpenBackup open = LoadBackup(o.backup, global);
     for (const Edit& edit : edits) ApplyEdit(open.get(), edit, global);
