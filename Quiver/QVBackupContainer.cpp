@@ -118,10 +118,20 @@ std::shared_ptr<QVFileClass> SourceLoadFileForFileID(const Backup& backup, CFStr
 
 namespace {
 
-// The file getter handed to manifests. It holds the container, so a loaded container and its
-// manifest keep each other alive until the caller lets go of both.
+// The file getter handed to manifests and their entries. It holds the container weakly: a strong
+// reference would make a loaded container and its manifest keep each other alive for ever. A manifest
+// that outlives its container can no longer fetch stored files, and says so.
 QVGetFileFunction getterFor(const Backup& backup) {
-    return [backup](CFStringRef fileID, CFErrorRef* error) { return SourceLoadFileForFileID(backup, fileID, error); };
+    std::weak_ptr<QVBackupContainerClass> weak = backup;
+    return [weak](CFStringRef fileID, CFErrorRef* error) -> std::shared_ptr<QVFileClass> {
+        Backup owner = weak.lock();
+        if (!owner) {
+            StoreError(error, Error(QVErrorInvalidArgument, CF::Error(),
+                                    "The backup container of this manifest no longer exists"));
+            return nullptr;
+        }
+        return SourceLoadFileForFileID(owner, fileID, error);
+    };
 }
 
 std::vector<uint8_t> readWhole(const std::shared_ptr<QVFileClass>& file, uint64_t chunk) {
@@ -269,8 +279,6 @@ Backup load(QVDataSourceType type, CFStringRef path, CFStringRef password, const
         SourceLoadMetadataFiles(backup, progress);
     } catch (const CF::Error& e) {
         StoreError(error, e);
-        // The manifest's getter holds the container: break the cycle so the half-built object goes.
-        backup->manifest.reset();
         return nullptr;
     }
     return backup;

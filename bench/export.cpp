@@ -86,7 +86,6 @@ void BM_ExportToDirectory(benchmark::State& state, bool zip) {
         state.ResumeTiming();
         if (!ok) state.SkipWithError("export failed");
     }
-    backup->manifest.reset();
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * gBytes));
 }
 

@@ -50,7 +50,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (content) Quiver::QVFileGetData(content, 0, [](const std::vector<uint8_t>&) { return true; });
         if (readError) CFRelease(readError);
     }
-    backup->manifest.reset();  // the manifest's getter holds the container
     // The cache grows with every member read; the fuzzer runs long.
     std::error_code ec;
     for (const auto& e : fs::directory_iterator(scratch() / "storage" / "QVFileManager", ec)) fs::remove(e.path(), ec);
