@@ -390,18 +390,14 @@ TEST_P(MBFileArchiveChecks, UIDsBeyondTheObjectsAreRefused) {
     ExpectFailure<ax::uid_out_of_range>("Archive refers to object 9 but holds only 4 objects");
 }
 
-TEST_P(MBFileArchiveChecks, NilMembersKeepTheirDefaults) {
+TEST_P(MBFileArchiveChecks, AbsentAndNilMembersKeepTheirDefaults) {
+    a.root.Remove("InodeNumber");
     a.root.Set("RelativePath", UID(0));
     a.root.Set("Digest", UID(0));
     const MB::File f = Decoded();
+    EXPECT_EQ(f.InodeNumber, 0u);
     EXPECT_EQ(f.RelativePath.utf8(), "");
     EXPECT_TRUE(f.Digest.IsEmpty());
-}
-
-TEST_P(MBFileArchiveChecks, AbsentInodeAndAttributesDecodeAsDefaults) {
-    a.root.Remove("InodeNumber");
-    const MB::File f = Decoded();
-    EXPECT_EQ(f.InodeNumber, 0u);
     EXPECT_TRUE(f.ExtendedAttributes.IsEmpty());
 }
 
