@@ -14,12 +14,6 @@ namespace Quiver {
 
 namespace {
 
-std::string utf8(CFStringRef s) {
-    if (!s) return {};
-    if (const char* p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8)) return p;
-    return CF::String::Retain(s).utf8();
-}
-
 size_t depthOf(const std::string& path) { return static_cast<size_t>(std::count(path.begin(), path.end(), '/')); }
 
 void dropByIdentity(std::vector<Entry>& entries, const Entry& entry) {
@@ -68,13 +62,13 @@ std::vector<Entry> QVBackupContainerCopyEntriesContainedInDirectoryAtPath(const 
     QV_ASSERT(backup);
     Entry directory = QVManifestGetEntryMatchingPath(backup->manifest, domain, path);
     if (!directory || !QVManifestEntryIsDirectory(directory)) return {};
-    std::string directoryPath = utf8(QVManifestEntryGetPath(directory));
+    std::string directoryPath = CF::UTF8(QVManifestEntryGetPath(directory));
     size_t wanted = directoryPath.empty() ? 0 : depthOf(directoryPath) + 1;
     std::vector<Entry> below = QVManifestCopyEntriesAtPath(backup->manifest, domain, path);
     if (below.size() < 2) return {};
     std::vector<Entry> children;
     for (const Entry& entry : below) {
-        std::string p = utf8(QVManifestEntryGetPath(entry));
+        std::string p = CF::UTF8(QVManifestEntryGetPath(entry));
         if (!p.empty() && depthOf(p) == wanted) children.push_back(entry);
     }
     return children;
@@ -103,7 +97,7 @@ std::shared_ptr<QVFileClass> QVBackupContainerCopyFileForPath(const Backup& back
 std::shared_ptr<QVFileClass> QVBackupContainerCopyFileForLocalFilename(const Backup& backup,
                                                                        CFStringRef localFilename, CFErrorRef* error) {
     QV_ASSERT(backup);
-    const std::string name = utf8(localFilename);
+    const std::string name = CF::UTF8(localFilename);
     if (name == "Manifest.mbdb") {
         CF::Data data = CF::Data::Adopt(
             QVManifestCreateManifestDataRepresentation(backup->manifest, backup->manifestVersion, error));
@@ -207,7 +201,7 @@ Entry QVBackupContainerStoreFileForPath(const Backup& backup, CFStringRef domain
     if (!created) {
         CF::Error failure = CF::Error::Adopt(createError);
         LogErrorFmt(log_level::error, failure.get(), "{}: Failed to generate entry for {}:{}", __PRETTY_FUNCTION__,
-                    utf8(domain), utf8(path));
+                    CF::UTF8(domain), CF::UTF8(path));
         StoreError(error, failure);
         return nullptr;
     }
@@ -225,7 +219,7 @@ Entry QVBackupContainerStoreFileForPath(const Backup& backup, CFStringRef domain
         }
     } else {
         log_fmt(log_level::debug, "{}: Generated new entry {}", __PRETTY_FUNCTION__, created);
-        std::string text = utf8(path);
+        std::string text = CF::UTF8(path);
         std::string prefix;
         for (size_t slash = text.find('/'); slash != std::string::npos; slash = text.find('/', slash + 1)) {
             prefix = text.substr(0, slash);

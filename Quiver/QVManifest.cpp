@@ -11,16 +11,11 @@ namespace Quiver {
 namespace {
 
 // UTF-8 of a string without copying when the string holds it (ours always do).
-std::string utf8(CFStringRef s) {
-    if (!s) return {};
-    if (const char* p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8)) return p;
-    return CF::String::Retain(s).utf8();
-}
 
 void buildDomainIndex(QVManifestClass& manifest) {
     if (!manifest.domainIndex.empty()) return;
     for (const Entry& entry : manifest.entries) {
-        std::string domain = utf8(QVManifestEntryGetDomain(entry));
+        std::string domain = CF::UTF8(QVManifestEntryGetDomain(entry));
         if (domain.empty()) continue;
         manifest.domainIndex[domain].push_back(entry);
     }
@@ -28,7 +23,7 @@ void buildDomainIndex(QVManifestClass& manifest) {
 
 const std::vector<Entry>* entriesInDomain(QVManifestClass& manifest, CFStringRef domain) {
     buildDomainIndex(manifest);
-    auto it = manifest.domainIndex.find(utf8(domain));
+    auto it = manifest.domainIndex.find(CF::UTF8(domain));
     return it == manifest.domainIndex.end() ? nullptr : &it->second;
 }
 
@@ -73,7 +68,7 @@ Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) 
     if (manifest->fileIDIndex.empty()) {
         manifest->fileIDIndex.reserve(manifest->entries.size());
         for (const Entry& entry : manifest->entries) {
-            std::string id = utf8(QVManifestEntryGetFileID(entry));
+            std::string id = CF::UTF8(QVManifestEntryGetFileID(entry));
             if (id.empty()) {
                 log_fmt(log_level::error, "{}: DEVELOPER BUG QVManifestEntry does not have a fileID ({})",
                         __PRETTY_FUNCTION__, entry);
@@ -82,7 +77,7 @@ Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) 
             manifest->fileIDIndex.emplace(std::move(id), entry);  // the first entry with an ID wins
         }
     }
-    auto it = manifest->fileIDIndex.find(utf8(fileID));
+    auto it = manifest->fileIDIndex.find(CF::UTF8(fileID));
     return it == manifest->fileIDIndex.end() ? nullptr : it->second;
 }
 
@@ -108,10 +103,10 @@ std::vector<Entry> QVManifestCopyEntriesAtPath(const Manifest& manifest, CFStrin
     const auto* inDomain = entriesInDomain(*manifest, domain);
     if (!inDomain) return {};
     if (!path || CFStringGetLength(path) == 0) return *inDomain;
-    const std::string query = utf8(path);
+    const std::string query = CF::UTF8(path);
     std::vector<Entry> result;
     for (const Entry& entry : *inDomain) {
-        const std::string entryPath = utf8(QVManifestEntryGetPath(entry));
+        const std::string entryPath = CF::UTF8(QVManifestEntryGetPath(entry));
         // Whole components match exactly when the path is the query itself or continues it with "/"
         // (empty components from leading, doubled or trailing slashes included).
         if (entryPath.size() < query.size() || entryPath.compare(0, query.size(), query) != 0) continue;

@@ -31,12 +31,6 @@ CF::Error badVersion(QVManifestDataVersion version) {
                  fmt::format("Invalid manifest version '{}' for this encoding scheme", static_cast<int>(version)));
 }
 
-std::string utf8(CFStringRef s) {
-    if (!s) return {};
-    if (const char* p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8)) return p;
-    return CF::String::Retain(s).utf8();
-}
-
 // Text columns as strings; NULL gives the empty string, and bytes that are not UTF-8 are taken as
 // Latin-1 rather than failing the row.
 CF::String textColumn(const SQLite::Column& column) {
@@ -155,14 +149,14 @@ void ManifestDatabase::InsertRow(CFStringRef fileID, CFStringRef domain, CFStrin
         SQLite::Statement& insert = *insert_;
         insert.reset();
         insert.clearBindings();
-        insert.bind(1, utf8(fileID));
+        insert.bind(1, CF::UTF8(fileID));
         if (domain) {
-            insert.bind(2, utf8(domain));
+            insert.bind(2, CF::UTF8(domain));
         } else {
             insert.bind(2);
         }
         if (relativePath) {
-            insert.bind(3, utf8(relativePath));
+            insert.bind(3, CF::UTF8(relativePath));
         } else {
             insert.bind(3);
         }
@@ -239,7 +233,7 @@ Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVManifestDataVe
         std::vector<std::string> invalid;
         try {
             ManifestDatabase database;
-            database.Open(fs::path(utf8(path)));
+            database.Open(fs::path(CF::UTF8(path)));
             database.QueryAllRows([&](const CF::String& fileID, const CF::String& domain, const CF::String& relativePath,
                                       int32_t flags, const CF::Data& data, int64_t index, int64_t count) {
                 if (fileID.length() > 0 && data.size() > 0) {

@@ -6,6 +6,7 @@
 
 #include "Quiver/FileManager.hpp"
 #include "Quiver/MB/ManifestEncryption.hpp"
+#include "Quiver/CF/Empty.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVLog.hpp"
 #include "Quiver/Support/Encoding.hpp"
@@ -21,30 +22,6 @@ constexpr uint16_t kDirectoryMode = 0x41ED;  // 040755
 constexpr uint16_t kSymlinkMode = 0xA1ED;    // 0120755
 constexpr uint32_t kMobileUser = 501;
 
-// Entries that have no value share one empty object of each kind: a manifest holds hundreds of
-// thousands of entries, most of them without a target, key or attributes.
-const CF::String& emptyString() {
-    static const CF::String* s = new CF::String(CF::String::Retain(CFSTR("")));
-    return *s;
-}
-
-const CF::Data& emptyData() {
-    static const CF::Data* d = new CF::Data(CF::Data::Adopt(CFDataCreate(kCFAllocatorDefault, nullptr, 0)));
-    return *d;
-}
-
-const CF::Dictionary& emptyDictionary() {
-    static const CF::Dictionary* d = new CF::Dictionary(CF::Dictionary::Adopt(CFDictionaryCreate(
-        kCFAllocatorDefault, nullptr, nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks)));
-    return *d;
-}
-
-std::string cf_utf8(CFStringRef s) {
-    if (!s) return {};
-    if (const char* p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8)) return p;
-    return CF::String::Retain(s).utf8();
-}
-
 [[noreturn]] void badProtectionClass(uint32_t value) {
     log_fmt(log_level::error, "Protection class value {} is out of range", value);
     std::fprintf(stderr, "Quiver: fatal: protection class value %u is out of range\n", value);
@@ -55,10 +32,10 @@ Entry newEntry(CFStringRef domain, CFStringRef relativePath) {
     auto entry = std::make_shared<QVManifestEntryClass>();
     entry->external = true;
     SetEntryNames(*entry, domain, relativePath, nullptr);
-    entry->target = emptyString();
-    entry->digest = emptyData();
-    entry->encryptionKey = emptyData();
-    entry->properties = emptyDictionary();
+    entry->target = CF::EmptyString();
+    entry->digest = CF::EmptyData();
+    entry->encryptionKey = CF::EmptyData();
+    entry->properties = CF::EmptyDictionary();
     entry->userID = kMobileUser;
     entry->groupID = kMobileUser;
     CF::Date now = CF::Date::Now();
@@ -97,8 +74,8 @@ void SetEntryNames(QVManifestEntryClass& entry, CFStringRef domain, CFStringRef 
     entry.domain = CF::String::Retain(domain);
     entry.relativePath = CF::String::Retain(relativePath);
     entry.pathCopy = entry.relativePath;
-    const std::string path = cf_utf8(relativePath);
-    std::string pair = cf_utf8(domain);
+    const std::string path = CF::UTF8(relativePath);
+    std::string pair = CF::UTF8(domain);
     pair.reserve(pair.size() + 1 + path.size());
     pair.append("-").append(path);
     if (fileID) {
@@ -117,7 +94,7 @@ void SetEntryNames(QVManifestEntryClass& entry, CFStringRef domain, CFStringRef 
 }
 
 CFStringRef QVManifestEntryCopyFileIDForPath(CFStringRef domain, CFStringRef relativePath) {
-    std::string pair = cf_utf8(domain) + "-" + cf_utf8(relativePath);
+    std::string pair = CF::UTF8(domain) + "-" + CF::UTF8(relativePath);
     std::vector<uint8_t> digest = Support::Sha1({reinterpret_cast<const uint8_t*>(pair.data()), pair.size()});
     return CF::String(Support::hex_encode(digest)).Detach();
 }
@@ -158,7 +135,7 @@ Entry QVManifestEntryCreateForSymlink(CFStringRef domain, CFStringRef relativePa
     entry->mode = kSymlinkMode;
     entry->fileType = 4;
     entry->protectionClass = EntryProtectionClassNotSet;
-    entry->target = target ? CF::String::Retain(target) : emptyString();
+    entry->target = target ? CF::String::Retain(target) : CF::EmptyString();
     return entry;
 }
 

@@ -19,6 +19,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "Quiver/CF/Empty.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVLog.hpp"
 #include "Quiver/Support/ByteReader.hpp"
@@ -36,23 +37,6 @@ constexpr uint64_t kEmptyFieldLength = 0xFFFF;  // like 0: an empty field with n
 constexpr size_t kUnwritableFieldSize = 0xFFFF;
 constexpr size_t kMaxProperties = 0xFF;  // the count is one byte
 constexpr uint32_t kUnixToCFSeconds = 978307200;  // 1970-01-01 to 2001-01-01
-
-// Most records have no target, key or properties; they share one empty object of each kind.
-const CF::String& emptyString() {
-    static const CF::String* s = new CF::String(CF::String::Retain(CFSTR("")));
-    return *s;
-}
-
-const CF::Data& emptyData() {
-    static const CF::Data* d = new CF::Data(CF::Data::Adopt(CFDataCreate(kCFAllocatorDefault, nullptr, 0)));
-    return *d;
-}
-
-const CF::Dictionary& emptyDictionary() {
-    static const CF::Dictionary* d = new CF::Dictionary(CF::Dictionary::Adopt(CFDictionaryCreate(
-        kCFAllocatorDefault, nullptr, nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks)));
-    return *d;
-}
 
 std::span<const uint8_t> bytesOf(CFDataRef data) {
     const CFIndex length = CFDataGetLength(data);
@@ -96,7 +80,7 @@ private:
 std::optional<CF::String> stringField(RecordCursor& cursor) {
     const auto bytes = cursor.field();
     if (!bytes) return std::nullopt;
-    if (bytes->empty()) return emptyString();
+    if (bytes->empty()) return CF::EmptyString();
     CF::String s = CF::String::Adopt(CFStringCreateWithBytes(kCFAllocatorDefault, bytes->data(),
                                                              static_cast<CFIndex>(bytes->size()),
                                                              kCFStringEncodingUTF8, false));
@@ -107,7 +91,7 @@ std::optional<CF::String> stringField(RecordCursor& cursor) {
 std::optional<CF::Data> dataField(RecordCursor& cursor) {
     const auto bytes = cursor.field();
     if (!bytes) return std::nullopt;
-    if (bytes->empty()) return emptyData();
+    if (bytes->empty()) return CF::EmptyData();
     return CF::Data(*bytes);
 }
 
@@ -153,7 +137,7 @@ Entry readRecord(const Support::byte_reader& bytes, uint64_t offset, uint64_t& n
 
     const auto count = cursor.integer(1);
     if (!count) return nullptr;
-    CF::Dictionary properties = emptyDictionary();
+    CF::Dictionary properties = CF::EmptyDictionary();
     if (*count > 0) {
         properties = CF::Dictionary::CreateMutable();
         for (uint64_t i = 0; i < *count; ++i) {

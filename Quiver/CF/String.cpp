@@ -4,6 +4,18 @@
 
 namespace CF {
 
+std::string UTF8(CFStringRef s) {
+    if (!s) return {};
+    CFIndex used = 0;
+    CFRange all = CFRangeMake(0, CFStringGetLength(s));
+    // The byte count first: text may hold NUL characters, so the C string cannot say where it ends.
+    CFStringGetBytes(s, all, kCFStringEncodingUTF8, 0, false, nullptr, 0, &used);
+    if (const char* p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8)) return std::string(p, static_cast<size_t>(used));
+    std::string out(static_cast<size_t>(used), '\0');
+    CFStringGetBytes(s, all, kCFStringEncodingUTF8, 0, false, reinterpret_cast<UInt8*>(out.data()), used, &used);
+    return out;
+}
+
 String::String(std::string_view utf8) {
     ref_ = CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(utf8.data()),
                                    static_cast<CFIndex>(utf8.size()), kCFStringEncodingUTF8, false);
@@ -21,16 +33,7 @@ String String::Format(const char* format, ...) {
 
 String String::CreateMutable() { return Adopt(CFStringCreateMutable(kCFAllocatorDefault, 0)); }
 
-std::string String::utf8() const {
-    if (!ref_) return {};
-    if (const char* p = CFStringGetCStringPtr(ref_, kCFStringEncodingUTF8)) return p;
-    CFIndex used = 0;
-    CFRange all = CFRangeMake(0, CFStringGetLength(ref_));
-    CFStringGetBytes(ref_, all, kCFStringEncodingUTF8, 0, false, nullptr, 0, &used);
-    std::string out(static_cast<size_t>(used), '\0');
-    CFStringGetBytes(ref_, all, kCFStringEncodingUTF8, 0, false, reinterpret_cast<UInt8*>(out.data()), used, &used);
-    return out;
-}
+std::string String::utf8() const { return UTF8(ref_); }
 
 String String::MutableCopy() const {
     if (!ref_) return CreateMutable();

@@ -13,6 +13,9 @@
 
 namespace CF {
 
+// The UTF-8 text of a borrowed string ("" for NULL), read in place where the string holds UTF-8.
+QV_EXPORT std::string UTF8(CFStringRef s);
+
 class QV_EXPORT String : public Object<String, CFStringRef> {
 public:
     String() = default;

@@ -231,8 +231,7 @@ INSTANTIATE_TEST_SUITE_P(ChunkSizes, FileCipherTest, ::testing::Values(1, 7, 16,
 TEST_F(FileCipherTest, DamagedCiphertextFailsWithCryptoOperation) {
     auto plain = patterned(100);
     auto stored = Cryptor::Encrypt(Cryptor::Algorithm::AES256, key, {}, plain);
-    auto truncated = stored;
-    truncated.resize(truncated.size() - 3);  // not a multiple of 16
+    std::vector<uint8_t> truncated(stored.begin(), stored.end() - 3);  // not a multiple of 16
     auto badPadding = stored;
     badPadding.back() ^= 0x5a;
     for (const auto& bytes : {truncated, badPadding}) {
