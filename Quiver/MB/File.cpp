@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "Quiver/CF/Empty.hpp"
 #include "Quiver/CF/Error.hpp"
 #include "Quiver/Support/BinaryPlistReader.hpp"
 #include "Quiver/Support/KeyedArchiver.hpp"
@@ -18,22 +19,9 @@ using namespace Quiver::Support::archiver_exceptions;
 
 // One empty value of each kind for every record that has nothing there (most records have no target,
 // many no digest, few any attributes). They live for the whole process.
-const CF::String& emptyString() {
-    static const CF::String empty = CF::String::Retain(CFSTR(""));
-    return empty;
-}
-const CF::Data& emptyData() {
-    static const CF::Data empty = CF::Data::Adopt(CFDataCreate(kCFAllocatorDefault, nullptr, 0));
-    return empty;
-}
-const CF::Dictionary& emptyDictionary() {
-    static const CF::Dictionary empty = CF::Dictionary::Adopt(CFDictionaryCreate(
-        kCFAllocatorDefault, nullptr, nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
-    return empty;
-}
 
-CF::String shared(CF::String s) { return s.length() == 0 ? emptyString() : s; }
-CF::Data shared(CF::Data d) { return d.IsEmpty() ? emptyData() : d; }
+CF::String shared(CF::String s) { return s.length() == 0 ? CF::EmptyString() : s; }
+CF::Data shared(CF::Data d) { return d.IsEmpty() ? CF::EmptyData() : d; }
 
 // The archive keys of the members, in the order in which they are decoded and written.
 enum Member {
@@ -94,7 +82,7 @@ std::string_view cfTypeName(CFTypeRef v) {
 
 // Extended attributes map names (strings) to values (data).
 CF::Dictionary checkedAttributes(const CF::Dictionary& attributes) {
-    if (attributes.IsEmpty()) return emptyDictionary();
+    if (attributes.IsEmpty()) return CF::EmptyDictionary();
     for (const auto& [key, value] : attributes.Entries()) {
         if (CFGetTypeID(key) != CFStringGetTypeID()) throw cant_decode_as_value(cfTypeName(key), "string");
         if (CFGetTypeID(value) != CFDataGetTypeID()) throw cant_decode_as_value(cfTypeName(value), "data");
@@ -104,13 +92,13 @@ CF::Dictionary checkedAttributes(const CF::Dictionary& attributes) {
 
 // Attributes written as data that holds a property-list dictionary, as devices write them.
 CF::Dictionary attributesFromPropertyList(std::span<const uint8_t> bytes) {
-    if (bytes.empty()) return emptyDictionary();
+    if (bytes.empty()) return CF::EmptyDictionary();
     if (auto reader = binary_plist_reader::open(bytes)) {
         try {
             const plist_type topType = reader->type(reader->top());
             if (topType != plist_type::dictionary) throw cant_decode_as_value(to_string(topType), "dictionary");
             const auto entries = reader->open_dictionary(reader->top());
-            if (entries.size() == 0) return emptyDictionary();
+            if (entries.size() == 0) return CF::EmptyDictionary();
             CF::Dictionary result = CF::Dictionary::CreateMutable();
             for (size_t i = 0; i < entries.size(); ++i) {
                 const auto value = entries.value_at(i);
@@ -136,7 +124,7 @@ CF::Dictionary decodeAttributes(basic_keyed_unarchiver<Store>& unarchiver, typen
     using value = typename Store::value;
     const auto id = detail::extract_uid(unarchiver.store(), v);
     if (!id) throw cant_decode_as_value(unarchiver.type_name(v), "dictionary");
-    if (*id == 0) return emptyDictionary();
+    if (*id == 0) return CF::EmptyDictionary();
     return unarchiver.decode_object(*id, [](basic_keyed_unarchiver<Store>& u, value raw) -> CF::Dictionary {
         const plist_type t = u.store().type(raw);
         if (t == plist_type::data) return attributesFromPropertyList(u.store().data_bytes(raw));
@@ -144,7 +132,7 @@ CF::Dictionary decodeAttributes(basic_keyed_unarchiver<Store>& unarchiver, typen
             if (u.raw_value("NS.keys") != Store::none) return checkedAttributes(u.decode_ns_dictionary(raw));
             if (const value inner = u.raw_value("NS.data"); inner != Store::none) {
                 const auto bytes = u.data_from(inner);
-                return bytes ? attributesFromPropertyList(bytes->bytes()) : emptyDictionary();
+                return bytes ? attributesFromPropertyList(bytes->bytes()) : CF::EmptyDictionary();
             }
         }
         throw cant_decode_as_value(u.type_name(raw), "dictionary");
@@ -219,11 +207,11 @@ bool sameDictionary(const CF::Dictionary& a, const CF::Dictionary& b) {
 }  // namespace
 
 File::File()
-    : RelativePath(emptyString()),
-      Target(emptyString()),
-      Digest(emptyData()),
-      EncryptionKey(emptyData()),
-      ExtendedAttributes(emptyDictionary()) {}
+    : RelativePath(CF::EmptyString()),
+      Target(CF::EmptyString()),
+      Digest(CF::EmptyData()),
+      EncryptionKey(CF::EmptyData()),
+      ExtendedAttributes(CF::EmptyDictionary()) {}
 File::File(const File& other) = default;
 File& File::operator=(const File& other) = default;
 File::File(File&& other) noexcept = default;
@@ -266,7 +254,7 @@ CF::Data File::Encode() const {
     checkWritable(Target);
     keyed_archiver archiver;
     archiver.encode_object(keyed_archiver::root_key, this, {"MBFile", "NSObject"}, [this](keyed_archiver& a) {
-        a.encode_string(kMemberKeys[kRelativePath], RelativePath ? RelativePath.get() : emptyString().get());
+        a.encode_string(kMemberKeys[kRelativePath], RelativePath ? RelativePath.get() : CF::EmptyString().get());
         if (!Target.IsEmpty()) a.encode_string(kMemberKeys[kTarget], Target.get());
         if (!Digest.IsEmpty()) a.encode_data(kMemberKeys[kDigest], Digest.get());
         if (!EncryptionKey.IsEmpty()) a.encode_data(kMemberKeys[kEncryptionKey], EncryptionKey.get());
