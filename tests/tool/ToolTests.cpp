@@ -64,7 +64,6 @@ protected:
             CF::String(built.directory.string()).get(), password.empty() ? nullptr : pw.get(), nullptr, nullptr);
         EXPECT_TRUE(backup);
         EXPECT_TRUE(Quiver::QVBackupContainerExportToZip(backup, CF::String(zip).get(), nullptr));
-        backup->manifest.reset();  // the manifest's file getter holds the container
         return zip;
     }
 

@@ -156,7 +156,6 @@ OpenBackup& OpenBackup::operator=(OpenBackup&& other) noexcept {
 
 void OpenBackup::Release() {
     if (!backup_) return;
-    // The manifest's file getter holds the container; dropping the manifest lets both go.
     backup_->manifest.reset();
     backup_.reset();
 }

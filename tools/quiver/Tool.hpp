@@ -57,8 +57,9 @@ void AddWriteCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 
 // ---- Backups (Backup.cpp) ----
 
-// A loaded container. A loaded container and its manifest refer to each other; the destructor breaks
-// that cycle so that the container, and the decrypted manifest copy it owns, are really released.
+// A loaded container, released with everything it owns (the decrypted manifest copy among them) when
+// the command is done with it. The manifest goes first, so that no entry is left reading through a
+// container that is gone.
 class OpenBackup {
 public:
     OpenBackup() = default;
