@@ -175,8 +175,8 @@ protected:
 };
 
 TEST_F(RealKeyBagTest, PublishedVectorsDeriveTheirKeys) {
-    // "N. `$itunes_backup$*VER*WPKY*ITER*SALT*DPIC*DPSL` — password `P`" and the table row of N.
-    const std::regex hashLine(R"(^(\d+)\. `(\$itunes_backup\$[^`]*)` — password `([^`]*)`$)");
+    // "N. `$format$*VER*WPKY*ITER*SALT*DPIC*DPSL` — password `P`" and the table row of N.
+    const std::regex hashLine(R"(^(\d+)\. `(\$[a-z_]+\$[^`]*)` — password `([^`]*)`$)");
     const std::regex row(R"(^\| (\d+) \|.*\| OK \| ([0-9a-f]{64}|-) \| ([0-9a-f]{64}) \| ([0-9a-f]{64}) \|$)");
     std::map<int, std::smatch> rows;
     std::map<int, std::pair<std::string, std::string>> hashes;
