@@ -70,26 +70,28 @@ uint32_t ProtectionClassCode(EntryProtectionClass protectionClass) {
     return static_cast<uint32_t>(protectionClass);
 }
 
+namespace {
+
+std::string pairText(CFStringRef domain, CFStringRef relativePath) {
+    std::string pair = CF::UTF8(domain);
+    pair.append("-").append(CF::UTF8(relativePath));
+    return pair;
+}
+
+}  // namespace
+
 void SetEntryNames(QVManifestEntryClass& entry, CFStringRef domain, CFStringRef relativePath, CFStringRef fileID) {
     entry.domain = CF::String::Retain(domain);
     entry.relativePath = CF::String::Retain(relativePath);
     entry.pathCopy = entry.relativePath;
-    const std::string path = CF::UTF8(relativePath);
-    std::string pair = CF::UTF8(domain);
-    pair.reserve(pair.size() + 1 + path.size());
-    pair.append("-").append(path);
+    entry.domainPathPair.Reset();
+    entry.deviceFilename.Reset();
     if (fileID) {
         entry.fileID = CF::String::Retain(fileID);
     } else {
+        std::string pair = pairText(domain, relativePath);
         std::vector<uint8_t> digest = Support::Sha1({reinterpret_cast<const uint8_t*>(pair.data()), pair.size()});
         entry.fileID = CF::String(Support::hex_encode(digest));
-    }
-    entry.domainPathPair = CF::String(pair);
-    size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        entry.deviceFilename = entry.relativePath;
-    } else {
-        entry.deviceFilename = CF::String(std::string_view(path).substr(slash + 1));
     }
 }
 
@@ -179,8 +181,22 @@ Entry QVManifestEntryCreateCopy(const Entry& source, QVGetFileFunction getFileFu
 QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetDomain, entry->domain.get())
 QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetPath, entry->relativePath.get())
 QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetTarget, entry->target.get())
-QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetDomainPathPair, entry->domainPathPair.get())
-QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetDeviceFilename, entry->deviceFilename.get())
+CFStringRef QVManifestEntryGetDomainPathPair(const Entry& entry) {
+    QV_ASSERT(entry);
+    if (!entry->domainPathPair) entry->domainPathPair = CF::String(pairText(entry->domain.get(), entry->relativePath.get()));
+    return entry->domainPathPair.get();
+}
+
+CFStringRef QVManifestEntryGetDeviceFilename(const Entry& entry) {
+    QV_ASSERT(entry);
+    if (!entry->deviceFilename) {
+        std::string path = CF::UTF8(entry->relativePath.get());
+        size_t slash = path.rfind('/');
+        entry->deviceFilename = slash == std::string::npos ? (entry->relativePath ? entry->relativePath : CF::EmptyString())
+                                                           : CF::String(std::string_view(path).substr(slash + 1));
+    }
+    return entry->deviceFilename.get();
+}
 QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetFileID, entry->fileID.get())
 QV_ENTRY_GETTER(CFDataRef, QVManifestEntryGetDataHash, entry->digest.get())
 QV_ENTRY_GETTER(CFDataRef, QVManifestEntryGetEncryptionData, entry->encryptionKey.get())
@@ -294,7 +310,7 @@ std::string to_string(const Entry& entry) {
     CF::String properties = CF::String::Format("%@", entry->properties.get());
     return fmt::format("<QVManifestEntryClass {}> {} size:{} mode:{:o} uid:{} gid:{} type:{:#x} inode:{} protection:{} "
                        "external: {}({}) {} ",
-                       static_cast<const void*>(entry.get()), entry->domainPathPair, entry->size, entry->mode,
+                       static_cast<const void*>(entry.get()), CF::UTF8(QVManifestEntryGetDomainPathPair(entry)), entry->size, entry->mode,
                        entry->userID, entry->groupID, entry->fileType, entry->inode,
                        to_string(entry->protectionClass), entry->external, entry->fileID, properties);
 }

@@ -52,8 +52,11 @@ public:
     uint64_t inode = 0;
     EntryProtectionClass protectionClass = EntryProtectionClassNotSet;
     CF::Dictionary properties;
-    CF::String domainPathPair;
-    CF::String deviceFilename;
+    // Derived from domain and path on first use (QVManifestEntryGetDomainPathPair and
+    // QVManifestEntryGetDeviceFilename), so that a loaded manifest does not hold two more strings per
+    // entry that most callers never ask for. Read them through those functions.
+    mutable CF::String domainPathPair;
+    mutable CF::String deviceFilename;
     CF::String fileID;
     CF::Array stringList;
     std::shared_ptr<QVFileClass> file;

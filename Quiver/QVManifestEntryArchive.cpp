@@ -30,7 +30,12 @@ Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFStringRef domain
         if (!record) throw std::runtime_error("Missing or invalid MBFile structure");
         auto entry = std::make_shared<QVManifestEntryClass>();
         SetEntryNames(*entry, domain, relativePath, fileID);
-        entry->pathCopy = record->RelativePath;
+        // Most records repeat the row's path: share the row's string rather than hold a second one.
+        if (record->RelativePath && relativePath && CFEqual(record->RelativePath.get(), relativePath)) {
+            entry->pathCopy = entry->relativePath;
+        } else {
+            entry->pathCopy = record->RelativePath;
+        }
         entry->target = record->Target;
         entry->digest = record->Digest;
         entry->encryptionKey = record->EncryptionKey;
@@ -41,9 +46,12 @@ Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFStringRef domain
         entry->inode = record->InodeNumber;
         entry->protectionClass = ProtectionClassFromCode(record->ProtectionClass);
         entry->properties = record->ExtendedAttributes;
+        // Dates are immutable values: equal times share one object (they often are all the same).
         entry->lastModified = dateFromUnix(record->LastModified);
-        entry->lastStatusChange = dateFromUnix(record->LastStatusChange);
-        entry->birth = dateFromUnix(record->Birth);
+        entry->lastStatusChange = record->LastStatusChange == record->LastModified
+                                      ? entry->lastModified
+                                      : dateFromUnix(record->LastStatusChange);
+        entry->birth = record->Birth == record->LastModified ? entry->lastModified : dateFromUnix(record->Birth);
         entry->fileType = static_cast<uint8_t>(flags);
         entry->getFileFunc = std::move(getFileFunc);
         entry->external = false;

@@ -320,8 +320,8 @@ CFDataRef QVManifestCreateManifestDataRepresentation(const Manifest& manifest, Q
                                     static_cast<int32_t>(version)));
         std::vector<Entry> entries = QVManifestGetEntries(manifest);
         std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-            CFStringRef x = a->domainPathPair ? a->domainPathPair.get() : CFSTR("");
-            CFStringRef y = b->domainPathPair ? b->domainPathPair.get() : CFSTR("");
+            CFStringRef x = QVManifestEntryGetDomainPathPair(a);
+            CFStringRef y = QVManifestEntryGetDomainPathPair(b);
             return CFStringCompare(x, y, 0) == kCFCompareLessThan;
         });
 

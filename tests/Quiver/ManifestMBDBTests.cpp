@@ -59,13 +59,13 @@ struct Heap {
 
 void expectSameEntry(const Entry& a, const Entry& b) {
     auto fields = [](const Entry& e) {
-        return std::make_tuple(e->domainPathPair.utf8(), e->fileID.utf8(), e->target.utf8(), e->digest.vector(),
+        return std::make_tuple(CF::UTF8(QVManifestEntryGetDomainPathPair(e)), e->fileID.utf8(), e->target.utf8(), e->digest.vector(),
                                e->encryptionKey.vector(), e->mode, e->inode, e->userID, e->groupID, e->size,
                                e->protectionClass, e->birth.AbsoluteTime(), e->lastModified.AbsoluteTime(),
                                e->lastStatusChange.AbsoluteTime());
     };
     EXPECT_EQ(fields(a), fields(b));
-    EXPECT_TRUE(CFEqual(a->properties.get(), b->properties.get())) << a->domainPathPair.utf8();
+    EXPECT_TRUE(CFEqual(a->properties.get(), b->properties.get())) << CF::UTF8(QVManifestEntryGetDomainPathPair(a));
 }
 
 class ManifestMBDB : public ::testing::Test {
@@ -126,9 +126,9 @@ TEST_F(ManifestMBDB, RecordBuiltFromTheFormatDecodesToItsValues) {
     Entry e = QVManifestEntryCreateFromManifestData(heap.data.get(), 3, &next, nullptr);
     ASSERT_TRUE(e);
     EXPECT_EQ(next, static_cast<int64_t>(bytes.size() - 1));
-    EXPECT_EQ(e->domainPathPair.utf8(), "CameraRollDomain-Media/DCIM/100APPLE/IMG_0001.JPG");
+    EXPECT_EQ(CF::UTF8(QVManifestEntryGetDomainPathPair(e)), "CameraRollDomain-Media/DCIM/100APPLE/IMG_0001.JPG");
     EXPECT_EQ(e->fileID, CF::String::Adopt(QVManifestEntryCopyFileIDForPath(e->domain.get(), e->relativePath.get())));
-    EXPECT_EQ(e->deviceFilename.utf8(), "IMG_0001.JPG");
+    EXPECT_EQ(CF::UTF8(QVManifestEntryGetDeviceFilename(e)), "IMG_0001.JPG");
     EXPECT_EQ(std::make_tuple(e->target.utf8(), e->digest.size(), e->encryptionKey.size()),
               std::make_tuple("", 20u, 0u));
     EXPECT_EQ(std::make_tuple(e->mode, e->inode, e->userID, e->groupID, e->size),
@@ -265,7 +265,7 @@ TEST_F(ManifestMBDB, RealManifestsRewriteToTheSameEntries) {
         ASSERT_TRUE(back && back->entries.size() == m->entries.size());
         std::vector<Entry> sorted = m->entries;
         std::stable_sort(sorted.begin(), sorted.end(), [](const Entry& a, const Entry& b) {
-            return a->domainPathPair.Compare(b->domainPathPair) == kCFCompareLessThan;
+            return CFStringCompare(QVManifestEntryGetDomainPathPair(a), QVManifestEntryGetDomainPathPair(b), 0) == kCFCompareLessThan;
         });
         for (size_t i = 0; i < sorted.size(); ++i) expectSameEntry(sorted[i], back->entries[i]);
         ++seen;
