@@ -195,8 +195,9 @@ void ManifestDatabase::QueryAllRows(const RowFunction& row) {
             CF::String relativePath = textColumn(query.getColumn(2));
             int32_t flags = query.getColumn(3).getInt();
             SQLite::Column blob = query.getColumn(4);
-            CF::Data data = CF::Data(std::span<const uint8_t>(static_cast<const uint8_t*>(blob.getBlob()),
-                                                              static_cast<size_t>(blob.getBytes())));
+            // A view of SQLite's own buffer, valid until the next step: rows are decoded, not kept.
+            CF::Data data = CF::Data::NoCopy(std::span<const uint8_t>(static_cast<const uint8_t*>(blob.getBlob()),
+                                                                      static_cast<size_t>(blob.getBytes())));
             row(fileID, found->second, relativePath, flags, data, index, count);
             ++index;
         }

@@ -51,6 +51,8 @@ public:
     void Create(uint32_t userVersion);
     // INSERT OR REPLACE of one row; null domain, path or data become NULL columns.
     void InsertRow(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int32_t flags, CFDataRef data);
+    // Calls row for every row of Files; the data it is given views SQLite's buffer and is valid only
+    // during the call.
     void QueryAllRows(const RowFunction& row);
     void BeginTransaction();
     void Commit();
