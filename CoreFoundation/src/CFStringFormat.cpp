@@ -202,16 +202,16 @@ std::vector<Arg> read_arguments(const std::vector<Conversion>& conversions, va_l
 }
 
 template <typename T>
-void append_printf(std::string& out, const std::string& spec, T value) {
+void append_printf(std::string& out, const std::string& directive, T value) {
     char local[128];
-    int n = std::snprintf(local, sizeof local, spec.c_str(), value);
+    int n = std::snprintf(local, sizeof local, directive.c_str(), value);
     if (n < 0) return;
     if (static_cast<size_t>(n) < sizeof local) {
         out.append(local, static_cast<size_t>(n));
         return;
     }
     std::string big(static_cast<size_t>(n) + 1, '\0');
-    std::snprintf(big.data(), big.size(), spec.c_str(), value);
+    std::snprintf(big.data(), big.size(), directive.c_str(), value);
     out.append(big.data(), static_cast<size_t>(n));
 }
 
@@ -291,7 +291,7 @@ void render(std::string& out, const Conversion& c, const std::vector<Arg>& args)
     Conversion effective = c;
     effective.flags = flags;
 
-    auto spec = [&](const char* length, char conversion) {
+    auto directive = [&](const char* length, char conversion) {
         std::string s = "%";
         for (char f : flags) {
             if (std::strchr("-+ #0", f)) s.push_back(f);  // the grouping flag is not portable to snprintf
@@ -310,7 +310,7 @@ void render(std::string& out, const Conversion& c, const std::vector<Arg>& args)
             if (len == "hh") v = static_cast<signed char>(v);
             else if (len == "h") v = static_cast<short>(v);
             else if (len.empty()) v = static_cast<int>(v);
-            append_printf(out, spec("ll", 'd'), v);
+            append_printf(out, directive("ll", 'd'), v);
             break;
         }
         case 'o':
@@ -321,7 +321,7 @@ void render(std::string& out, const Conversion& c, const std::vector<Arg>& args)
             if (len == "hh") v = static_cast<unsigned char>(v);
             else if (len == "h") v = static_cast<unsigned short>(v);
             else if (len.empty()) v = static_cast<unsigned int>(v);
-            append_printf(out, spec("ll", c.conversion), v);
+            append_printf(out, directive("ll", c.conversion), v);
             break;
         }
         case 'f':
@@ -332,8 +332,8 @@ void render(std::string& out, const Conversion& c, const std::vector<Arg>& args)
         case 'G':
         case 'a':
         case 'A':
-            if (value.kind == ArgKind::LongDouble) append_printf(out, spec("L", c.conversion), value.longReal);
-            else append_printf(out, spec("", c.conversion), value.real);
+            if (value.kind == ArgKind::LongDouble) append_printf(out, directive("L", c.conversion), value.longReal);
+            else append_printf(out, directive("", c.conversion), value.real);
             break;
         case 'c':
         case 'C': {
