@@ -19,82 +19,55 @@ protected:
     Ref<CFNumberRef> value = num(42LL);
 };
 
-TEST_F(ArrayTest, RetainsWhatItHoldsAndReleasesOnRemoval) {
-    CFIndex base = CFGetRetainCount(value);
+TEST_F(ArrayTest, EditsAndCopiesBalanceRetains) {
+    Ref<CFNumberRef> other = num(7LL);
+    CFIndex base = CFGetRetainCount(value), otherBase = CFGetRetainCount(other);
     CFArrayAppendValue(array, value.get());
     CFArrayInsertValueAtIndex(array, 0, value.get());
-    EXPECT_EQ(CFGetRetainCount(value), base + 2);
-    CFArrayRemoveValueAtIndex(array, 1);
-    EXPECT_EQ(CFGetRetainCount(value), base + 1);
-    CFArrayRemoveAllValues(array);
-    EXPECT_EQ(CFGetRetainCount(value), base);
-    EXPECT_EQ(CFArrayGetCount(array), 0);
-}
-
-TEST_F(ArrayTest, DestructionAndCopiesBalanceRetains) {
-    CFIndex base = CFGetRetainCount(value);
-    CFArrayAppendValue(array, value.get());
     {
         Ref<CFArrayRef> copy(CFArrayCreateCopy(nullptr, array));
         Ref<CFMutableArrayRef> mutableCopy(CFArrayCreateMutableCopy(nullptr, 0, array));
-        EXPECT_EQ(CFGetRetainCount(value), base + 3);
+        EXPECT_EQ(CFGetRetainCount(value), base + 6);
         EXPECT_TRUE(CFEqual(copy.get(), array.get()));
     }
+    CFArraySetValueAtIndex(array, 1, other.get());
     EXPECT_EQ(CFGetRetainCount(value), base + 1);
+    CFArraySetValueAtIndex(array, 1, other.get());  // setting what is already there must not free it
+    EXPECT_EQ(CFGetRetainCount(other), otherBase + 1);
+    CFArraySetValueAtIndex(array, 2, value.get());  // one past the end appends
+    EXPECT_EQ(CFArrayGetCount(array), 3);
+    CFArrayRemoveValueAtIndex(array, 0);
+    CFArrayRemoveAllValues(array);
+    EXPECT_EQ(CFGetRetainCount(value), base);
+    EXPECT_EQ(CFGetRetainCount(other), otherBase);
 }
 
-TEST_F(ArrayTest, SettingAValueReleasesTheOldOneAndSurvivesSettingItself) {
-    Ref<CFNumberRef> other = num(7LL);
+TEST_F(ArrayTest, SelfAppendEqualityAndMembershipFollowTheCallbacks) {
+    Ref<CFNumberRef> two = num(2LL);
     CFArrayAppendValue(array, value.get());
-    CFIndex base = CFGetRetainCount(value);
-    CFArraySetValueAtIndex(array, 0, other.get());
-    EXPECT_EQ(CFGetRetainCount(value), base - 1);
-    CFIndex otherCount = CFGetRetainCount(other);
-    CFArraySetValueAtIndex(array, 0, other.get());
-    EXPECT_EQ(CFGetRetainCount(other), otherCount);
-    EXPECT_EQ(CFArrayGetValueAtIndex(array, 0), other.get());
-    CFArraySetValueAtIndex(array, 1, value.get());  // one past the end appends
-    EXPECT_EQ(CFArrayGetCount(array), 2);
-}
-
-TEST_F(ArrayTest, TypeCallbacksCompareByValueRawPointersByIdentity) {
+    CFArrayAppendValue(array, two.get());
+    CFArrayAppendArray(array, array, CFRangeMake(0, 2));
+    ASSERT_EQ(CFArrayGetCount(array), 4);
+    EXPECT_EQ(CFArrayGetCountOfValue(array, CFRangeMake(0, 4), value.get()), 2);
+    Ref<CFMutableArrayRef> other{new_array()};
+    for (double v : {42.0, 2.0, 42.0}) CFArrayAppendValue(other, num(v).get());
+    EXPECT_FALSE(CFEqual(array.get(), other.get()));
+    CFArrayAppendValue(other, two.get());
+    EXPECT_TRUE(CFEqual(array.get(), other.get()));  // 42 and 42.0 are equal numbers
+    // Without callbacks, values are neither retained nor compared by value.
     Ref<CFStringRef> a = str("same"), b = str("same");
-    ASSERT_NE(a.get(), b.get());
-    CFArrayAppendValue(array, a.get());
-    EXPECT_TRUE(CFArrayContainsValue(array, CFRangeMake(0, 1), b.get()));
-
     Ref<CFMutableArrayRef> raw(CFArrayCreateMutable(nullptr, 0, nullptr));
     CFIndex base = CFGetRetainCount(a);
     CFArrayAppendValue(raw, a.get());
     EXPECT_EQ(CFGetRetainCount(a), base);
     EXPECT_FALSE(CFArrayContainsValue(raw, CFRangeMake(0, 1), b.get()));
     EXPECT_EQ(CFArrayGetFirstIndexOfValue(raw, CFRangeMake(0, 1), a.get()), 0);
-}
-
-TEST_F(ArrayTest, AppendingItselfDoublesTheContents) {
-    CFArrayAppendValue(array, value.get());
-    Ref<CFNumberRef> two = num(2LL);
-    CFArrayAppendValue(array, two.get());
-    CFArrayAppendArray(array, array, CFRangeMake(0, 2));
-    ASSERT_EQ(CFArrayGetCount(array), 4);
-    EXPECT_EQ(CFArrayGetValueAtIndex(array, 2), value.get());
-    EXPECT_EQ(CFArrayGetValueAtIndex(array, 3), two.get());
-    EXPECT_EQ(CFArrayGetCountOfValue(array, CFRangeMake(0, 4), value.get()), 2);
-}
-
-TEST_F(ArrayTest, EqualityIsElementWise) {
-    Ref<CFMutableArrayRef> other{new_array()};
-    Ref<CFNumberRef> sameValue = num(42.0);
-    CFArrayAppendValue(array, value.get());
-    CFArrayAppendValue(other, sameValue.get());
-    EXPECT_TRUE(CFEqual(array.get(), other.get()));
-    CFArrayAppendValue(other, sameValue.get());
-    EXPECT_FALSE(CFEqual(array.get(), other.get()));
+    CFArrayAppendValue(array, a.get());
+    EXPECT_TRUE(CFArrayContainsValue(array, CFRangeMake(0, 5), b.get()));
 }
 
 struct Item {
-    int key;
-    int order;
+    int key, order;
 };
 
 CFComparisonResult compare_keys(const void* a, const void* b, void*) {
@@ -107,42 +80,35 @@ CFComparisonResult compare_randomly(const void*, const void*, void* context) {
     return static_cast<CFComparisonResult>(static_cast<int>(rng() % 3) - 1);
 }
 
-TEST(ArraySort, KeepsEqualElementsInTheirOrder) {
+Ref<CFMutableArrayRef> item_array(std::vector<Item>& items) {
+    Ref<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, 0, nullptr));
+    for (auto& item : items) CFArrayAppendValue(array, &item);
+    return array;
+}
+
+const Item& item_at(CFArrayRef array, CFIndex i) { return *static_cast<const Item*>(CFArrayGetValueAtIndex(array, i)); }
+
+TEST(ArraySort, StableLimitedToTheRangeAndSafeWithABadComparator) {
     std::vector<Item> items;
     for (int i = 0; i < 200; ++i) items.push_back({(i * 7919) % 5, i});
-    Ref<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, 0, nullptr));
-    for (auto& item : items) CFArrayAppendValue(array, &item);
-    CFArraySortValues(array, CFRangeMake(0, CFArrayGetCount(array)), compare_keys, nullptr);
-    for (CFIndex i = 1; i < CFArrayGetCount(array); ++i) {
-        auto* prev = static_cast<const Item*>(CFArrayGetValueAtIndex(array, i - 1));
-        auto* cur = static_cast<const Item*>(CFArrayGetValueAtIndex(array, i));
-        ASSERT_LE(prev->key, cur->key);
-        if (prev->key == cur->key) {
-            ASSERT_LT(prev->order, cur->order);
-        }
+    Ref<CFMutableArrayRef> array = item_array(items);
+    CFArraySortValues(array, CFRangeMake(0, 200), compare_keys, nullptr);
+    for (CFIndex i = 1; i < 200; ++i) {
+        const Item &prev = item_at(array, i - 1), &cur = item_at(array, i);
+        ASSERT_TRUE(prev.key < cur.key || (prev.key == cur.key && prev.order < cur.order)) << i;
     }
-}
-
-TEST(ArraySort, SortsOnlyTheGivenRange) {
-    std::vector<Item> items = {{9, 0}, {3, 1}, {2, 2}, {1, 3}, {0, 4}};
-    Ref<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, 0, nullptr));
-    for (auto& item : items) CFArrayAppendValue(array, &item);
-    CFArraySortValues(array, CFRangeMake(1, 3), compare_keys, nullptr);
+    std::vector<Item> few = {{9, 0}, {3, 1}, {2, 2}, {1, 3}, {0, 4}};
+    Ref<CFMutableArrayRef> part = item_array(few);
+    CFArraySortValues(part, CFRangeMake(1, 3), compare_keys, nullptr);
     std::vector<int> keys;
-    for (CFIndex i = 0; i < 5; ++i) keys.push_back(static_cast<const Item*>(CFArrayGetValueAtIndex(array, i))->key);
+    for (CFIndex i = 0; i < 5; ++i) keys.push_back(item_at(part, i).key);
     EXPECT_EQ(keys, (std::vector<int>{9, 1, 2, 3, 0}));
-}
-
-TEST(ArraySort, InconsistentComparatorStillYieldsAPermutation) {
-    std::vector<Item> items(100);
-    for (int i = 0; i < 100; ++i) items[static_cast<size_t>(i)] = {i, i};
-    Ref<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, 0, nullptr));
-    for (auto& item : items) CFArrayAppendValue(array, &item);
+    // A comparator that contradicts itself still leaves a permutation.
     std::mt19937 rng(1);
-    CFArraySortValues(array, CFRangeMake(0, 100), compare_randomly, &rng);
-    std::vector<bool> seen(100);
-    for (CFIndex i = 0; i < 100; ++i) seen[static_cast<size_t>(static_cast<const Item*>(CFArrayGetValueAtIndex(array, i))->key)] = true;
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), true), 100);
+    CFArraySortValues(array, CFRangeMake(0, 200), compare_randomly, &rng);
+    std::vector<bool> seen(200);
+    for (CFIndex i = 0; i < 200; ++i) seen[static_cast<size_t>(item_at(array, i).order)] = true;
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), true), 200);
 }
 
 using ArrayDeathTest = ArrayTest;
@@ -157,136 +123,97 @@ TEST_F(ArrayDeathTest, OutOfRangeAccessAborts) {
     EXPECT_DEATH(CFArrayAppendValue(const_cast<CFMutableArrayRef>(frozen.get()), value.get()), "immutable");
 }
 
+std::vector<std::string> keys_of(CFDictionaryRef dict) {
+    std::vector<const void*> k(static_cast<size_t>(CFDictionaryGetCount(dict)));
+    CFDictionaryGetKeysAndValues(dict, k.data(), nullptr);
+    std::vector<std::string> out;
+    for (const void* key : k) out.push_back(text(static_cast<CFStringRef>(key)));
+    return out;
+}
+
 class DictionaryTest : public ::testing::Test {
 protected:
     Ref<CFMutableDictionaryRef> dict{new_dict()};
-
-    std::vector<std::string> keys() const {
-        std::vector<const void*> k(static_cast<size_t>(CFDictionaryGetCount(dict)));
-        CFDictionaryGetKeysAndValues(dict, k.data(), nullptr);
-        std::vector<std::string> out;
-        for (const void* key : k) out.push_back(text(static_cast<CFStringRef>(key)));
-        return out;
-    }
+    std::vector<std::string> keys() const { return keys_of(dict); }
     void set(const char* key, CFTypeRef value) { CFDictionarySetValue(dict, str(key).get(), value); }
 };
 
-TEST_F(DictionaryTest, ReplacingKeepsThePositionAndReleasesTheOldValue) {
+TEST_F(DictionaryTest, ReplaceAddAndRemoveKeepOrderAndBalanceRetains) {
+    Ref<CFStringRef> key = str("b");
     Ref<CFNumberRef> first = num(1LL), second = num(2LL);
+    CFIndex keyBase = CFGetRetainCount(key), base = CFGetRetainCount(first);
     set("a", kCFBooleanTrue);
-    set("b", first.get());
+    CFDictionarySetValue(dict, key.get(), first.get());
     set("c", kCFBooleanFalse);
-    CFIndex base = CFGetRetainCount(first);
     set("b", second.get());
-    EXPECT_EQ(CFGetRetainCount(first), base - 1);
+    EXPECT_EQ(CFGetRetainCount(first), base);
     EXPECT_EQ(keys(), (std::vector<std::string>{"a", "b", "c"}));
-    EXPECT_EQ(CFDictionaryGetValue(dict, str("b").get()), second.get());
-
-    CFDictionaryReplaceValue(dict, str("b").get(), first.get());
-    EXPECT_EQ(CFDictionaryGetValue(dict, str("b").get()), first.get());
+    EXPECT_EQ(CFDictionaryGetValue(dict, key.get()), second.get());
+    CFDictionaryReplaceValue(dict, key.get(), first.get());
     CFDictionaryReplaceValue(dict, str("absent").get(), first.get());
     CFDictionaryAddValue(dict, str("a").get(), first.get());  // present: left alone
     EXPECT_EQ(CFDictionaryGetValue(dict, str("a").get()), kCFBooleanTrue);
+    EXPECT_EQ(CFDictionaryGetValue(dict, key.get()), first.get());
     EXPECT_EQ(CFDictionaryGetCount(dict), 3);
-}
-
-TEST_F(DictionaryTest, RemovalKeepsOrderAndIndexAcrossManyKeys) {
-    constexpr int kCount = 2000;
-    for (int i = 0; i < kCount; ++i) {
-        Ref<CFNumberRef> v = num(static_cast<long long>(i));
-        set(("key" + std::to_string(i)).c_str(), v.get());
+    {
+        Ref<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, dict));
+        EXPECT_EQ(CFGetRetainCount(first), base + 2);
     }
-    for (int i = 1; i < kCount; i += 3) CFDictionaryRemoveValue(dict, str("key" + std::to_string(i)).get());
-    std::vector<std::string> expected;
-    for (int i = 0; i < kCount; ++i) {
-        std::string key = "key" + std::to_string(i);
-        auto v = static_cast<CFNumberRef>(CFDictionaryGetValue(dict, str(key).get()));
-        if (i % 3 == 1) {
-            ASSERT_EQ(v, nullptr) << key;
-            continue;
-        }
-        expected.push_back(key);
-        ASSERT_NE(v, nullptr) << key;
-        long long got = -1;
-        CFNumberGetValue(v, kCFNumberLongLongType, &got);
-        ASSERT_EQ(got, i);
-    }
-    EXPECT_EQ(keys(), expected);
-    // Entries added after removals are found too, at the end.
-    set("late", kCFBooleanTrue);
-    EXPECT_EQ(CFDictionaryGetValue(dict, str("late").get()), kCFBooleanTrue);
-    EXPECT_EQ(keys().back(), "late");
+    CFDictionaryRemoveValue(dict, key.get());
+    EXPECT_EQ(CFGetRetainCount(first), base);
+    EXPECT_EQ(CFGetRetainCount(key), keyBase);
+    // Null keys and values are ignored.
+    CFDictionarySetValue(dict, nullptr, kCFBooleanTrue);
+    CFDictionarySetValue(dict, str("k").get(), nullptr);
+    CFDictionaryAddValue(dict, nullptr, kCFBooleanTrue);
+    EXPECT_EQ(CFDictionaryGetCount(dict), 2);
+    EXPECT_FALSE(CFDictionaryContainsKey(dict, nullptr));
 }
 
 CFHashCode constant_hash(const void*) { return 7; }
 
-TEST(DictionaryCollisions, EveryKeyInOneBucketStillResolves) {
+TEST_F(DictionaryTest, RemovalKeepsOrderAndIndexEvenWhenEveryKeyCollides) {
     CFDictionaryKeyCallBacks colliding = kCFTypeDictionaryKeyCallBacks;
     colliding.hash = constant_hash;
-    Ref<CFMutableDictionaryRef> dict(
+    Ref<CFMutableDictionaryRef> oneBucket(
         CFDictionaryCreateMutable(nullptr, 0, &colliding, &kCFTypeDictionaryValueCallBacks));
-    for (long long i = 0; i < 50; ++i) CFDictionarySetValue(dict, num(i).get(), num(i * 10).get());
-    for (long long i = 0; i < 50; i += 2) CFDictionaryRemoveValue(dict, num(i).get());
-    ASSERT_EQ(CFDictionaryGetCount(dict), 25);
-    for (long long i = 0; i < 50; ++i) {
-        auto v = static_cast<CFNumberRef>(CFDictionaryGetValue(dict, num(i).get()));
-        if (i % 2 == 0) {
-            EXPECT_EQ(v, nullptr);
-        } else {
-            ASSERT_NE(v, nullptr);
-            EXPECT_TRUE(CFEqual(v, num(i * 10).get()));
+    for (auto [d, count] : {std::pair<CFMutableDictionaryRef, int>{dict, 2000}, {oneBucket, 60}}) {
+        auto key = [](int i) { return str("key" + std::to_string(i)); };
+        for (int i = 0; i < count; ++i) CFDictionarySetValue(d, key(i).get(), num(static_cast<long long>(i)).get());
+        for (int i = 1; i < count; i += 3) CFDictionaryRemoveValue(d, key(i).get());
+        std::vector<std::string> expected;
+        for (int i = 0; i < count; ++i) {
+            auto v = static_cast<CFNumberRef>(CFDictionaryGetValue(d, key(i).get()));
+            bool removed = i % 3 == 1;
+            if (!removed) expected.push_back(text(key(i)));
+            ASSERT_TRUE(removed ? v == nullptr : v && CFEqual(v, num(static_cast<long long>(i)).get())) << i;
         }
+        EXPECT_EQ(keys_of(d), expected);
+        // Entries added after removals are found too, at the end.
+        CFDictionarySetValue(d, str("late").get(), kCFBooleanTrue);
+        EXPECT_EQ(CFDictionaryGetValue(d, str("late").get()), kCFBooleanTrue);
+        EXPECT_EQ(keys_of(d).back(), "late");
     }
 }
 
-TEST_F(DictionaryTest, KeysAndValuesAreReleasedOnRemovalAndDestruction) {
-    Ref<CFStringRef> key = str("key");
-    Ref<CFNumberRef> value = num(5LL);
-    CFIndex keyBase = CFGetRetainCount(key), valueBase = CFGetRetainCount(value);
-    {
-        Ref<CFMutableDictionaryRef> local{new_dict()};
-        CFDictionarySetValue(local, key.get(), value.get());
-        Ref<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, local));
-        EXPECT_EQ(CFGetRetainCount(value), valueBase + 2);
-        CFDictionaryRemoveValue(local, key.get());
-        EXPECT_EQ(CFGetRetainCount(key), keyBase + 1);
-        EXPECT_EQ(CFGetRetainCount(value), valueBase + 1);
-    }
-    EXPECT_EQ(CFGetRetainCount(key), keyBase);
-    EXPECT_EQ(CFGetRetainCount(value), valueBase);
-}
-
-TEST_F(DictionaryTest, NullKeyOrValueIsIgnored) {
-    CFDictionarySetValue(dict, nullptr, kCFBooleanTrue);
-    CFDictionarySetValue(dict, str("k").get(), nullptr);
-    CFDictionaryAddValue(dict, nullptr, kCFBooleanTrue);
-    EXPECT_EQ(CFDictionaryGetCount(dict), 0);
-    EXPECT_EQ(CFDictionaryGetValue(dict, nullptr), nullptr);
-    EXPECT_FALSE(CFDictionaryContainsKey(dict, nullptr));
-}
-
-TEST(DictionaryCallbacks, CopyStringKeysAreSnapshots) {
+TEST(DictionaryCallbacks, CopyStringKeysAreSnapshotsNullCallbacksUseIdentity) {
     Ref<CFMutableDictionaryRef> dict(CFDictionaryCreateMutable(nullptr, 0, &kCFCopyStringDictionaryKeyCallBacks,
                                                                &kCFTypeDictionaryValueCallBacks));
-    Ref<CFMutableStringRef> key(CFStringCreateMutable(nullptr, 0));
-    CFStringAppendCString(key, "name", kCFStringEncodingUTF8);
+    Ref<CFMutableStringRef> key(CFStringCreateMutableCopy(nullptr, 0, CFSTR("name")));
     CFDictionarySetValue(dict, key.get(), kCFBooleanTrue);
-    CFStringAppendCString(key, "-changed", kCFStringEncodingUTF8);
+    CFStringAppend(key, CFSTR("-changed"));
     EXPECT_EQ(CFDictionaryGetValue(dict, str("name").get()), kCFBooleanTrue);
     EXPECT_EQ(CFDictionaryGetValue(dict, key.get()), nullptr);
-}
-
-TEST(DictionaryCallbacks, NullKeyCallbacksCompareByIdentity) {
-    Ref<CFMutableDictionaryRef> dict(CFDictionaryCreateMutable(nullptr, 0, nullptr, nullptr));
+    Ref<CFMutableDictionaryRef> raw(CFDictionaryCreateMutable(nullptr, 0, nullptr, nullptr));
     Ref<CFStringRef> a = str("k"), b = str("k");
     CFIndex base = CFGetRetainCount(a);
-    CFDictionarySetValue(dict, a.get(), kCFBooleanTrue);
+    CFDictionarySetValue(raw, a.get(), kCFBooleanTrue);
     EXPECT_EQ(CFGetRetainCount(a), base);
-    EXPECT_EQ(CFDictionaryGetValue(dict, a.get()), kCFBooleanTrue);
-    EXPECT_EQ(CFDictionaryGetValue(dict, b.get()), nullptr);
+    EXPECT_EQ(CFDictionaryGetValue(raw, a.get()), kCFBooleanTrue);
+    EXPECT_EQ(CFDictionaryGetValue(raw, b.get()), nullptr);
 }
 
-TEST_F(DictionaryTest, EqualityIgnoresOrderAndMatchesNumbersByValue) {
+TEST_F(DictionaryTest, EqualityIgnoresOrderNumbersMatchByValueAndSetValuesMerges) {
     Ref<CFMutableDictionaryRef> other{new_dict()};
     set("x", num(1LL).get());
     set("y", kCFBooleanTrue);
@@ -295,39 +222,27 @@ TEST_F(DictionaryTest, EqualityIgnoresOrderAndMatchesNumbersByValue) {
     EXPECT_TRUE(CFEqual(dict.get(), other.get()));
     CFDictionarySetValue(other, str("x").get(), num(1.5).get());
     EXPECT_FALSE(CFEqual(dict.get(), other.get()));
-
     Ref<CFMutableDictionaryRef> byNumber{new_dict()};
     CFDictionarySetValue(byNumber, num(3LL).get(), kCFBooleanTrue);
     EXPECT_EQ(CFDictionaryGetValue(byNumber, num(3.0).get()), kCFBooleanTrue);
-}
-
-TEST_F(DictionaryTest, SetValuesMergesInPlace) {
-    set("a", num(1LL).get());
-    set("b", num(2LL).get());
-    Ref<CFMutableDictionaryRef> source{new_dict()};
-    CFDictionarySetValue(source, str("c").get(), num(3LL).get());
-    CFDictionarySetValue(source, str("a").get(), num(10LL).get());
-    CFDictionarySetValues(dict, source);
+    // Merging in place: existing keys keep their position, new ones go last.
+    CFDictionarySetValue(other, str("z").get(), num(3LL).get());
+    CFDictionarySetValues(dict, other);
     CFDictionarySetValues(dict, dict);
-    EXPECT_EQ(keys(), (std::vector<std::string>{"a", "b", "c"}));
-    EXPECT_TRUE(CFEqual(CFDictionaryGetValue(dict, str("a").get()), num(10LL).get()));
+    EXPECT_EQ(keys(), (std::vector<std::string>{"x", "y", "z"}));
+    EXPECT_TRUE(CFEqual(CFDictionaryGetValue(dict, str("x").get()), num(1.5).get()));
 }
 
-class DescriptionTest : public DictionaryTest {};
+using DescriptionTest = DictionaryTest;
 
-TEST_F(DescriptionTest, EmptyDictionaryAndArray) {
+TEST_F(DescriptionTest, NestedCollectionsAreIndentedQuotedAndAbridgedDeterministically) {
     EXPECT_EQ(take(CFDictionaryCopyDebugDescription(dict)), "{}");
-    Ref<CFMutableArrayRef> array{new_array()};
-    EXPECT_EQ(take(CFCopyDescription(array)), "()");
-}
-
-TEST_F(DescriptionTest, NestedCollectionsAreIndentedAndQuotedDeterministically) {
+    EXPECT_EQ(take(CFCopyDescription(Ref<CFMutableArrayRef>(new_array()))), "()");
     const UInt8 bytes[] = {0xde, 0xad, 0xbe, 0xef};
-    Ref<CFDataRef> data(CFDataCreate(nullptr, bytes, 4));
     Ref<CFMutableArrayRef> list{new_array()};
     CFArrayAppendValue(list, str("plain_word-1.0").get());
     CFArrayAppendValue(list, str("needs \"quotes\"\n").get());
-    CFArrayAppendValue(list, data.get());
+    CFArrayAppendValue(list, Ref<CFDataRef>(CFDataCreate(nullptr, bytes, 4)).get());
     Ref<CFMutableDictionaryRef> inner{new_dict()};
     CFDictionarySetValue(inner, str("flag").get(), kCFBooleanFalse);
     CFDictionarySetValue(inner, str("empty").get(), Ref<CFMutableDictionaryRef>(new_dict()).get());
@@ -336,7 +251,6 @@ TEST_F(DescriptionTest, NestedCollectionsAreIndentedAndQuotedDeterministically) 
     set("inner dict", inner.get());
     set("ratio", num(0.25).get());
     set("", str("").get());
-
     const char* expected =
         "{\n"
         "    com.apple.size = 12;\n"
@@ -354,13 +268,11 @@ TEST_F(DescriptionTest, NestedCollectionsAreIndentedAndQuotedDeterministically) 
         "}";
     EXPECT_EQ(take(CFDictionaryCopyDebugDescription(dict)), expected);
     EXPECT_EQ(take(CFCopyDescription(dict)), expected);
-}
-
-TEST_F(DescriptionTest, LongDataShowsItsEndsOnly) {
-    std::vector<UInt8> bytes(40);
-    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<UInt8>(i);
-    Ref<CFDataRef> data(CFDataCreate(nullptr, bytes.data(), 40));
-    set("blob", data.get());
+    // Long data shows its ends only.
+    CFDictionaryRemoveAllValues(dict);
+    UInt8 counting[40];
+    for (size_t i = 0; i < sizeof counting; ++i) counting[i] = static_cast<UInt8>(i);
+    set("blob", Ref<CFDataRef>(CFDataCreate(nullptr, counting, 40)).get());
     EXPECT_EQ(take(CFDictionaryCopyDebugDescription(dict)),
               "{\n    blob = {length = 40, bytes = 0x0001020304050607 ... 2021222324252627};\n}");
 }

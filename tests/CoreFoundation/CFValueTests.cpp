@@ -27,19 +27,11 @@ Ref<CFDataRef> data(std::initializer_list<UInt8> bytes) {
     return Ref<CFDataRef>(CFDataCreate(nullptr, v.data(), static_cast<CFIndex>(v.size())));
 }
 
-// ----- Data
-
-TEST(DataNoCopy, NullDeallocatorLeavesTheBytesAlone) {
+TEST(DataNoCopy, DeallocatorDecidesWhetherTheBytesAreFreed) {
     UInt8 onStack[4] = {1, 2, 3, 4};  // freeing these would abort the process
-    {
-        Ref<CFDataRef> d(CFDataCreateWithBytesNoCopy(nullptr, onStack, 4, kCFAllocatorNull));
-        EXPECT_EQ(CFDataGetBytePtr(d), onStack);
-        EXPECT_TRUE(CFEqual(d.get(), data({1, 2, 3, 4}).get()));
-    }
-    EXPECT_EQ(onStack[3], 4);
-}
-
-TEST(DataNoCopy, DefaultDeallocatorFreesTheBytes) {
+    Ref<CFDataRef> borrowed(CFDataCreateWithBytesNoCopy(nullptr, onStack, 4, kCFAllocatorNull));
+    EXPECT_EQ(CFDataGetBytePtr(borrowed), onStack);
+    EXPECT_TRUE(CFEqual(borrowed.get(), data({1, 2, 3, 4}).get()));
     // Under LeakSanitizer this buffer is reported if the data does not free it.
     auto* heap = static_cast<UInt8*>(std::malloc(16));
     std::memset(heap, 0xab, 16);
@@ -52,55 +44,38 @@ TEST(DataNoCopy, DefaultDeallocatorFreesTheBytes) {
 class MutableDataTest : public ::testing::Test {
 protected:
     Ref<CFMutableDataRef> d{CFDataCreateMutable(nullptr, 0)};
-    void append(std::initializer_list<UInt8> bytes) {
-        std::vector<UInt8> v(bytes);
-        CFDataAppendBytes(d, v.data(), static_cast<CFIndex>(v.size()));
-    }
 };
 
 TEST_F(MutableDataTest, EditsShiftTheRightBytes) {
-    append({0, 1, 2, 3, 4, 5});
-    const UInt8 replacement[] = {9, 9, 9};
+    EXPECT_NE(CFDataGetMutableBytePtr(d), nullptr);  // even when empty
+    const UInt8 start[] = {0, 1, 2, 3, 4, 5}, replacement[] = {9, 9, 9};
+    CFDataAppendBytes(d, start, 6);
     CFDataReplaceBytes(d, CFRangeMake(1, 2), replacement, 3);
     EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{0, 9, 9, 9, 3, 4, 5}));
     CFDataDeleteBytes(d, CFRangeMake(0, 4));
-    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{3, 4, 5}));
     CFDataIncreaseLength(d, 2);
     EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{3, 4, 5, 0, 0}));
     CFDataSetLength(d, 1);
-    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{3}));
     CFDataGetMutableBytePtr(d)[0] = 7;
     EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{7}));
-}
-
-TEST_F(MutableDataTest, AppendingItsOwnBytesWhileGrowing) {
-    append({1, 2, 3});
+    EXPECT_EQ(take(CFCopyDescription(data({0x01, 0x02, 0xff}).get())), "<CFData>{length = 3, bytes = 0x0102ff}");
+    // Appending its own bytes while it grows.
+    CFDataSetLength(d, 3);
+    for (CFIndex i = 0; i < 3; ++i) CFDataGetMutableBytePtr(d)[i] = static_cast<UInt8>(i + 1);
     for (int i = 0; i < 6; ++i) CFDataAppendBytes(d, CFDataGetBytePtr(d), CFDataGetLength(d));
     ASSERT_EQ(CFDataGetLength(d), 3 * 64);
     for (CFIndex i = 0; i < CFDataGetLength(d); ++i) ASSERT_EQ(CFDataGetBytePtr(d)[i], i % 3 + 1);
 }
 
-TEST_F(MutableDataTest, EmptyDataStillHasAPointer) {
-    EXPECT_NE(CFDataGetBytePtr(d), nullptr);
-    EXPECT_NE(CFDataGetMutableBytePtr(d), nullptr);
-}
-
 using DataDeathTest = MutableDataTest;
 
 TEST_F(DataDeathTest, BadRangesAndImmutableEditsAbort) {
-    append({1, 2, 3});
+    CFDataIncreaseLength(d, 3);
     UInt8 out[4];
     EXPECT_DEATH(CFDataGetBytes(d, CFRangeMake(2, 2), out), "out of bounds");
     EXPECT_DEATH(CFDataDeleteBytes(d, CFRangeMake(-1, 1)), "out of bounds");
-    Ref<CFDataRef> frozen = data({1});
-    EXPECT_DEATH(CFDataSetLength(const_cast<CFMutableDataRef>(frozen.get()), 0), "immutable");
+    EXPECT_DEATH(CFDataSetLength(const_cast<CFMutableDataRef>(data({1}).get()), 0), "immutable");
 }
-
-TEST(DataDescription, ShowsLengthAndHex) {
-    EXPECT_EQ(take(CFCopyDescription(data({0x01, 0x02, 0xff}).get())), "<CFData>{length = 3, bytes = 0x0102ff}");
-}
-
-// ----- Numbers
 
 template <typename T>
 std::pair<bool, T> get_as(CFNumberRef n, CFNumberType type) {
@@ -119,32 +94,32 @@ TEST(NumberConversion, ReportsLossyConversions) {
               std::make_pair(false, std::numeric_limits<int64_t>::min()));
     EXPECT_FALSE(get_as<int64_t>(num(9223372036854775808.0), kCFNumberSInt64Type).first);
     EXPECT_FALSE(get_as<int32_t>(num(std::nan("")), kCFNumberSInt32Type).first);
-}
-
-TEST(NumberConversion, FloatsAreExactOnlyWhenTheyHoldTheValue) {
+    // Floats are exact only when they hold the value.
     EXPECT_TRUE(get_as<double>(num(1LL << 53), kCFNumberFloat64Type).first);
     EXPECT_FALSE(get_as<double>(num((1LL << 53) + 1), kCFNumberFloat64Type).first);
     EXPECT_FALSE(get_as<double>(num(std::numeric_limits<long long>::max()), kCFNumberDoubleType).first);
     EXPECT_TRUE(get_as<float>(num(0.5), kCFNumberFloat32Type).first);
     EXPECT_FALSE(get_as<float>(num(0.1), kCFNumberFloat32Type).first);
     auto huge = get_as<float>(num(1e300), kCFNumberFloatType);
-    EXPECT_FALSE(huge.first);
-    EXPECT_TRUE(std::isinf(huge.second));
+    EXPECT_TRUE(!huge.first && std::isinf(huge.second));
 }
 
-TEST(NumberType, ReportsCanonicalTypes) {
+TEST(NumberType, CanonicalTypesDescriptionsAndBooleanConstants) {
     int i = 5;
     double d = 2.5;
-    long l = 9;
     Ref<CFNumberRef> fromInt(CFNumberCreate(nullptr, kCFNumberIntType, &i));
     Ref<CFNumberRef> fromDouble(CFNumberCreate(nullptr, kCFNumberCGFloatType, &d));
-    Ref<CFNumberRef> fromLong(CFNumberCreate(nullptr, kCFNumberLongType, &l));
     EXPECT_EQ(CFNumberGetType(fromInt), kCFNumberSInt32Type);
     EXPECT_EQ(CFNumberGetByteSize(fromInt), 4);
+    EXPECT_FALSE(CFNumberIsFloatType(fromInt));
     EXPECT_EQ(CFNumberGetType(fromDouble), kCFNumberFloat64Type);
     EXPECT_TRUE(CFNumberIsFloatType(fromDouble));
-    EXPECT_EQ(CFNumberGetType(fromLong), kCFNumberSInt64Type);
-    EXPECT_FALSE(CFNumberIsFloatType(fromLong));
+    EXPECT_EQ(take(CFCopyDescription(num(-42LL).get())), "-42");
+    EXPECT_EQ(take(CFCopyDescription(num(0.1).get())), "0.1");  // shortest exact text
+    EXPECT_EQ(take(CFCopyDescription(num(std::nan("")).get())), "nan");
+    for (int n = 0; n < 3; ++n) CFRelease(kCFBooleanTrue);  // ignored for constants
+    EXPECT_TRUE(CFBooleanGetValue(kCFBooleanTrue) && !CFBooleanGetValue(kCFBooleanFalse));
+    EXPECT_FALSE(CFEqual(kCFBooleanTrue, kCFBooleanFalse));
 }
 
 TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremes) {
@@ -152,7 +127,6 @@ TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremes) {
     // (double)INT64_MAX rounds up to 2^63, which is larger than every int64.
     EXPECT_EQ(CFNumberCompare(num(max), num(static_cast<double>(max)), nullptr), kCFCompareLessThan);
     EXPECT_EQ(CFNumberCompare(num((1LL << 53) + 1), num(9007199254740992.0), nullptr), kCFCompareGreaterThan);
-    EXPECT_EQ(CFNumberCompare(num(9007199254740992.0), num((1LL << 53) + 1), nullptr), kCFCompareLessThan);
     EXPECT_EQ(CFNumberCompare(num(-1LL), num(-0.5), nullptr), kCFCompareLessThan);
     EXPECT_EQ(CFNumberCompare(num(0LL), num(-0.5), nullptr), kCFCompareGreaterThan);
     EXPECT_EQ(CFNumberCompare(num(std::numeric_limits<long long>::min()), num(-9223372036854775808.0), nullptr),
@@ -160,36 +134,17 @@ TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremes) {
     EXPECT_FALSE(CFEqual(num(max).get(), num(static_cast<double>(max)).get()));
 }
 
-TEST(NumberCompare, NaNIsOrderedBelowEverythingAndEqualToItself) {
+TEST(NumberCompare, EqualValuesHashAlikeAndNaNSortsFirst) {
+    EXPECT_TRUE(CFEqual(num(1LL).get(), num(1.0).get()));
+    EXPECT_EQ(CFHash(num(1LL).get()), CFHash(num(1.0).get()));
+    EXPECT_EQ(CFHash(num(0LL).get()), CFHash(num(-0.0).get()));
+    EXPECT_EQ(CFHash(num(-123456789LL).get()), CFHash(num(-123456789.0).get()));
     Ref<CFNumberRef> nan = num(std::nan(""));
     EXPECT_EQ(CFNumberCompare(nan, num(-HUGE_VAL), nullptr), kCFCompareLessThan);
     EXPECT_EQ(CFNumberCompare(num(0LL), nan, nullptr), kCFCompareGreaterThan);
     EXPECT_TRUE(CFEqual(nan.get(), num(std::nan("")).get()));
     EXPECT_EQ(CFHash(nan.get()), CFHash(num(-std::nan("")).get()));
 }
-
-TEST(NumberHash, EqualValuesHashAlike) {
-    EXPECT_EQ(CFHash(num(1LL).get()), CFHash(num(1.0).get()));
-    EXPECT_EQ(CFHash(num(0LL).get()), CFHash(num(-0.0).get()));
-    EXPECT_EQ(CFHash(num(-123456789LL).get()), CFHash(num(-123456789.0).get()));
-    EXPECT_TRUE(CFEqual(num(1LL).get(), num(1.0).get()));
-}
-
-TEST(NumberDescription, ShortestExactText) {
-    EXPECT_EQ(take(CFCopyDescription(num(-42LL).get())), "-42");
-    EXPECT_EQ(take(CFCopyDescription(num(0.1).get())), "0.1");
-    EXPECT_EQ(take(CFCopyDescription(num(std::nan("")).get())), "nan");
-}
-
-TEST(Boolean, ConstantsAreImmortalAndDistinct) {
-    EXPECT_TRUE(CFBooleanGetValue(kCFBooleanTrue));
-    EXPECT_FALSE(CFBooleanGetValue(kCFBooleanFalse));
-    EXPECT_FALSE(CFEqual(kCFBooleanTrue, kCFBooleanFalse));
-    for (int i = 0; i < 3; ++i) CFRelease(kCFBooleanTrue);  // ignored for constants
-    EXPECT_EQ(CFGetTypeID(kCFBooleanTrue), CFBooleanGetTypeID());
-}
-
-// ----- Dates
 
 std::string date_text(CFAbsoluteTime at) { return take(CFCopyDescription(Ref<CFDateRef>(CFDateCreate(nullptr, at)).get())); }
 
@@ -200,32 +155,17 @@ TEST(DateDescription, IsUtcCalendarTime) {
     EXPECT_EQ(date_text(1709210096.0 - kCFAbsoluteTimeIntervalSince1970), "2024-02-29 12:34:56 +0000");
     EXPECT_EQ(date_text(-kCFAbsoluteTimeIntervalSince1904), "1904-01-01 00:00:00 +0000");
     EXPECT_EQ(date_text(253402300800.0 - kCFAbsoluteTimeIntervalSince1970), "10000-01-01 00:00:00 +0000");
+    for (double at : {1e300, -1e300, HUGE_VAL, -HUGE_VAL, std::nan("")})  // extremes stay deterministic
+        EXPECT_TRUE(!date_text(at).empty() && date_text(at) == date_text(at)) << at;
+    EXPECT_NEAR(CFAbsoluteTimeGetCurrent(), double(std::time(nullptr)) - kCFAbsoluteTimeIntervalSince1970, 5.0);
 }
 
-TEST(DateDescription, ExtremeValuesStayDeterministic) {
-    for (double at : {1e300, -1e300, HUGE_VAL, -HUGE_VAL, std::nan("")}) {
-        std::string first = date_text(at);
-        EXPECT_FALSE(first.empty());
-        EXPECT_EQ(first, date_text(at));
-    }
-}
-
-TEST(Date, CurrentTimeCountsFrom2001) {
-    double expected = static_cast<double>(std::time(nullptr)) - kCFAbsoluteTimeIntervalSince1970;
-    EXPECT_NEAR(CFAbsoluteTimeGetCurrent(), expected, 5.0);
-}
-
-// ----- UUIDs
-
-TEST(UUID, NewUUIDsAreRandomVersion4InUpperCase) {
+TEST(UUID, RandomVersion4TextRoundTripsAndMalformedIsRefused) {
     Ref<CFUUIDRef> a(CFUUIDCreate(nullptr)), b(CFUUIDCreate(nullptr));
     std::string text = take(CFUUIDCreateString(nullptr, a));
     EXPECT_TRUE(std::regex_match(text, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")))
         << text;
     EXPECT_FALSE(CFEqual(a.get(), b.get()));
-}
-
-TEST(UUID, TextRoundTripsInEitherCase) {
     CFUUIDBytes raw = {0x68, 0x75, 0x3a, 0x44, 0x4d, 0x6f, 0x12, 0x26, 0x9c, 0x60, 0x00, 0x50, 0xe4, 0xc0, 0x00, 0x67};
     Ref<CFUUIDRef> u(CFUUIDCreateFromUUIDBytes(nullptr, raw));
     EXPECT_EQ(take(CFUUIDCreateString(nullptr, u)), "68753A44-4D6F-1226-9C60-0050E4C00067");
@@ -234,53 +174,46 @@ TEST(UUID, TextRoundTripsInEitherCase) {
     EXPECT_TRUE(CFEqual(u.get(), parsed.get()));
     CFUUIDBytes back = CFUUIDGetUUIDBytes(parsed);
     EXPECT_EQ(std::memcmp(&back, &raw, sizeof raw), 0);
-}
-
-TEST(UUID, MalformedTextIsRefused) {
     for (const char* bad : {"", "68753A44-4D6F-1226-9C60-0050E4C0006", "68753A44-4D6F-1226-9C60-0050E4C000677",
                             "68753A44x4D6F-1226-9C60-0050E4C00067", "68753A44-4D6F-1226-9C60-0050E4C0006G",
                             "68753A4-44D6F-1226-9C60-0050E4C00067", "{68753A44-4D6F-1226-9C60-0050E4C00067}",
-                            "68753A44-4D6F-1226-9C60-0050E4C0006\xc3\xa9"}) {
+                            "68753A44-4D6F-1226-9C60-0050E4C0006\xc3\xa9"})
         EXPECT_FALSE(Ref<CFUUIDRef>(CFUUIDCreateFromString(nullptr, str(bad)))) << bad;
-    }
     EXPECT_EQ(CFUUIDCreateFromString(nullptr, nullptr), nullptr);
 }
-
-// ----- UTF-8 and Base64
 
 TEST(DataUTF8, ValidTextRoundTripsAndInvalidIsRefused) {
     Ref<CFDataRef> d(CFDataCreateFromUTF8String(nullptr, "h\xc3\xa9llo"));
     EXPECT_EQ(CFDataGetLength(d), 6);
     EXPECT_EQ(take(CFDataCopyUTF8String(d)), "h\xc3\xa9llo");
-    EXPECT_EQ(CFDataCreateFromUTF8String(nullptr, nullptr), nullptr);
-    EXPECT_EQ(CFDataCopyUTF8String(data({0xc3, 0x28}).get()), nullptr);        // broken sequence
-    EXPECT_EQ(CFDataCopyUTF8String(data({0xc0, 0xaf}).get()), nullptr);        // overlong
-    EXPECT_EQ(CFDataCopyUTF8String(data({0xed, 0xa0, 0x80}).get()), nullptr);  // surrogate
     EXPECT_EQ(take(CFDataCopyUTF8String(data({}).get())), "");
+    EXPECT_EQ(CFDataCreateFromUTF8String(nullptr, nullptr), nullptr);
+    for (const auto& bad : {data({0xc3, 0x28}), data({0xc0, 0xaf}), data({0xed, 0xa0, 0x80})})  // broken, overlong, surrogate
+        EXPECT_EQ(CFDataCopyUTF8String(bad), nullptr);
 }
 
 Ref<CFDataRef> from_base64(const char* text) {
     return Ref<CFDataRef>(CFDataCreateFromBase64Representation(nullptr, str(text)));
 }
 
-std::string to_base64(const std::string& raw) {
-    Ref<CFDataRef> d(CFDataCreateFromUTF8String(nullptr, raw.c_str()));
-    return take(CFDataCopyBase64Representation(d));
-}
-
-TEST(Base64, Rfc4648TestVectors) {
+TEST(Base64, TestVectorsAndLenientInput) {
     const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg=="},     {"fo", "Zm8="},
                                                            {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
                                                            {"foobar", "Zm9vYmFy"}};
+    auto decode = [](const char* b64) -> std::string {
+        Ref<CFDataRef> d = from_base64(b64);
+        return d ? take(CFDataCopyUTF8String(d)) : "<refused>";
+    };
     for (auto [raw, encoded] : vectors) {
-        EXPECT_EQ(to_base64(raw), encoded);
-        Ref<CFDataRef> decoded = from_base64(encoded);
-        ASSERT_TRUE(decoded) << encoded;
-        EXPECT_EQ(take(CFDataCopyUTF8String(decoded)), raw);
+        Ref<CFDataRef> d(CFDataCreateFromUTF8String(nullptr, raw));
+        EXPECT_EQ(take(CFDataCopyBase64Representation(d)), encoded);
+        EXPECT_EQ(decode(encoded), raw);
     }
+    EXPECT_EQ(decode(" Zm9v\r\nYmE=\t"), "fooba");  // whitespace is skipped
+    EXPECT_EQ(decode("Zm9vYg"), "foob");            // padding may be left off
 }
 
-TEST(Base64, EveryByteValueRoundTrips) {
+TEST(Base64, EveryByteValueRoundTripsAndMalformedInputIsRefused) {
     std::vector<UInt8> all(256);
     for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<UInt8>(255 - i);
     Ref<CFDataRef> d(CFDataCreate(nullptr, all.data(), 256));
@@ -289,18 +222,6 @@ TEST(Base64, EveryByteValueRoundTrips) {
     Ref<CFDataRef> back(CFDataCreateFromBase64Representation(nullptr, encoded));
     ASSERT_TRUE(back);
     EXPECT_TRUE(CFEqual(d.get(), back.get()));
-}
-
-TEST(Base64, WhitespaceAndMissingPaddingAreAccepted) {
-    Ref<CFDataRef> spaced = from_base64(" Zm9v\r\nYmE=\t");
-    ASSERT_TRUE(spaced);
-    EXPECT_EQ(take(CFDataCopyUTF8String(spaced)), "fooba");
-    Ref<CFDataRef> unpadded = from_base64("Zm9vYg");
-    ASSERT_TRUE(unpadded);
-    EXPECT_EQ(take(CFDataCopyUTF8String(unpadded)), "foob");
-}
-
-TEST(Base64, MalformedInputIsRefused) {
     for (const char* bad : {"Zm9v!", "Z", "Zm9vY", "Zg=", "Zg===", "Zg==Zg==", "=", "Zm9v=", "Zm-_", "Zm9v\xc3\xa9"})
         EXPECT_FALSE(from_base64(bad)) << bad;
     EXPECT_EQ(CFDataCreateFromBase64Representation(nullptr, nullptr), nullptr);
