@@ -22,109 +22,78 @@ uint32_t UIDValue(CFTypeRef v) {
 // Runs f(unarchiver, root UID) over the archive as CoreFoundation values and as binary bytes.
 template <class F>
 void ForBothStores(const CF::Dictionary& archive, F&& f) {
-    {
-        SCOPED_TRACE("CoreFoundation values");
-        cf_plist_store store;
-        const auto top = check_archive(store, archive.get());
-        keyed_unarchiver u(store, top.objects);
-        f(u, top.root);
-    }
-    {
-        SCOPED_TRACE("binary bytes");
-        const Bytes bytes = Serialize(archive.get());
-        auto reader = binary_plist_reader::open(bytes);
-        ASSERT_TRUE(reader);
-        const auto top = check_archive(*reader, reader->top());
-        binary_keyed_unarchiver u(*reader, top.objects);
-        f(u, top.root);
-    }
+    cf_plist_store store;
+    const auto cfTop = check_archive(store, archive.get());
+    keyed_unarchiver cfUnarchiver(store, cfTop.objects);
+    f(cfUnarchiver, cfTop.root);
+    SCOPED_TRACE("binary bytes");
+    const Bytes bytes = Serialize(archive.get());
+    auto reader = binary_plist_reader::open(bytes);
+    ASSERT_TRUE(reader);
+    const auto top = check_archive(*reader, reader->top());
+    binary_keyed_unarchiver u(*reader, top.objects);
+    f(u, top.root);
 }
 
 // An archive whose root is object 1 of `objects` ("$null" first).
 CF::Dictionary ArchiveOf(const CF::Array& objects) {
-    return Dict({{"$archiver", "NSKeyedArchiver"}, {"$version", 100000}, {"$top", Dict({{"root", UID(1)}})},
-                 {"$objects", objects}});
+    return Dict({{"$archiver", "NSKeyedArchiver"}, {"$version", 100000}, {"$top", Dict({{"root", UID(1)}})}, {"$objects", objects}});
 }
 
 template <class E, class F>
 std::string Thrown(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "(nothing thrown)";
+    try { f(); } catch (const E& e) { return e.what(); } return "(nothing thrown)";
 }
 
-class KeyedArchiverWriting : public ::testing::Test {
-protected:
+TEST(KeyedArchiverWriting, LayoutAndUniquingOfObjectsByIdentityAndClassesByName) {
     keyed_archiver archiver;
-    int identity = 0, other = 0;
-};
-
-TEST_F(KeyedArchiverWriting, ArchiveHasHeaderRootAndNullFirst) {
-    archiver.encode_object(keyed_archiver::root_key, &identity, {"Thing", "NSObject"},
-                           [](keyed_archiver& a) { a.encode_int64("n", 7); });
-    CF::Dictionary archive = archiver.finishEncoding();
-    EXPECT_EQ(archive.Get<CF::String>("$archiver").utf8(), "NSKeyedArchiver");
-    EXPECT_EQ(archive.Get<CF::Number>("$version").Int64(), 100000);
-    auto objects = archive.Get<CF::Array>("$objects");
-    EXPECT_EQ(objects.at<CF::String>(0).utf8(), "$null");
-    const uint32_t root = UIDValue(archive.Get<CF::Dictionary>("$top").Get("root"));
-    CF::Dictionary thing = objects.at<CF::Dictionary>(root);
-    EXPECT_EQ(thing.Get<CF::Number>("n").Int64(), 7);
-    CF::Dictionary cls = objects.at<CF::Dictionary>(UIDValue(thing.Get("$class")));
-    EXPECT_EQ(cls.Get<CF::String>("$classname").utf8(), "Thing");
-    EXPECT_EQ(cls.Get<CF::Array>("$classes").at<CF::String>(1).utf8(), "NSObject");
-    EXPECT_THROW(archiver.encode_int64("late", 1), std::logic_error);
-}
-
-TEST_F(KeyedArchiverWriting, ObjectsAreUniquedByIdentityAndClassesByName) {
+    int identity = 0, other = 0, bodies = 0;
     CF::String text("same text"), equalText("same text");
-    int bodies = 0;
     auto body = [&](keyed_archiver& a) {
         ++bodies;
         a.encode_string("a", text.get());
         a.encode_string("b", text.get());
         a.encode_string("c", equalText.get());
     };
-    archiver.encode_object("first", &identity, {"Item"}, body);
-    archiver.encode_object("again", &identity, {"Item"}, body);
-    archiver.encode_object("other", &other, {"Item"}, [](keyed_archiver&) {});
+    archiver.encode_object(keyed_archiver::root_key, &identity, {"Thing", "NSObject"}, body);
+    archiver.encode_object("again", &identity, {"Thing", "NSObject"}, body);
+    archiver.encode_object("other", &other, {"Thing", "NSObject"}, [](keyed_archiver&) {});
     CF::Dictionary archive = archiver.finishEncoding();
+    EXPECT_THROW(archiver.encode_int64("late", 1), std::logic_error);
     EXPECT_EQ(bodies, 1);
     auto top = archive.Get<CF::Dictionary>("$top");
     auto objects = archive.Get<CF::Array>("$objects");
-    EXPECT_EQ(UIDValue(top.Get("first")), UIDValue(top.Get("again")));
-    CF::Dictionary first = objects.at<CF::Dictionary>(UIDValue(top.Get("first")));
-    CF::Dictionary second = objects.at<CF::Dictionary>(UIDValue(top.Get("other")));
-    EXPECT_EQ(UIDValue(first.Get("a")), UIDValue(first.Get("b")));
-    EXPECT_NE(UIDValue(first.Get("a")), UIDValue(first.Get("c")));  // equal, but another object
-    EXPECT_EQ(UIDValue(first.Get("$class")), UIDValue(second.Get("$class")));
+    EXPECT_EQ(objects.at<CF::String>(0).utf8(), "$null");
+    const uint32_t root = UIDValue(top.Get("root"));
+    EXPECT_EQ(UIDValue(top.Get("again")), root);
+    CF::Dictionary thing = objects.at<CF::Dictionary>(root), second = objects.at<CF::Dictionary>(UIDValue(top.Get("other")));
+    EXPECT_EQ(UIDValue(thing.Get("a")), UIDValue(thing.Get("b")));
+    EXPECT_NE(UIDValue(thing.Get("a")), UIDValue(thing.Get("c")));  // equal, but another object
+    EXPECT_EQ(UIDValue(thing.Get("$class")), UIDValue(second.Get("$class")));
+    CF::Dictionary cls = objects.at<CF::Dictionary>(UIDValue(thing.Get("$class")));
+    EXPECT_EQ(cls.Get<CF::String>("$classname").utf8(), "Thing");
+    EXPECT_EQ(cls.Get<CF::Array>("$classes").at<CF::String>(1).utf8(), "NSObject");
 }
 
-TEST_F(KeyedArchiverWriting, UIDRulesAndConditionalReferences) {
+TEST(KeyedArchiverWriting, ConditionalReferencesNullUIDsAndFailedObjects) {
+    keyed_archiver archiver;
+    int identity = 0, other = 0;
     EXPECT_EQ(Thrown<ax::nullopt_uid>([&] { archiver.set("key", std::nullopt); }), "Attempted to set a key to a nullopt uid");
     EXPECT_EQ(archiver._referenceObject(&identity, true), std::nullopt);
     archiver.encode_conditional_object("before", &identity);
     archiver.encode_object("object", &identity, {"Item"}, [](keyed_archiver&) {});
     archiver.encode_conditional_object("after", &identity);
+    // A failed object is closed so that encoding goes on.
+    auto bad = [](keyed_archiver& a) { a.encode_dictionary("d", Dict({{"u", CF::UUID::Create()}}).get()); };
+    EXPECT_THROW(archiver.encode_object("bad", &other, {"Item"}, bad), ax::unsupported_value);
+    archiver.encode_int64("late", 1);
     CF::Dictionary top = archiver.finishEncoding().Get<CF::Dictionary>("$top");
     EXPECT_EQ(UIDValue(top.Get("before")), 0u);
     EXPECT_EQ(UIDValue(top.Get("after")), UIDValue(top.Get("object")));
+    EXPECT_TRUE(top.Contains("late"));
 }
 
-TEST_F(KeyedArchiverWriting, FailedObjectIsClosedSoThatEncodingGoesOn) {
-    EXPECT_THROW(archiver.encode_object("bad", &identity, {"Item"},
-                                        [](keyed_archiver& a) { a.encode_dictionary("d", Dict({{"u", CF::UUID::Create()}}).get()); }),
-                 ax::unsupported_value);
-    archiver.encode_int64("after", 1);
-    EXPECT_TRUE(archiver.finishEncoding().Get<CF::Dictionary>("$top").Contains("after"));
-}
-
-// ---- Reading ----
-
-TEST(KeyedUnarchiver, ArchivedValuesComeBackInBothStores) {
+TEST(KeyedUnarchiver, ArchivedValuesComeBackInBothStoresAndUIDsInBothSpellings) {
     CF::Dictionary nested = Dict({{"data", Bytes{1, 2, 3}}, {"list", Arr({"x", int64_t{-4}, CF::Boolean(true)})},
                                   {"when", CF::Date(12345.5)}, {"inner", Dict({{"k", "v"}})}});
     keyed_archiver archiver;
@@ -139,49 +108,37 @@ TEST(KeyedUnarchiver, ArchivedValuesComeBackInBothStores) {
             EXPECT_FALSE(u.decode_dictionary("absent"));
         });
     });
+    cf_plist_store store;  // UIDs as themselves and in the XML spelling {"CF$UID": n}
+    EXPECT_EQ(detail::extract_uid(store, UID(5).get()), 5u);
+    EXPECT_EQ(detail::extract_uid(store, Dict({{"CF$UID", 5}}).get()), 5u);
+    EXPECT_EQ(detail::extract_uid(store, Dict({{"CF$UID", -1}}).get()), std::nullopt);
+    EXPECT_EQ(detail::extract_uid(store, Dict({{"CF$UID", 5}, {"x", 1}}).get()), std::nullopt);
+    EXPECT_EQ(detail::extract_uid(store, CF::Number(int64_t{5}).get()), std::nullopt);
 }
 
-TEST(KeyedUnarchiver, CyclesDepthAndRangeAreRefused) {
-    // 1 refers to itself through an array; 2 starts a chain of 200 nested arrays; 3 names object 999.
-    CF::Array objects = Arr({"$null", Dict({{"NS.objects", Arr({UID(1)})}})});
-    objects.Append(Dict({{"NS.objects", Arr({UID(4)})}}));
-    objects.Append(Dict({{"NS.objects", Arr({UID(999)})}}));
+TEST(KeyedUnarchiver, CyclesDepthRangeUnknownClassesAndWrongTypesAreRefused) {
+    // 1 refers to itself through an array; 2 starts a chain of 200 nested arrays; 3 names object 999;
+    // 205 is an object of an unknown class with a string where a number belongs and data where a string does.
+    CF::Array objects = Arr({"$null", Dict({{"NS.objects", Arr({UID(1)})}}), Dict({{"NS.objects", Arr({UID(4)})}}),
+                             Dict({{"NS.objects", Arr({UID(999)})}})});
     for (uint32_t i = 4; i < 204; ++i) objects.Append(Dict({{"NS.objects", Arr({UID(i + 1)})}}));
     objects.Append(CF::String("end"));
+    objects.Append(Dict({{"$class", UID(206)}, {"n", "text"}, {"s", UID(207)}}));
+    objects.Append(Dict({{"$classname", "NSWidget"}, {"$classes", Arr({"NSWidget"})}}));
+    objects.Append(CF::Data(Bytes{9}));
     ForBothStores(ArchiveOf(objects), [](auto& u, uint32_t) {
         EXPECT_EQ(Thrown<ax::decode_cycle>([&] { u.decode_value(1); }), "A cycle was detected when decoding the archive");
         EXPECT_EQ(Thrown<ax::nesting_too_deep>([&] { u.decode_value(2); }), "Archive nests its objects too deeply");
-        EXPECT_EQ(Thrown<ax::uid_out_of_range>([&] { u.decode_value(3); }),
-                  "Archive refers to object 999 but holds only 205 objects");
+        EXPECT_EQ(Thrown<ax::uid_out_of_range>([&] { u.decode_value(3); }), "Archive refers to object 999 but holds only 208 objects");
         // The stack unwinds with the exceptions: a fresh decode is not taken for a cycle.
         EXPECT_EQ(CF::Describe(u.decode_value(204).get()), "end");
-    });
-}
-
-TEST(KeyedUnarchiver, UnknownClassesAndWrongTypesAreNamed) {
-    CF::Array objects = Arr({"$null", Dict({{"$class", UID(2)}, {"n", "text"}, {"s", UID(3)}}),
-                             Dict({{"$classname", "NSWidget"}, {"$classes", Arr({"NSWidget"})}}), Bytes{9}});
-    ForBothStores(ArchiveOf(objects), [](auto& u, uint32_t root) {
-        EXPECT_EQ(Thrown<ax::cant_decode_as_value>([&] { u.decode_value(root); }), "Cant decode type 'NSWidget' as value");
-        u.decode_object(root, [](auto& u, auto) {
-            EXPECT_EQ(Thrown<ax::cant_decode_as_value>([&] { u.decode_integer("n"); }),
-                      "Cant decode type 'string' as 64-bit integer");
+        EXPECT_EQ(Thrown<ax::cant_decode_as_value>([&] { u.decode_value(205); }), "Cant decode type 'NSWidget' as value");
+        u.decode_object(205, [](auto& u, auto) {
+            EXPECT_EQ(Thrown<ax::cant_decode_as_value>([&] { u.decode_integer("n"); }), "Cant decode type 'string' as 64-bit integer");
             EXPECT_EQ(Thrown<ax::cant_decode_as_value>([&] { u.decode_string("s"); }), "Cant decode type 'data' as string");
         });
     });
 }
-
-TEST(KeyedUnarchiver, UIDsAreReadInBothSpellings) {
-    cf_plist_store store;
-    CF::Dictionary xml = Dict({{"CF$UID", 5}}), negative = Dict({{"CF$UID", -1}}), extra = Dict({{"CF$UID", 5}, {"x", 1}});
-    EXPECT_EQ(detail::extract_uid(store, UID(5).get()), 5u);
-    EXPECT_EQ(detail::extract_uid(store, xml.get()), 5u);
-    EXPECT_EQ(detail::extract_uid(store, negative.get()), std::nullopt);
-    EXPECT_EQ(detail::extract_uid(store, extra.get()), std::nullopt);
-    EXPECT_EQ(detail::extract_uid(store, CF::Number(int64_t{5}).get()), std::nullopt);
-}
-
-// ---- The binary reader on hand-made lists ----
 
 // A binary list from raw object bytes; references are one byte, offsets two.
 Bytes BinaryList(const std::vector<Bytes>& objects, uint64_t top = 0) {
@@ -192,24 +149,22 @@ Bytes BinaryList(const std::vector<Bytes>& objects, uint64_t top = 0) {
         out.insert(out.end(), o.begin(), o.end());
     }
     const uint64_t table = out.size();
-    for (size_t off : offsets) out.insert(out.end(), {static_cast<uint8_t>(off >> 8), static_cast<uint8_t>(off)});
-    Bytes trailer(32, 0);
-    trailer[6] = 2, trailer[7] = 1;
-    for (int i = 0; i < 8; ++i) {
-        trailer[8 + i] = static_cast<uint8_t>(uint64_t{objects.size()} >> (56 - 8 * i));
-        trailer[16 + i] = static_cast<uint8_t>(top >> (56 - 8 * i));
-        trailer[24 + i] = static_cast<uint8_t>(table >> (56 - 8 * i));
-    }
-    out.insert(out.end(), trailer.begin(), trailer.end());
+    auto put = [&](uint64_t v, int n) { while (n--) out.push_back(static_cast<uint8_t>(v >> (8 * n))); };
+    for (size_t off : offsets) put(off, 2);
+    out.insert(out.end(), {0, 0, 0, 0, 0, 0, 2, 1});  // trailer: offset and reference sizes, then three counts
+    put(objects.size(), 8), put(top, 8), put(table, 8);
     return out;
 }
 
-TEST(BinaryPlistReader, ReadsValuesInPlace) {
+TEST(BinaryPlistReader, ReadsValuesInPlaceAndChecksRelationsWhenRead) {
     const Bytes list = BinaryList({
         {0xA4, 1, 2, 3, 0},                                           // array of 1, 2, 3 and itself
         {0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0x80, 0, 0, 0, 0, 0, 0, 1},    // 2^63 + 1 in 16 bytes
         {0x62, 0, 0xDC, 0, 'x'},                                      // UTF-16 "Üx"
         {0x4F, 0x10, 20, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20},
+        {0xA1, 9}, {0xD1, 6, 6}, {0x10, 1},                           // refers to object 9 of 9; key is an integer
+        {0x84, 1, 0, 0, 0, 2},                                        // UID wider than 32 bits
+        {0x52, 0xFF, 0xFE},                                           // not UTF-8
     });
     auto r = binary_plist_reader::open(list);
     ASSERT_TRUE(r);
@@ -219,40 +174,27 @@ TEST(BinaryPlistReader, ReadsValuesInPlace) {
     EXPECT_EQ(r->string(2).utf8(), "\xC3\x9Cx");
     EXPECT_EQ(r->data_bytes(3).size(), 20u);
     EXPECT_THROW(r->integer(2), std::logic_error);
+    EXPECT_THROW(r->element(4, 0), plist_format_error);
+    EXPECT_THROW(r->open_dictionary(5).find("x"), plist_format_error);
+    EXPECT_THROW(r->uid(7), plist_format_error);
+    EXPECT_THROW(r->string(8), plist_format_error);
 }
 
 TEST(BinaryPlistReader, MalformedListsAreRefusedWhole) {
-    std::string why;
-    EXPECT_FALSE(binary_plist_reader::open(Bytes{'b', 'p', 'l', 'i', 's', 't', '0', '0'}, &why));
-    EXPECT_EQ(why, "too short");
-    Bytes top = BinaryList({{0x08}}, 1);
-    EXPECT_FALSE(binary_plist_reader::open(top, &why));
-    EXPECT_EQ(why, "bad object count");
-    EXPECT_FALSE(binary_plist_reader::open(BinaryList({{0x4F, 0x13, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}), &why));
-    EXPECT_EQ(why, "Malformed binary property list: object runs past the object area");
-    EXPECT_FALSE(binary_plist_reader::open(BinaryList({{0x53, 'a', 'b'}}), &why));  // reaches into the table
-    EXPECT_FALSE(binary_plist_reader::open(BinaryList({{0x70}}), &why));
-    EXPECT_EQ(why, "Malformed binary property list: unknown marker");
-    Bytes pointsIntoTable = BinaryList({{0x08}});
-    pointsIntoTable[pointsIntoTable.size() - 32 - 1] = 10;  // the offset of object 0
-    EXPECT_FALSE(binary_plist_reader::open(pointsIntoTable, &why));
-    EXPECT_EQ(why, "Malformed binary property list: object offset outside the object area");
-}
-
-TEST(BinaryPlistReader, RelationsAreCheckedWhenRead) {
-    const Bytes list = BinaryList({
-        {0xA1, 9},                     // refers to object 9 of 5
-        {0xD1, 3, 2},                  // key is an integer
-        {0x10, 1},
-        {0x84, 1, 0, 0, 0, 2},         // UID wider than 32 bits
-        {0x52, 0xFF, 0xFE},            // not UTF-8
-    });
-    auto r = binary_plist_reader::open(list);
-    ASSERT_TRUE(r);
-    EXPECT_THROW(r->element(0, 0), plist_format_error);
-    EXPECT_THROW(r->open_dictionary(1).find("x"), plist_format_error);
-    EXPECT_THROW(r->uid(3), plist_format_error);
-    EXPECT_THROW(r->string(4), plist_format_error);
+    const std::string malformed = "Malformed binary property list: ";
+    const std::pair<Bytes, std::string> cases[] = {
+        {Bytes{'b', 'p', 'l', 'i', 's', 't', '0', '0'}, "too short"},
+        {BinaryList({{0x08}}, 1), "bad object count"},
+        {BinaryList({{0x4F, 0x13, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}), malformed + "object runs past the object area"},
+        {BinaryList({{0x53, 'a', 'b'}}), ""},  // reaches into the table
+        {BinaryList({{0x70}}), malformed + "unknown marker"},
+        {[] { Bytes b = BinaryList({{0x08}}); b[b.size() - 33] = 10; return b; }(), malformed + "object offset outside the object area"},
+    };
+    for (const auto& [bytes, expected] : cases) {
+        std::string why;
+        EXPECT_FALSE(binary_plist_reader::open(bytes, &why)) << expected;
+        if (!expected.empty()) { EXPECT_EQ(why, expected); }
+    }
 }
 
 }  // namespace
