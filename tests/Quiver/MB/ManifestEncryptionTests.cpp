@@ -2,6 +2,7 @@
 // directions, and files and strings enciphered and deciphered.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <filesystem>
@@ -13,11 +14,9 @@
 
 #include <openssl/evp.h>
 
-#include "Quiver/CF/Dictionary.hpp"
-#include "Quiver/MB/KeyBag.hpp"
 #include "Quiver/MB/ManifestEncryption.hpp"
 #include "Quiver/Support/Encoding.hpp"
-#include "Quiver/Support/File.hpp"
+#include "support/BackupBuilder.hpp"
 #include "tests/Quiver/MB/KeyBagTestSupport.hpp"
 
 namespace fs = std::filesystem;
@@ -40,9 +39,8 @@ Bytes Pseudorandom(std::size_t n, uint32_t seed) {
 
 template <std::size_t N>
 std::array<uint8_t, N> KeyOf(uint32_t seed) {
-    Bytes b = Pseudorandom(N, seed);
     std::array<uint8_t, N> key{};
-    std::copy(b.begin(), b.end(), key.begin());
+    std::ranges::copy(Pseudorandom(N, seed), key.begin());
     return key;
 }
 
@@ -84,30 +82,23 @@ protected:
         CF::Dictionary manifest = CF::Dictionary::CreateMutable();
         if (keyBag) manifest.Set("BackupKeyBag", *keyBag);
         if (manifestKey) manifest.Set("ManifestKey", *manifestKey);
-        manifest.Set("IsEncrypted", kCFBooleanTrue);
         return manifest;
     }
-    static CF::Dictionary GoodManifest() {
-        return Manifest(Encryption().GetKeyBag().CopyData(), manifestKeyBlob_);
-    }
+    static CF::Dictionary GoodManifest() { return Manifest(Encryption().GetKeyBag().CopyData(), manifestKeyBlob_); }
+    static CF::Error Failure(const CF::Dictionary& manifest) { return Thrown([&] { ManifestEncryption(manifest, kPassword); }); }
 
     fs::path Write(const std::string& name, const Bytes& bytes) {
-        fs::path path = dir_ / name;
-        Quiver::Support::writable_file file(path);
-        file.write(bytes);
-        file.close();
-        return path;
+        QuiverTest::WriteWholeFile(dir_ / name, bytes);
+        return dir_ / name;
     }
-    static Bytes Read(const fs::path& path) { return Quiver::Support::readable_file(path).read_whole_file(1 << 24); }
+    static Bytes Read(const fs::path& path) { return QuiverTest::ReadWholeFile(path); }
 
     static inline std::optional<ManifestEncryption> encryption_;
     static inline CF::Data manifestKeyBlob_;
     fs::path dir_;
 };
 
-// ---- construction
-
-TEST_F(ManifestEncryptionTest, OpensWithThePasswordOnly) {
+TEST_F(ManifestEncryptionTest, OpensWithThePasswordOnlyFromACompleteManifest) {
     ManifestEncryption opened(GoodManifest(), kPassword);
     EXPECT_EQ(opened.GetManifestKey(), Encryption().GetManifestKey());
     EXPECT_EQ(opened.GetKeyBag().GetUnlockedKeys(), Encryption().GetKeyBag().GetUnlockedKeys());
@@ -115,107 +106,61 @@ TEST_F(ManifestEncryptionTest, OpensWithThePasswordOnly) {
               Encryption().GetManifestKey());
     EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(GoodManifest(), "open sesame!"); }), QVErrorUnlockFailed,
                         "Failed to unlock a key (class 11)"));
-}
-
-TEST_F(ManifestEncryptionTest, MissingValuesAreReportedBeforeTheKeyBagIsRead) {
-    // An unreadable key bag would give QVErrorInvalidKeyBag had it been read first.
+    // Missing values are reported before the key bag is read, which would give QVErrorInvalidKeyBag.
     const CF::Data garbage(Bytes{1, 2, 3});
-    EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(Manifest(garbage, std::nullopt), kPassword); }),
-                        QVErrorInvalidMetadata, "ManifestKey is missing"));
-    EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(Manifest(std::nullopt, std::nullopt), kPassword); }),
-                        QVErrorInvalidMetadata, "BackupKeyBag is missing"));
+    EXPECT_TRUE(IsError(Failure(Manifest(garbage, std::nullopt)), QVErrorInvalidMetadata, "ManifestKey is missing"));
+    EXPECT_TRUE(IsError(Failure(Manifest(std::nullopt, std::nullopt)), QVErrorInvalidMetadata, "BackupKeyBag is missing"));
     CF::Dictionary wrongType = Manifest(std::nullopt, manifestKeyBlob_).MutableCopy();
     wrongType.Set("BackupKeyBag", CF::String("not data"));
-    EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(wrongType, kPassword); }), QVErrorInvalidMetadata,
-                        "BackupKeyBag is missing"));
-    EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(Manifest(garbage, manifestKeyBlob_), kPassword); }),
-                        QVErrorInvalidKeyBag, "Incomplete header"));
+    EXPECT_TRUE(IsError(Failure(wrongType), QVErrorInvalidMetadata, "BackupKeyBag is missing"));
+    EXPECT_TRUE(IsError(Failure(Manifest(garbage, manifestKeyBlob_)), QVErrorInvalidKeyBag, "Incomplete header"));
 }
 
-TEST_F(ManifestEncryptionTest, ManifestKeyThatDoesNotUnwrapFailsConstruction) {
-    Bytes otherClass = manifestKeyBlob_.vector();
-    otherClass[0] = 12;  // a class the key bag lacks
-    Bytes shortened = manifestKeyBlob_.vector();
-    shortened.pop_back();
-    for (const auto& [blob, cause] : {std::pair{otherClass, "Missing key class 12"},
-                                      std::pair{shortened, "Key blob is wrong size"}}) {
-        CF::Error e = Thrown(
-            [&] { ManifestEncryption(Manifest(Encryption().GetKeyBag().CopyData(), CF::Data(blob)), kPassword); });
-        ASSERT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock manifest key"));
-        EXPECT_TRUE(IsError(e.Underlying(), QVErrorUnlockFailed, cause));
-    }
-}
-
-// ---- wrapped keys
-
-TEST_F(ManifestEncryptionTest, UnlockGivesBackWhatLockWrappedForEveryClass) {
+TEST_F(ManifestEncryptionTest, UnlockGivesBackWhatLockWrappedForEveryClassAndNothingElse) {
     for (uint32_t c : kClasses) {
         const auto key = KeyOf<32>(c);
         CF::Data blob = Encryption().LockKey(c, key);
         ASSERT_EQ(blob.size(), 44u);
-        // The class comes first, little-endian.
-        EXPECT_EQ(Bytes(blob.begin(), blob.begin() + 4),
-                  (Bytes{static_cast<uint8_t>(c), static_cast<uint8_t>(c >> 8), static_cast<uint8_t>(c >> 16),
-                         static_cast<uint8_t>(c >> 24)}));
+        Bytes label = U32(c);  // the class comes first, little-endian
+        std::reverse(label.begin(), label.end());
+        EXPECT_EQ(Bytes(blob.begin(), blob.begin() + 4), label) << c;
         EXPECT_EQ(Encryption().UnlockKey(blob), key) << c;
     }
-}
-
-TEST_F(ManifestEncryptionTest, OnlyTheSameClassOfTheSameKeyBagUnlocks) {
-    Bytes blob = Encryption().LockKey(4, KeyOf<32>(1)).vector();
-    blob[0] = 3;  // relabelled as another class
-    CF::Error e = Thrown([&] { Encryption().UnlockKey(CF::Data(blob)); });
-    EXPECT_TRUE(IsError(e, QVErrorUnlockFailed, "RFC3394Unwrap failed: integrity check failed"));
-
-    ManifestEncryption other = ManifestEncryption::Create(KeyBag::Create(kPassword, kClasses, kFast), 3);
-    e = Thrown([&] { other.UnlockKey(Encryption().LockKey(4, KeyOf<32>(1))); });
-    EXPECT_TRUE(IsError(e, QVErrorUnlockFailed, "RFC3394Unwrap failed: integrity check failed"));
-}
-
-TEST_F(ManifestEncryptionTest, UnlockRefusesBlobsOfTheWrongSize) {
-    Bytes blob = Encryption().LockKey(4, KeyOf<32>(2)).vector();
-    for (std::size_t size : {0, 4, 40, 43, 45, 48}) {
-        Bytes resized = blob;
-        resized.resize(size, 0);
-        EXPECT_TRUE(IsError(Thrown([&] { Encryption().UnlockKey(CF::Data(resized)); }), QVErrorUnlockFailed,
-                            "Key blob is wrong size"))
-            << size;
+    // Blobs relabelled, of a class the key bag lacks or of a wrong size are refused, as manifest key too.
+    const Bytes blob = Encryption().LockKey(4, KeyOf<32>(1)).vector();
+    auto variant = [&](std::size_t size, uint8_t label) { Bytes b = blob; b[0] = label; b.resize(size); return b; };
+    std::vector<std::pair<Bytes, std::string>> refusals = {
+        {variant(44, 3), "RFC3394Unwrap failed: integrity check failed"}, {variant(44, 12), "Missing key class 12"}};
+    for (std::size_t size : {0, 4, 40, 43, 45, 48}) refusals.emplace_back(variant(size, 4), "Key blob is wrong size");
+    for (const auto& [bytes, reason] : refusals) {
+        EXPECT_TRUE(IsError(Thrown([&] { Encryption().UnlockKey(CF::Data(bytes)); }), QVErrorUnlockFailed, reason));
+        CF::Error e = Failure(Manifest(Encryption().GetKeyBag().CopyData(), CF::Data(bytes)));
+        ASSERT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock manifest key")) << bytes.size() << " " << reason;
+        EXPECT_TRUE(IsError(e.Underlying(), QVErrorUnlockFailed, reason));
     }
-}
-
-TEST_F(ManifestEncryptionTest, ClassesTheKeyBagLacksAreNamed) {
-    Bytes blob = Encryption().LockKey(4, KeyOf<32>(3)).vector();
-    blob[0] = 12;
-    EXPECT_TRUE(IsError(Thrown([&] { Encryption().UnlockKey(CF::Data(blob)); }), QVErrorUnlockFailed,
-                        "Missing key class 12"));
-    EXPECT_TRUE(IsError(Thrown([&] { Encryption().LockKey(99, KeyOf<32>(3)); }), QVErrorCryptoOperation,
-                        "Missing key class 99"));
+    // Locking under a missing class is the caller's fault, not a damaged backup.
+    EXPECT_TRUE(IsError(Thrown([&] { Encryption().LockKey(99, KeyOf<32>(3)); }), QVErrorCryptoOperation, "Missing key class 99"));
     const uint32_t classes[] = {1, 2};
     EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption::Create(KeyBag::Create("x", classes, kFast), 4); }),
                         QVErrorCryptoOperation, "Missing key class 4"));
 }
 
-// ---- files and strings
-
 TEST_F(ManifestEncryptionTest, FilesRoundTripWithEitherKeySize) {
-    const auto key16 = KeyOf<16>(5);
-    const auto key32 = KeyOf<32>(6);
-    // Sizes around the block and across the streaming chunk.
-    for (std::size_t size : {std::size_t{0}, std::size_t{15}, std::size_t{16}, std::size_t{(1 << 20) + 17}}) {
+    for (std::size_t size : {std::size_t{0}, std::size_t{15}, std::size_t{16}, std::size_t{(1 << 20) + 17}}) {  // blocks, chunks
         const Bytes plain = Pseudorandom(size, static_cast<uint32_t>(size));
-        fs::path source = Write("plain", plain);
-        ManifestEncryption::EncryptFile(source, dir_ / "c16", key16);
-        ManifestEncryption::EncryptFile(source, dir_ / "c32", key32);
-        EXPECT_EQ(Read(dir_ / "c16"), ReferenceEncrypt(plain, key16)) << size;
-        EXPECT_EQ(Read(dir_ / "c32"), ReferenceEncrypt(plain, key32)) << size;
-        ManifestEncryption::DecryptFile(dir_ / "c16", dir_ / "p16", key16);
-        ManifestEncryption::DecryptFile(dir_ / "c32", dir_ / "p32", key32);
-        EXPECT_EQ(Read(dir_ / "p16"), plain) << size;
-        EXPECT_EQ(Read(dir_ / "p32"), plain) << size;
+        const fs::path source = Write("plain", plain), cipher = dir_ / "cipher", again = dir_ / "again";
+        auto check = [&](const auto& key) {
+            ManifestEncryption::EncryptFile(source, cipher, key);
+            EXPECT_EQ(Read(cipher), ReferenceEncrypt(plain, key)) << size << " " << key.size();
+            ManifestEncryption::DecryptFile(cipher, again, key);
+            EXPECT_EQ(Read(again), plain) << size << " " << key.size();
+        };
+        check(KeyOf<16>(5));
+        check(KeyOf<32>(6));
     }
 }
 
-TEST_F(ManifestEncryptionTest, FailuresLeaveNoDestination) {
+TEST_F(ManifestEncryptionTest, FailuresAreCryptoErrorsAndLeaveNoDestination) {
     const auto key32 = KeyOf<32>(7);
     const fs::path out = dir_ / "out";
     const fs::path cipher = Write("cipher", ReferenceEncrypt(Pseudorandom(100, 1), key32));
@@ -225,10 +170,13 @@ TEST_F(ManifestEncryptionTest, FailuresLeaveNoDestination) {
         [&] { ManifestEncryption::DecryptFile(cipher, out, KeyOf<32>(8)); },  // wrong key: bad padding
         [&] { ManifestEncryption::DecryptFile(ragged, out, key32); },        // not whole blocks
         [&] { ManifestEncryption::EncryptFile(missing, out, KeyOf<16>(1)); },
+        [&] { ManifestEncryption::DecryptString("not base64!", KeyOf<16>(9)); },
+        [&] { ManifestEncryption::DecryptString("AAAA", KeyOf<16>(9)); },  // not whole blocks
+        [&] { ManifestEncryption::DecryptString(Quiver::Support::base64_encode(Bytes(16, 0)), KeyOf<16>(9)); },
     };
-    for (const auto& failure : failures) {
-        CF::Error e = Thrown(failure);
-        EXPECT_EQ(e.Code(), QVErrorCryptoOperation);
+    for (std::size_t i = 0; i < failures.size(); ++i) {
+        CF::Error e = Thrown(failures[i]);
+        EXPECT_EQ(e.Code(), QVErrorCryptoOperation) << i;
         EXPECT_EQ(e.Reason().rfind("Failed to decrypt/encrypt: ", 0), 0u) << e.Text();
         EXPECT_FALSE(fs::exists(out));
     }
@@ -245,12 +193,6 @@ TEST_F(ManifestEncryptionTest, StringsRoundTripThroughBase64) {
         std::string text = ManifestEncryption::EncryptString(plain, key);
         EXPECT_EQ(text, Quiver::Support::base64_encode(ReferenceEncrypt(plain, key)));
         EXPECT_EQ(ManifestEncryption::DecryptString(text, key), plain);
-    }
-    const std::vector<std::string> texts = {"not base64!", "AAAA", Quiver::Support::base64_encode(Bytes(16, 0))};
-    for (const std::string& bad : texts) {
-        CF::Error e = Thrown([&] { ManifestEncryption::DecryptString(bad, key); });
-        EXPECT_EQ(e.Code(), QVErrorCryptoOperation) << bad;
-        EXPECT_EQ(e.Reason().rfind("Failed to decrypt/encrypt: ", 0), 0u) << e.Text();
     }
 }
 
