@@ -17,7 +17,7 @@ namespace {
 
 bool sameEntry(const Entry& a, const Entry& b) {
     auto fields = [](const Entry& e) {
-        return std::make_tuple(e->domain, e->relativePath, e->domainPathPair, e->fileID, e->target, e->digest,
+        return std::make_tuple(e->domain, e->relativePath, CF::String::Retain(QVManifestEntryGetDomainPathPair(e)), e->fileID, e->target, e->digest,
                                e->encryptionKey, e->mode, e->inode, e->userID, e->groupID, e->size,
                                e->protectionClass, e->birth.AbsoluteTime(), e->lastModified.AbsoluteTime(),
                                e->lastStatusChange.AbsoluteTime(), e->properties);
@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::vector<Entry> sorted = manifest->entries;
     std::stable_sort(sorted.begin(), sorted.end(), [](const Entry& a, const Entry& b) {
-        return CFStringCompare(a->domainPathPair.get(), b->domainPathPair.get(), 0) == kCFCompareLessThan;
+        return CFStringCompare(QVManifestEntryGetDomainPathPair(a), QVManifestEntryGetDomainPathPair(b), 0) == kCFCompareLessThan;
     });
     for (size_t i = 0; i < sorted.size(); ++i) {
         if (!sameEntry(sorted[i], back->entries[i])) std::abort();
