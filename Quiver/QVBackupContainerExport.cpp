@@ -51,6 +51,31 @@ bool destinationFree(const fs::path& destination) {
     return true;
 }
 
+// Produces every name of the finished backup in order and hands each file to write(name, file,
+// counter); a name that cannot be produced is reported and skipped. False when any name failed.
+template <typename Write>
+bool writeEachName(const Backup& backup, const ExportProgress& progress, const char* destinationKind, Write&& write) {
+    // "/" is this platform's separator: the two-character directory then holds the file.
+    CF::Array names = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
+    Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
+    bool failed = false;
+    for (CFTypeRef item : names) {
+        auto name = CF::String::Retain(static_cast<CFStringRef>(item));
+        CFErrorRef loadError = nullptr;
+        auto file = QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
+        if (!file) {
+            report(Error(QVErrorLoadingExternalRepresentation, CF::Error::Adopt(loadError),
+                         fmt::format("File {} could not be loaded for writing to {}", name, destinationKind)));
+            failed = true;
+            continue;
+        }
+        if (!write(name, file, counter)) failed = true;
+        file.reset();
+        counter.tick();
+    }
+    return !failed;
+}
+
 struct ZipWriter {
     zipFile zip = nullptr;
     ~ZipWriter() {
@@ -73,20 +98,9 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
                                  ec.value())));
         return 0;
     }
-    // "/" is this platform's separator: the two-character directory then holds the file.
-    CF::Array names = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
-    Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
-    bool failed = false;
-    for (CFTypeRef item : names) {
-        auto name = CF::String::Retain(static_cast<CFStringRef>(item));
-        CFErrorRef loadError = nullptr;
-        auto file = QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
-        if (!file) {
-            report(Error(QVErrorLoadingExternalRepresentation, CF::Error::Adopt(loadError),
-                         fmt::format("File {} could not be loaded for writing to directory", name)));
-            failed = true;
-            continue;
-        }
+    const bool written = writeEachName(backup, progress, "directory", [&](const CF::String& name,
+                                                                      const std::shared_ptr<QVFileClass>& file,
+                                                                      Progress& counter) {
         const fs::path target = root / name.utf8();
         CF::Error chunkError;
         try {
@@ -98,8 +112,7 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
                 chunkError = Error(QVErrorFilesystem, CF::Error(),
                                    fmt::format("The file could not be opened for writing: {}", e.code().message()));
                 report(chunkError);
-                failed = true;
-                continue;
+                return false;
             }
             QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
                 for (size_t done = 0; done < chunk.size();) {
@@ -129,12 +142,11 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
         if (chunkError) {
             report(Error(static_cast<QVError>(chunkError.Code()), chunkError,
                          fmt::format("File {} could not be written", name)));
-            failed = true;
+            return false;
         }
-        file.reset();
-        counter.tick();
-    }
-    return failed ? 0 : 1;
+        return true;
+    });
+    return written ? 1 : 0;
 }
 
 unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef destination,
@@ -149,19 +161,9 @@ unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef des
                      fmt::format("Failed to create zip file {}", target.string())));
         return 0;
     }
-    CF::Array names = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
-    Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
-    bool failed = false;
-    for (CFTypeRef item : names) {
-        auto name = CF::String::Retain(static_cast<CFStringRef>(item));
-        CFErrorRef loadError = nullptr;
-        auto file = QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
-        if (!file) {
-            report(Error(QVErrorLoadingExternalRepresentation, CF::Error::Adopt(loadError),
-                         fmt::format("File {} could not be loaded for writing to zip", name)));
-            failed = true;
-            continue;
-        }
+    bool failed = !writeEachName(backup, progress, "zip", [&](const CF::String& name,
+                                                            const std::shared_ptr<QVFileClass>& file,
+                                                            Progress& counter) {
         zip_fileinfo info{};
         CFDateRef date = QVFileGetModifiedDate(file);
         auto seconds = static_cast<time_t>(date ? CFDateGetAbsoluteTime(date) + kCFAbsoluteTimeIntervalSince1970 : 0);
@@ -206,14 +208,11 @@ unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef des
             }
             if (zipCloseFileInZip(writer.zip) != ZIP_OK) written = false;
         }
-        if (!written) {
+        if (!written)
             report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
                          fmt::format("File {} could not be written in zip", name)));
-            failed = true;
-        }
-        file.reset();
-        counter.tick();
-    }
+        return written;
+    });
     int closed = zipClose(writer.zip, nullptr);
     writer.zip = nullptr;
     if (closed != ZIP_OK) {

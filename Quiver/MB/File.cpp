@@ -68,18 +68,6 @@ int memberOf(std::string_view key) {
     }
 }
 
-std::string_view cfTypeName(CFTypeRef v) {
-    const CFTypeID t = CFGetTypeID(v);
-    if (t == CFStringGetTypeID()) return "string";
-    if (t == CFDataGetTypeID()) return "data";
-    if (t == CFNumberGetTypeID()) return CFNumberIsFloatType(static_cast<CFNumberRef>(v)) ? "real" : "integer";
-    if (t == CFBooleanGetTypeID()) return "boolean";
-    if (t == CFDateGetTypeID()) return "date";
-    if (t == CFArrayGetTypeID()) return "array";
-    if (t == CFDictionaryGetTypeID()) return "dictionary";
-    return "unknown";
-}
-
 // Extended attributes map names (strings) to values (data).
 CF::Dictionary checkedAttributes(const CF::Dictionary& attributes) {
     if (attributes.IsEmpty()) return CF::EmptyDictionary();

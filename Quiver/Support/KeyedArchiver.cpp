@@ -11,18 +11,6 @@ namespace Quiver::Support {
 
 using namespace archiver_exceptions;
 
-namespace {
-
-constexpr int64_t kArchiveVersion = 100000;
-
-cf_value uidValue(uint32_t id) { return cf_value::Adopt(_CFKeyedArchiverUIDCreate(kCFAllocatorDefault, id)); }
-
-CF::Array stringArray(std::initializer_list<std::string_view> names) {
-    CF::Array array = CF::Array::CreateMutable();
-    for (std::string_view name : names) array.Append(CF::String(name));
-    return array;
-}
-
 std::string_view cfTypeName(CFTypeRef v) {
     if (!v) return "null";
     const CFTypeID t = CFGetTypeID(v);
@@ -36,6 +24,18 @@ std::string_view cfTypeName(CFTypeRef v) {
     if (t == _CFKeyedArchiverUIDGetTypeID()) return "uid";
     if (t == CFNullGetTypeID()) return "null";
     return "unknown";
+}
+
+namespace {
+
+constexpr int64_t kArchiveVersion = 100000;
+
+cf_value uidValue(uint32_t id) { return cf_value::Adopt(_CFKeyedArchiverUIDCreate(kCFAllocatorDefault, id)); }
+
+CF::Array stringArray(std::initializer_list<std::string_view> names) {
+    CF::Array array = CF::Array::CreateMutable();
+    for (std::string_view name : names) array.Append(CF::String(name));
+    return array;
 }
 
 // The UTF-8 bytes of a CoreFoundation string: in place when the implementation keeps them (the

@@ -35,6 +35,9 @@
 
 namespace Quiver::Support {
 
+// The property-list name of a value's type ("string", "data", "integer", "uid"...), for messages.
+std::string_view cfTypeName(CFTypeRef value);
+
 namespace archiver_exceptions {
 
 // The base of every failure of archiving and unarchiving, so that callers can catch them as one.

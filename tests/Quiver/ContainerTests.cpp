@@ -20,15 +20,6 @@ namespace {
 
 std::string text(CFStringRef s) { return CF::String::Retain(s).utf8(); }
 
-std::vector<uint8_t> contentOf(const std::shared_ptr<QVFileClass>& file) {
-    std::vector<uint8_t> bytes;
-    QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
-        bytes.insert(bytes.end(), chunk.begin(), chunk.end());
-        return true;
-    });
-    return bytes;
-}
-
 // Every file below a directory with its SHA-1, to show that nothing was changed.
 std::map<std::string, std::vector<uint8_t>> snapshot(const fs::path& dir) {
     std::map<std::string, std::vector<uint8_t>> out;
@@ -77,7 +68,7 @@ protected:
             CFErrorRef error = nullptr;
             auto file = QVBackupContainerCopyFileForPath(backup, domain.get(), path.get(), &error);
             ASSERT_TRUE(file) << CF::Error::Adopt(error).Text();
-            EXPECT_EQ(contentOf(file), item.content);
+            EXPECT_EQ(ReadFileObject(file), item.content);
         }
     }
 
@@ -270,7 +261,7 @@ TEST_F(ContainerTest, ReplacingKeepsAttributesAndReplacingADirectoryDropsItsSubt
     EXPECT_EQ(created->protectionClass, old->protectionClass);
     EXPECT_EQ(created->lastModified.AbsoluteTime(), old->lastModified.AbsoluteTime());
     auto read = QVBackupContainerCopyFileForPath(backup, domain.get(), path.get(), nullptr);
-    EXPECT_EQ(contentOf(read), (std::vector<uint8_t>{'n', 'e', 'w'}));
+    EXPECT_EQ(ReadFileObject(read), (std::vector<uint8_t>{'n', 'e', 'w'}));
 
     // Now store a file where a directory with children is.
     std::string parent = existing->relativePath.substr(0, existing->relativePath.rfind('/'));
@@ -314,19 +305,19 @@ TEST_F(ContainerTest, AddedFileInAnEncryptedBackupGetsItsOwnKey) {
     ASSERT_TRUE(added) << CF::Error::Adopt(error).Text();
     EXPECT_EQ(CFDataGetLength(QVManifestEntryGetEncryptionData(added)), 44);
     // The caller reads plaintext; an export gets the ciphertext under the entry's own key.
-    EXPECT_EQ(contentOf(QVBackupContainerCopyFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Notes/new.txt"),
+    EXPECT_EQ(ReadFileObject(QVBackupContainerCopyFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Notes/new.txt"),
                                                          nullptr)),
               plain);
     CF::String local = LocalFilenameForFileID(CF::String::Retain(QVManifestEntryGetFileID(added)),
                                               backup->manifestVersion, true);
-    auto stored = contentOf(QVBackupContainerCopyFileForLocalFilename(backup, local.get(), nullptr));
+    auto stored = ReadFileObject(QVBackupContainerCopyFileForLocalFilename(backup, local.get(), nullptr));
     auto key = built.encryption->UnlockKey(CF::Data::Retain(QVManifestEntryGetEncryptionData(added)));
     EXPECT_EQ(Support::Cryptor::Decrypt(Support::Cryptor::Algorithm::AES256, key, {}, stored), plain);
     // Files of the source are handed to an export as they were stored.
     const BuiltItem* original = nullptr;
     for (const BuiltItem& item : built.items)
         if (item.kind == ItemKind::File) original = &item;
-    auto asStored = contentOf(QVBackupContainerCopyFileForLocalFilename(
+    auto asStored = ReadFileObject(QVBackupContainerCopyFileForLocalFilename(
         backup, CF::String(original->localFilename).get(), nullptr));
     EXPECT_EQ(asStored, ReadWholeFile(built.directory / original->localFilename));
 }

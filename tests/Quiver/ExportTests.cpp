@@ -22,15 +22,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::vector<uint8_t> contentOf(const std::shared_ptr<QVFileClass>& file) {
-    std::vector<uint8_t> bytes;
-    QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
-        bytes.insert(bytes.end(), chunk.begin(), chunk.end());
-        return true;
-    });
-    return bytes;
-}
-
 class ExportTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -66,7 +57,7 @@ protected:
             auto fa = QVBackupContainerCopyFileForPath(a, QVManifestEntryGetDomain(e), QVManifestEntryGetPath(e), &error);
             auto fb = QVBackupContainerCopyFileForPath(b, QVManifestEntryGetDomain(e), QVManifestEntryGetPath(e), &error);
             ASSERT_TRUE(fa && fb) << CF::Error::Adopt(error).Text();
-            EXPECT_EQ(contentOf(fa), contentOf(fb));
+            EXPECT_EQ(ReadFileObject(fa), ReadFileObject(fb));
         }
     }
 
@@ -110,7 +101,7 @@ TEST_F(ExportTest, RoundTripsThroughDirectoriesAndZipsPlainAndEncrypted) {
             expectSameContents(source, back);
             auto file = QVBackupContainerCopyFileForPath(back, CFSTR("HomeDomain"), CFSTR("Documents/added.txt"), nullptr);
             ASSERT_TRUE(file);
-            EXPECT_EQ(contentOf(file), added);
+            EXPECT_EQ(ReadFileObject(file), added);
             // And once more from what was read: zip to directory and zip to zip.
             fs::path again = root / ("again" + tag + (fromZip ? "z" : "d"));
             ASSERT_EQ(QVBackupContainerExportToZip(back, CF::String(again.string() + ".zip").get(), nullptr), 1);

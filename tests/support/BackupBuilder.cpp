@@ -311,6 +311,15 @@ std::vector<BackupItem> SampleItems() {
     return items;
 }
 
+std::vector<uint8_t> ReadFileObject(const std::shared_ptr<QVFileClass>& file) {
+    std::vector<uint8_t> bytes;
+    Quiver::QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
+        bytes.insert(bytes.end(), chunk.begin(), chunk.end());
+        return true;
+    });
+    return bytes;
+}
+
 std::vector<uint8_t> ReadWholeFile(const fs::path& path) {
     Quiver::Support::readable_file in(path);
     return in.read_whole_file(std::size_t{1} << 30);

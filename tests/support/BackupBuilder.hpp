@@ -34,6 +34,7 @@
 #include "Quiver/CF/CF.hpp"
 #include "Quiver/MB/KeyBag.hpp"
 #include "Quiver/MB/ManifestEncryption.hpp"
+#include "Quiver/QVFile.hpp"
 
 namespace QuiverTest {
 
@@ -116,6 +117,8 @@ std::string LocalFilename(const std::string& fileID, const std::string& manifest
 
 // Small file helpers for tests that read fixtures or damage them.
 std::vector<uint8_t> ReadWholeFile(const std::filesystem::path& path);
+// Everything a file object delivers through QVFileGetData (deciphered or enciphered as it is switched).
+std::vector<uint8_t> ReadFileObject(const std::shared_ptr<QVFileClass>& file);
 void WriteWholeFile(const std::filesystem::path& path, const std::vector<uint8_t>& bytes);
 // The dictionary in a property-list file; empty when the file is not one.
 CF::Dictionary ReadPropertyList(const std::filesystem::path& path);
