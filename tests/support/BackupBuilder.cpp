@@ -229,7 +229,7 @@ BuiltBackup BuildBackup(const fs::path& directory, const BackupDescription& d) {
             if (!entry) throw CF::Error::Adopt(error);
             entry->protectionClass = Quiver::ProtectionClassFromCode(protectionClass);
             out.digest = Quiver::Support::Sha1(stored);
-            entry->digest = CF::Data(out.digest);
+            entry->digest = d.recordDigests ? CF::Data(out.digest) : CF::Data();
             out.protectionClass = protectionClass;
             out.encryptionKey = wrappedKey.vector();
             out.content = item.content;

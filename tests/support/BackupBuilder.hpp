@@ -70,6 +70,8 @@ struct BackupDescription {
     std::string password = "password";
     MB::KeyBagParameters keyBag{.version = 3, .type = 1, .iterations = 1, .dpIterations = 1, .dpwt = 1};
     bool writeInfoPlist = true;
+    // Devices of the Manifest.db era mostly leave the digest out.
+    bool recordDigests = true;
     bool xmlMetadata = false;
     std::string deviceName = "Test Device";
     std::string productVersion = "14.3";

@@ -16,6 +16,8 @@ namespace QuiverToolTest {
 
 namespace {
 
+constexpr unsigned kTimeLimitSeconds = 300;
+
 struct Pipe {
     int fds[2] = {-1, -1};
     Pipe() {
@@ -52,6 +54,7 @@ pid_t Spawn(const std::vector<std::string>& args, const Environment& env, int ou
         dup2(in, STDIN_FILENO);
         dup2(outFd, STDOUT_FILENO);
         dup2(errFd, STDERR_FILENO);
+        alarm(kTimeLimitSeconds);  // survives the exec: a hung tool ends on SIGALRM and the test sees it
         execve(QUIVER_TOOL, argv.data(), envp.data());
         _exit(127);
     }

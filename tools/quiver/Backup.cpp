@@ -189,6 +189,10 @@ OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
         Detail(options.verbosity, fmt::format("the library reported: {}", failure.Text()));
         throw LoadFailure(path, failure);
     }
+    // The library reads a Manifest.plist that is not a property list as an empty one; every device
+    // writes one with at least the key bag and the version, so an empty one is damage.
+    if (CF::Dictionary::Adopt(QVBackupContainerCopyManifestDict(backup)).size() == 0)
+        throw Failure(kBadBackup, fmt::format("{} is damaged: Manifest.plist holds no property list", path));
     return OpenBackup(std::move(backup));
 }
 
@@ -236,27 +240,85 @@ std::vector<Entry> SelectEntries(const Backup& backup, const std::optional<std::
     return entries;
 }
 
+std::string CheckStoredFile(const Backup& backup, const Entry& entry) {
+    if (!QVManifestEntryIsFile(entry) || entry->external) return {};
+    const std::string shown = Printable(EntryDomain(entry)) + " " + Printable(EntryPath(entry));
+    const std::string fileID = Utf8(QVManifestEntryGetFileID(entry));
+    CFErrorRef error = nullptr;
+    std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(entry, &error);
+    CF::Error failure = CF::Error::Adopt(error);
+    if (!stored) {
+        bool missing = false;
+        for (CF::Error e = failure; e && !missing; e = e.Underlying()) missing = e.Code() == QVErrorFileNotFound;
+        if (missing)
+            throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}) is missing", shown, fileID));
+        throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, ErrorText(failure)));
+    }
+    const uint64_t length = QVFileGetSize(stored);
+    const uint64_t size = QVManifestEntryGetFileSize(entry);
+    const bool encrypted = QVBackupContainerIsEncrypted(backup);
+    // An enciphered file is its plaintext padded to the next whole block.
+    const bool lengthFits = encrypted ? (length % 16 == 0 && length > size && length <= size + 16) || (length == 0 && size == 0)
+                                      : length == size;
+    if (encrypted && length % 16 != 0)
+        throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}) is cut short: {} "
+                                              "bytes is not a whole number of cipher blocks",
+                                              shown, fileID, length));
+    // Devices record the SHA-1 of the bytes they store, enciphered or not, as they write them, and
+    // that decides. Files that this library adds to an encrypted backup carry their plaintext's
+    // digest instead, so there a length that fits the size has the last word.
+    if (CF::Data digest = CF::Data::Retain(QVManifestEntryGetDataHash(entry)); digest.size() == 20) {
+        if (QVFileGetHash(stored) == digest.vector() || (encrypted && lengthFits)) return {};
+        throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) is not "
+                                              "the one its manifest records",
+                                              shown, fileID, length));
+    }
+    // Without a digest the size is all there is, and devices record it before they copy: a file that
+    // grows or shrinks during the backup keeps its old size (seen in real backups). Deciphering checks
+    // the padding of an enciphered one.
+    if (!lengthFits && !encrypted)
+        return fmt::format("{} holds {} bytes where its manifest records {}; it changed during the backup or is damaged",
+                           shown, length, size);
+    return {};
+}
+
+void CheckStoredFiles(const Backup& backup, int verbosity) {
+    Manifest manifest = QVBackupContainerGetManifest(backup);
+    const std::vector<Entry> entries = QVManifestGetEntries(manifest);
+    Progress progress("Checking the stored files");
+    size_t done = 0;
+    for (const Entry& entry : entries) {
+        if (std::string note = CheckStoredFile(backup, entry); !note.empty()) Detail(verbosity, note);
+        progress.Update(static_cast<double>(++done) / static_cast<double>(entries.size()));
+    }
+}
+
 void ReadEntryContent(const Backup& backup, const Entry& entry, const std::function<void(const uint8_t*, size_t)>& sink) {
     const std::string domain = EntryDomain(entry);
     const std::string path = EntryPath(entry);
     if (!QVManifestEntryIsFile(entry))
         throw Failure(kFailure, fmt::format("{} {} is a {}, not a file", Printable(domain), Printable(path),
                                             QVManifestEntryIsDirectory(entry) ? "directory" : "symbolic link"));
+    const std::string shown = Printable(domain) + " " + Printable(path);
+    if (std::string note = CheckStoredFile(backup, entry); !note.empty()) Warn(note);
     CFErrorRef error = nullptr;
     std::shared_ptr<QVFileClass> file = QVBackupContainerCopyFileForPath(
         backup, QVManifestEntryGetDomain(entry), QVManifestEntryGetPath(entry), &error);
     CF::Error failure = CF::Error::Adopt(error);
-    const std::string shown = Printable(domain) + " " + Printable(path);
     if (!file) throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, ErrorText(failure)));
+    uint64_t delivered = 0;
     try {
         QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
             if (!chunk.empty()) sink(chunk.data(), chunk.size());
+            delivered += chunk.size();
             return true;
         });
     } catch (const Failure&) {
         throw;
     } catch (const CF::Error& e) {
-        throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, ErrorText(e)));
+        if (e.Code() != QVErrorCryptoOperation) throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, ErrorText(e)));
+        throw Failure(kBadBackup, fmt::format("the backup is damaged: {} cannot be deciphered ({}){}", shown,
+                                              ErrorText(e), delivered > 0 ? "; what was written of it is incomplete" : ""));
     } catch (const std::exception& e) {
         throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, e.what()));
     }

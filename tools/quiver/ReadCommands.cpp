@@ -6,7 +6,8 @@
 // resolves a name as a whole. It walks DEST one component at a time with openat(O_NOFOLLOW), makes
 // each file with O_CREAT|O_EXCL|O_NOFOLLOW, and so cannot be led outside DEST by a name or by a link,
 // whether the extraction made that link or found it there. Entries that would escape are skipped
-// with a warning, the rest is extracted, and the command ends with status 1.
+// with a warning, the rest is extracted, and the command ends with status 1; so are files the backup
+// holds damaged, and the command then ends with status 4.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -72,9 +73,11 @@ private:
 struct Refused {
     std::string why;
 };
-// An entry that could not be extracted for an ordinary reason (a clash, a full disk).
+// An entry that could not be extracted: for an ordinary reason (a clash, a full disk), or because
+// the backup is damaged there.
 struct Broken {
     std::string why;
+    bool damaged = false;
 };
 
 struct ExtractOptions {
@@ -111,6 +114,7 @@ public:
         } catch (const Broken& b) {
             Warn(fmt::format("could not extract {} {}: {}", Printable(domain), Printable(path), b.why));
             ++broken_;
+            damaged_ += b.damaged ? 1 : 0;
         }
         return false;
     }
@@ -135,6 +139,7 @@ public:
 
     int refused() const { return refused_; }
     int broken() const { return broken_; }
+    int damaged() const { return damaged_; }
 
 private:
     struct PendingDirectory {
@@ -234,7 +239,7 @@ private:
         } catch (const Failure& f) {
             out.Close();
             unlinkat(parent.get(), name.c_str(), 0);
-            throw Broken{f.what()};
+            throw Broken{f.what(), f.status() == kBadBackup};
         }
         fchmod(out.get(), Permissions(entry, 0644, 0600));
         const time_t modified = static_cast<time_t>(EntryModifiedUnixTime(entry));
@@ -255,6 +260,7 @@ private:
     std::vector<PendingDirectory> directories_;
     int refused_ = 0;
     int broken_ = 0;
+    int damaged_ = 0;
 };
 
 int RunExtract(const ExtractOptions& o, const GlobalOptions& global) {
@@ -290,7 +296,7 @@ int RunExtract(const ExtractOptions& o, const GlobalOptions& global) {
         if (extractor.broken() > 0)
             message += fmt::format("{}{} {} could not be extracted", message.empty() ? "" : "; ", extractor.broken(),
                                    extractor.broken() == 1 ? "entry" : "entries");
-        throw Failure(kFailure, message);
+        throw Failure(extractor.damaged() > 0 ? kBadBackup : kFailure, message);
     }
     return kSuccess;
 }

@@ -101,7 +101,17 @@ const char* EntryTypeName(const Quiver::Entry& entry);
 // Unix seconds of the entry's last modification, 0 when it has none.
 int64_t EntryModifiedUnixTime(const Quiver::Entry& entry);
 
-// Streams a file's plaintext to a callback; throws Failure(1) when it cannot be read.
+// Checks an entry's stored file against its manifest before anything is read or written: Failure(4)
+// when it is missing, is not the file whose SHA-1 the manifest records, or is an enciphered file cut
+// off mid-block. A size that disagrees where no digest can decide is not damage for certain, as
+// devices record sizes before they copy; the text returned then says so (empty otherwise).
+// Directories, links and files put in by an edit pass.
+std::string CheckStoredFile(const Quiver::Backup& backup, const Quiver::Entry& entry);
+// The same for every entry, with progress; notes go to -v.
+void CheckStoredFiles(const Quiver::Backup& backup, int verbosity);
+
+// Streams a file's plaintext to a callback after CheckStoredFile (its note becomes a warning); throws
+// Failure(4) when the backup turns out damaged, Failure(1) when the file cannot be read otherwise.
 void ReadEntryContent(const Quiver::Backup& backup, const Quiver::Entry& entry,
                       const std::function<void(const uint8_t*, size_t)>& sink);
 

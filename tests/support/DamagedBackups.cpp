@@ -1,0 +1,172 @@
+#include "support/DamagedBackups.hpp"
+
+#include <algorithm>
+#include <functional>
+#include <stdexcept>
+
+#include "Quiver/QVBackupContainer.hpp"
+#include "Quiver/Support/Cryptor.hpp"
+#include "Quiver/Support/Random.hpp"
+#include "support/BackupBuilder.hpp"
+
+namespace fs = std::filesystem;
+using Quiver::Support::Cryptor;
+
+namespace QuiverTest {
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Changes one value of Manifest.plist.
+void EditManifestPlist(const BuiltBackup& built, const char* key, const std::function<Bytes(Bytes)>& change) {
+    const fs::path path = built.directory / "Manifest.plist";
+    CF::Dictionary manifest = ReadPropertyList(path).MutableCopy();
+    CF::Data value = manifest.Get<CF::Data>(key);
+    if (!value) throw std::logic_error(std::string("damaged backups: Manifest.plist has no ") + key);
+    manifest.Set(key, CF::Data(change(value.vector())));
+    WritePropertyList(path, manifest.get());
+}
+
+void EditFile(const fs::path& path, const std::function<Bytes(Bytes)>& change) {
+    WriteWholeFile(path, change(ReadWholeFile(path)));
+}
+
+Bytes Cut(Bytes bytes, std::size_t size) {
+    bytes.resize(std::min(size, bytes.size()));
+    return bytes;
+}
+
+// The page size from a SQLite header, where 1 stands for 65536.
+std::size_t PageSize(const Bytes& database) {
+    const std::size_t size = (std::size_t{database.at(16)} << 8) | database.at(17);
+    return size == 1 ? 65536 : size;
+}
+
+// Inverts the header of every page after the first, where the tables and indexes keep their trees.
+Bytes FlipPageHeaders(Bytes database) {
+    const std::size_t page = PageSize(database);
+    if (database.size() < 2 * page) throw std::logic_error("damaged backups: the database has one page");
+    for (std::size_t start = page; start + page <= database.size(); start += page)
+        for (std::size_t i = start; i < start + 12; ++i) database[i] ^= 0xff;
+    return database;
+}
+
+}  // namespace
+
+std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
+    std::vector<DamagedBackup> out;
+    // Each fault starts from a fresh copy of a sound backup.
+    auto make = [&](const std::string& name, const std::string& version, bool encrypted,
+                    bool digests = true) -> BuiltBackup {
+        BackupDescription description;
+        description.recordDigests = digests;
+        description.items = SampleItems();
+        description.manifestVersion = version;
+        description.encrypted = encrypted;
+        BuiltBackup built = BuildBackup(root / name, description);
+        const BuiltItem& large = built.Item("AppDomain-com.example.notes", "Documents/large.db");
+        out.push_back({name, built.directory, encrypted ? description.password : "", large.domain,
+                       large.relativePath, false});
+        return built;
+    };
+    auto database = [](const BuiltBackup& built) { return built.directory / "Manifest.db"; };
+
+    // The manifest database.
+    make("DatabaseTruncated", "3.3", false);
+    EditFile(root / "DatabaseTruncated/Manifest.db", [](Bytes b) { return Cut(b, b.size() / 2); });
+    make("DatabaseEmpty", "3.3", false);
+    WriteWholeFile(root / "DatabaseEmpty/Manifest.db", {});
+    make("DatabaseRandom", "3.3", false);
+    WriteWholeFile(root / "DatabaseRandom/Manifest.db", Quiver::Support::RandomBytes(16384));
+    make("DatabasePageFlipped", "3.3", false);
+    EditFile(root / "DatabasePageFlipped/Manifest.db", FlipPageHeaders);
+    {
+        BuiltBackup built = make("EncryptedDatabaseFlipped", "3.3", true);
+        EditFile(database(built), [&](Bytes b) {
+            Bytes plain = Cryptor::Decrypt(Cryptor::Algorithm::AES256, *built.manifestKey, {}, b);
+            return Cryptor::Encrypt(Cryptor::Algorithm::AES256, *built.manifestKey, {}, FlipPageHeaders(plain));
+        });
+    }
+    make("EncryptedDatabaseTruncated", "3.3", true);
+    EditFile(root / "EncryptedDatabaseTruncated/Manifest.db", [](Bytes b) { return Cut(b, b.size() - 16); });
+
+    // The metadata.
+    make("StatusMissing", "3.3", false);
+    fs::remove(root / "StatusMissing/Status.plist");
+    make("StatusGarbage", "3.3", false);
+    WriteWholeFile(root / "StatusGarbage/Status.plist", Quiver::Support::RandomBytes(300));
+    make("ManifestPlistMissing", "3.3", false);
+    fs::remove(root / "ManifestPlistMissing/Manifest.plist");
+    make("ManifestPlistGarbage", "3.3", false);
+    EditFile(root / "ManifestPlistGarbage/Manifest.plist", [](Bytes b) { return Cut(b, b.size() / 3); });
+
+    // The key bag and the manifest key of an encrypted backup.
+    EditManifestPlist(make("KeyBagTruncated", "3.3", true), "BackupKeyBag",
+                      [](Bytes b) { return Cut(b, b.size() / 2 + 3); });
+    EditManifestPlist(make("KeyBagLengthPastEnd", "3.3", true), "BackupKeyBag", [](Bytes b) {
+        // The second field's length (the first is the version, "VERS" and four bytes).
+        b.at(16) = 0x7f;
+        return b;
+    });
+    EditManifestPlist(make("KeyBagRandom", "3.3", true), "BackupKeyBag",
+                      [](Bytes) { return Quiver::Support::RandomBytes(700); });
+    EditManifestPlist(make("ManifestKeyTooShort", "3.3", true), "ManifestKey", [](Bytes b) { return Cut(b, 24); });
+
+    // Manifest.mbdb.
+    make("MbdbTruncated", "2.4", false);
+    EditFile(root / "MbdbTruncated/Manifest.mbdb", [](Bytes b) { return Cut(b, b.size() - 30); });
+    make("MbdbFieldPastEnd", "2.4", false);
+    EditFile(root / "MbdbFieldPastEnd/Manifest.mbdb", [](Bytes b) {
+        // The first record's domain: its length follows the six bytes of the header.
+        b.at(6) = 0xff;
+        b.at(7) = 0xf0;
+        return b;
+    });
+
+    // Stored files: only reading them shows the fault.
+    struct StoredFault {
+        const char* name;
+        const char* version;
+        bool encrypted;
+        bool digests;
+        std::function<void(const fs::path&)> damage;
+    };
+    const StoredFault stored[] = {
+        {"StoredFileMissing", "3.3", false, true, [](const fs::path& p) { fs::remove(p); }},
+        {"StoredFileShorter", "3.3", false, true, [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, 4096); }); }},
+        {"StoredFileLonger", "3.3", false, true,
+         [](const fs::path& p) { EditFile(p, [](Bytes b) { return b.resize(b.size() + 5, 'x'), b; }); }},
+        {"EncryptedStoredFileMissing", "3.3", true, true, [](const fs::path& p) { fs::remove(p); }},
+        {"EncryptedStoredFileShorter", "3.3", true, true,
+         [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, b.size() - 32); }); }},
+        // Without a digest only the cipher's blocks can tell.
+        {"EncryptedStoredFileCutMidBlock", "3.3", true, false,
+         [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, b.size() - 5); }); }},
+        {"MbdbStoredFileMissing", "2.4", false, true, [](const fs::path& p) { fs::remove(p); }},
+    };
+    for (const StoredFault& fault : stored) {
+        BuiltBackup built = make(fault.name, fault.version, fault.encrypted, fault.digests);
+        const BuiltItem& victim = built.Item(out.back().domain, out.back().relativePath);
+        fault.damage(built.directory / victim.localFilename);
+        out.back().storedFileFault = true;
+    }
+
+    // A zip cut short.
+    {
+        BuiltBackup built = make("ZipTruncated", "3.3", false);
+        const fs::path zip = root / "ZipTruncated.zip";
+        CFErrorRef error = nullptr;
+        Quiver::Backup backup = Quiver::QVBackupContainerCreateFromDirectory(
+            CF::String(built.directory.string()).get(), nullptr, nullptr, &error);
+        if (!backup) throw CF::Error::Adopt(error);
+        if (!Quiver::QVBackupContainerExportToZip(backup, CF::String(zip.string()).get(), nullptr)) {
+            throw std::runtime_error("damaged backups: the zip export failed");
+        }
+        EditFile(zip, [](Bytes b) { return Cut(b, b.size() * 2 / 3); });
+        out.back().path = zip;
+    }
+    return out;
+}
+
+}  // namespace QuiverTest

@@ -1,0 +1,29 @@
+// Backups with one fault each, the kind that a failed copy, a full disk or a hostile sender leaves:
+// manifests cut short, emptied, overwritten or altered after decryption; metadata missing or not a
+// property list; key bags and manifest keys cut or garbled; stored files missing or of the wrong
+// length; a zip cut short. Each starts from a sound backup of the builder and changes one thing.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace QuiverTest {
+
+struct DamagedBackup {
+    std::string name;            // what is wrong, as a test name: letters and digits only
+    std::filesystem::path path;  // a backup directory, or a zip file
+    std::string password;        // empty for a plain backup
+    // A file of the backup for the commands that take one: the damaged one when the fault is in a
+    // stored file, else a file of 100,000 bytes.
+    std::string domain;
+    std::string relativePath;
+    // True when only reading that file's contents can show the fault: the manifest and metadata are
+    // sound, so listing the backup succeeds.
+    bool storedFileFault = false;
+};
+
+// Writes every damaged backup below root (created when missing). Call UseTestTemporaryPath() first.
+std::vector<DamagedBackup> BuildDamagedBackups(const std::filesystem::path& root);
+
+}  // namespace QuiverTest

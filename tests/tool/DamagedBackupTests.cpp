@@ -1,0 +1,133 @@
+// Every command of the tool on backups with one fault each, and on sound backups: a damaged backup
+// ends in one clear line and status 4, never a crash, a hang or a result passed off as whole; and no
+// command ever changes the backup it reads.
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+
+#include "Quiver/Support/Encoding.hpp"
+#include "Quiver/Support/Hash.hpp"
+#include "support/BackupBuilder.hpp"
+#include "support/DamagedBackups.hpp"
+#include "support/TemporaryPath.hpp"
+#include "tool/ToolRunner.hpp"
+
+namespace fs = std::filesystem;
+using namespace QuiverTest;
+using namespace QuiverToolTest;
+
+namespace {
+
+// Every path below root with its kind, mode, time and, for files, SHA-1 of the contents.
+std::map<std::string, std::string> Snapshot(const fs::path& root) {
+    std::map<std::string, std::string> out;
+    auto describe = [](const fs::path& p) {
+        struct stat st {};
+        lstat(p.c_str(), &st);
+        std::string d = std::to_string(st.st_mode) + " " + std::to_string(st.st_size) + " " +
+                        std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+        if (S_ISREG(st.st_mode)) d += " " + Quiver::Support::hex_encode(Quiver::Support::HashOfFile(p));
+        return d;
+    };
+    out[""] = describe(root);
+    if (fs::is_directory(fs::symlink_status(root)))
+        for (const auto& e : fs::recursive_directory_iterator(root)) out[fs::relative(e.path(), root)] = describe(e.path());
+    return out;
+}
+
+class DamagedBackupTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        UseTestTemporaryPath();
+        std::string pattern = (fs::temp_directory_path() / "quiver-damaged-XXXXXX").string();
+        ASSERT_TRUE(mkdtemp(pattern.data()));
+        root_ = pattern;
+        backups_ = new std::vector<DamagedBackup>(BuildDamagedBackups(root_ / "backups"));
+    }
+    static void TearDownTestSuite() {
+        delete backups_;
+        fs::remove_all(root_);
+    }
+    void SetUp() override { fs::create_directories(root_ / "tmp"); }
+    void TearDown() override { EXPECT_TRUE(fs::is_empty(root_ / "tmp")) << "the tool left temporary files behind"; }
+
+    static RunResult Run(const std::vector<std::string>& args, const std::string& password) {
+        Environment env{{"TMPDIR", (root_ / "tmp").string()}};
+        if (!password.empty()) env["QUIVER_PASSWORD"] = password;
+        return RunTool(args, env);
+    }
+
+    // Every command that reads a backup, with a destination below out for those that write one.
+    static std::vector<std::vector<std::string>> Commands(const DamagedBackup& b, const fs::path& out) {
+        const std::string path = b.path.string();
+        return {{"info", path},
+                {"info", path, "--json"},
+                {"ls", path, "-l"},
+                {"ls", path, b.domain, "--json"},
+                {"cat", path, b.domain, b.relativePath},
+                {"extract", path, (out / "extracted").string()},
+                {"extract", path, (out / "one").string(), b.domain, b.relativePath},
+                {"export", path, (out / "exported").string()},
+                {"export", path, (out / "exported.zip").string(), "--zip"},
+                {"edit", path, (out / "edited").string(), "--mkdir", "HomeDomain", "Library/New"}};
+    }
+
+    static fs::path root_;
+    static std::vector<DamagedBackup>* backups_;
+};
+
+fs::path DamagedBackupTest::root_;
+std::vector<DamagedBackup>* DamagedBackupTest::backups_ = nullptr;
+
+TEST_F(DamagedBackupTest, EveryCommandEndsWithOneClearLineAndStatusFour) {
+    // One line for each command that ends otherwise, so that a failure shows the whole picture.
+    std::vector<std::string> problems;
+    auto expect = [&](bool ok, const std::string& what, const RunResult& r) {
+        if (!ok) problems.push_back(what + " -> status " + std::to_string(r.status) + ": " + r.err.substr(0, 300));
+    };
+    const fs::path out = root_ / "out";
+    for (const DamagedBackup& backup : *backups_) {
+        const auto before = Snapshot(backup.path);
+        for (const auto& args : Commands(backup, out)) {
+            fs::create_directories(out);
+            const std::string what = backup.name + ": " + args[0] + " " + args.back();
+            RunResult r = Run(args, backup.password);
+            const bool readsContents = args[0] != "info" && args[0] != "ls";
+            if (backup.storedFileFault && !readsContents) {
+                expect(r.status == 0, what, r);  // the manifest is sound and says what the backup holds
+                continue;
+            }
+            // An extraction warns of the damaged file and sums up; everything else says it in one line.
+            const long lines = args[0] == "extract" && backup.storedFileFault ? 2 : 1;
+            bool prefixed = !r.err.empty();
+            for (size_t at = 0; at < r.err.size();) {
+                prefixed = prefixed && r.err.compare(at, 8, "quiver: ") == 0;
+                const size_t end = r.err.find('\n', at);
+                at = end == std::string::npos ? r.err.size() : end + 1;
+            }
+            expect(r.status == 4 && prefixed && std::count(r.err.begin(), r.err.end(), '\n') == lines, what, r);
+            expect(r.out.empty(), what + " wrote to standard output", r);
+            // What would be a new backup is not left half-written; an extraction keeps what it could
+            // read, but never the damaged file.
+            for (const char* dest : {"exported", "exported.zip", "edited"})
+                expect(!fs::exists(out / dest), what + " left " + dest, r);
+            for (const char* dest : {"extracted", "one"})
+                expect(!fs::exists(out / dest / backup.domain / backup.relativePath), what + " left the file", r);
+            fs::remove_all(out);
+        }
+        if (fs::exists(backup.path / "Manifest.db")) {
+            RunResult csv = Run({"csv", (backup.path / "Manifest.db").string()}, "");
+            const bool databaseFault = backup.name.find("Database") != std::string::npos;
+            expect(csv.status == (databaseFault || !backup.password.empty() ? 4 : 0), backup.name + ": csv", csv);
+        }
+        expect(Snapshot(backup.path) == before, backup.name + ": the backup changed", {});
+    }
+    std::string all;
+    for (const std::string& p : problems) all += p + "\n";
+    EXPECT_TRUE(problems.empty()) << problems.size() << " commands went wrong:\n" << all;
+}
+
+}  // namespace
