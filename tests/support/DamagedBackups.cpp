@@ -57,7 +57,7 @@ Bytes FlipPageHeaders(Bytes database) {
 std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
     std::vector<DamagedBackup> out;
     // Each fault starts from a fresh copy of a sound backup.
-    auto make = [&](const std::string& name, const std::string& version, bool encrypted,
+    auto make = [&](const std::string& name, const std::string& version, bool encrypted, const char* named,
                     bool digests = true) -> BuiltBackup {
         BackupDescription description;
         description.recordDigests = digests;
@@ -67,56 +67,62 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
         BuiltBackup built = BuildBackup(root / name, description);
         const BuiltItem& large = built.Item("AppDomain-com.example.notes", "Documents/large.db");
         out.push_back({name, built.directory, encrypted ? description.password : "", large.domain,
-                       large.relativePath, false});
+                       large.relativePath, named, false});
         return built;
     };
     auto database = [](const BuiltBackup& built) { return built.directory / "Manifest.db"; };
 
     // The manifest database.
-    make("DatabaseTruncated", "3.3", false);
+    make("DatabaseTruncated", "3.3", false, "Manifest.db");
     EditFile(root / "DatabaseTruncated/Manifest.db", [](Bytes b) { return Cut(b, b.size() / 2); });
-    make("DatabaseEmpty", "3.3", false);
+    make("DatabaseEmpty", "3.3", false, "Manifest.db");
     WriteWholeFile(root / "DatabaseEmpty/Manifest.db", {});
-    make("DatabaseRandom", "3.3", false);
+    make("DatabaseRandom", "3.3", false, "Manifest.db");
     WriteWholeFile(root / "DatabaseRandom/Manifest.db", Quiver::Support::RandomBytes(16384));
-    make("DatabasePageFlipped", "3.3", false);
+    make("DatabasePageFlipped", "3.3", false, "Manifest.db");
     EditFile(root / "DatabasePageFlipped/Manifest.db", FlipPageHeaders);
     {
-        BuiltBackup built = make("EncryptedDatabaseFlipped", "3.3", true);
+        BuiltBackup built = make("EncryptedDatabaseFlipped", "3.3", true, "Manifest.db");
         EditFile(database(built), [&](Bytes b) {
             Bytes plain = Cryptor::Decrypt(Cryptor::Algorithm::AES256, *built.manifestKey, {}, b);
             return Cryptor::Encrypt(Cryptor::Algorithm::AES256, *built.manifestKey, {}, FlipPageHeaders(plain));
         });
     }
-    make("EncryptedDatabaseTruncated", "3.3", true);
+    make("EncryptedDatabaseTruncated", "3.3", true, "Manifest.db");
     EditFile(root / "EncryptedDatabaseTruncated/Manifest.db", [](Bytes b) { return Cut(b, b.size() - 16); });
 
     // The metadata.
-    make("StatusMissing", "3.3", false);
+    make("StatusMissing", "3.3", false, "Status.plist");
     fs::remove(root / "StatusMissing/Status.plist");
-    make("StatusGarbage", "3.3", false);
+    make("StatusGarbage", "3.3", false, "version");
     WriteWholeFile(root / "StatusGarbage/Status.plist", Quiver::Support::RandomBytes(300));
-    make("ManifestPlistMissing", "3.3", false);
+    {
+        BuiltBackup built = make("StatusVersionUnknown", "3.3", false, "'3.4'");
+        CF::Dictionary status = ReadPropertyList(built.directory / "Status.plist").MutableCopy();
+        status.Set("Version", CF::String("3.4"));
+        WritePropertyList(built.directory / "Status.plist", status.get());
+    }
+    make("ManifestPlistMissing", "3.3", false, "Manifest.plist");
     fs::remove(root / "ManifestPlistMissing/Manifest.plist");
-    make("ManifestPlistGarbage", "3.3", false);
+    make("ManifestPlistGarbage", "3.3", false, "Manifest.plist");
     EditFile(root / "ManifestPlistGarbage/Manifest.plist", [](Bytes b) { return Cut(b, b.size() / 3); });
 
     // The key bag and the manifest key of an encrypted backup.
-    EditManifestPlist(make("KeyBagTruncated", "3.3", true), "BackupKeyBag",
+    EditManifestPlist(make("KeyBagTruncated", "3.3", true, "BackupKeyBag"), "BackupKeyBag",
                       [](Bytes b) { return Cut(b, b.size() / 2 + 3); });
-    EditManifestPlist(make("KeyBagLengthPastEnd", "3.3", true), "BackupKeyBag", [](Bytes b) {
+    EditManifestPlist(make("KeyBagLengthPastEnd", "3.3", true, "BackupKeyBag"), "BackupKeyBag", [](Bytes b) {
         // The second field's length (the first is the version, "VERS" and four bytes).
         b.at(16) = 0x7f;
         return b;
     });
-    EditManifestPlist(make("KeyBagRandom", "3.3", true), "BackupKeyBag",
+    EditManifestPlist(make("KeyBagRandom", "3.3", true, "BackupKeyBag"), "BackupKeyBag",
                       [](Bytes) { return Quiver::Support::RandomBytes(700); });
-    EditManifestPlist(make("ManifestKeyTooShort", "3.3", true), "ManifestKey", [](Bytes b) { return Cut(b, 24); });
+    EditManifestPlist(make("ManifestKeyTooShort", "3.3", true, "ManifestKey"), "ManifestKey", [](Bytes b) { return Cut(b, 24); });
 
     // Manifest.mbdb.
-    make("MbdbTruncated", "2.4", false);
+    make("MbdbTruncated", "2.4", false, "Manifest.mbdb");
     EditFile(root / "MbdbTruncated/Manifest.mbdb", [](Bytes b) { return Cut(b, b.size() - 30); });
-    make("MbdbFieldPastEnd", "2.4", false);
+    make("MbdbFieldPastEnd", "2.4", false, "Manifest.mbdb");
     EditFile(root / "MbdbFieldPastEnd/Manifest.mbdb", [](Bytes b) {
         // The first record's domain: its length follows the six bytes of the header.
         b.at(6) = 0xff;
@@ -146,7 +152,7 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
         {"MbdbStoredFileMissing", "2.4", false, true, [](const fs::path& p) { fs::remove(p); }},
     };
     for (const StoredFault& fault : stored) {
-        BuiltBackup built = make(fault.name, fault.version, fault.encrypted, fault.digests);
+        BuiltBackup built = make(fault.name, fault.version, fault.encrypted, "Documents/large.db", fault.digests);
         const BuiltItem& victim = built.Item(out.back().domain, out.back().relativePath);
         fault.damage(built.directory / victim.localFilename);
         out.back().storedFileFault = true;
@@ -154,7 +160,7 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
 
     // A zip cut short.
     {
-        BuiltBackup built = make("ZipTruncated", "3.3", false);
+        BuiltBackup built = make("ZipTruncated", "3.3", false, "zip");
         const fs::path zip = root / "ZipTruncated.zip";
         CFErrorRef error = nullptr;
         Quiver::Backup backup = Quiver::QVBackupContainerCreateFromDirectory(

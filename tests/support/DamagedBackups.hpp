@@ -18,6 +18,7 @@ struct DamagedBackup {
     // stored file, else a file of 100,000 bytes.
     std::string domain;
     std::string relativePath;
+    std::string named;  // what an error message must name: the damaged file, or what is wrong in it
     // True when only reading that file's contents can show the fault: the manifest and metadata are
     // sound, so listing the backup succeeds.
     bool storedFileFault = false;

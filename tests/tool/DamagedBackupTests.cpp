@@ -117,7 +117,9 @@ TEST_F(DamagedBackupTest, EveryCommandEndsWithOneClearLineAndStatusFour) {
                 const size_t end = r.err.find('\n', at);
                 at = end == std::string::npos ? r.err.size() : end + 1;
             }
-            expect(r.status == 4 && prefixed && std::count(r.err.begin(), r.err.end(), '\n') == lines, what, r);
+            expect(r.status == 4 && prefixed && std::count(r.err.begin(), r.err.end(), '\n') == lines &&
+                       r.err.find(backup.named) != std::string::npos,
+                   what, r);
             expect(r.out.empty(), what + " wrote to standard output", r);
             // What would be a new backup is not left half-written; an extraction keeps what it could
             // read, but never the damaged file.
@@ -147,7 +149,7 @@ TEST_F(DamagedBackupTest, NoCommandChangesTheBackupItReads) {
         d.manifestVersion = version;
         d.encrypted = encrypted;
         BuiltBackup built = BuildBackup(root_ / "sound" / name, d);
-        sound.push_back({name, built.directory, encrypted ? d.password : "", "HomeDomain", "Library/Preferences/one.txt"});
+        sound.push_back({name, built.directory, encrypted ? d.password : "", "HomeDomain", "Library/Preferences/one.txt", ""});
     }
     sound.push_back(sound.front());
     ASSERT_EQ(Run({"export", sound.back().path.string(), (root_ / "sound/plain.zip").string(), "--zip"}, "").status, 0);

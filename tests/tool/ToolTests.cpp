@@ -223,30 +223,6 @@ TEST_F(PasswordAndStatus, APasswordInTheEnvironmentDoesNotStopAPlainBackup) {
     EXPECT_EQ(r.status, 0) << r.err;
 }
 
-TEST_F(PasswordAndStatus, WhatIsNotAUsableBackupEndsWithStatusFour) {
-    fs::create_directories(work_ / "empty");
-    RunResult empty = Run({"info", (work_ / "empty").string()});
-    EXPECT_EQ(empty.status, 4);
-    EXPECT_NE(empty.err.find("Manifest.plist is missing"), std::string::npos) << empty.err;
-
-    WriteWholeFile(work_ / "junk.zip", {'n', 'o', 't', ' ', 'a', ' ', 'z', 'i', 'p'});
-    EXPECT_EQ(Run({"ls", (work_ / "junk.zip").string()}).status, 4);
-
-    BuiltBackup future = Build("future", "3.3", false);
-    CF::Dictionary status = ReadPropertyList(future.directory / "Status.plist").MutableCopy();
-    status.Set("Version", CF::String("3.4"));
-    WritePropertyList(future.directory / "Status.plist", status.get());
-    RunResult unsupported = Run({"info", future.directory.string()});
-    EXPECT_EQ(unsupported.status, 4);
-    EXPECT_NE(unsupported.err.find("3.4"), std::string::npos) << unsupported.err;
-
-    BuiltBackup damaged = Build("damaged", "3.3", false);
-    WriteWholeFile(damaged.directory / "Manifest.db", std::vector<uint8_t>(4096, 0x5a));
-    RunResult bad = Run({"info", damaged.directory.string()});
-    EXPECT_EQ(bad.status, 4);
-    EXPECT_NE(bad.err.find("damaged"), std::string::npos) << bad.err;
-}
-
 TEST_F(PasswordAndStatus, UsageErrorsAndMissingItems) {
     EXPECT_EQ(Run({}).status, 2);
     EXPECT_EQ(Run({"frobnicate"}).status, 2);

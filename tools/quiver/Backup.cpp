@@ -65,6 +65,34 @@ std::string TrailingName(const std::string& reason) {
     return reason.substr(open + 1, reason.size() - open - 2);
 }
 
+// The file of the backup that a loading error is about, for the message; empty when unknown.
+std::string DamagedPart(const CF::Error& error) {
+    const std::string reason = error.Reason();
+    switch (error.Code()) {
+        case QVErrorInvalidManifestDatabase:
+        case QVErrorDatabaseOperation:
+        case QVErrorInvalidMBFile:
+            return "Manifest.db";
+        case QVErrorLoadingExternalRepresentation:
+            return reason == "An error ocurred while loading manifest file" ? "Manifest.mbdb" : "";
+        case QVErrorCryptoOperation:
+            return reason.rfind("Failed to decrypt/encrypt", 0) == 0 ? "Manifest.db (enciphered)" : "Manifest.plist";
+        case QVErrorInvalidKeyBag:
+            return "the key bag (BackupKeyBag in Manifest.plist)";
+        case QVErrorUnlockFailed:
+            return "the manifest key (ManifestKey in Manifest.plist)";
+        case QVErrorInvalidMetadata:
+            return "Manifest.plist";
+        default:
+            return "";
+    }
+}
+
+Failure Damaged(const std::string& path, const CF::Error& error) {
+    const std::string part = DamagedPart(error);
+    return Failure(kBadBackup, fmt::format("{} is damaged: {}{}", path, part.empty() ? "" : part + ": ", ErrorText(error)));
+}
+
 Failure LoadFailure(const std::string& path, const CF::Error& error) {
     const std::string reason = error.Reason();
     switch (error.Code()) {
@@ -78,13 +106,15 @@ Failure LoadFailure(const std::string& path, const CF::Error& error) {
         case QVErrorUnlockFailed:
             if (IsWrongPassword(error))
                 return Failure(kPasswordProblem, fmt::format("the password for {} is incorrect", path));
-            return Failure(kBadBackup, fmt::format("{} is damaged: {}", path, ErrorText(error)));
+            return Damaged(path, error);
         case QVErrorInvalidBackup:
             if (reason.find("metadata file missing") != std::string::npos)
                 return Failure(kBadBackup, fmt::format("{} is not a backup: {} is missing", path, TrailingName(reason)));
             if (reason.rfind("Failed to open zip file", 0) == 0)
                 return Failure(kBadBackup,
-                               fmt::format("{} is not a backup: it is neither a backup directory nor a zip file", path));
+                               fmt::format("{} is not a backup: it is neither a backup directory nor a zip file that "
+                                           "can be read (it may be cut short)",
+                                           path));
             if (reason.rfind("Failed to load backup metadata file", 0) == 0)
                 return Failure(kBadBackup, fmt::format("{} is not a readable backup: {} could not be read ({})", path,
                                                        TrailingName(reason), ErrorText(error.Underlying())));
@@ -100,7 +130,7 @@ Failure LoadFailure(const std::string& path, const CF::Error& error) {
         case QVErrorCryptoOperation:
         case QVErrorInvalidKeyBag:
         case QVErrorInvalidMetadata:
-            return Failure(kBadBackup, fmt::format("{} is damaged: {}", path, ErrorText(error)));
+            return Damaged(path, error);
         default:
             return Failure(kFailure, fmt::format("cannot open {}: {}", path, ErrorText(error)));
     }
