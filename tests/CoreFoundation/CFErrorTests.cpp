@@ -72,62 +72,57 @@ protected:
     }
 };
 
-TEST_F(ErrorTest, CopiesUserInfoAndRetainsDomain) {
-    CFDictionarySetValue(info, kCFErrorLocalizedFailureReasonKey, str("first").get());
-    CFIndex domainBase = CFGetRetainCount(domain);
-    {
-        Ref<CFErrorRef> e = make(3, info);
-        EXPECT_EQ(CFGetRetainCount(domain), domainBase + 1);
-        CFDictionarySetValue(info, kCFErrorLocalizedFailureReasonKey, str("changed").get());
-        EXPECT_EQ(take(CFErrorCopyFailureReason(e)), "first");
-        Ref<CFDictionaryRef> copied(CFErrorCopyUserInfo(e));
-        EXPECT_EQ(CFDictionaryGetCount(copied), 1);
-        EXPECT_EQ(CFErrorGetDomain(e), domain.get());
-        EXPECT_EQ(CFErrorGetCode(e), 3);
-    }
-    EXPECT_EQ(CFGetRetainCount(domain), domainBase);
-}
-
-TEST_F(ErrorTest, NullUserInfoBecomesEmpty) {
-    Ref<CFErrorRef> e = make(0, nullptr);
-    Ref<CFDictionaryRef> copied(CFErrorCopyUserInfo(e));
-    ASSERT_TRUE(copied);
-    EXPECT_EQ(CFDictionaryGetCount(copied), 0);
-    EXPECT_EQ(CFErrorCopyFailureReason(e), nullptr);
-    EXPECT_EQ(CFErrorCopyRecoverySuggestion(e), nullptr);
-}
-
-TEST_F(ErrorTest, UnderlyingErrorLivesAsLongAsTheOuterOne) {
+TEST_F(ErrorTest, CopiesUserInfoRetainsDomainAndUnderlyingErrorAndMatchesDomainAndCode) {
     Ref<CFErrorRef> underlying(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, ENOENT, nullptr));
-    CFIndex base = CFGetRetainCount(underlying);
+    CFIndex domainBase = CFGetRetainCount(domain), underlyingBase = CFGetRetainCount(underlying);
+    CFDictionarySetValue(info, kCFErrorLocalizedFailureReasonKey, str("first").get());
     CFDictionarySetValue(info, kCFErrorUnderlyingErrorKey, underlying.get());
     {
-        Ref<CFErrorRef> outer = make(3, info);
+        Ref<CFErrorRef> e = make(3, info);
+        CFDictionarySetValue(info, kCFErrorLocalizedFailureReasonKey, str("changed").get());
         CFDictionaryRemoveValue(info, kCFErrorUnderlyingErrorKey);
-        EXPECT_EQ(CFGetRetainCount(underlying), base + 1);
-        Ref<CFDictionaryRef> copied(CFErrorCopyUserInfo(outer));
+        EXPECT_EQ(CFGetRetainCount(domain), domainBase + 1);
+        EXPECT_EQ(CFGetRetainCount(underlying), underlyingBase + 1);
+        EXPECT_EQ(take(CFErrorCopyFailureReason(e)), "first");
+        Ref<CFDictionaryRef> copied(CFErrorCopyUserInfo(e));
+        EXPECT_EQ(CFDictionaryGetCount(copied), 2);
         EXPECT_EQ(CFDictionaryGetValue(copied, kCFErrorUnderlyingErrorKey), underlying.get());
+        EXPECT_EQ(CFErrorGetDomain(e), domain.get());
+        EXPECT_EQ(CFErrorGetCode(e), 3);
+        EXPECT_TRUE(CFErrorDomainAndCodeMatch(e, str("Quiver.ErrorDomain"), 3));
+        EXPECT_FALSE(CFErrorDomainAndCodeMatch(e, str("Quiver.ErrorDomain"), 4));
+        EXPECT_FALSE(CFErrorDomainAndCodeMatch(e, kCFErrorDomainPOSIX, 3));
+        EXPECT_FALSE(CFErrorDomainAndCodeMatch(nullptr, domain, 3));
     }
-    EXPECT_EQ(CFGetRetainCount(underlying), base);
+    EXPECT_EQ(CFGetRetainCount(domain), domainBase);
+    EXPECT_EQ(CFGetRetainCount(underlying), underlyingBase);
+    // A null dictionary becomes an empty one.
+    Ref<CFErrorRef> bare = make(0, nullptr);
+    Ref<CFDictionaryRef> empty(CFErrorCopyUserInfo(bare));
+    ASSERT_TRUE(empty);
+    EXPECT_EQ(CFDictionaryGetCount(empty), 0);
+    EXPECT_EQ(CFErrorCopyFailureReason(bare), nullptr);
+    EXPECT_EQ(CFErrorCopyRecoverySuggestion(bare), nullptr);
 }
 
-TEST_F(ErrorTest, DescriptionPrefersTheLocalizedDescription) {
-    CFDictionarySetValue(info, kCFErrorLocalizedDescriptionKey, str("Error in filesystem").get());
-    CFDictionarySetValue(info, kCFErrorLocalizedFailureReasonKey, str("disk full").get());
-    EXPECT_EQ(take(CFErrorCopyDescription(make(3, info))), "Error in filesystem");
-}
-
-TEST_F(ErrorTest, DescriptionFallsBackToReasonThenDomainAndCode) {
-    CFDictionarySetValue(info, kCFErrorLocalizedFailureReasonKey, str("disk full").get());
-    EXPECT_EQ(take(CFErrorCopyDescription(make(3, info))), "The operation couldn't be completed. disk full");
+TEST_F(ErrorTest, DescriptionIsTheLocalizedOneOrTheReasonOrDomainAndCode) {
+    const char* const generic = "The operation couldn't be completed. (Quiver.ErrorDomain error 3.)";
+    const struct {
+        CFTypeRef description;
+        const char* reason;
+        const char* expected;
+    } cases[] = {{CFSTR("Error in filesystem"), "disk full", "Error in filesystem"},
+                 {nullptr, "disk full", "The operation couldn't be completed. disk full"},
+                 {nullptr, nullptr, generic},
+                 {kCFBooleanTrue, nullptr, generic}};  // not a string: ignored
+    for (const auto& c : cases) {
+        CFDictionaryRemoveAllValues(info);
+        if (c.description) CFDictionarySetValue(info, kCFErrorLocalizedDescriptionKey, c.description);
+        if (c.reason) CFDictionarySetValue(info, kCFErrorLocalizedFailureReasonKey, str(c.reason).get());
+        EXPECT_EQ(take(CFErrorCopyDescription(make(3, info))), c.expected);
+    }
     EXPECT_EQ(take(CFErrorCopyDescription(make(-7, nullptr))),
               "The operation couldn't be completed. (Quiver.ErrorDomain error -7.)");
-}
-
-TEST_F(ErrorTest, NonStringDescriptionIsIgnored) {
-    CFDictionarySetValue(info, kCFErrorLocalizedDescriptionKey, kCFBooleanTrue);
-    EXPECT_EQ(take(CFErrorCopyDescription(make(2, info))),
-              "The operation couldn't be completed. (Quiver.ErrorDomain error 2.)");
 }
 
 TEST_F(ErrorTest, DescribesItselfWithoutAddresses) {
@@ -140,14 +135,6 @@ TEST_F(ErrorTest, DescribesItselfWithoutAddresses) {
               "    NSUnderlyingError = Error Domain=NSPOSIXErrorDomain Code=2 "
               "\"The operation couldn't be completed. (NSPOSIXErrorDomain error 2.)\";\n"
               "}");
-}
-
-TEST_F(ErrorTest, DomainAndCodeMatch) {
-    Ref<CFErrorRef> e = make(16, nullptr);
-    EXPECT_TRUE(CFErrorDomainAndCodeMatch(e, str("Quiver.ErrorDomain"), 16));
-    EXPECT_FALSE(CFErrorDomainAndCodeMatch(e, str("Quiver.ErrorDomain"), 15));
-    EXPECT_FALSE(CFErrorDomainAndCodeMatch(e, kCFErrorDomainPOSIX, 16));
-    EXPECT_FALSE(CFErrorDomainAndCodeMatch(nullptr, domain, 16));
 }
 
 TEST(ErrnoDescription, KnownValuesHaveTextsUnknownOnesNone) {

@@ -122,7 +122,7 @@ TEST(NumberType, CanonicalTypesDescriptionsAndBooleanConstants) {
     EXPECT_FALSE(CFEqual(kCFBooleanTrue, kCFBooleanFalse));
 }
 
-TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremes) {
+TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremesAndHashAlikeWhenEqual) {
     const long long max = std::numeric_limits<long long>::max();
     // (double)INT64_MAX rounds up to 2^63, which is larger than every int64.
     EXPECT_EQ(CFNumberCompare(num(max), num(static_cast<double>(max)), nullptr), kCFCompareLessThan);
@@ -132,9 +132,7 @@ TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremes) {
     EXPECT_EQ(CFNumberCompare(num(std::numeric_limits<long long>::min()), num(-9223372036854775808.0), nullptr),
               kCFCompareEqualTo);
     EXPECT_FALSE(CFEqual(num(max).get(), num(static_cast<double>(max)).get()));
-}
-
-TEST(NumberCompare, EqualValuesHashAlikeAndNaNSortsFirst) {
+    // Equal values hash alike; NaN sorts first and equals itself.
     EXPECT_TRUE(CFEqual(num(1LL).get(), num(1.0).get()));
     EXPECT_EQ(CFHash(num(1LL).get()), CFHash(num(1.0).get()));
     EXPECT_EQ(CFHash(num(0LL).get()), CFHash(num(-0.0).get()));
@@ -196,7 +194,7 @@ Ref<CFDataRef> from_base64(const char* text) {
     return Ref<CFDataRef>(CFDataCreateFromBase64Representation(nullptr, str(text)));
 }
 
-TEST(Base64, TestVectorsAndLenientInput) {
+TEST(Base64, TestVectorsLenientInputEveryByteValueAndMalformedInput) {
     const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg=="},     {"fo", "Zm8="},
                                                            {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
                                                            {"foobar", "Zm9vYmFy"}};
@@ -211,9 +209,6 @@ TEST(Base64, TestVectorsAndLenientInput) {
     }
     EXPECT_EQ(decode(" Zm9v\r\nYmE=\t"), "fooba");  // whitespace is skipped
     EXPECT_EQ(decode("Zm9vYg"), "foob");            // padding may be left off
-}
-
-TEST(Base64, EveryByteValueRoundTripsAndMalformedInputIsRefused) {
     std::vector<UInt8> all(256);
     for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<UInt8>(255 - i);
     Ref<CFDataRef> d(CFDataCreate(nullptr, all.data(), 256));
