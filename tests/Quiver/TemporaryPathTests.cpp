@@ -9,21 +9,15 @@
 
 #include "Quiver/CF/String.hpp"
 #include "Quiver/QVTemporaryPath.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class TemporaryPath : public ::testing::Test {
+class TemporaryPath : public QuiverTest::ScratchDirectoryTest {
 protected:
     static void SetUpTestSuite() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quiver-path-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        root = pattern;
-    }
-    void TearDown() override { fs::remove_all(root); }
-    fs::path root;
 };
 
 bool set(const fs::path& p) { return QuiverSetTemporaryPath(CF::String(p.string()).get()); }
@@ -38,9 +32,20 @@ std::string copied() {
 
 }  // namespace
 
-TEST_F(TemporaryPath, EmptyOrNullIsRefusedAndNothingIsSet) {
-    EXPECT_IN_FRESH_PROCESS(!QuiverSetTemporaryPath(CFSTR("")) && !QuiverSetTemporaryPath(nullptr) &&
-                            QuiverCopyTemporaryPath() == nullptr);
+TEST_F(TemporaryPath, GettersThrowUntilSetAndEmptyNullOrUncreatablePathsAreRefused) {
+    fs::path file = root / "plain-file";
+    std::ofstream(file) << "x";
+    auto check = [&] {
+        try {
+            Quiver::GetTemporaryPath();
+            return false;
+        } catch (const std::runtime_error& e) {
+            if (std::string(e.what()) != "Temporary storage path not set") return false;
+        }
+        return !QuiverSetTemporaryPath(CFSTR("")) && !QuiverSetTemporaryPath(nullptr) && !set(file / "below") &&
+               QuiverCopyTemporaryPath() == nullptr && set(root / "good");
+    };
+    EXPECT_IN_FRESH_PROCESS(check());
 }
 
 TEST_F(TemporaryPath, MissingParentsAreCreated) {
@@ -49,31 +54,10 @@ TEST_F(TemporaryPath, MissingParentsAreCreated) {
                             Quiver::GetTemporaryFilesystemPath() == deep);
 }
 
-TEST_F(TemporaryPath, SameTwiceSucceedsAndAnotherIsRefused) {
-    fs::path first = root / "first";
-    EXPECT_IN_FRESH_PROCESS(set(first) && set(first) && !set(root / "second") && copied() == first.string());
-}
-
-TEST_F(TemporaryPath, LetterCaseMakesADifferentPath) {
-    EXPECT_IN_FRESH_PROCESS(set(root / "Store") && !set(root / "store"));
-}
-
-TEST_F(TemporaryPath, UncreatableDirectoryLeavesPathUnset) {
-    fs::path file = root / "plain-file";
-    std::ofstream(file) << "x";
-    EXPECT_IN_FRESH_PROCESS(!set(file / "below") && QuiverCopyTemporaryPath() == nullptr && set(root / "good"));
-}
-
-TEST_F(TemporaryPath, GettersThrowUntilSet) {
-    auto check = [] {
-        try {
-            Quiver::GetTemporaryPath();
-            return false;
-        } catch (const std::runtime_error& e) {
-            return std::string(e.what()) == "Temporary storage path not set";
-        }
-    };
-    EXPECT_IN_FRESH_PROCESS(check());
+TEST_F(TemporaryPath, SameTwiceSucceedsAndAnotherEvenInLetterCaseIsRefused) {
+    fs::path first = root / "Store";
+    EXPECT_IN_FRESH_PROCESS(set(first) && set(first) && !set(root / "store") && !set(root / "second") &&
+                            copied() == first.string());
 }
 
 TEST_F(TemporaryPath, CopyIsAFreshMutableString) {

@@ -2,7 +2,6 @@
 // malformed ciphertext and file round trips.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <random>
 #include <stdexcept>
@@ -13,6 +12,7 @@
 #include "Quiver/Support/Encoding.hpp"
 #include "Quiver/Support/File.hpp"
 #include "Quiver/Support/KeyWrap.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 namespace fs = std::filesystem;
 using namespace Quiver::Support;
@@ -65,7 +65,7 @@ const NistCase kNistCases[] = {
      "39f23369a9d9bacfa530e26304231461" "b2eb05e2c39be9fcda6c19078c6a9d1b"},
 };
 
-TEST(CryptorKnownAnswers, NistVectorsWithTheirInitialValue) {
+TEST(CryptorKnownAnswers, NistVectorsWithTheirInitialValueOrAnEmptyOneMeaningZero) {
     for (const auto& c : kNistCases) {
         Bytes key = Hex(c.key), expected = Hex(c.cipher);
         Bytes cipher = Cryptor::Encrypt(c.algorithm, key, kNistIV, kNistPlain);
@@ -73,16 +73,10 @@ TEST(CryptorKnownAnswers, NistVectorsWithTheirInitialValue) {
         ASSERT_EQ(cipher.size(), kNistPlain.size() + 16);
         EXPECT_EQ(Bytes(cipher.begin(), cipher.begin() + 64), expected);
         EXPECT_EQ(Cryptor::Decrypt(c.algorithm, key, kNistIV, cipher), kNistPlain);
-    }
-}
-
-TEST(CryptorKnownAnswers, EmptyInitialValueMeansZero) {
-    // CBC with IV v on P1 equals CBC with a zero IV on P1 xor v, so the NIST ciphertext must come out.
-    for (const auto& c : kNistCases) {
-        Bytes key = Hex(c.key), plain = kNistPlain;
+        // CBC with IV v on P1 equals CBC with a zero IV on P1 xor v, so the NIST ciphertext must come out.
+        Bytes plain = kNistPlain;
         for (int i = 0; i < 16; ++i) plain[i] ^= kNistIV[i];
-        Bytes cipher = Cryptor::Encrypt(c.algorithm, key, {}, plain);
-        EXPECT_EQ(Bytes(cipher.begin(), cipher.begin() + 64), Hex(c.cipher));
+        EXPECT_EQ(Cryptor::Encrypt(c.algorithm, key, {}, plain), cipher);
         EXPECT_EQ(Cryptor::Encrypt(c.algorithm, key, Bytes(16, 0), plain), cipher);
         EXPECT_EQ(Cryptor::Decrypt(c.algorithm, key, {}, cipher), plain);
     }
@@ -126,13 +120,10 @@ protected:
     Bytes key_ = Pseudorandom(16, 3);
 };
 
-TEST_F(CryptorMalformedTest, ValidShortPaddingIsRemoved) {
-    Bytes block(16, 'x');
-    block[14] = block[15] = 2;
-    EXPECT_EQ(Cryptor::Decrypt(Alg::AES128, key_, {}, CipherOfFinalBlock(block)), Bytes(14, 'x'));
-}
-
-TEST_F(CryptorMalformedTest, BadPaddingThrows) {
+TEST_F(CryptorMalformedTest, PaddingIsCheckedWhole) {
+    Bytes valid(16, 'x');
+    valid[14] = valid[15] = 2;
+    EXPECT_EQ(Cryptor::Decrypt(Alg::AES128, key_, {}, CipherOfFinalBlock(valid)), Bytes(14, 'x'));
     Bytes zeroPad(16, 0);                            // pad length 0
     Bytes tooLong(16, 0x11);                         // pad length above the block size
     Bytes inconsistent(16, 'x');                     // claims 5 bytes of padding, has one
@@ -145,7 +136,7 @@ TEST_F(CryptorMalformedTest, BadPaddingThrows) {
     }
 }
 
-TEST_F(CryptorMalformedTest, LengthNotAMultipleOfTheBlockThrows) {
+TEST_F(CryptorMalformedTest, LengthMustBeWholeBlocksAndEmptyDecryptsToNothing) {
     Bytes cipher = Cryptor::Encrypt(Alg::AES128, key_, {}, Pseudorandom(40, 5));
     for (std::size_t cut : {1u, 15u, 17u}) {
         Bytes truncated(cipher.begin(), cipher.end() - static_cast<std::ptrdiff_t>(cut));
@@ -155,15 +146,11 @@ TEST_F(CryptorMalformedTest, LengthNotAMultipleOfTheBlockThrows) {
     Cryptor streaming(Op::Decrypt, Alg::AES128, key_);
     streaming.Update(cipher.data(), 33);
     EXPECT_EQ(ThrownText([&] { streaming.Finalize(); }), "ciphertext length is not a multiple of the block size");
-}
-
-TEST_F(CryptorMalformedTest, EmptyCiphertextDecryptsToNothing) {
     EXPECT_TRUE(Cryptor::Decrypt(Alg::AES128, key_, {}, Bytes{}).empty());
-    // Encrypting nothing still yields one padding block.
-    EXPECT_EQ(Cryptor::Encrypt(Alg::AES128, key_, {}, Bytes{}).size(), 16u);
+    EXPECT_EQ(Cryptor::Encrypt(Alg::AES128, key_, {}, Bytes{}).size(), 16u);  // one padding block
 }
 
-TEST(CryptorArguments, WrongKeyOrInitialValueLengthsAndUnknownCodesThrow) {
+TEST(CryptorArguments, WrongKeyOrInitialValueLengthsUnknownCodesAndUseAfterFinalizeThrow) {
     Bytes k16(16, 1), k32(32, 1);
     EXPECT_THROW(Cryptor(Op::Decrypt, Alg::AES128, k32), std::runtime_error);
     EXPECT_THROW(Cryptor(Op::Decrypt, Alg::AES256, k16), std::runtime_error);
@@ -172,25 +159,15 @@ TEST(CryptorArguments, WrongKeyOrInitialValueLengthsAndUnknownCodesThrow) {
     EXPECT_THROW(Cryptor(Op::Encrypt, static_cast<Alg>(2), k16), std::runtime_error);
     EXPECT_THROW(Cryptor(static_cast<Op>(7), Alg::AES128, k16), std::runtime_error);
     EXPECT_NO_THROW(Cryptor(Op::Encrypt, Alg::AES256, k32, Bytes(16, 0)));
-}
-
-TEST(CryptorArguments, FinalizedCryptorRefusesFurtherUse) {
-    Cryptor cryptor(Op::Encrypt, Alg::AES128, Bytes(16, 1));
-    cryptor.Finalize();
+    Cryptor finalized(Op::Encrypt, Alg::AES128, k16);
+    finalized.Finalize();
     uint8_t byte = 0;
-    EXPECT_THROW(cryptor.Update(&byte, 1), std::runtime_error);
-    EXPECT_THROW(cryptor.Finalize(), std::runtime_error);
+    EXPECT_THROW(finalized.Update(&byte, 1), std::runtime_error);
+    EXPECT_THROW(finalized.Finalize(), std::runtime_error);
 }
 
-class CryptorFileTest : public ::testing::Test {
+class CryptorFileTest : public QuiverTest::ScratchDirectoryTest {
 protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quiver-cryptor-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
     uint64_t CryptFile(Op op, Alg alg, const Bytes& key, const fs::path& from, const fs::path& to) {
         readable_file source(from);
         writable_file destination(to);
@@ -198,33 +175,23 @@ protected:
         destination.close();
         return written;
     }
-    fs::path dir_;
 };
 
-TEST_F(CryptorFileTest, FileRoundTripAcrossSeveralChunks) {
+TEST_F(CryptorFileTest, FileRoundTripAcrossSeveralChunksAndTruncatedCipherFileThrows) {
     const Bytes plain = Pseudorandom((3 << 20) + 5, 6);
-    {
-        writable_file file(dir_ / "plain");
-        file.write(plain);
-    }
+    writable_file(root / "plain").write(plain);
     for (Alg alg : {Alg::AES128, Alg::AES256}) {
         Bytes key = Pseudorandom(alg == Alg::AES128 ? 16 : 32, 7);
-        uint64_t cipherSize = CryptFile(Op::Encrypt, alg, key, dir_ / "plain", dir_ / "cipher");
+        uint64_t cipherSize = CryptFile(Op::Encrypt, alg, key, root / "plain", root / "cipher");
         EXPECT_EQ(cipherSize, (plain.size() / 16 + 1) * 16);
-        Bytes cipher = readable_file(dir_ / "cipher").read_whole_file(8 << 20);
+        Bytes cipher = readable_file(root / "cipher").read_whole_file(8 << 20);
         EXPECT_EQ(cipher, Cryptor::Encrypt(alg, key, {}, plain));
-        EXPECT_EQ(CryptFile(Op::Decrypt, alg, key, dir_ / "cipher", dir_ / "back"), plain.size());
-        EXPECT_EQ(readable_file(dir_ / "back").read_whole_file(8 << 20), plain);
+        EXPECT_EQ(CryptFile(Op::Decrypt, alg, key, root / "cipher", root / "back"), plain.size());
+        EXPECT_EQ(readable_file(root / "back").read_whole_file(8 << 20), plain);
+        cipher.resize(cipher.size() - 3);
+        writable_file(root / "cut").write(cipher);
+        EXPECT_THROW(CryptFile(Op::Decrypt, alg, key, root / "cut", root / "out"), std::runtime_error);
     }
-}
-
-TEST_F(CryptorFileTest, TruncatedCipherFileThrows) {
-    Bytes cipher = Cryptor::Encrypt(Alg::AES256, Bytes(32, 9), {}, Pseudorandom(5000, 8));
-    {
-        writable_file file(dir_ / "cut");
-        file.write(cipher.data(), cipher.size() - 3);
-    }
-    EXPECT_THROW(CryptFile(Op::Decrypt, Alg::AES256, Bytes(32, 9), dir_ / "cut", dir_ / "out"), std::runtime_error);
 }
 
 // RFC 3394 section 4 test vectors.
@@ -246,21 +213,17 @@ TEST(KeyWrapVectors, Rfc3394Section4) {
     }
 }
 
-TEST(KeyWrapIntegrity, WrongKekOrDamagedBlobFailsTheCheck) {
-    Bytes kek = Pseudorandom(32, 11), key = Pseudorandom(32, 12);
+TEST(KeyWrapIntegrity, WrongKekDamagedBlobOrOtherInitialValueFailsTheCheck) {
+    Bytes kek = Pseudorandom(32, 11), key = Pseudorandom(32, 12), iv = Pseudorandom(8, 16);
     Bytes wrapped = RFC3394Wrap(kek, key);
     ASSERT_EQ(wrapped.size(), 40u);
+    Bytes withIV = RFC3394Wrap(kek, key, iv);
+    EXPECT_NE(withIV, wrapped);
+    EXPECT_EQ(RFC3394Unwrap(kek, withIV, iv), key);
+    EXPECT_EQ(ThrownText([&] { RFC3394Unwrap(kek, withIV); }), "integrity check failed");
     EXPECT_EQ(ThrownText([&] { RFC3394Unwrap(Pseudorandom(32, 13), wrapped); }), "integrity check failed");
     wrapped[20] ^= 1;
     EXPECT_EQ(ThrownText([&] { RFC3394Unwrap(kek, wrapped); }), "integrity check failed");
-}
-
-TEST(KeyWrapIntegrity, InitialValueMustMatch) {
-    Bytes kek = Pseudorandom(16, 14), key = Pseudorandom(24, 15), iv = Pseudorandom(8, 16);
-    Bytes wrapped = RFC3394Wrap(kek, key, iv);
-    EXPECT_NE(wrapped, RFC3394Wrap(kek, key));
-    EXPECT_EQ(RFC3394Unwrap(kek, wrapped, iv), key);
-    EXPECT_THROW(RFC3394Unwrap(kek, wrapped), std::runtime_error);
 }
 
 TEST(KeyWrapIntegrity, BadLengthsAreRefused) {

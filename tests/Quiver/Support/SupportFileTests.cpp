@@ -3,30 +3,23 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "Quiver/Support/File.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 namespace fs = std::filesystem;
 using namespace Quiver::Support;
 
 namespace {
 
-class SupportFileTest : public ::testing::Test {
+class SupportFileTest : public QuiverTest::ScratchDirectoryTest {
 protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quiver-support-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
     fs::path Write(const std::string& name, const std::vector<uint8_t>& bytes) {
-        fs::path path = dir_ / name;
+        fs::path path = root / name;
         writable_file file(path);
         file.write(bytes);
         file.close();
@@ -50,25 +43,20 @@ protected:
             EXPECT_NE(std::string(e.what()).find("'" + path.string() + "'"), std::string::npos) << e.what();
         }
     }
-
-    fs::path dir_;
 };
 
-TEST_F(SupportFileTest, MissingPathThrowsENOENTNamingOperationAndPath) {
-    fs::path missing = dir_ / "no" / "such";
+TEST_F(SupportFileTest, MissingPathAndDirectoryAreRefusedForReadingNamingOperationAndPath) {
+    fs::path missing = root / "no" / "such";
     ExpectSystemError([&] { readable_file file(missing); }, ENOENT, missing);
     try {
         readable_file file(missing);
     } catch (const std::system_error& e) {
         EXPECT_EQ(std::string(e.what()).rfind("open failed for '" + missing.string() + "'", 0), 0u) << e.what();
     }
+    ExpectSystemError([&] { readable_file file(root); }, EISDIR, root);
 }
 
-TEST_F(SupportFileTest, DirectoryIsRefusedForReading) {
-    ExpectSystemError([&] { readable_file file(dir_); }, EISDIR, dir_);
-}
-
-TEST_F(SupportFileTest, ReadReturnsZeroOnlyAtEnd) {
+TEST_F(SupportFileTest, ReadReturnsZeroOnlyAtEndAndClosedFilesRefuseIO) {
     fs::path path = Write("five", Bytes("hello"));
     readable_file file(path);
     EXPECT_EQ(file.size(), 5u);
@@ -78,9 +66,20 @@ TEST_F(SupportFileTest, ReadReturnsZeroOnlyAtEnd) {
     EXPECT_EQ(buffer[0], 'l');
     EXPECT_EQ(buffer[1], 'o');
     EXPECT_EQ(file.read(buffer, 3), 0u);
+    file.close();
+    EXPECT_FALSE(file.is_open());
+    EXPECT_THROW(file.read(buffer, 1), std::system_error);
+    std::error_code ec;
+    EXPECT_EQ(file.read(buffer, 1, ec), 0u);
+    EXPECT_EQ(ec.value(), EBADF);
+    writable_file writer(path, writable_file::mode::append);
+    writer.close();
+    EXPECT_FALSE(writer.is_open());
+    EXPECT_THROW(writer.write(Bytes("y")), std::system_error);
+    writer.close();  // a second close is harmless
 }
 
-TEST_F(SupportFileTest, ReadWholeFileAcceptsExactLimitAndRefusesMore) {
+TEST_F(SupportFileTest, ReadWholeFileAcceptsExactLimitRefusesMoreAndCopesWithFilesThatReportNoSize) {
     std::vector<uint8_t> data(100000);
     for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
     fs::path path = Write("data", data);
@@ -88,43 +87,23 @@ TEST_F(SupportFileTest, ReadWholeFileAcceptsExactLimitAndRefusesMore) {
     EXPECT_EQ(readable_file(path).read_whole_file(data.size() * 3), data);
     readable_file file(path);
     ExpectSystemError([&] { file.read_whole_file(data.size() - 1); }, EFBIG, path);
-}
-
-TEST_F(SupportFileTest, ReadWholeFileOfEmptyFileIsEmpty) {
-    fs::path path = Write("empty", {});
-    EXPECT_TRUE(readable_file(path).read_whole_file(0).empty());
-    EXPECT_TRUE(readable_file(path).read_whole_file(10).empty());
-}
-
-TEST_F(SupportFileTest, ReadWholeFileCopesWithFilesThatReportNoSize) {
+    fs::path empty = Write("empty", {});
+    EXPECT_TRUE(readable_file(empty).read_whole_file(0).empty());
+    EXPECT_TRUE(readable_file(empty).read_whole_file(10).empty());
     // /proc files claim size 0 but have contents, like pipes and growing files.
     std::vector<uint8_t> status = readable_file("/proc/self/status").read_whole_file(1 << 20);
     EXPECT_NE(std::string(status.begin(), status.end()).find("Name:"), std::string::npos);
 }
 
-TEST_F(SupportFileTest, ExclusiveCreateRefusesExistingFileAndLeavesItAlone) {
+TEST_F(SupportFileTest, ExclusiveCreateRefusesExistingFilesClobberTruncatesAndAppendExtends) {
     fs::path path = Write("taken", Bytes("keep"));
     ExpectSystemError([&] { writable_file file(path, writable_file::mode::exclusive); }, EEXIST, path);
     EXPECT_EQ(ReadAll(path), Bytes("keep"));
-
-    fs::path fresh = dir_ / "fresh";
-    writable_file file(fresh, writable_file::mode::exclusive);
-    file.write(Bytes("new"));
-    file.close();
-    EXPECT_EQ(ReadAll(fresh), Bytes("new"));
-}
-
-TEST_F(SupportFileTest, ClobberTruncatesAndAppendExtends) {
-    fs::path path = Write("f", Bytes("long old contents"));
-    {
-        writable_file file(path, writable_file::mode::clobber);
-        file.write(Bytes("ab"));
-    }
+    writable_file(root / "fresh", writable_file::mode::exclusive).write(Bytes("new"));
+    EXPECT_EQ(ReadAll(root / "fresh"), Bytes("new"));
+    writable_file(path, writable_file::mode::clobber).write(Bytes("ab"));
     EXPECT_EQ(ReadAll(path), Bytes("ab"));
-    {
-        writable_file file(path, writable_file::mode::append);
-        file.write(Bytes("cd"));
-    }
+    writable_file(path, writable_file::mode::append).write(Bytes("cd"));
     EXPECT_EQ(ReadAll(path), Bytes("abcd"));
 }
 
@@ -133,24 +112,6 @@ TEST_F(SupportFileTest, WriteFailureCarriesErrnoAndPath) {
     writable_file file("/dev/full", writable_file::mode::append);
     std::vector<uint8_t> data(4096, 1);
     ExpectSystemError([&] { file.write(data); }, ENOSPC, "/dev/full");
-}
-
-TEST_F(SupportFileTest, ClosedFilesRefuseIO) {
-    fs::path path = Write("x", Bytes("x"));
-    readable_file reader(path);
-    reader.close();
-    EXPECT_FALSE(reader.is_open());
-    uint8_t byte;
-    EXPECT_THROW(reader.read(&byte, 1), std::system_error);
-    std::error_code ec;
-    EXPECT_EQ(reader.read(&byte, 1, ec), 0u);
-    EXPECT_EQ(ec.value(), EBADF);
-
-    writable_file writer(path, writable_file::mode::append);
-    writer.close();
-    EXPECT_FALSE(writer.is_open());
-    EXPECT_THROW(writer.write(Bytes("y")), std::system_error);
-    writer.close();  // a second close is harmless
 }
 
 TEST_F(SupportFileTest, NoDescriptorLeaksThroughFailuresMovesAndDestruction) {
@@ -162,11 +123,11 @@ TEST_F(SupportFileTest, NoDescriptorLeaksThroughFailuresMovesAndDestruction) {
         a = std::move(b);  // a's own descriptor must be released here
         EXPECT_FALSE(b.is_open());
         EXPECT_EQ(a.read_whole_file(10).size(), 4u);
-        writable_file w(dir_ / "out");
-        writable_file x(dir_ / "out2");
+        writable_file w(root / "out");
+        writable_file x(root / "out2");
         w = std::move(x);
-        EXPECT_THROW(readable_file(dir_ / "missing"), std::system_error);
-        EXPECT_THROW(readable_file{dir_}, std::system_error);  // opened, then refused
+        EXPECT_THROW(readable_file(root / "missing"), std::system_error);
+        EXPECT_THROW(readable_file{root}, std::system_error);  // opened, then refused
         EXPECT_THROW(writable_file(path, writable_file::mode::exclusive), std::system_error);
     }
     EXPECT_EQ(OpenDescriptorCount(), before);

@@ -1,7 +1,6 @@
 // SHA-1 (whole, streamed and from files), hex and Base64 coding, random bytes and UUID names.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <string>
@@ -11,6 +10,7 @@
 #include "Quiver/Support/File.hpp"
 #include "Quiver/Support/Hash.hpp"
 #include "Quiver/Support/Random.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 namespace fs = std::filesystem;
 using namespace Quiver::Support;
@@ -20,53 +20,35 @@ namespace {
 
 Bytes Text(const std::string& text) { return {text.begin(), text.end()}; }
 
-TEST(Sha1Vectors, ShortMessages) {
+TEST(Sha1Vectors, ShortMessagesAMillionAStreamedInUnevenPiecesAndAFreshStartAfterFinalize) {
     EXPECT_EQ(hex_encode(Sha1(Text("abc"))), "a9993e364706816aba3e25717850c26c9cd0d89d");
     EXPECT_EQ(hex_encode(Sha1(Bytes{})), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
     EXPECT_EQ(hex_encode(Sha1(Text("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"))),
               "84983e441c3bd26ebaae4aa1f95129e5e54670f1");
-}
-
-TEST(Sha1Vectors, MillionAStreamedInUnevenPieces) {
     Hasher hasher;
     Bytes piece(997, 'a');
-    std::size_t left = 1000000;
-    while (left > 0) {
-        std::size_t n = std::min(left, piece.size());
-        hasher.Update(piece.data(), n);
-        left -= n;
-    }
+    for (std::size_t left = 1000000; left > 0; left -= std::min(left, piece.size()))
+        hasher.Update(piece.data(), std::min(left, piece.size()));
     EXPECT_EQ(hex_encode(hasher.Finalize()), "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
-}
-
-TEST(Sha1Vectors, FinalizeStartsANewMessage) {
-    Hasher hasher(HashAlgorithm::SHA1);
+    // Finalize starts a new message.
     hasher.Update(Text("ab"));
     hasher.Update(Text("c"));
     EXPECT_EQ(hex_encode(hasher.Finalize()), "a9993e364706816aba3e25717850c26c9cd0d89d");
     EXPECT_EQ(hex_encode(hasher.Finalize()), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
-}
-
-TEST(Sha1Vectors, UnknownAlgorithmCodeThrows) {
     EXPECT_THROW(Hasher(static_cast<HashAlgorithm>(0)), std::runtime_error);
 }
 
-TEST(Sha1OfFiles, LargeFileMatchesAndMissingFileThrows) {
-    std::string pattern = (fs::temp_directory_path() / "quiver-hash-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    fs::path dir = pattern;
-    {
-        writable_file file(dir / "a");
-        file.write(Bytes(1000000, 'a'));  // several read chunks
-        writable_file empty(dir / "empty");
-    }
-    EXPECT_EQ(hex_encode(HashOfFile(dir / "a")), "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
-    EXPECT_EQ(HashOfFile(dir / "empty"), Sha1(Bytes{}));
-    EXPECT_THROW(HashOfFile(dir / "missing"), std::system_error);
-    fs::remove_all(dir);
+using Sha1OfFiles = QuiverTest::ScratchDirectoryTest;
+
+TEST_F(Sha1OfFiles, LargeFileMatchesAndMissingFileThrows) {
+    writable_file(root / "a").write(Bytes(1000000, 'a'));  // several read chunks
+    writable_file empty(root / "empty");
+    EXPECT_EQ(hex_encode(HashOfFile(root / "a")), "34aa973cd4c4daa4f61eeb2bdbad27316534016f");
+    EXPECT_EQ(HashOfFile(root / "empty"), Sha1(Bytes{}));
+    EXPECT_THROW(HashOfFile(root / "missing"), std::system_error);
 }
 
-TEST(HexCoding, RoundTripAndCase) {
+TEST(HexCoding, RoundTripCaseAndMalformedText) {
     Bytes all(256);
     for (int i = 0; i < 256; ++i) all[i] = static_cast<uint8_t>(i);
     std::string text = hex_encode(all);
@@ -75,15 +57,10 @@ TEST(HexCoding, RoundTripAndCase) {
     EXPECT_EQ(hex_decode(text), all);
     EXPECT_EQ(hex_decode("DEADbeef"), (Bytes{0xde, 0xad, 0xbe, 0xef}));
     EXPECT_EQ(hex_decode(""), Bytes{});
+    for (const char* bad : {"abc", "zz", "0g", "00 11", "-1", "0x00"}) EXPECT_FALSE(hex_decode(bad).has_value()) << bad;
 }
 
-TEST(HexCoding, MalformedTextIsRejected) {
-    for (const char* bad : {"abc", "zz", "0g", "00 11", "-1", "0x00"}) {
-        EXPECT_FALSE(hex_decode(bad).has_value()) << bad;
-    }
-}
-
-TEST(Base64Coding, Rfc4648Vectors) {
+TEST(Base64Coding, Rfc4648VectorsEveryByteAndLengthWhitespaceAndMalformedText) {
     const std::pair<const char*, const char*> vectors[] = {
         {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"},
         {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
@@ -92,27 +69,17 @@ TEST(Base64Coding, Rfc4648Vectors) {
         EXPECT_EQ(base64_encode(Text(plain)), encoded);
         EXPECT_EQ(base64_decode(encoded), Text(plain)) << encoded;
     }
-}
-
-TEST(Base64Coding, RoundTripOfEveryByteAndLength) {
     Bytes data;
     for (int n = 0; n < 300; ++n) {
         EXPECT_EQ(base64_decode(base64_encode(data)), data) << n;
         data.push_back(static_cast<uint8_t>(n * 131 + 7));
     }
     EXPECT_EQ(base64_encode(Bytes{0xfb, 0xff}), "+/8=");
-}
-
-TEST(Base64Coding, WhitespaceIsSkipped) {
     EXPECT_EQ(base64_decode("\n\tZm9v\r\nYmFy \n"), Text("foobar"));
     EXPECT_EQ(base64_decode("Zm8\n="), Text("fo"));
-}
-
-TEST(Base64Coding, MalformedTextIsRejected) {
     for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "=Zg=", "Zg==Zg==", "Zg=a", "Zm9v!", "Zm9v-_",
-                            "Zh==", "Zm9=", "Zg===", "a", "===="}) {
+                            "Zh==", "Zm9=", "Zg===", "a", "===="})
         EXPECT_FALSE(base64_decode(bad).has_value()) << bad;
-    }
     EXPECT_FALSE(base64_decode(std::string("Zm\0v", 4)).has_value());
 }
 
