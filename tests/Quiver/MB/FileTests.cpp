@@ -148,7 +148,7 @@ TEST(MBFilePythonBlobs, RegularFileWithPlainDigestAndMutableDataKey) {
     }
 }
 
-TEST(MBFilePythonBlobs, DirectoryAndSymlinkWithUTF16PathNegativeIDsAndWideSize) {
+TEST(MBFilePythonBlobs, DirectorySymlinkAndAttributesWithUTF16PathNegativeIDsAndWideSize) {
     const MB::File dir = DecodeFile("ios-directory.bplist");
     EXPECT_EQ(dir.RelativePath.utf8(), "");
     EXPECT_EQ(dir.Mode, 040755u);
@@ -162,9 +162,7 @@ TEST(MBFilePythonBlobs, DirectoryAndSymlinkWithUTF16PathNegativeIDsAndWideSize) 
     EXPECT_EQ(link.GroupID, 0xFFFFFFFEu);  // written as 4294967294
     EXPECT_EQ(link.Size, (1ULL << 63) + 5);
     EXPECT_EQ(link.LastModified, -86400);
-}
-
-TEST(MBFilePythonBlobs, AttributesAsPropertyListDataOrArchivedDictionary) {
+    // Attributes as property-list data or as an archived dictionary.
     const MB::File plist = DecodeFile("ios-xattr-data.bplist");
     ASSERT_EQ(plist.ExtendedAttributes.size(), 2);
     EXPECT_EQ(Text(plist.ExtendedAttributes.Get<CF::Data>("com.apple.TextEncoding")), "utf-8;134217984");
@@ -314,7 +312,7 @@ TEST_P(MBFileArchiveChecks, ValidVariationsDecode) {
 INSTANTIATE_TEST_SUITE_P(BothFormats, MBFileArchiveChecks, ::testing::Values(Format::Binary, Format::XML),
                          [](const auto& info) { return info.param == Format::Binary ? "Binary" : "XML"; });
 
-TEST(MBFileNotAnArchive, NoDictionaryTruncatedOrCorruptedGivesNothing) {
+TEST(MBFileNotAnArchive, NoDictionaryTruncatedCorruptedOrFuzzFindingsFailCleanly) {
     EXPECT_FALSE(MB::File::Decode(Bytes{}).has_value());
     EXPECT_FALSE(MB::File::Decode(static_cast<CFDataRef>(nullptr)).has_value());
     const std::string text = "definitely not a property list";
@@ -329,10 +327,7 @@ TEST(MBFileNotAnArchive, NoDictionaryTruncatedOrCorruptedGivesNothing) {
     const uint64_t tableOffset = Quiver::Support::byte_reader(corrupt).be(corrupt.size() - 8, 8).value();
     std::fill(corrupt.begin() + static_cast<long>(tableOffset), corrupt.end() - 32, 0);
     EXPECT_FALSE(MB::File::Decode(corrupt).has_value());
-}
-
-// Inputs that the fuzz target found, each once a crash.
-TEST(MBFileRegressions, FuzzFindingsFailCleanly) {
+    // Inputs that the fuzz target found, each once a crash.
     const fs::path dir = fs::path(QUIVER_TEST_DATA) / "mbfile" / "regressions";
     // A property list in an attribute blob whose dictionary key is no string.
     EXPECT_THROW(MB::File::Decode(ReadFile(dir / "attribute-key-not-a-string.bplist")), ax::cant_decode_as_value);

@@ -100,29 +100,23 @@ TEST(PBKDF2Vectors, AgreesWithOpenSSLForAnyLengths) {
     }
 }
 
-TEST(PasswordKeys, KEKIsSha1PassOverTheSha256Pass) {
+TEST(PasswordKeys, KEKIsSha1PassOverTheSha256PassDataKeyIsSha1OfPasswordAndSalt) {
     MB::KeyBag::ManifestInfo info;
     info.dpic = 7;
     info.iter = 5;
     info.dpsl.fill(0xA0);  // unlike the salt, so that swapping them shows
-    info.salt.fill(0x13);
+    for (std::size_t i = 0; i < info.salt.size(); ++i) info.salt[i] = static_cast<uint8_t>(i * 7);
     const Bytes dpsl(info.dpsl.begin(), info.dpsl.end()), salt(info.salt.begin(), info.salt.end());
     for (const std::string& password : {std::string(), std::string("1234"), std::string(100, 'x')}) {
         const std::array<uint8_t, 32> kek = MB::ManifestEncryption::GenerateKEKFromPassword(Text(password), info);
         const Bytes firstPass = OpenSSLDerive(EVP_sha256(), Text(password), dpsl, 7, 32);
         EXPECT_EQ(Bytes(kek.begin(), kek.end()), OpenSSLDerive(EVP_sha1(), firstPass, salt, 5, 32)) << password;
-    }
-}
-
-TEST(PasswordKeys, DataKeyIsTheStartOfSha1OfPasswordAndSalt) {
-    std::array<uint8_t, 20> salt;
-    for (std::size_t i = 0; i < salt.size(); ++i) salt[i] = static_cast<uint8_t>(i * 7);
-    for (const std::string password : {"", "hunter2"}) {
+        // The data key is the start of SHA-1 over the password and the salt.
         Bytes message = Text(password);
-        message.insert(message.end(), salt.begin(), salt.end());
+        message.insert(message.end(), info.salt.begin(), info.salt.end());
         uint8_t digest[SHA_DIGEST_LENGTH];
         SHA1(message.data(), message.size(), digest);
-        std::array<uint8_t, 16> key = MB::ManifestEncryption::GenerateDataKeyFromPassword(Text(password), salt);
+        std::array<uint8_t, 16> key = MB::ManifestEncryption::GenerateDataKeyFromPassword(Text(password), info.salt);
         EXPECT_EQ(Bytes(key.begin(), key.end()), Bytes(digest, digest + 16)) << password;
     }
 }
