@@ -5,7 +5,6 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 
-#include <algorithm>
 #include <set>
 #include <string>
 
@@ -16,6 +15,7 @@
 #include "Quiver/Support/Hash.hpp"
 #include "support/BackupBuilder.hpp"
 #include "support/TemporaryPath.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace QuiverTest;
 using Quiver::Support::Cryptor;
@@ -27,16 +27,12 @@ std::vector<uint8_t> Decipher(std::span<const uint8_t> key, const std::vector<ui
     return Cryptor::Decrypt(Cryptor::Algorithm::AES256, key, {}, bytes);
 }
 
-class BackupBuilderTest : public ::testing::Test {
+class BackupBuilderTest : public ScratchDirectoryTest {
 protected:
     void SetUp() override {
+        ScratchDirectoryTest::SetUp();
         UseTestTemporaryPath();
-        std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        std::replace(name.begin(), name.end(), '/', '-');
-        root = fs::temp_directory_path() / ("quiver-builder-" + std::to_string(::getpid()) + "-" + name);
-        fs::remove_all(root);
     }
-    void TearDown() override { fs::remove_all(root); }
 
     BuiltBackup build(const std::string& version, bool encrypted) {
         BackupDescription d;
@@ -45,8 +41,6 @@ protected:
         d.encrypted = encrypted;
         return BuildBackup(root / "backup", d);
     }
-
-    fs::path root;
 };
 
 class StoreLayoutTest : public BackupBuilderTest, public ::testing::WithParamInterface<const char*> {};

@@ -7,7 +7,7 @@
 
 #include "Quiver/CF/CF.hpp"
 
-TEST(CFHolder, CopiesRetainMovesTransferAndDestructionReleases) {
+TEST(CFHolder, CopiesRetainMovesTransferDestructionReleasesAndCastChecksTheType) {
     CFStringRef raw = CFStringCreateWithCString(nullptr, "held", kCFStringEncodingUTF8);
     CFRetain(raw);  // keep our own reference to watch the count
     {
@@ -30,16 +30,13 @@ TEST(CFHolder, CopiesRetainMovesTransferAndDestructionReleases) {
     EXPECT_EQ(CFGetRetainCount(raw), 2);
     CFRelease(detached);
     CFRelease(raw);
-}
-
-TEST(CFHolder, CastChecksTheType) {
     CF::String s("text");
     EXPECT_TRUE(CF::Cast<CF::String>(s.get()));
     EXPECT_FALSE(CF::Cast<CF::Data>(s.get()));
     EXPECT_FALSE(CF::Cast<CF::String>(nullptr));
 }
 
-TEST(CFStringWrapper, Utf8RoundTripAndUtf16Iteration) {
+TEST(CFStringWrapper, Utf8RoundTripUtf16IterationSplitAppendAndOrdering) {
     CF::String s("aé😀");
     EXPECT_EQ(s.utf8(), "aé😀");
     EXPECT_EQ(s.length(), 4);  // the emoji takes two UTF-16 units
@@ -48,9 +45,6 @@ TEST(CFStringWrapper, Utf8RoundTripAndUtf16Iteration) {
     EXPECT_EQ(units[1], 0x00e9);
     EXPECT_EQ(units[2], 0xd83d);
     EXPECT_FALSE(CF::String(std::string_view("\xff\xfe")));  // not UTF-8
-}
-
-TEST(CFStringWrapper, SplitAppendAndOrdering) {
     auto parts = CF::String("a/b//c").Split("/");
     ASSERT_EQ(parts.size(), 4u);
     EXPECT_EQ(parts[2].utf8(), "");
@@ -87,15 +81,12 @@ TEST(CFDictionaryWrapper, TypedGetSetAndIterationOrder) {
     EXPECT_EQ(d.size(), 1);
 }
 
-TEST(CFNumberWrapper, ConversionsReportLoss) {
+TEST(CFNumberWrapper, ConversionsReportLossDatesConvertUnixTime) {
     EXPECT_EQ(CF::Number(int64_t{1} << 40).Int32(), std::nullopt);
     EXPECT_EQ(CF::Number(2.5).Int64(), std::nullopt);
     EXPECT_EQ(CF::Number(3.0).Int64(), 3);
     EXPECT_EQ(CF::Number(int64_t{-1}).UInt64(), std::nullopt);
     EXPECT_TRUE(CF::Boolean(true).value());
-}
-
-TEST(CFDateWrapper, UnixTimeConversion) {
     CF::Date d = CF::Date::FromUnixTime(978307200.0);
     EXPECT_DOUBLE_EQ(d.AbsoluteTime(), 0.0);
     EXPECT_EQ(d.Text(), "2001-01-01 00:00:00 +0000");

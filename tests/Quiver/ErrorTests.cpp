@@ -11,23 +11,13 @@
 
 using namespace Quiver;
 
-namespace {
-
-CF::Dictionary infoOf(const CF::Error& e) { return e.UserInfo(); }
-
-}  // namespace
-
-TEST(ErrorFactory, CodeZeroCarriesOnlyTheEmptyDescription) {
-    CF::Error e = Error(QVErrorNone);
-    EXPECT_EQ(e.Domain().utf8(), "Quiver.ErrorDomain");
-    EXPECT_EQ(e.Code(), 0);
-    CF::Dictionary info = infoOf(e);
-    EXPECT_EQ(info.size(), 1);
-    EXPECT_EQ(info.Get<CF::String>(kCFErrorLocalizedDescriptionKey).utf8(), "");
-}
-
-TEST(ErrorFactory, UnknownCodesShareTheFallbackTextAndKeepTheirValue) {
-    for (int code : {1, 25, 99, -3}) {
+TEST(ErrorFactory, DomainDescriptionsAndTheFriendlyKey) {
+    CF::Error none = Error(QVErrorNone);  // only the empty description
+    EXPECT_EQ(none.Domain().utf8(), "Quiver.ErrorDomain");
+    EXPECT_EQ(none.Code(), 0);
+    EXPECT_EQ(none.UserInfo().size(), 1);
+    EXPECT_EQ(none.UserInfo().Get<CF::String>(kCFErrorLocalizedDescriptionKey).utf8(), "");
+    for (int code : {1, 25, 99, -3}) {  // unknown codes share the fallback text and keep their value
         CF::Error e = Error(static_cast<QVError>(code));
         EXPECT_EQ(e.Code(), code);
         EXPECT_EQ(e.Description(), "Unknown Error");
@@ -35,51 +25,35 @@ TEST(ErrorFactory, UnknownCodesShareTheFallbackTextAndKeepTheirValue) {
     EXPECT_EQ(Error(QVErrorCryptoOperation).Description(), "Cryto operation failed");
     EXPECT_EQ(Error(QVErrorNotEncrypted).Description(), "A password was specified but backup is not encrypted.");
     EXPECT_EQ(Error(QVErrorInvalidMBFile).Description(), "The backup archive did not contain a valid MBFile");
-}
-
-TEST(ErrorFactory, FriendlyKeyOnlyOnTheFourUserFacingCodes) {
-    for (int code = -1; code <= 30; ++code) {
-        CF::Dictionary info = infoOf(Error(static_cast<QVError>(code)));
-        CFTypeRef friendly = info.Get(kCFErrorIsFriendlyKey);
-        bool expected = code == 12 || code == 15 || code == 19 || code == 21;
-        if (expected) {
-            EXPECT_EQ(friendly, kCFBooleanTrue) << code;
-        } else {
-            EXPECT_EQ(friendly, nullptr) << code;  // absent, not false
-        }
+    for (int code = -1; code <= 30; ++code) {  // absent, not false, except on the four user-facing codes
+        const bool friendly = code == 12 || code == 15 || code == 19 || code == 21;
+        EXPECT_EQ(Error(static_cast<QVError>(code)).UserInfo().Get(kCFErrorIsFriendlyKey),
+                  friendly ? kCFBooleanTrue : nullptr) << code;
     }
 }
 
 TEST(ErrorFactory, ReasonAndUnderlyingErrorAreAddedWhenGiven) {
     CF::Error cause = MakeErrnoError(ENOENT, "cause");
     CF::Error e = Error(QVErrorIncorrectPassword, cause, "wrong");
-    CF::Dictionary info = infoOf(e);
-    EXPECT_EQ(info.size(), 4);
+    EXPECT_EQ(e.UserInfo().size(), 4);
     EXPECT_EQ(e.Reason(), "wrong");
     EXPECT_EQ(e.Underlying().get(), cause.get());
     EXPECT_TRUE(e.IsFriendly());
-
-    EXPECT_EQ(infoOf(Error(QVErrorUnlockFailed, CF::Error(), "")).size(), 1);
-    EXPECT_EQ(infoOf(Error(QVErrorUnlockFailed, CF::Error(), " ")).size(), 2);  // a blank is a reason
+    EXPECT_EQ(Error(QVErrorUnlockFailed, CF::Error(), "").UserInfo().size(), 1);
+    EXPECT_EQ(Error(QVErrorUnlockFailed, CF::Error(), " ").UserInfo().size(), 2);  // a blank is a reason
 }
 
-TEST(ErrorFactory, ErrnoErrorWrapsThePosixError) {
+TEST(ErrorFactory, ErrnoAndFilesystemErrors) {
     CF::Error none = MakeErrnoError(0, "just text");
     EXPECT_EQ(none.Code(), QVErrorFilesystem);
     EXPECT_EQ(none.Reason(), "just text");
     EXPECT_FALSE(none.Underlying());
-
-    CF::Error e = MakeErrnoError(2, "missing");
-    CF::Error posix = e.Underlying();
+    CF::Error posix = MakeErrnoError(2, "missing").Underlying();
     ASSERT_TRUE(posix);
     EXPECT_TRUE(posix.Matches(kCFErrorDomainPOSIX, 2));
     EXPECT_EQ(posix.UserInfo().Get(kCFErrorIsFriendlyKey), kCFBooleanFalse);
     EXPECT_FALSE(posix.Description().empty());
-}
-
-TEST(ErrorFactory, FilesystemErrorNamesExceptionAndPath) {
-    std::runtime_error boom("disk on fire");
-    CF::Error e = MakeFilesystemError(boom, "/tmp/x y");
+    CF::Error e = MakeFilesystemError(std::runtime_error("disk on fire"), "/tmp/x y");
     EXPECT_EQ(e.Code(), QVErrorFilesystem);
     EXPECT_EQ(e.Reason(), "disk on fire (/tmp/x y)");
 }
@@ -98,7 +72,7 @@ std::shared_ptr<int> exportedOperation(const int* handle, int mode, CFErrorRef* 
 
 }  // namespace
 
-TEST(ErrorBoundary, StoresExactlyOneReferenceOnFailure) {
+TEST(ErrorBoundary, FailureStoresOneReferenceAndUndoesSuccessLeavesTheOutParameterAloneAssertionsEscape) {
     int value = 5;
     CFErrorRef error = nullptr;
     EXPECT_FALSE(exportedOperation(&value, 1, &error));
@@ -106,46 +80,19 @@ TEST(ErrorBoundary, StoresExactlyOneReferenceOnFailure) {
     EXPECT_EQ(CFGetRetainCount(error), 1);  // the caller's reference is the only one left
     EXPECT_EQ(CFErrorGetCode(error), QVErrorInvalidBackup);
     CFRelease(error);
-}
-
-TEST(ErrorBoundary, TranslatesStandardExceptionsAndToleratesNullOutParameter) {
-    int value = 5;
-    CFErrorRef error = nullptr;
-    EXPECT_FALSE(exportedOperation(&value, 2, &error));
-    ASSERT_NE(error, nullptr);
+    error = nullptr;
+    EXPECT_FALSE(exportedOperation(&value, 2, &error));  // standard exceptions become filesystem errors
     CF::Error e = CF::Error::Adopt(error);
     EXPECT_EQ(e.Code(), QVErrorFilesystem);
     EXPECT_EQ(e.Reason(), "stream broke ()");
-
     EXPECT_FALSE(exportedOperation(&value, 1, nullptr));
-}
-
-TEST(ErrorBoundary, LeavesOutParameterUntouchedOnSuccess) {
-    int value = 5;
     auto sentinel = reinterpret_cast<CFErrorRef>(0x1);
-    CFErrorRef error = sentinel;
+    error = sentinel;
     auto result = exportedOperation(&value, 0, &error);
     ASSERT_TRUE(result);
     EXPECT_EQ(*result, 5);
     EXPECT_EQ(error, sentinel);
-}
-
-TEST(ErrorBoundary, AssertionEscapesWithItsText) {
-    CFErrorRef error = nullptr;
-    try {
-        exportedOperation(nullptr, 0, &error);
-        FAIL() << "no exception";
-    } catch (const std::invalid_argument& e) {
-        std::string text = e.what();
-        EXPECT_NE(text.find("ErrorTests.cpp:"), std::string::npos) << text;
-        EXPECT_NE(text.find(":  "), std::string::npos) << text;
-        EXPECT_NE(text.find("exportedOperation"), std::string::npos) << text;
-        EXPECT_TRUE(text.ends_with(" Assertion handle failed.")) << text;
-    }
-    EXPECT_EQ(error, nullptr);
-}
-
-TEST(ErrorBoundary, OnFailureRunsOnlyOnFailure) {
+    // The undo step runs on failure only.
     int undone = 0;
     auto run = [&](bool fail) {
         return Boundary(
@@ -160,4 +107,17 @@ TEST(ErrorBoundary, OnFailureRunsOnlyOnFailure) {
     EXPECT_EQ(undone, 0);
     EXPECT_FALSE(run(true));
     EXPECT_EQ(undone, 1);
+    // An assertion escapes the boundary with its text.
+    error = nullptr;
+    try {
+        exportedOperation(nullptr, 0, &error);
+        FAIL() << "no exception";
+    } catch (const std::invalid_argument& assertion) {
+        std::string text = assertion.what();
+        EXPECT_NE(text.find("ErrorTests.cpp:"), std::string::npos) << text;
+        EXPECT_NE(text.find(":  "), std::string::npos) << text;
+        EXPECT_NE(text.find("exportedOperation"), std::string::npos) << text;
+        EXPECT_TRUE(text.ends_with(" Assertion handle failed.")) << text;
+    }
+    EXPECT_EQ(error, nullptr);
 }

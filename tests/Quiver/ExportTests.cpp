@@ -5,8 +5,9 @@
 
 #include <openssl/evp.h>
 #include <plist/plist.h>
-#include <sqlite3.h>
+#include <SQLiteCpp/SQLiteCpp.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include <minizip/zip.h>
@@ -15,6 +16,7 @@
 #include "Quiver/QVError.hpp"
 #include "support/BackupBuilder.hpp"
 #include "support/TemporaryPath.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
 using namespace QuiverTest;
@@ -22,16 +24,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class ExportTest : public ::testing::Test {
+class ExportTest : public ScratchDirectoryTest {
 protected:
     void SetUp() override {
+        ScratchDirectoryTest::SetUp();
         UseTestTemporaryPath();
-        root = fs::temp_directory_path() / ("quiver-export-" + std::to_string(::getpid()) + "-" +
-                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(root);
-        fs::create_directories(root);
     }
-    void TearDown() override { fs::remove_all(root); }
 
     Backup open(const fs::path& p, const char* password, bool zip, CF::Error* failure = nullptr) {
         CFErrorRef error = nullptr;
@@ -61,7 +59,18 @@ protected:
         }
     }
 
-    fs::path root;
+    // A zip holding `plist` under each name, stored (method 0) or deflated.
+    static void writeZip(const fs::path& zip, std::initializer_list<const char*> names, const std::string& plist, int method) {
+        zipFile z = zipOpen64(zip.c_str(), APPEND_STATUS_CREATE);
+        ASSERT_NE(z, nullptr);
+        for (const char* name : names) {
+            zip_fileinfo info{};
+            ASSERT_EQ(zipOpenNewFileInZip64(z, name, &info, nullptr, 0, nullptr, 0, nullptr, method, method ? -1 : 0, 0), ZIP_OK);
+            ASSERT_EQ(zipWriteInFileInZip(z, plist.data(), static_cast<unsigned>(plist.size())), ZIP_OK);
+            zipCloseFileInZip(z);
+        }
+        zipClose(z, nullptr);
+    }
 };
 
 }  // namespace
@@ -112,7 +121,7 @@ TEST_F(ExportTest, RoundTripsThroughDirectoriesAndZipsPlainAndEncrypted) {
     }
 }
 
-TEST_F(ExportTest, ExistingDestinationsAreNeverWrittenInto) {
+TEST_F(ExportTest, ExistingDestinationsAreNeverWrittenIntoAndFilesThatCannotBeLoadedAreReported) {
     BuiltBackup built = BuildBackup(root / "src", BackupDescription{.items = SampleItems()});
     Backup source = open(built.directory, nullptr, false);
     ASSERT_TRUE(source);
@@ -122,20 +131,13 @@ TEST_F(ExportTest, ExistingDestinationsAreNeverWrittenInto) {
     WriteWholeFile(root / "taken.zip", {'x'});
     EXPECT_EQ(QVBackupContainerExportToZip(source, CF::String((root / "taken.zip").string()).get(), nullptr), 0);
     EXPECT_EQ(fs::file_size(root / "taken.zip"), 1u);
-}
-
-TEST_F(ExportTest, ExportReportsFilesThatCannotBeLoaded) {
-    BuiltBackup built = BuildBackup(root / "src", BackupDescription{.items = SampleItems()});
-    Backup source = open(built.directory, nullptr, false);
-    ASSERT_TRUE(source);
-    const BuiltItem* victim = nullptr;
-    for (const BuiltItem& item : built.items)
-        if (item.kind == ItemKind::File) victim = &item;
+    // A stored file gone after opening: the export fails, but the rest is written.
+    auto victim = std::find_if(built.items.rbegin(), built.items.rend(), [](auto& i) { return i.kind == ItemKind::File; });
     fs::remove(built.directory / victim->localFilename);
     fs::path out = root / "out";
     EXPECT_EQ(QVBackupContainerExportToDirectory(source, CF::String(out.string()).get(), nullptr), 0);
     EXPECT_FALSE(fs::exists(out / victim->localFilename));
-    EXPECT_TRUE(fs::exists(out / "Manifest.db"));  // the rest is written
+    EXPECT_TRUE(fs::exists(out / "Manifest.db"));
 }
 
 TEST_F(ExportTest, DamagedZipsFailWithTheirErrors) {
@@ -174,21 +176,11 @@ TEST_F(ExportTest, DamagedZipsFailWithTheirErrors) {
 TEST_F(ExportTest, MemberFailingItsChecksumIsRefused) {
     // Members stored without compression, so that one changed byte reaches the checksum untouched.
     fs::path zip = root / "stored.zip";
-    zipFile z = zipOpen64(zip.c_str(), APPEND_STATUS_CREATE);
-    ASSERT_NE(z, nullptr);
-    const std::string plist = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Version</key>"
-                              "<string>9.9</string></dict></plist>";
-    for (const char* name : {"Manifest.plist", "Info.plist", "Status.plist"}) {
-        zip_fileinfo info{};
-        ASSERT_EQ(zipOpenNewFileInZip64(z, name, &info, nullptr, 0, nullptr, 0, nullptr, 0, 0, 0), ZIP_OK);
-        ASSERT_EQ(zipWriteInFileInZip(z, plist.data(), static_cast<unsigned>(plist.size())), ZIP_OK);
-        zipCloseFileInZip(z);
-    }
-    zipClose(z, nullptr);
+    writeZip(zip, {"Manifest.plist", "Info.plist", "Status.plist"},
+             "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Version</key><string>9.9</string></dict></plist>", 0);
     CF::Error failure;
     EXPECT_FALSE(open(zip, nullptr, true, &failure));
     EXPECT_EQ(failure.Reason(), "Unsupported version '9.9' specified");  // the members read fine
-
     auto bytes = ReadWholeFile(zip);
     std::string text(bytes.begin(), bytes.end());
     bytes[text.find("9.9")] = '8';  // inside the first member's data
@@ -203,16 +195,7 @@ TEST_F(ExportTest, MemberFailingItsChecksumIsRefused) {
 TEST_F(ExportTest, ZipWithoutInfoPlistFailsWhereADirectoryWouldLoad) {
     // A missing member is not "file not found" in a zip, so the optional Info.plist is required there.
     fs::path zip = root / "noinfo.zip";
-    zipFile z = zipOpen64(zip.c_str(), APPEND_STATUS_CREATE);
-    ASSERT_NE(z, nullptr);
-    const std::string plist = "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>";
-    for (const char* name : {"Manifest.plist", "Status.plist"}) {
-        zip_fileinfo info{};
-        ASSERT_EQ(zipOpenNewFileInZip64(z, name, &info, nullptr, 0, nullptr, 0, nullptr, Z_DEFLATED, -1, 0), ZIP_OK);
-        ASSERT_EQ(zipWriteInFileInZip(z, plist.data(), static_cast<unsigned>(plist.size())), ZIP_OK);
-        zipCloseFileInZip(z);
-    }
-    zipClose(z, nullptr);
+    writeZip(zip, {"Manifest.plist", "Status.plist"}, "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>", Z_DEFLATED);
     CF::Error failure;
     EXPECT_FALSE(open(zip, nullptr, true, &failure));
     EXPECT_EQ(failure.Reason(), "Failed to load backup metadata file (Info.plist)");
@@ -324,24 +307,20 @@ TEST_F(ExportTest, IndependentReaderDecryptsAnExportedEncryptedBackup) {
     };
     auto dbKey = unwrapBlob(manifestKey);
     ASSERT_EQ(dbKey.size(), 32u);
-    auto db = decrypt(dbKey, ReadWholeFile(out / "Manifest.db"));
-    ASSERT_FALSE(db.empty());
-    WriteWholeFile(root / "plain.db", db);
+    auto plainDB = decrypt(dbKey, ReadWholeFile(out / "Manifest.db"));
+    ASSERT_FALSE(plainDB.empty());
+    WriteWholeFile(root / "plain.db", plainDB);
 
     // Each file row: the MBFile's EncryptionKey unwraps to the key of the stored file.
-    sqlite3* handle = nullptr;
-    ASSERT_EQ(sqlite3_open_v2((root / "plain.db").c_str(), &handle, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-    sqlite3_stmt* rows = nullptr;
-    ASSERT_EQ(sqlite3_prepare_v2(handle, "SELECT fileID, relativePath, file FROM Files WHERE flags = 1", -1, &rows, nullptr),
-              SQLITE_OK);
+    SQLite::Database db((root / "plain.db").string(), SQLite::OPEN_READONLY);
+    SQLite::Statement rows(db, "SELECT fileID, relativePath, file FROM Files WHERE flags = 1");
     int files = 0;
     bool sawAdded = false;
-    while (sqlite3_step(rows) == SQLITE_ROW) {
-        std::string id = reinterpret_cast<const char*>(sqlite3_column_text(rows, 0));
-        std::string relative = reinterpret_cast<const char*>(sqlite3_column_text(rows, 1));
-        auto blob = static_cast<const char*>(sqlite3_column_blob(rows, 2));
+    while (rows.executeStep()) {
+        const std::string id = rows.getColumn(0).getString(), relative = rows.getColumn(1).getString();
+        const SQLite::Column blob = rows.getColumn(2);
         plist_t archive = nullptr;
-        plist_from_bin(blob, static_cast<uint32_t>(sqlite3_column_bytes(rows, 2)), &archive);
+        plist_from_bin(static_cast<const char*>(blob.getBlob()), static_cast<uint32_t>(blob.getBytes()), &archive);
         ASSERT_NE(archive, nullptr);
         plist_t objects = plist_dict_get_item(archive, "$objects");
         uint64_t rootIndex = 0;
@@ -365,8 +344,6 @@ TEST_F(ExportTest, IndependentReaderDecryptsAnExportedEncryptedBackup) {
         }
         ++files;
     }
-    sqlite3_finalize(rows);
-    sqlite3_close(handle);
     EXPECT_TRUE(sawAdded);
     EXPECT_GT(files, 3);
 }

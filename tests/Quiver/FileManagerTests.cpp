@@ -10,13 +10,10 @@
 using namespace Quiver;
 namespace fs = std::filesystem;
 
-TEST(FileManagerLimit, DefaultIsFourMebibytes) {
+TEST(FileManagerRegistry, CountsAndRemovesDigestsAndTheMemoryLimitIsFourMebibytes) {
+    QuiverTest::UseTestTemporaryPath();
     EXPECT_EQ(FileManager::kDefaultMaxMemorySize, 4194304u);
     EXPECT_EQ(FileManager::GetMaxMemorySize(), 4194304u);
-}
-
-TEST(FileManagerRegistry, CountsAndRemovesDigests) {
-    QuiverTest::UseTestTemporaryPath();
     QVFileClass probe;
     probe.referenceDigest = {0xde, 0xad, 0xbe, 0xef, 0x01};
     auto shared = std::shared_ptr<QVFileClass>(&probe, [](QVFileClass*) {});
@@ -38,8 +35,8 @@ TEST(FileManagerRegistry, CountsAndRemovesDigests) {
     EXPECT_THROW(FileManager::RegisterReferenceForFile(nullptr), CF::Error);
 }
 
-TEST(FileManagerLocations, TemporaryIdentifierAndFreshNamesLieInTheStorageDirectory) {
-    QuiverTest::UseTestTemporaryPath();
+TEST(FileManagerLocations, TemporaryIdentifierAndFreshNamesLieInTheStorageDirectoryCachedOnesAreRegularFiles) {
+    fs::path root = QuiverTest::UseTestTemporaryPath();
     fs::path temp = FileManager::GetStorageLocationForTempIdentifier(CFSTR("ABC"));
     EXPECT_EQ(temp.filename(), "__ABC");
     EXPECT_EQ(temp.parent_path().filename(), "QVFileManager");
@@ -48,10 +45,7 @@ TEST(FileManagerLocations, TemporaryIdentifierAndFreshNamesLieInTheStorageDirect
     EXPECT_EQ(a.parent_path(), temp.parent_path());
     EXPECT_FALSE(fs::exists(a));
     EXPECT_THROW(FileManager::GetStorageLocationForTempIdentifier(nullptr), CF::Error);
-}
-
-TEST(FileManagerLocations, CachedReferenceOnlyForRegularFiles) {
-    fs::path root = QuiverTest::UseTestTemporaryPath();
+    // A cached reference only for regular files.
     CFErrorRef error = nullptr;
     EXPECT_FALSE(FileManager::CopyCachedFileReference(root, {1, 2}, &error));
     ASSERT_NE(error, nullptr);

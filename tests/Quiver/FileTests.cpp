@@ -15,6 +15,7 @@
 #include "Quiver/Support/Cryptor.hpp"
 #include "Quiver/Support/Hash.hpp"
 #include "support/TemporaryPath.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
 namespace fs = std::filesystem;
@@ -42,51 +43,38 @@ std::vector<uint8_t> readAll(const std::shared_ptr<QVFileClass>& file, uint64_t 
 
 CF::Error takeError(CFErrorRef error) { return CF::Error::Adopt(error); }
 
-class FileTest : public ::testing::Test {
+class FileTest : public QuiverTest::ScratchDirectoryTest {
 protected:
     void SetUp() override {
+        ScratchDirectoryTest::SetUp();
         QuiverTest::UseTestTemporaryPath();
         FileManager::SetMaxMemorySize(FileManager::kDefaultMaxMemorySize);
-        scratch = fs::temp_directory_path() / ("quiver-file-" + std::to_string(::getpid()) + "-" +
-                                               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::create_directories(scratch);
     }
-    void TearDown() override { fs::remove_all(scratch); }
     fs::path writeScratch(const std::string& name, const std::vector<uint8_t>& bytes) {
-        fs::path p = scratch / name;
+        fs::path p = root / name;
         std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
                                                  static_cast<std::streamsize>(bytes.size()));
         return p;
     }
-    fs::path scratch;
 };
 
 }  // namespace
 
-TEST_F(FileTest, CreatedFromDataHoldsTheBytesAndTheirDigest) {
-    auto bytes = patterned(100000);
-    CFErrorRef error = nullptr;
-    auto file = QVFileCreateFromData(bytes, &error);
-    ASSERT_TRUE(file);
-    EXPECT_EQ(error, nullptr);
-    EXPECT_EQ(QVFileGetSize(file), bytes.size());
-    EXPECT_EQ(QVFileGetHash(file), Support::Sha1(bytes));
-    EXPECT_EQ(readAll(file, 0), bytes);
-    EXPECT_NE(QVFileGetModifiedDate(file), nullptr);
-    std::string path = CF::String::Retain(QVFileGetLocalPath(file)).utf8();
-    EXPECT_NE(path.find("QVFileManager"), std::string::npos);
-}
-
-TEST_F(FileTest, EmptyDataMakesAnEmptyCachedFile) {
-    auto file = QVFileCreateFromData(std::vector<uint8_t>{}, nullptr);
-    ASSERT_TRUE(file);
-    EXPECT_EQ(QVFileGetSize(file), 0u);
-    EXPECT_EQ(QVFileGetHash(file), Support::Sha1({}));
-    EXPECT_FALSE(QVFileGetDataQuickly(file));
-    EXPECT_EQ(FileManager::GetReferenceCount(Support::Sha1({})) >= 1, true);
-}
-
-TEST_F(FileTest, NullDataFailsWithInvalidArgument) {
+TEST_F(FileTest, CreatedFromDataHoldsTheBytesAndTheirDigestNullDataFails) {
+    for (size_t size : {100000, 0}) {
+        auto bytes = patterned(size);
+        CFErrorRef error = nullptr;
+        auto file = QVFileCreateFromData(bytes, &error);
+        ASSERT_TRUE(file);
+        EXPECT_EQ(error, nullptr);
+        EXPECT_EQ(QVFileGetSize(file), bytes.size());
+        EXPECT_EQ(QVFileGetHash(file), Support::Sha1(bytes));
+        EXPECT_EQ(readAll(file, 0), bytes);
+        EXPECT_NE(QVFileGetModifiedDate(file), nullptr);
+        EXPECT_NE(CF::String::Retain(QVFileGetLocalPath(file)).utf8().find("QVFileManager"), std::string::npos);
+        EXPECT_GE(FileManager::GetReferenceCount(Support::Sha1(bytes)), 1u);
+    }
+    EXPECT_FALSE(QVFileGetDataQuickly(QVFileCreateFromData(std::vector<uint8_t>{}, nullptr)));
     CFErrorRef error = nullptr;
     EXPECT_FALSE(QVFileCreateFromData(static_cast<CFDataRef>(nullptr), &error));
     CF::Error e = takeError(error);
@@ -111,7 +99,7 @@ TEST_F(FileTest, RegistryCountsLiveObjectsPerDigest) {
     EXPECT_EQ(FileManager::GetReferenceCount(digest), before);
 }
 
-TEST_F(FileTest, FromPathRegistersAnExistingFileWhereItLies) {
+TEST_F(FileTest, FromPathRegistersAnExistingFileWhereItLiesAndAMissingOneFails) {
     auto bytes = patterned(5000, 3);
     fs::path p = writeScratch("source.bin", bytes);
     for (uint8_t copy : {0, 1}) {
@@ -121,11 +109,8 @@ TEST_F(FileTest, FromPathRegistersAnExistingFileWhereItLies) {
         EXPECT_EQ(CF::String::Retain(QVFileGetLocalPath(file)).utf8(), p.string());
         EXPECT_EQ(readAll(file, 1000), bytes);
     }
-}
-
-TEST_F(FileTest, FromMissingPathFailsWithFileNotFound) {
     CFErrorRef error = nullptr;
-    std::string missing = (scratch / "nope").string();
+    std::string missing = (root / "nope").string();
     EXPECT_FALSE(QVFileCreateFromFileAtPath(CF::String(missing), 1, &error));
     CF::Error e = takeError(error);
     EXPECT_EQ(e.Code(), QVErrorFileNotFound);
@@ -146,43 +131,36 @@ TEST_F(FileTest, ChunkSizeZeroMeansThirtyTwoKilobytesAndFalseStops) {
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(FileTest, QuickReadHonoursTheMemoryLimit) {
+TEST_F(FileTest, QuickReadHonoursTheMemoryLimitAndAVanishedFileFailsTheRead) {
     auto bytes = patterned(4096);
-    auto file = QVFileCreateFromData(bytes, nullptr);
+    auto file = QVFileCreateFromFileAtPath(CF::String(writeScratch("gone.bin", bytes).string()), 0, nullptr);
+    ASSERT_TRUE(file);
     FileManager::SetMaxMemorySize(4096);
     EXPECT_EQ(QVFileGetDataQuickly(file), bytes);
     FileManager::SetMaxMemorySize(4095);
     EXPECT_FALSE(QVFileGetDataQuickly(file));
     FileManager::SetMaxMemorySize(0);
     EXPECT_FALSE(QVFileGetDataQuickly(file));
-}
-
-TEST_F(FileTest, VanishedFileFailsTheReadButNotTheQuickRead) {
-    auto bytes = patterned(100);
-    fs::path p = writeScratch("gone.bin", bytes);
-    auto file = QVFileCreateFromFileAtPath(CF::String(p.string()), 0, nullptr);
-    ASSERT_TRUE(file);
-    fs::remove(p);
+    FileManager::SetMaxMemorySize(FileManager::kDefaultMaxMemorySize);
+    fs::remove(root / "gone.bin");
     EXPECT_THROW(readAll(file, 0), std::system_error);
     EXPECT_FALSE(QVFileGetDataQuickly(file));
 }
 
-TEST_F(FileTest, NullHandlesAreProgrammingErrors) {
+TEST_F(FileTest, TextFormNamesPathSizeAndHashNullHandlesAreProgrammingErrors) {
+    auto file = QVFileCreateFromData(std::vector<uint8_t>{'a', 'b', 'c'}, nullptr);
+    std::string text = fmt::format("{}", file);
+    EXPECT_NE(text.find("path:"), std::string::npos);
+    EXPECT_NE(text.find("size:3 hash:a9993e364706816aba3e25717850c26c9cd0d89d mdate:"), std::string::npos) << text;
     std::shared_ptr<QVFileClass> none;
     EXPECT_THROW(QVFileGetSize(none), std::invalid_argument);
     EXPECT_THROW(QVFileCreateCopy(none), std::invalid_argument);
     try {
         QVFileGetHash(none);
+        ADD_FAILURE() << "no exception";
     } catch (const std::invalid_argument& e) {
         EXPECT_TRUE(std::string(e.what()).ends_with(" Assertion file failed."));
     }
-}
-
-TEST_F(FileTest, TextFormNamesPathSizeAndHash) {
-    auto file = QVFileCreateFromData(std::vector<uint8_t>{'a', 'b', 'c'}, nullptr);
-    std::string text = fmt::format("{}", file);
-    EXPECT_NE(text.find("path:"), std::string::npos);
-    EXPECT_NE(text.find("size:3 hash:a9993e364706816aba3e25717850c26c9cd0d89d mdate:"), std::string::npos) << text;
 }
 
 // ---- Keys ----
@@ -278,16 +256,14 @@ TEST_F(FileTest, AppendedBytesFinaliseIntoTheCache) {
     EXPECT_GE(FileManager::GetReferenceCount(Support::Sha1(all)), 1u);
     EXPECT_NE(QVFileGetModifiedDate(file), nullptr);
 
-    CF::Error again;
     EXPECT_FALSE(QVFileFinalizeAppendable(file, &error));
-    again = takeError(error);
-    EXPECT_EQ(again.Reason(), "File reference not appendable");
+    EXPECT_EQ(takeError(error).Reason(), "File reference not appendable");
     error = nullptr;
     EXPECT_FALSE(QVFileAppendBytes(file, a.data(), 1, &error));
     EXPECT_EQ(takeError(error).Reason(), "File reference not appendable");
 }
 
-TEST_F(FileTest, AppendingNothingIsRefusedAndClosesTheFile) {
+TEST_F(FileTest, AppendingNothingOrTamperingIsRefusedAndClosesTheFileFinalisingNothingGivesTheEmptyDigest) {
     auto file = QVFileCreateAppendable(nullptr);
     uint8_t byte = 1;
     CFErrorRef error = nullptr;
@@ -300,25 +276,20 @@ TEST_F(FileTest, AppendingNothingIsRefusedAndClosesTheFile) {
     auto other = QVFileCreateAppendable(nullptr);
     EXPECT_FALSE(QVFileAppendBytes(other, nullptr, 5, nullptr));
     EXPECT_FALSE(QVFileIsAppendable(other));
-}
-
-TEST_F(FileTest, FinalisingAnEmptyAppendableFileGivesTheEmptyDigest) {
-    auto file = QVFileCreateAppendable(nullptr);
-    ASSERT_TRUE(QVFileFinalizeAppendable(file, nullptr));
-    EXPECT_EQ(QVFileGetSize(file), 0u);
-    EXPECT_EQ(QVFileGetHash(file), Support::Sha1({}));
-}
-
-TEST_F(FileTest, FinalisingDetectsATamperedTemporaryFile) {
-    auto file = QVFileCreateAppendable(nullptr);
+    auto empty = QVFileCreateAppendable(nullptr);
+    ASSERT_TRUE(QVFileFinalizeAppendable(empty, nullptr));
+    EXPECT_EQ(QVFileGetSize(empty), 0u);
+    EXPECT_EQ(QVFileGetHash(empty), Support::Sha1({}));
+    auto tampered = QVFileCreateAppendable(nullptr);
     auto bytes = patterned(64);
-    ASSERT_TRUE(QVFileAppendBytes(file, bytes.data(), 64, nullptr));
+    ASSERT_TRUE(QVFileAppendBytes(tampered, bytes.data(), 64, nullptr));
     // Someone else writes into our temporary file: the size on disk no longer matches.
-    std::ofstream(CF::String::Retain(QVFileGetLocalPath(file)).utf8(), std::ios::app) << "extra";
-    CFErrorRef error = nullptr;
-    EXPECT_FALSE(QVFileFinalizeAppendable(file, &error));
-    CF::Error e = takeError(error);
+    std::ofstream(CF::String::Retain(QVFileGetLocalPath(tampered)).utf8(), std::ios::app) << "extra";
+    error = nullptr;
+    EXPECT_FALSE(QVFileFinalizeAppendable(tampered, &error));
+    e = takeError(error);
     EXPECT_EQ(e.Code(), QVErrorFilesystem);
     EXPECT_TRUE(e.Reason().starts_with("Calculated appended size does not match size on disk! (64 != 69)")) << e.Reason();
-    EXPECT_FALSE(QVFileIsAppendable(file));
+    EXPECT_FALSE(QVFileIsAppendable(tampered));
 }
+

@@ -44,12 +44,9 @@ protected:
     spdlog::level::level_enum savedLevel{};
 };
 
-TEST_F(Logging, LoggerIsRegisteredUnderTheLibraryName) {
+TEST_F(Logging, LoggerIsRegisteredUnderTheLibraryNameAndNumericLevelsMapInOrder) {
     EXPECT_EQ(Quiver::Logger().name(), "AppleDevice.Backup");
     EXPECT_EQ(spdlog::get("AppleDevice.Backup").get(), &Quiver::Logger());
-}
-
-TEST_F(Logging, NumericLevelsMapInOrder) {
     using Quiver::log_level;
     EXPECT_EQ(static_cast<int>(log_level::debug), 1);
     EXPECT_EQ(Quiver::ToSpdlogLevel(log_level::debug), spdlog::level::debug);
@@ -58,7 +55,7 @@ TEST_F(Logging, NumericLevelsMapInOrder) {
     EXPECT_EQ(Quiver::ToSpdlogLevel(log_level::error), spdlog::level::err);
 }
 
-TEST_F(Logging, MessagesBelowTheLevelAreNeverFormatted) {
+TEST_F(Logging, MessagesBelowTheLevelAreNeverFormattedErrorsComeWithTheirChain) {
     int formatted = 0;
     Quiver::Logger().set_level(spdlog::level::warn);
     Quiver::log_fmt(Quiver::log_level::info, "value {}", Expensive{&formatted});
@@ -67,10 +64,7 @@ TEST_F(Logging, MessagesBelowTheLevelAreNeverFormatted) {
     Quiver::log_fmt(Quiver::log_level::warning, "value {}", Expensive{&formatted});
     EXPECT_EQ(formatted, 1);
     EXPECT_EQ(out.str(), "warning|AppleDevice.Backup|value expensive\n");
-}
-
-TEST_F(Logging, ErrorsAreLoggedWithTheirChain) {
-    Quiver::Logger().set_level(spdlog::level::debug);
+    // Errors are logged with their chain.
     CF::Error e = Quiver::Error(QVErrorInvalidBackup, Quiver::MakeErrnoError(2, "inner"), "outer");
     Quiver::LogErrorFmt(Quiver::log_level::error, e.get(), "loading {}", "backup");
     std::string text = out.str();

@@ -9,24 +9,21 @@
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVManifestCSV.hpp"
 #include "support/TemporaryPath.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
 namespace fs = std::filesystem;
 
 namespace {
 
-class ManifestCSVTest : public ::testing::Test {
+class ManifestCSVTest : public QuiverTest::ScratchDirectoryTest {
 protected:
     void SetUp() override {
+        ScratchDirectoryTest::SetUp();
         QuiverTest::UseTestTemporaryPath();
-        path = fs::temp_directory_path() / ("quiver-csv-" + std::to_string(::getpid()) + ".db");
-        fs::remove(path);
+        path = root / "Manifest.db";
         db = std::make_unique<SQLite::Database>(path.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
         db->exec("CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);");
-    }
-    void TearDown() override {
-        db.reset();
-        fs::remove(path);
     }
     void insert(const std::string& id, const std::string& domain, const std::string& relative, int flags,
                 const CF::Data& blob) {
@@ -87,22 +84,17 @@ TEST_F(ManifestCSVTest, RowsAreSpelledOutSortedByFileIDWithTripledQuotes) {
     EXPECT_EQ(csv(&failure), expected) << failure.Text();
 }
 
-TEST_F(ManifestCSVTest, EmptyTableGivesTheHeaderAlone) { EXPECT_EQ(csv(), kHeader); }
-
-TEST_F(ManifestCSVTest, NotADatabaseFailsWithInvalidManifestDatabase) {
-    db.reset();
-    fs::remove(path);
-    std::ofstream(path) << "plain text, not a database";
-    CF::Error failure;
-    EXPECT_EQ(csv(&failure), "(null)");
-    EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
-    EXPECT_EQ(failure.Reason(), "Failed to parse records from manifest database");
-}
-
-TEST_F(ManifestCSVTest, UndecodableBlobFailsTheListing) {
+TEST_F(ManifestCSVTest, EmptyTableGivesTheHeaderAloneUndecodableBlobsAndOtherFilesFail) {
+    EXPECT_EQ(csv(), kHeader);
     insert("aaaa", "D", "p", 1, CF::Data(std::vector<uint8_t>{'b', 'p', 'l', 'i', 's', 't'}));
     CF::Error failure;
     EXPECT_EQ(csv(&failure), "(null)");
     EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
     EXPECT_NE(failure.Underlying().Reason().find("Missing or invalid MBFile structure"), std::string::npos);
+    db.reset();
+    fs::remove(path);
+    std::ofstream(path) << "plain text, not a database";
+    EXPECT_EQ(csv(&failure), "(null)");
+    EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
+    EXPECT_EQ(failure.Reason(), "Failed to parse records from manifest database");
 }

@@ -11,6 +11,7 @@
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVManifestDB.hpp"
 #include "support/TemporaryPath.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
 namespace fs = std::filesystem;
@@ -19,19 +20,15 @@ namespace {
 
 std::string text(CFStringRef s) { return CF::String::Retain(s).utf8(); }
 
-class ManifestDBTest : public ::testing::Test {
+class ManifestDBTest : public QuiverTest::ScratchDirectoryTest {
 protected:
     void SetUp() override {
+        ScratchDirectoryTest::SetUp();
         QuiverTest::UseTestTemporaryPath();
-        dir = fs::temp_directory_path() /
-              ("quiver-db-" + std::to_string(::getpid()) + "-" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::create_directories(dir);
     }
-    void TearDown() override { fs::remove_all(dir); }
 
     fs::path save(const std::vector<std::byte>& bytes, const char* name = "Manifest.db") {
-        fs::path p = dir / name;
+        fs::path p = root / name;
         std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
                                                  static_cast<std::streamsize>(bytes.size()));
         return p;
@@ -48,7 +45,7 @@ protected:
 
     // A database made with SQL alone, in the layout devices write.
     fs::path handMade(const std::function<void(SQLite::Database&)>& fill) {
-        fs::path p = dir / "hand.db";
+        fs::path p = root / "hand.db";
         SQLite::Database db(p.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
         db.exec("CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);");
         fill(db);
@@ -73,8 +70,6 @@ protected:
         m->flagOnlyRecords.Set("0123456789abcdef0123456789abcdef01234567", CF::Number(int64_t{16}));
         return m;
     }
-
-    fs::path dir;
 };
 
 }  // namespace
@@ -152,20 +147,16 @@ TEST_F(ManifestDBTest, OnlyVersionsThreeZeroToThreeThreeAreAccepted) {
     }
 }
 
-TEST_F(ManifestDBTest, EmptyFilesTableGivesAnEmptyManifestWithoutProgress) {
-    fs::path p = handMade([](SQLite::Database&) {});
+TEST_F(ManifestDBTest, EmptyTableGivesAnEmptyManifestWithoutProgressOneBadRowFailsTheWholeLoad) {
     int calls = 0;
-    Manifest m = read(p, nullptr, [&](int64_t, int64_t, double) { ++calls; });
+    Manifest m = read(handMade([](SQLite::Database&) {}), nullptr, [&](int64_t, int64_t, double) { ++calls; });
     ASSERT_TRUE(m);
     EXPECT_TRUE(m->entries.empty());
     EXPECT_EQ(calls, 0);
-}
-
-TEST_F(ManifestDBTest, OneBadRowFailsTheWholeLoad) {
     // A row without a blob whose flags are not 16, and a blob that is no archive.
     for (const char* insert : {"INSERT INTO Files VALUES ('aa', 'D', 'p', 1, NULL);",
                                "INSERT INTO Files VALUES ('bb', 'D', 'q', 1, x'0102030405');"}) {
-        fs::remove(dir / "hand.db");
+        fs::remove(root / "hand.db");
         fs::path p = handMade([&](SQLite::Database& db) {
             db.exec("INSERT INTO Files VALUES ('cc', NULL, NULL, 16, NULL);");
             db.exec(insert);
@@ -178,21 +169,19 @@ TEST_F(ManifestDBTest, OneBadRowFailsTheWholeLoad) {
 }
 
 TEST_F(ManifestDBTest, FilesThatAreNotManifestDatabasesFailWithAnError) {
-    std::ofstream(dir / "garbage.db") << "this is not an SQLite database at all, just some text";
+    std::ofstream(root / "garbage.db") << "this is not an SQLite database at all, just some text";
     CF::Error failure;
-    EXPECT_FALSE(read(dir / "garbage.db", &failure));
+    EXPECT_FALSE(read(root / "garbage.db", &failure));
     EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
     EXPECT_EQ(failure.Reason(), "Failed to parse records from manifest database");
     EXPECT_TRUE(failure.Underlying());
 
-    {
-        SQLite::Database db((dir / "other.db").string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
-        db.exec("CREATE TABLE Something (x INTEGER);");
-    }
-    EXPECT_FALSE(read(dir / "other.db", &failure));
+    SQLite::Database((root / "other.db").string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE)
+        .exec("CREATE TABLE Something (x INTEGER);");
+    EXPECT_FALSE(read(root / "other.db", &failure));
     EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
 
-    EXPECT_FALSE(read(dir / "missing.db", &failure));
+    EXPECT_FALSE(read(root / "missing.db", &failure));
     EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
     EXPECT_EQ(failure.Underlying().Code(), QVErrorFilesystem);
 }

@@ -10,6 +10,7 @@
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVManifestEntry.hpp"
 #include "Quiver/Support/Cryptor.hpp"
+#include "Quiver/Support/Encoding.hpp"
 #include "Quiver/Support/Hash.hpp"
 #include "support/TemporaryPath.hpp"
 
@@ -45,34 +46,21 @@ protected:
 
 }  // namespace
 
-TEST_F(ManifestEntryTest, FileIDIsTheLowercaseSha1OfDomainHyphenPath) {
+TEST_F(ManifestEntryTest, FileIDIsTheLowercaseSha1OfDomainHyphenPathDeviceFilenameTheLastComponent) {
     CF::String id = CF::String::Adopt(QVManifestEntryCopyFileIDForPath(CFSTR("HomeDomain"), CFSTR("Library/a.db")));
     std::string expected = "HomeDomain-Library/a.db";
-    auto digest = Support::Sha1({reinterpret_cast<const uint8_t*>(expected.data()), expected.size()});
-    EXPECT_EQ(id.utf8().size(), 40u);
+    EXPECT_EQ(id.utf8(), Support::hex_encode(Support::Sha1({reinterpret_cast<const uint8_t*>(expected.data()), expected.size()})));
     EXPECT_TRUE(std::regex_match(id.utf8(), std::regex("[0-9a-f]{40}")));
-    char hex[41];
-    for (size_t i = 0; i < 20; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
-    EXPECT_EQ(id.utf8(), hex);
     auto entry = QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CFSTR("Library/a.db"));
     EXPECT_EQ(text(QVManifestEntryGetFileID(entry)), id.utf8());
     EXPECT_EQ(text(QVManifestEntryGetDomainPathPair(entry)), expected);
     // An empty path still names the domain.
-    CF::String root = CF::String::Adopt(QVManifestEntryCopyFileIDForPath(CFSTR("HomeDomain"), CFSTR("")));
-    EXPECT_EQ(root.utf8().size(), 40u);
+    EXPECT_EQ(CF::String::Adopt(QVManifestEntryCopyFileIDForPath(CFSTR("HomeDomain"), CFSTR(""))).utf8().size(), 40u);
+    for (auto [path, name] : {std::pair<const char*, const char*>{"a/b/c.txt", "c.txt"}, {"plain", "plain"}, {"dir/", ""}, {"", ""}})
+        EXPECT_EQ(text(QVManifestEntryGetDeviceFilename(QVManifestEntryCreateForDirectory(CFSTR("D"), str(path).get()))), name);
 }
 
-TEST_F(ManifestEntryTest, DeviceFilenameIsTheLastComponent) {
-    auto name = [](const char* path) {
-        return text(QVManifestEntryGetDeviceFilename(QVManifestEntryCreateForDirectory(CFSTR("D"), str(path).get())));
-    };
-    EXPECT_EQ(name("a/b/c.txt"), "c.txt");
-    EXPECT_EQ(name("plain"), "plain");
-    EXPECT_EQ(name("dir/"), "");
-    EXPECT_EQ(name(""), "");
-}
-
-TEST_F(ManifestEntryTest, CreatorsSetTheirFixedAttributes) {
+TEST_F(ManifestEntryTest, CreatorsSetTheirFixedAttributesAndFilesNeedACachedContent) {
     auto dir = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("x"));
     EXPECT_EQ(QVManifestEntryGetFileMode(dir), 0x41ED);
     EXPECT_EQ(QVManifestEntryGetFileType(dir), 2);
@@ -105,21 +93,18 @@ TEST_F(ManifestEntryTest, CreatorsSetTheirFixedAttributes) {
     EXPECT_EQ(CFGetRetainCount(modified), 1);  // a new date for the caller
     CFRelease(modified);
     EXPECT_TRUE(file->external);
-}
-
-TEST_F(ManifestEntryTest, FileEntryNeedsACachedContent) {
     // A file object whose bytes are not where it says cannot become an entry's content.
     auto phantom = std::make_shared<QVFileClass>();
     phantom->localPath = CF::String("/nonexistent/quiver/file");
     phantom->digest = {1, 2, 3};
-    CFErrorRef error = nullptr;
+    error = nullptr;
     EXPECT_FALSE(QVManifestEntryCreateForFile(phantom, CFSTR("D"), CFSTR("f"), nullptr, &error));
     CF::Error e = CF::Error::Adopt(error);
     EXPECT_EQ(e.Code(), QVErrorCachedFileAccess);
     EXPECT_EQ(e.Reason(), "No valid cache reference available for created file (010203)");
 }
 
-TEST_F(ManifestEntryTest, FileIsFetchedOnceThroughTheCallback) {
+TEST_F(ManifestEntryTest, FileIsFetchedOnceThroughTheCallbackAndNeverWithoutOne) {
     auto content = fileOf("fetched");
     auto source = QVManifestEntryCreateForFile(content, CFSTR("D"), CFSTR("f"), nullptr, nullptr);
     source->file.reset();
@@ -137,20 +122,13 @@ TEST_F(ManifestEntryTest, FileIsFetchedOnceThroughTheCallback) {
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(askedFor, text(QVManifestEntryGetFileID(entry)));
     EXPECT_DOUBLE_EQ(CFDateGetAbsoluteTime(QVFileGetModifiedDate(first)), entry->lastModified.AbsoluteTime());
-}
 
-TEST_F(ManifestEntryTest, FetchWithoutCallbackFailsAndDirectoriesHaveNoFile) {
-    auto source = QVManifestEntryCreateForFile(fileOf("x"), CFSTR("D"), CFSTR("f"), nullptr, nullptr);
-    source->file.reset();
     CFErrorRef error = nullptr;
     EXPECT_FALSE(QVManifestEntryGetFile(source, &error));
-    CF::Error e = CF::Error::Adopt(error);
-    EXPECT_EQ(e.Reason(), "Tried to get a File ref for entry, but getFileFunc is not set!");
-
-    auto dir = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("d"));
-    CFErrorRef untouched = nullptr;
-    EXPECT_FALSE(QVManifestEntryGetFile(dir, &untouched));
-    EXPECT_EQ(untouched, nullptr);
+    EXPECT_EQ(CF::Error::Adopt(error).Reason(), "Tried to get a File ref for entry, but getFileFunc is not set!");
+    error = nullptr;
+    EXPECT_FALSE(QVManifestEntryGetFile(QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("d")), &error));
+    EXPECT_EQ(error, nullptr);  // a directory has no file, and that is no error
 }
 
 TEST_F(ManifestEntryTest, CopyIsDeepAndCloneMovesOnlyAttributes) {
@@ -172,21 +150,18 @@ TEST_F(ManifestEntryTest, CopyIsDeepAndCloneMovesOnlyAttributes) {
     EXPECT_EQ(text(QVManifestEntryGetPath(dir)), "other");
 }
 
-TEST_F(ManifestEntryTest, ProtectionClassNamesAndCodes) {
+TEST_F(ManifestEntryTest, ProtectionClassNamesAndCodesAndTheLogTextOfAnEntry) {
     EXPECT_EQ(to_string(EntryProtectionClassCompleteUntilUnlocked), "CompleteUntilUnlocked");
     EXPECT_EQ(ProtectionClassFromCode(4), EntryProtectionClassNone);
-    try {
-        ProtectionClassFromCode(5);
-        ADD_FAILURE();
-    } catch (const std::invalid_argument& e) {
-        EXPECT_STREQ(e.what(), "invalid protection class code");
+    for (int code : {5, -1}) {
+        try {
+            ProtectionClassFromCode(code);
+            ADD_FAILURE() << code;
+        } catch (const std::invalid_argument& e) {
+            EXPECT_STREQ(e.what(), "invalid protection class code");
+        }
     }
-    EXPECT_THROW(ProtectionClassFromCode(-1), std::invalid_argument);
-}
-
-TEST_F(ManifestEntryTest, LogTextHasTheDocumentedShape) {
-    auto dir = QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CFSTR("Library"));
-    std::string line = to_string(dir);
+    std::string line = to_string(QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CFSTR("Library")));
     EXPECT_TRUE(std::regex_match(line, std::regex("<QVManifestEntryClass 0x[0-9a-f]+> HomeDomain-Library size:0 "
                                                   "mode:40755 uid:501 gid:501 type:0x2 inode:0 protection:NotSet "
                                                   "external: true\\([0-9a-f]{40}\\) \\{\\} ")))
@@ -225,26 +200,22 @@ TEST_F(ManifestEntryTest, GeneratedKeyEnciphersTheContentAndUnlocksAgain) {
     EXPECT_EQ(entry->encryptionKey.get(), before.get());
 }
 
-TEST_F(ManifestEntryTest, UnlockReportsABadWrappedKey) {
+TEST_F(ManifestEntryTest, UnlockReportsABadWrappedKeyAndGenerationNeedsARegularFile) {
     auto entry = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("f"));
     CFErrorRef error = nullptr;
     EXPECT_FALSE(QVManifestEntryUnlockFileKey(entry, encryption(), &error));
     EXPECT_EQ(error, nullptr);  // no key, no error
+    EXPECT_FALSE(QVManifestEntryGenerateFileKey(entry, encryption(), &error));
+    EXPECT_EQ(CF::Error::Adopt(error).Reason(),
+              "Impossible to generate a file key for an entry that doesn't represent a file");
     std::vector<uint8_t> junk(44, 0x11);
     junk[0] = 4;
     junk[1] = junk[2] = junk[3] = 0;
     entry->encryptionKey = CF::Data(junk);
+    error = nullptr;
     EXPECT_FALSE(QVManifestEntryUnlockFileKey(entry, encryption(), &error));
     CF::Error e = CF::Error::Adopt(error);
     EXPECT_EQ(e.Code(), QVErrorUnlockFailed);
     EXPECT_EQ(e.Reason(), "Failed to unlock file key for entry");
     EXPECT_TRUE(e.Underlying());
-}
-
-TEST_F(ManifestEntryTest, KeyGenerationNeedsARegularFile) {
-    auto dir = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("d"));
-    CFErrorRef error = nullptr;
-    EXPECT_FALSE(QVManifestEntryGenerateFileKey(dir, encryption(), &error));
-    EXPECT_EQ(CF::Error::Adopt(error).Reason(),
-              "Impossible to generate a file key for an entry that doesn't represent a file");
 }

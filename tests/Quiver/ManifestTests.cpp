@@ -48,14 +48,13 @@ TEST(ManifestEmpty, EveryQueryIsEmpty) {
     EXPECT_FALSE(QVManifestGetEntryForFileID(m, CFSTR("abc")));
     EXPECT_FALSE(QVManifestGetEntryMatchingPath(m, CFSTR("D"), CFSTR("p")));
     EXPECT_TRUE(QVManifestCopyEntriesAtPath(m, CFSTR("D"), CFSTR("")).empty());
-    CF::Array domains = CF::Array::Adopt(QVManifestCopyDomainsList(m));
-    EXPECT_EQ(domains.size(), 0);
+    EXPECT_EQ(CF::Array::Adopt(QVManifestCopyDomainsList(m)).size(), 0);
     EXPECT_EQ(CFArrayGetCount(QVManifestGetFileIDs(m)), 0);
     EXPECT_EQ(QVManifestGetTotalFileCount(m), 0);
     EXPECT_EQ(QVManifestGetTotalFileSize(m), 0);
 }
 
-TEST_F(ManifestTest, PathQueriesMatchWholeComponents) {
+TEST_F(ManifestTest, PathQueriesMatchWholeComponentsAndDomainsListOnlyNamedOnes) {
     EXPECT_EQ(paths(QVManifestCopyEntriesAtPath(manifest, CFSTR("HomeDomain"), CFSTR("Library"))),
               (std::vector<std::string>{"Library", "Library/Caches", "Library/Caches/x", "Library/Pref"}));
     EXPECT_EQ(paths(QVManifestCopyEntriesAtPath(manifest, CFSTR("HomeDomain"), CFSTR("Library/Pref"))),
@@ -65,9 +64,7 @@ TEST_F(ManifestTest, PathQueriesMatchWholeComponents) {
     EXPECT_TRUE(QVManifestCopyEntriesAtPath(manifest, CFSTR("NoDomain"), CFSTR("")).empty());
     EXPECT_TRUE(QVManifestGetEntryMatchingPath(manifest, CFSTR("HomeDomain"), CFSTR("Library/Caches")));
     EXPECT_FALSE(QVManifestGetEntryMatchingPath(manifest, CFSTR("HomeDomain"), CFSTR("library/caches")));
-}
-
-TEST_F(ManifestTest, EmptyDomainsAreListedNowhere) {
+    // Entries without a domain are listed nowhere.
     EXPECT_EQ(QVManifestGetEntries(manifest).size(), 8u);
     CF::Array domains = CF::Array::Adopt(QVManifestCopyDomainsList(manifest));
     std::vector<std::string> names;
@@ -76,36 +73,19 @@ TEST_F(ManifestTest, EmptyDomainsAreListedNowhere) {
     EXPECT_TRUE(QVManifestCopyEntriesInDomain(manifest, CFSTR("")).empty());
 }
 
-TEST_F(ManifestTest, FileIDListSkipsDirectoriesAndSymlinksButLookupFindsThem) {
-    CFArrayRef ids = QVManifestGetFileIDs(manifest);
-    ASSERT_EQ(CFArrayGetCount(ids), 1);
+TEST_F(ManifestTest, FileIDListSkipsDirectoriesAndSymlinksLookupFindsThemAndTheFirstWithAnIDWins) {
+    ASSERT_EQ(CFArrayGetCount(QVManifestGetFileIDs(manifest)), 1);
     Entry link = QVManifestGetEntryMatchingPath(manifest, CFSTR("AppDomain-com.example"), CFSTR("link"));
     EXPECT_EQ(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(link)), link);
-}
-
-TEST_F(ManifestTest, FirstEntryWithAFileIDWins) {
-    Entry first = dir("D", "same");
-    Entry second = dir("D", "same");
+    Entry first = dir("D", "same"), second = dir("D", "same");
     QVManifestUpdateEntries(manifest, {first, second});
     EXPECT_EQ(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(second)), first);
 }
 
-TEST_F(ManifestTest, UpdateReplacesEntriesAndRecomputesTotals) {
+TEST_F(ManifestTest, CopiesKeepTheTotalsUpdateReplacesEntriesAndRecomputesThem) {
     EXPECT_EQ(QVManifestGetTotalFileCount(manifest), 1);
     EXPECT_EQ(QVManifestGetTotalFileSize(manifest), 10);
-    Entry old = QVManifestGetEntryMatchingPath(manifest, CFSTR("HomeDomain"), CFSTR("Library"));
-    ASSERT_TRUE(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(old)));  // builds the index
-    auto file = QVFileCreateFromData(std::vector<uint8_t>(7, 'y'), nullptr);
-    Entry added = QVManifestEntryCreateForFile(file, CFSTR("D"), CFSTR("n"), nullptr, nullptr);
-    QVManifestUpdateEntries(manifest, {added});
-    EXPECT_FALSE(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(old)));
-    EXPECT_EQ(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(added)), added);
-    EXPECT_EQ(QVManifestGetTotalFileCount(manifest), 1);
-    EXPECT_EQ(QVManifestGetTotalFileSize(manifest), 7);
-    EXPECT_EQ(CFArrayGetCount(QVManifestGetFileIDs(manifest)), 1);
-}
-
-TEST_F(ManifestTest, CopyKeepsTotalsAndResetsTheVersion) {
+    // A copy keeps the totals and resets the version.
     manifest->dataVersion = QVManifestDataVersion31;
     int fetched = 0;
     Manifest copy = QVManifestCreateCopy(manifest, [&](CFStringRef, CFErrorRef*) {
@@ -122,4 +102,15 @@ TEST_F(ManifestTest, CopyKeepsTotalsAndResetsTheVersion) {
     entries[2]->file.reset();
     QVManifestEntryGetFile(entries[2], nullptr);
     EXPECT_EQ(fetched, 1);
+    // An update replaces the entries and recomputes the totals.
+    Entry old = QVManifestGetEntryMatchingPath(manifest, CFSTR("HomeDomain"), CFSTR("Library"));
+    ASSERT_TRUE(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(old)));  // builds the index
+    auto file = QVFileCreateFromData(std::vector<uint8_t>(7, 'y'), nullptr);
+    Entry added = QVManifestEntryCreateForFile(file, CFSTR("D"), CFSTR("n"), nullptr, nullptr);
+    QVManifestUpdateEntries(manifest, {added});
+    EXPECT_FALSE(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(old)));
+    EXPECT_EQ(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(added)), added);
+    EXPECT_EQ(QVManifestGetTotalFileCount(manifest), 1);
+    EXPECT_EQ(QVManifestGetTotalFileSize(manifest), 7);
+    EXPECT_EQ(CFArrayGetCount(QVManifestGetFileIDs(manifest)), 1);
 }
