@@ -21,6 +21,9 @@ struct RealBackup {
     const char* expectedReason;
 };
 
+// Test names show the folder (gtest would otherwise print the struct's bytes, padding included).
+void PrintTo(const RealBackup& backup, std::ostream* out) { *out << backup.folder; }
+
 fs::path realdata() { return fs::path(QUIVER_REALDATA); }
 
 }  // namespace
