@@ -163,8 +163,9 @@ TEST_F(DamagedBackupTest, NoCommandChangesTheBackupItReads) {
             EXPECT_EQ(r.status, 0) << backup.name << ": " << args[0] << ": " << r.err;
             fs::remove_all(root_ / "out");
         }
-        if (backup.name != "mbdb" && backup.password.empty() && fs::is_directory(backup.path))
+        if (backup.name != "mbdb" && backup.password.empty() && fs::is_directory(backup.path)) {
             EXPECT_EQ(Run({"csv", (backup.path / "Manifest.db").string()}, "").status, 0);
+        }
         EXPECT_EQ(Snapshot(backup.path), before) << backup.name << ": the tool changed the backup it read";
     }
 }
