@@ -142,8 +142,26 @@ struct KeyBag::Block {
     }
 };
 
-KeyBag::KeyBag(const CF::Data& raw, const std::string& password)
-    : KeyBag(raw, password, &ManifestEncryption::GenerateKEKFromPassword) {}
+namespace {
+
+// Devices derive with 10,000,000 rounds of the first pass and 10,000 of the second. A blob asks for
+// what it likes, and at four billion rounds a pass takes minutes; ten times the devices' count is
+// the most anyone waits for.
+constexpr uint32_t kMostRounds = 100'000'000;
+
+std::array<uint8_t, 32> BoundedDerivation(const std::vector<uint8_t>& password, const KeyBag::ManifestInfo& info) {
+    for (auto [tag, rounds] : {std::pair{"DPIC", info.dpic}, std::pair{"ITER", info.iter}}) {
+        if (rounds > kMostRounds)
+            throw Quiver::Error(QVErrorInvalidKeyBag, {},
+                                fmt::format("{} asks for {} rounds of derivation; devices use at most {}", tag, rounds,
+                                            kMostRounds / 10));
+    }
+    return ManifestEncryption::GenerateKEKFromPassword(password, info);
+}
+
+}  // namespace
+
+KeyBag::KeyBag(const CF::Data& raw, const std::string& password) : KeyBag(raw, password, &BoundedDerivation) {}
 
 KeyBag::KeyBag(const CF::Data& raw, const std::string& password, const KEKDerivation& derive) : password_(password) {
     // Every read goes through the bounds-checked reader: no length taken from the blob can reach past it.

@@ -71,7 +71,8 @@ public:
                                                                 const ManifestInfo& info)>;
 
     // Walks, parses and unlocks; throws a Quiver::Error (CF::Error) on any failure: QVErrorInvalidKeyBag
-    // for a malformed blob, QVErrorUnlockFailed when a class key does not unwrap (a wrong password).
+    // for a malformed blob or one that asks for more than 100,000,000 rounds of a derivation pass,
+    // QVErrorUnlockFailed when a class key does not unwrap (a wrong password).
     KeyBag(const CF::Data& raw, const std::string& password);
     // The same with another derivation. Tests and fuzzing use it to keep hostile iteration counts from
     // costing minutes; the library itself always uses the constructor above.

@@ -117,6 +117,14 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
     });
     EditManifestPlist(make("KeyBagRandom", "3.3", true, "BackupKeyBag"), "BackupKeyBag",
                       [](Bytes) { return Quiver::Support::RandomBytes(700); });
+    EditManifestPlist(make("KeyBagRoundsAbsurd", "3.3", true, "DPIC"), "BackupKeyBag", [](Bytes b) {
+        // Four billion rounds of the first derivation pass: minutes of work, were it done.
+        const std::string tag = "DPIC";
+        auto at = std::search(b.begin(), b.end(), tag.begin(), tag.end());
+        if (at == b.end()) throw std::logic_error("damaged backups: the key bag has no DPIC");
+        std::fill(at + 8, at + 12, 0xff);
+        return b;
+    });
     EditManifestPlist(make("ManifestKeyTooShort", "3.3", true, "ManifestKey"), "ManifestKey", [](Bytes b) { return Cut(b, 24); });
 
     // Manifest.mbdb.
