@@ -154,9 +154,11 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
         {"EncryptedStoredFileMissing", "3.3", true, true, [](const fs::path& p) { fs::remove(p); }},
         {"EncryptedStoredFileShorter", "3.3", true, true,
          [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, b.size() - 32); }); }},
-        // Without a digest only the cipher's blocks can tell.
+        // Without a digest only the cipher's blocks and padding can tell.
         {"EncryptedStoredFileCutMidBlock", "3.3", true, false,
          [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, b.size() - 5); }); }},
+        {"EncryptedStoredFileCutAtBlock", "3.3", true, false,
+         [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, b.size() - 32); }); }},
         {"MbdbStoredFileMissing", "2.4", false, true, [](const fs::path& p) { fs::remove(p); }},
     };
     for (const StoredFault& fault : stored) {

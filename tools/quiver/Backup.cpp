@@ -4,6 +4,7 @@
 //
 // The library refuses a password for a plain backup. QUIVER_PASSWORD may well be set in a shell for
 // other backups, so the tool then simply opens the backup without it.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <sstream>
 
 #include <fmt/format.h>
+#include <openssl/evp.h>
 
 #include "Quiver/QVError.hpp"
 #include "Tool.hpp"
@@ -154,6 +156,32 @@ Backup TryLoad(const std::string& path, bool zip, const std::optional<std::strin
                         : QVBackupContainerCreateFromDirectory(pathText.get(), passwordText.get(), report, &error);
     failure = CF::Error::Adopt(error);
     return backup;
+}
+
+// Whether an enciphered file ends in valid padding: its last block deciphered with the block before
+// it (or the zero initial value) as the chaining value. A file cut at a block boundary ends in
+// garbage that passes for padding once in 256 tries or less; reading 32 bytes tells what deciphering
+// the whole file would tell at its end.
+bool EndsInPadding(const std::string& path, uint64_t length, const std::array<uint8_t, 32>& key) {
+    uint8_t tail[32] = {};
+    const size_t wanted = length >= 32 ? 32 : 16;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const ssize_t got = ::pread(fd, tail, wanted, static_cast<off_t>(length - wanted));
+    ::close(fd);
+    if (got != static_cast<ssize_t>(wanted)) return false;
+    const uint8_t zero[16] = {};
+    const uint8_t* chain = wanted == 32 ? tail : zero;
+    const uint8_t* last = tail + wanted - 16;
+    uint8_t plain[32] = {};
+    int produced = 0;
+    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+    if (!ctx || EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_cbc(), nullptr, key.data(), chain) != 1 ||
+        EVP_CIPHER_CTX_set_padding(ctx.get(), 0) != 1 || EVP_DecryptUpdate(ctx.get(), plain, &produced, last, 16) != 1 ||
+        produced != 16)
+        return false;
+    const uint8_t pad = plain[15];
+    return pad >= 1 && pad <= 16 && std::all_of(plain + 16 - pad, plain + 16, [pad](uint8_t b) { return b == pad; });
 }
 
 }  // namespace
@@ -296,16 +324,28 @@ std::string CheckStoredFile(const Backup& backup, const Entry& entry) {
                                               shown, fileID, length));
     // Devices record the SHA-1 of the bytes they store, enciphered or not, as they write them, and
     // that decides. Files that this library adds to an encrypted backup carry their plaintext's
-    // digest instead, so there a length that fits the size has the last word.
+    // digest instead, so there a length that fits the size, and the padding, have the last word.
     if (CF::Data digest = CF::Data::Retain(QVManifestEntryGetDataHash(entry)); digest.size() == 20) {
-        if (QVFileGetHash(stored) == digest.vector() || (encrypted && lengthFits)) return {};
-        throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) is not "
-                                              "the one its manifest records",
-                                              shown, fileID, length));
+        if (QVFileGetHash(stored) == digest.vector()) return {};
+        if (!encrypted || !lengthFits)
+            throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) is not "
+                                                  "the one its manifest records",
+                                                  shown, fileID, length));
+    }
+    if (encrypted && length > 0) {
+        CFErrorRef keyError = nullptr;
+        auto key = QVManifestEntryUnlockFileKey(entry, *backup->manifestEncryption, &keyError);
+        CF::Error keyFailure = CF::Error::Adopt(keyError);
+        if (!key)
+            throw Failure(kBadBackup, fmt::format("the backup is damaged: the key of {} does not unwrap{}", shown,
+                                                  keyFailure ? ": " + ErrorText(keyFailure) : ""));
+        if (!EndsInPadding(Utf8(QVFileGetLocalPath(stored)), length, *key))
+            throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) does not "
+                                                  "decipher to its end; it is cut short or altered",
+                                                  shown, fileID, length));
     }
     // Without a digest the size is all there is, and devices record it before they copy: a file that
-    // grows or shrinks during the backup keeps its old size (seen in real backups). Deciphering checks
-    // the padding of an enciphered one.
+    // grows or shrinks during the backup keeps its old size (seen in real backups).
     if (!lengthFits && !encrypted)
         return fmt::format("{} holds {} bytes where its manifest records {}; it changed during the backup or is damaged",
                            shown, length, size);

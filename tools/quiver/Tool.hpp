@@ -102,8 +102,8 @@ const char* EntryTypeName(const Quiver::Entry& entry);
 int64_t EntryModifiedUnixTime(const Quiver::Entry& entry);
 
 // Checks an entry's stored file against its manifest before anything is read or written: Failure(4)
-// when it is missing, is not the file whose SHA-1 the manifest records, or is an enciphered file cut
-// off mid-block. A size that disagrees where no digest can decide is not damage for certain, as
+// when it is missing, is not the file whose SHA-1 the manifest records, or is an enciphered file
+// whose key does not unwrap or whose last block does not decipher to padding. A size that disagrees where no digest can decide is not damage for certain, as
 // devices record sizes before they copy; the text returned then says so (empty otherwise).
 // Directories, links and files put in by an edit pass.
 std::string CheckStoredFile(const Quiver::Backup& backup, const Quiver::Entry& entry);
