@@ -79,6 +79,9 @@ struct Kind {
     bool zip;
 };
 
+// Test names show the kind's name (gtest would otherwise print the struct's bytes, padding included).
+void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
+
 class EveryKindOfBackup : public ToolTest, public ::testing::WithParamInterface<Kind> {
 protected:
     void SetUp() override {

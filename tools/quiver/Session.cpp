@@ -65,10 +65,21 @@ void RemoveTree(const fs::path& path) {
     }
 }
 
+// Sent by EndSession to the signal thread alone, so that it returns and is joined: a thread still
+// waiting at exit shows up in leak checkers as a block possibly lost.
+constexpr int kSessionOver = SIGUSR2;
+
+// The signal thread; made once, never destroyed, joined by EndSession.
+std::thread& SignalThreadHandle() {
+    static std::thread* handle = new std::thread;
+    return *handle;
+}
+
 void SignalThread(sigset_t signals) {
     int signal = 0;
     while (sigwait(&signals, &signal) != 0) {
     }
+    if (signal == kSessionOver) return;
     interrupted = true;
     {
         std::unique_lock<std::mutex> guard(parkLock);
@@ -115,6 +126,7 @@ void StartSession() {
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGHUP);
     sigaddset(&signals, SIGQUIT);
+    sigaddset(&signals, kSessionOver);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     // A closed pipe shows up as EPIPE from write(), handled where the output is written.
     std::signal(SIGPIPE, SIG_IGN);
@@ -128,7 +140,7 @@ void StartSession() {
         std::lock_guard<std::mutex> guard(Session().lock);
         Session().temporaryFolder = pattern;
     }
-    std::thread(SignalThread, signals).detach();
+    SignalThreadHandle() = std::thread(SignalThread, signals);
     if (!QuiverSetTemporaryPath(CF::String(pattern).get()))
         throw Failure(kFailure, fmt::format("cannot use the temporary folder {}", pattern));
 }
@@ -138,6 +150,10 @@ void EndSession() {
     {
         std::lock_guard<std::mutex> guard(Session().lock);
         folder = std::exchange(Session().temporaryFolder, fs::path());
+    }
+    if (std::thread& thread = SignalThreadHandle(); thread.joinable()) {
+        pthread_kill(thread.native_handle(), kSessionOver);
+        thread.join();
     }
     if (folder.empty()) return;
     RemoveTree(folder);
