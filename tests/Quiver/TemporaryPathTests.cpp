@@ -27,8 +27,17 @@ std::string copied() {
     return s ? s.utf8() : "(null)";
 }
 
+// The exit status of a fresh-process case. The child runs the fixture's setup again but never its
+// teardown, so it removes its own scratch directory first.
+int Verdict(bool passed, const fs::path& scratch) {
+    std::error_code ec;
+    fs::remove_all(scratch, ec);
+    return passed ? 0 : 1;
+}
+
 // Runs `body` in a child process; the case passes when the body returns true.
-#define EXPECT_IN_FRESH_PROCESS(body) EXPECT_EXIT(std::exit((body) ? 0 : 1), ::testing::ExitedWithCode(0), "")
+#define EXPECT_IN_FRESH_PROCESS(body) \
+    EXPECT_EXIT(std::exit(Verdict((body), root)), ::testing::ExitedWithCode(0), "")
 
 }  // namespace
 
