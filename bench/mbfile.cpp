@@ -26,13 +26,15 @@
 #include "Quiver/CF/CF.hpp"
 #include "Quiver/MB/File.hpp"
 #include "Quiver/Support/KeyedArchiver.hpp"
+#include "tests/Quiver/Support/PlistValues.hpp"
 
 using Quiver::Support::cf_value;
 using Bytes = std::vector<uint8_t>;
+using plist_values::Format;
+using plist_values::Serialize;
+using plist_values::UID;
 
 namespace {
-
-cf_value UID(uint32_t n) { return cf_value::Adopt(_CFKeyedArchiverUIDCreate(kCFAllocatorDefault, n)); }
 
 CF::Dictionary ClassDescription(std::initializer_list<const char*> classes) {
     CF::Dictionary d = CF::Dictionary::CreateMutable();
@@ -41,32 +43,6 @@ CF::Dictionary ClassDescription(std::initializer_list<const char*> classes) {
     for (const char* c : classes) names.Append(CF::String(c));
     d.Set("$classes", names);
     return d;
-}
-
-Bytes Serialize(CFTypeRef plist, CFPropertyListFormat format) {
-    return CF::Data::Adopt(CFPropertyListCreateData(kCFAllocatorDefault, plist, format, 0, nullptr)).vector();
-}
-
-// {"CF$UID": n} in place of every UID, the XML spelling.
-cf_value WithoutUIDs(CFTypeRef value) {
-    const CFTypeID t = CFGetTypeID(value);
-    if (t == _CFKeyedArchiverUIDGetTypeID()) {
-        CF::Dictionary d = CF::Dictionary::CreateMutable();
-        d.Set("CF$UID", CF::Number(int64_t{_CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(value))}));
-        return cf_value::Retain(d.get());
-    }
-    if (t == CFDictionaryGetTypeID()) {
-        CF::Dictionary out = CF::Dictionary::CreateMutable();
-        for (const auto& [k, v] : CF::Dictionary::Retain(static_cast<CFDictionaryRef>(value)).Entries())
-            out.Set(k, WithoutUIDs(v).get());
-        return cf_value::Retain(out.get());
-    }
-    if (t == CFArrayGetTypeID()) {
-        CF::Array out = CF::Array::CreateMutable();
-        for (CFTypeRef v : CF::Array::Retain(static_cast<CFArrayRef>(value))) out.Append(WithoutUIDs(v).get());
-        return cf_value::Retain(out.get());
-    }
-    return cf_value::Retain(value);
 }
 
 Bytes Pattern(size_t n, uint32_t seed) {
@@ -114,7 +90,7 @@ CF::Dictionary DeviceArchive(uint32_t i) {
         CF::Dictionary xattrs = CF::Dictionary::CreateMutable();
         xattrs.Set("com.apple.TextEncoding", CF::Data(Bytes{'u', 't', 'f', '-', '8'}));
         xattrs.Set("com.apple.assetsd.UUID", CF::Data(Pattern(36, i)));
-        root.Set("ExtendedAttributes", UID(add(CF::Data(Serialize(xattrs.get(), kCFPropertyListBinaryFormat_v1_0)).get())));
+        root.Set("ExtendedAttributes", UID(add(CF::Data(Serialize(xattrs.get())).get())));
     }
     root.Set("$class", UID(add(ClassDescription({"MBFile", "NSObject"}).get())));
     CF::Dictionary top = CF::Dictionary::CreateMutable();
@@ -133,7 +109,7 @@ const std::vector<Bytes>& BinaryBlobs() {
     static const std::vector<Bytes> blobs = [] {
         std::vector<Bytes> v;
         for (uint32_t i = 0; i < kDistinctBlobs; ++i)
-            v.push_back(Serialize(DeviceArchive(i).get(), kCFPropertyListBinaryFormat_v1_0));
+            v.push_back(Serialize(DeviceArchive(i).get()));
         return v;
     }();
     return blobs;
@@ -143,7 +119,7 @@ const std::vector<Bytes>& XMLBlobs() {
     static const std::vector<Bytes> blobs = [] {
         std::vector<Bytes> v;
         for (uint32_t i = 0; i < kDistinctBlobs; ++i)
-            v.push_back(Serialize(WithoutUIDs(DeviceArchive(i).get()).get(), kCFPropertyListXMLFormat_v1_0));
+            v.push_back(Serialize(DeviceArchive(i).get(), Format::XML));
         return v;
     }();
     return blobs;

@@ -17,8 +17,10 @@
 #include "Quiver/CF/CF.hpp"
 #include "Quiver/MB/File.hpp"
 #include "Quiver/Support/KeyedArchiver.hpp"
+#include "tests/Quiver/Support/PlistValues.hpp"
 
 using Quiver::Support::cf_value;
+using plist_values::WithoutUIDs;
 namespace ax = Quiver::Support::archiver_exceptions;
 
 namespace {
@@ -54,28 +56,6 @@ bool HoldsNUL(const MB::File& f) {
     for (const auto& [key, value] : f.ExtendedAttributes.Entries())
         if (has(CF::String::Retain(static_cast<CFStringRef>(key)))) return true;
     return false;
-}
-
-// {"CF$UID": n} in place of every UID, as XML archives write them.
-cf_value WithoutUIDs(CFTypeRef value) {
-    const CFTypeID t = CFGetTypeID(value);
-    if (t == _CFKeyedArchiverUIDGetTypeID()) {
-        CF::Dictionary d = CF::Dictionary::CreateMutable();
-        d.Set("CF$UID", CF::Number(int64_t{_CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(value))}));
-        return cf_value::Retain(d.get());
-    }
-    if (t == CFDictionaryGetTypeID()) {
-        CF::Dictionary out = CF::Dictionary::CreateMutable();
-        for (const auto& [k, v] : CF::Dictionary::Retain(static_cast<CFDictionaryRef>(value)).Entries())
-            out.Set(k, WithoutUIDs(v).get());
-        return cf_value::Retain(out.get());
-    }
-    if (t == CFArrayGetTypeID()) {
-        CF::Array out = CF::Array::CreateMutable();
-        for (CFTypeRef v : CF::Array::Retain(static_cast<CFArrayRef>(value))) out.Append(WithoutUIDs(v).get());
-        return cf_value::Retain(out.get());
-    }
-    return cf_value::Retain(value);
 }
 
 CF::Data Write(CFTypeRef plist, CFPropertyListFormat format) {

@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <map>
 
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/Support/Cryptor.hpp"
-#include "Quiver/Support/Hash.hpp"
 #include "support/BackupBuilder.hpp"
 #include "support/TemporaryPath.hpp"
 
@@ -19,14 +17,6 @@ namespace fs = std::filesystem;
 namespace {
 
 std::string text(CFStringRef s) { return CF::String::Retain(s).utf8(); }
-
-// Every file below a directory with its SHA-1, to show that nothing was changed.
-std::map<std::string, std::vector<uint8_t>> snapshot(const fs::path& dir) {
-    std::map<std::string, std::vector<uint8_t>> out;
-    for (const auto& e : fs::recursive_directory_iterator(dir))
-        if (e.is_regular_file()) out[fs::relative(e.path(), dir).string()] = Support::HashOfFile(e.path());
-    return out;
-}
 
 class ContainerTest : public ::testing::Test {
 protected:
@@ -86,7 +76,7 @@ TEST_F(ContainerTest, PlainAndEncryptedBackupsOfBothManifestsGiveBackEveryFile) 
         SCOPED_TRACE(std::string(c.version) + (c.encrypted ? " encrypted" : " plain"));
         std::string name = std::string("b") + c.version + (c.encrypted ? "e" : "p");
         BuiltBackup built = build(c.version, c.encrypted, name.c_str());
-        auto before = snapshot(built.directory);
+        auto before = SnapshotTree(built.directory);
         CF::Error failure;
         std::vector<double> fractions;
         CFErrorRef error = nullptr;
@@ -98,7 +88,7 @@ TEST_F(ContainerTest, PlainAndEncryptedBackupsOfBothManifestsGiveBackEveryFile) 
         EXPECT_EQ(QVBackupContainerIsEncrypted(backup), c.encrypted ? 1 : 0);
         EXPECT_FALSE(fractions.empty());
         expectAllItems(backup, built);
-        EXPECT_EQ(snapshot(built.directory), before);  // loading and reading never write
+        EXPECT_EQ(SnapshotTree(built.directory), before);  // loading and reading never write
     }
 }
 

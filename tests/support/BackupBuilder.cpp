@@ -1,11 +1,14 @@
 #include "support/BackupBuilder.hpp"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 #include <set>
 #include <stdexcept>
 #include <utility>
 
+#include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVFile.hpp"
 #include "Quiver/QVManifest.hpp"
 #include "Quiver/QVManifestDB.hpp"
@@ -309,6 +312,33 @@ std::vector<BackupItem> SampleItems() {
     large.extendedAttributes["com.example.tag"] = {0x01, 0x02};
     items.push_back(std::move(large));
     return items;
+}
+
+fs::path ZipOfBackup(const BuiltBackup& built, const std::string& password) {
+    const fs::path zip = built.directory.string() + ".zip";
+    CFErrorRef error = nullptr;
+    CF::String pw(password);
+    Quiver::Backup backup = Quiver::QVBackupContainerCreateFromDirectory(
+        CF::String(built.directory.string()).get(), password.empty() ? nullptr : pw.get(), nullptr, &error);
+    if (!backup) throw CF::Error::Adopt(error);
+    if (!Quiver::QVBackupContainerExportToZip(backup, CF::String(zip.string()).get(), nullptr))
+        throw std::runtime_error("backup builder: the zip export of " + built.directory.string() + " failed");
+    return zip;
+}
+
+std::map<std::string, std::string> SnapshotTree(const fs::path& root) {
+    auto describe = [](const fs::path& p) {
+        struct stat st {};
+        if (lstat(p.c_str(), &st) != 0) return std::string("missing");
+        std::string d = std::to_string(st.st_mode) + " " + std::to_string(st.st_size) + " " +
+                        std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+        if (S_ISREG(st.st_mode)) d += " " + Quiver::Support::hex_encode(Quiver::Support::HashOfFile(p));
+        return d;
+    };
+    std::map<std::string, std::string> out{{"", describe(root)}};
+    if (fs::is_directory(fs::symlink_status(root)))
+        for (const auto& e : fs::recursive_directory_iterator(root)) out[fs::relative(e.path(), root)] = describe(e.path());
+    return out;
 }
 
 std::vector<uint8_t> ReadFileObject(const std::shared_ptr<QVFileClass>& file) {

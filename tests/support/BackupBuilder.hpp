@@ -117,6 +117,14 @@ std::vector<BackupItem> SampleItems();
 // The stored name of a file ID for a manifest version: flat for "2.4", "ab/ab..." otherwise.
 std::string LocalFilename(const std::string& fileID, const std::string& manifestVersion);
 
+// The built backup packed in a new zip file beside its directory ("<directory>.zip") by the
+// library's export; throws when it cannot be opened or written.
+std::filesystem::path ZipOfBackup(const BuiltBackup& built, const std::string& password = "");
+
+// Every path below root (root itself as "") with its mode, size, modification time to the
+// nanosecond and, for regular files, the SHA-1 of the contents: equal snapshots mean nothing changed.
+std::map<std::string, std::string> SnapshotTree(const std::filesystem::path& root);
+
 // Small file helpers for tests that read fixtures or damage them.
 std::vector<uint8_t> ReadWholeFile(const std::filesystem::path& path);
 // Everything a file object delivers through QVFileGetData (deciphered or enciphered as it is switched).

@@ -4,7 +4,6 @@
 #include <functional>
 #include <stdexcept>
 
-#include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/Support/Cryptor.hpp"
 #include "Quiver/Support/Random.hpp"
 #include "support/BackupBuilder.hpp"
@@ -59,11 +58,8 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
     // Each fault starts from a fresh copy of a sound backup.
     auto make = [&](const std::string& name, const std::string& version, bool encrypted, const char* named,
                     bool digests = true) -> BuiltBackup {
-        BackupDescription description;
-        description.recordDigests = digests;
-        description.items = SampleItems();
-        description.manifestVersion = version;
-        description.encrypted = encrypted;
+        const BackupDescription description{
+            .items = SampleItems(), .manifestVersion = version, .encrypted = encrypted, .recordDigests = digests};
         BuiltBackup built = BuildBackup(root / name, description);
         const BuiltItem& large = built.Item("AppDomain-com.example.notes", "Documents/large.db");
         out.push_back({name, built.directory, encrypted ? description.password : "", large.domain,
@@ -170,15 +166,7 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
 
     // A zip cut short.
     {
-        BuiltBackup built = make("ZipTruncated", "3.3", false, "zip");
-        const fs::path zip = root / "ZipTruncated.zip";
-        CFErrorRef error = nullptr;
-        Quiver::Backup backup = Quiver::QVBackupContainerCreateFromDirectory(
-            CF::String(built.directory.string()).get(), nullptr, nullptr, &error);
-        if (!backup) throw CF::Error::Adopt(error);
-        if (!Quiver::QVBackupContainerExportToZip(backup, CF::String(zip.string()).get(), nullptr)) {
-            throw std::runtime_error("damaged backups: the zip export failed");
-        }
+        const fs::path zip = ZipOfBackup(make("ZipTruncated", "3.3", false, "zip"));
         EditFile(zip, [](Bytes b) { return Cut(b, b.size() * 2 / 3); });
         out.back().path = zip;
     }

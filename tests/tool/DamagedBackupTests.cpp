@@ -1,15 +1,11 @@
 // Every command of the tool on backups with one fault each, and on sound backups: a damaged backup
 // ends in one clear line and status 4, never a crash, a hang or a result passed off as whole; and no
 // command ever changes the backup it reads.
-#include <sys/stat.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
 
-#include "Quiver/Support/Encoding.hpp"
-#include "Quiver/Support/Hash.hpp"
 #include "support/BackupBuilder.hpp"
 #include "support/DamagedBackups.hpp"
 #include "support/TemporaryPath.hpp"
@@ -20,23 +16,6 @@ using namespace QuiverTest;
 using namespace QuiverToolTest;
 
 namespace {
-
-// Every path below root with its kind, mode, time and, for files, SHA-1 of the contents.
-std::map<std::string, std::string> Snapshot(const fs::path& root) {
-    std::map<std::string, std::string> out;
-    auto describe = [](const fs::path& p) {
-        struct stat st {};
-        lstat(p.c_str(), &st);
-        std::string d = std::to_string(st.st_mode) + " " + std::to_string(st.st_size) + " " +
-                        std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
-        if (S_ISREG(st.st_mode)) d += " " + Quiver::Support::hex_encode(Quiver::Support::HashOfFile(p));
-        return d;
-    };
-    out[""] = describe(root);
-    if (fs::is_directory(fs::symlink_status(root)))
-        for (const auto& e : fs::recursive_directory_iterator(root)) out[fs::relative(e.path(), root)] = describe(e.path());
-    return out;
-}
 
 class DamagedBackupTest : public ::testing::Test {
 protected:
@@ -96,7 +75,7 @@ TEST_F(DamagedBackupTest, EveryCommandEndsWithOneClearLineAndStatusFour) {
     };
     const fs::path out = root_ / "out";
     for (const DamagedBackup& backup : *backups_) {
-        const auto before = Snapshot(backup.path);
+        const auto before = SnapshotTree(backup.path);
         for (const auto& args : Commands(backup, out)) {
             fs::remove_all(out);
             fs::create_directories(out);
@@ -133,7 +112,7 @@ TEST_F(DamagedBackupTest, EveryCommandEndsWithOneClearLineAndStatusFour) {
             const bool databaseFault = backup.name.find("Database") != std::string::npos;
             expect(csv.status == (databaseFault || !backup.password.empty() ? 4 : 0), backup.name + ": csv", csv);
         }
-        expect(Snapshot(backup.path) == before, backup.name + ": the backup changed", {});
+        expect(SnapshotTree(backup.path) == before, backup.name + ": the backup changed", {});
     }
     std::string all;
     for (const std::string& p : problems) all += p + "\n";
@@ -144,10 +123,7 @@ TEST_F(DamagedBackupTest, NoCommandChangesTheBackupItReads) {
     std::vector<DamagedBackup> sound;
     for (auto [name, version, encrypted] : {std::tuple{"plain", "3.3", false}, {"encrypted", "3.3", true},
                                             {"mbdb", "2.4", false}}) {
-        BackupDescription d;
-        d.items = SampleItems();
-        d.manifestVersion = version;
-        d.encrypted = encrypted;
+        const BackupDescription d{.items = SampleItems(), .manifestVersion = version, .encrypted = encrypted};
         BuiltBackup built = BuildBackup(root_ / "sound" / name, d);
         sound.push_back({name, built.directory, encrypted ? d.password : "", "HomeDomain", "Library/Preferences/one.txt", ""});
     }
@@ -156,7 +132,7 @@ TEST_F(DamagedBackupTest, NoCommandChangesTheBackupItReads) {
     sound.back().path = root_ / "sound/plain.zip";
 
     for (const DamagedBackup& backup : sound) {
-        const auto before = Snapshot(backup.path);
+        const auto before = SnapshotTree(backup.path);
         for (const auto& args : Commands(backup, root_ / "out")) {
             fs::create_directories(root_ / "out");
             RunResult r = Run(args, backup.password);
@@ -166,7 +142,7 @@ TEST_F(DamagedBackupTest, NoCommandChangesTheBackupItReads) {
         if (backup.name != "mbdb" && backup.password.empty() && fs::is_directory(backup.path)) {
             EXPECT_EQ(Run({"csv", (backup.path / "Manifest.db").string()}, "").status, 0);
         }
-        EXPECT_EQ(Snapshot(backup.path), before) << backup.name << ": the tool changed the backup it read";
+        EXPECT_EQ(SnapshotTree(backup.path), before) << backup.name << ": the tool changed the backup it read";
     }
 }
 

@@ -49,23 +49,11 @@ protected:
 
     BuiltBackup Build(const std::string& name, std::string version, bool encrypted,
                       std::vector<BackupItem> items = SampleItems()) {
-        BackupDescription d;
-        d.items = std::move(items);
-        d.manifestVersion = std::move(version);
-        d.encrypted = encrypted;
-        return BuildBackup(work_ / name, d);
+        return BuildBackup(work_ / name, {.items = std::move(items), .manifestVersion = std::move(version),
+                                          .encrypted = encrypted});
     }
 
-    // The same backup packed in a zip file by the library's own export.
-    std::string Zip(const BuiltBackup& built, const std::string& password) {
-        std::string zip = built.directory.string() + ".zip";
-        CF::String pw(password);
-        Quiver::Backup backup = Quiver::QVBackupContainerCreateFromDirectory(
-            CF::String(built.directory.string()).get(), password.empty() ? nullptr : pw.get(), nullptr, nullptr);
-        EXPECT_TRUE(backup);
-        EXPECT_TRUE(Quiver::QVBackupContainerExportToZip(backup, CF::String(zip).get(), nullptr));
-        return zip;
-    }
+    std::string Zip(const BuiltBackup& built, const std::string& password) { return ZipOfBackup(built, password); }
 
     fs::path work_;
 };
@@ -242,10 +230,7 @@ TEST_F(PasswordAndStatus, UsageErrorsAndMissingItems) {
 // Devices record a size before they copy the file, so a file that changed during the backup keeps
 // its old size; with no digest to decide, the file is read with a warning rather than refused.
 TEST_F(ToolTest, ASizeThatDisagreesWithoutADigestIsAWarning) {
-    BackupDescription d;
-    d.items = SampleItems();
-    d.recordDigests = false;
-    BuiltBackup built = BuildBackup(work_ / "nodigest", d);
+    BuiltBackup built = BuildBackup(work_ / "nodigest", {.items = SampleItems(), .recordDigests = false});
     const BuiltItem& large = built.Item("AppDomain-com.example.notes", "Documents/large.db");
     fs::resize_file(built.directory / large.localFilename, 4096);
     RunResult r = Run({"cat", built.directory.string(), large.domain, large.relativePath});

@@ -300,55 +300,52 @@ std::vector<Entry> SelectEntries(const Backup& backup, const std::optional<std::
 
 std::string CheckStoredFile(const Backup& backup, const Entry& entry) {
     if (!QVManifestEntryIsFile(entry) || entry->external) return {};
-    const std::string shown = Printable(EntryDomain(entry)) + " " + Printable(EntryPath(entry));
-    const std::string fileID = Utf8(QVManifestEntryGetFileID(entry));
+    // An export checks every file, so names are only put together for a file that fails.
+    auto shown = [&] { return Printable(EntryDomain(entry)) + " " + Printable(EntryPath(entry)); };
+    uint64_t length = 0;
+    auto damaged = [&](const char* what) {
+        return Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) {}", shown(),
+                                               Utf8(QVManifestEntryGetFileID(entry)), length, what));
+    };
     CFErrorRef error = nullptr;
     std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(entry, &error);
     CF::Error failure = CF::Error::Adopt(error);
     if (!stored) {
-        bool missing = false;
-        for (CF::Error e = failure; e && !missing; e = e.Underlying()) missing = e.Code() == QVErrorFileNotFound;
-        if (missing)
-            throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}) is missing", shown, fileID));
-        throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, ErrorText(failure)));
+        for (CF::Error e = failure; e; e = e.Underlying())
+            if (e.Code() == QVErrorFileNotFound)
+                throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}) is missing",
+                                                      shown(), Utf8(QVManifestEntryGetFileID(entry))));
+        throw Failure(kFailure, fmt::format("cannot read {}: {}", shown(), ErrorText(failure)));
     }
-    const uint64_t length = QVFileGetSize(stored);
+    length = QVFileGetSize(stored);
     const uint64_t size = QVManifestEntryGetFileSize(entry);
     const bool encrypted = QVBackupContainerIsEncrypted(backup);
     // An enciphered file is its plaintext padded to the next whole block.
     const bool lengthFits = encrypted ? (length % 16 == 0 && length > size && length <= size + 16) || (length == 0 && size == 0)
                                       : length == size;
-    if (encrypted && length % 16 != 0)
-        throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}) is cut short: {} "
-                                              "bytes is not a whole number of cipher blocks",
-                                              shown, fileID, length));
+    if (encrypted && length % 16 != 0) throw damaged("is cut short: not a whole number of cipher blocks");
     // Devices record the SHA-1 of the bytes they store, enciphered or not, as they write them, and
     // that decides. Files that this library adds to an encrypted backup carry their plaintext's
     // digest instead, so there a length that fits the size, and the padding, have the last word.
     if (CF::Data digest = CF::Data::Retain(QVManifestEntryGetDataHash(entry)); digest.size() == 20) {
         if (QVFileGetHash(stored) == digest.vector()) return {};
-        if (!encrypted || !lengthFits)
-            throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) is not "
-                                                  "the one its manifest records",
-                                                  shown, fileID, length));
+        if (!encrypted || !lengthFits) throw damaged("is not the one its manifest records");
     }
     if (encrypted && length > 0) {
         CFErrorRef keyError = nullptr;
         auto key = QVManifestEntryUnlockFileKey(entry, *backup->manifestEncryption, &keyError);
         CF::Error keyFailure = CF::Error::Adopt(keyError);
         if (!key)
-            throw Failure(kBadBackup, fmt::format("the backup is damaged: the key of {} does not unwrap{}", shown,
+            throw Failure(kBadBackup, fmt::format("the backup is damaged: the key of {} does not unwrap{}", shown(),
                                                   keyFailure ? ": " + ErrorText(keyFailure) : ""));
         if (!EndsInPadding(Utf8(QVFileGetLocalPath(stored)), length, *key))
-            throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) does not "
-                                                  "decipher to its end; it is cut short or altered",
-                                                  shown, fileID, length));
+            throw damaged("does not decipher to its end; it is cut short or altered");
     }
     // Without a digest the size is all there is, and devices record it before they copy: a file that
     // grows or shrinks during the backup keeps its old size (seen in real backups).
     if (!lengthFits && !encrypted)
         return fmt::format("{} holds {} bytes where its manifest records {}; it changed during the backup or is damaged",
-                           shown, length, size);
+                           shown(), length, size);
     return {};
 }
 

@@ -1,6 +1,6 @@
 // Short spellings of property-list values for tests that build keyed archives by hand, and the
 // serialisation of such a list in either format (UIDs become {"CF$UID": n} in XML, as XML archives
-// write them).
+// write them). The benchmarks and fuzz targets of keyed archives use them too.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
