@@ -3,8 +3,10 @@
 // lazy file getter and the metadata getters and setters.
 #include "Quiver/QVBackupContainer.hpp"
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
+#include <fstream>
 
 #include "Quiver/FileManager.hpp"
 #include "Quiver/QVError.hpp"
@@ -143,37 +145,94 @@ std::vector<uint8_t> readWhole(const std::shared_ptr<QVFileClass>& file, uint64_
     return bytes;
 }
 
+// A metadata file that is present must be a property-list dictionary: anything else is damage, not
+// an empty dictionary (a damaged Manifest.plist must not pass for a plain backup).
 void loadMetadataDictFile(const Backup& backup, const char* name, CF::Dictionary& dictionary) {
     auto file = SourceLoadFile(backup, CF::String(name));
     std::vector<uint8_t> bytes = readWhole(file, 32768);
     replaceContents(dictionary, nullptr);
-    if (bytes.empty()) return;
     CF::Data data = CF::Data::NoCopy(bytes);
-    CFPropertyListRef plist = CFPropertyListCreateWithData(kCFAllocatorDefault, data.get(), 0, nullptr, nullptr);
-    if (plist && CFGetTypeID(plist) == CFDictionaryGetTypeID()) replaceContents(dictionary, static_cast<CFDictionaryRef>(plist));
+    CFPropertyListRef plist =
+        bytes.empty() ? nullptr : CFPropertyListCreateWithData(kCFAllocatorDefault, data.get(), 0, nullptr, nullptr);
+    const bool isDictionary = plist && CFGetTypeID(plist) == CFDictionaryGetTypeID();
+    if (isDictionary) replaceContents(dictionary, static_cast<CFDictionaryRef>(plist));
     if (plist) CFRelease(plist);
+    if (!isDictionary)
+        throw Error(QVErrorInvalidMetadata, CF::Error(),
+                    fmt::format("{} holds no property-list dictionary", name));
+}
+
+bool sourceHas(const Backup& backup, const char* name) {
+    if (backup->sourceType == QVDataSourceTypeZip) return ZipSourceHasMember(*backup, name);
+    std::error_code ec;
+    return fs::exists(fs::path(backup->path.utf8()) / name, ec);
+}
+
+// Backups of iOS 3 and earlier kept one .mdinfo and one .mddata file per item and no manifest.
+bool looksLikeMdinfoLayout(const Backup& backup) {
+    if (backup->sourceType != QVDataSourceTypeDirectory) return false;
+    std::error_code ec;
+    for (fs::directory_iterator it(fs::path(backup->path.utf8()), ec), end; !ec && it != end; it.increment(ec)) {
+        if (it->path().extension() == ".mdinfo") return true;
+    }
+    return false;
+}
+
+void warn(const Backup& backup, std::string text) {
+    log_fmt(log_level::warning, "(QVBackupContainer {}) {}", static_cast<const void*>(backup.get()), text);
+    backup->loadWarnings.push_back(std::move(text));
+}
+
+static const std::pair<const char*, QVManifestDataVersion> kVersions[] = {
+    {"2.4", QVManifestDataVersion24}, {"3.0", QVManifestDataVersion30}, {"3.1", QVManifestDataVersion31},
+    {"3.2", QVManifestDataVersion32}, {"3.3", QVManifestDataVersion33}};
+
+// The manifest version: Status.plist's "Version", or, in a partial copy, the kind of manifest present.
+std::string manifestVersionText(const Backup& backup) {
+    std::string version = backup->statusDict.Get<CF::String>("Version").utf8();
+    if (!version.empty()) {
+        for (const auto& [text, value] : kVersions) {
+            if (version == text) {
+                backup->manifestVersion = value;
+                break;
+            }
+        }
+        return version;
+    }
+    const bool statusMissing = std::find(backup->missingMetadata.begin(), backup->missingMetadata.end(),
+                                         "Status.plist") != backup->missingMetadata.end();
+    if (!statusMissing) backup->missingMetadata.push_back("Version in Status.plist");
+    const char* why = statusMissing ? "there is no Status.plist" : "Status.plist holds no \"Version\"";
+    if (sourceHas(backup, "Manifest.db")) {
+        backup->manifestVersion = QVManifestDataVersion33;
+        warn(backup, fmt::format("{}: read as a Manifest.db backup (manifest version 3.3)", why));
+        return "3.3";
+    }
+    if (sourceHas(backup, "Manifest.mbdb")) {
+        backup->manifestVersion = QVManifestDataVersion24;
+        warn(backup, fmt::format("{}: read as a Manifest.mbdb backup (manifest version 2.4)", why));
+        return "2.4";
+    }
+    if (looksLikeMdinfoLayout(backup))
+        throw Error(QVErrorUnknownManifestVersion, CF::Error(),
+                    "This backup was made by iOS 3 or earlier (one .mdinfo and one .mddata file per item, no "
+                    "manifest), a generation that is not supported");
+    throw Error(QVErrorInvalidBackup, CF::Error(), "The manifest version is missing");
+}
+
+bool isPlainDatabase(const fs::path& path) {
+    static constexpr char kHeader[] = "SQLite format 3";  // and its NUL
+    std::array<char, sizeof kHeader> start{};
+    std::ifstream in(path, std::ios::binary);
+    return in.read(start.data(), start.size()) && std::equal(start.begin(), start.end(), kHeader);
 }
 
 void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
     QV_ASSERT(backup);
-    std::string version = backup->statusDict.Get<CF::String>("Version").utf8();
-    if (version.empty()) throw Error(QVErrorInvalidBackup, CF::Error(), "The manifest version is missing");
-    static const std::pair<const char*, QVManifestDataVersion> kVersions[] = {
-        {"2.4", QVManifestDataVersion24}, {"3.0", QVManifestDataVersion30}, {"3.1", QVManifestDataVersion31},
-        {"3.2", QVManifestDataVersion32}, {"3.3", QVManifestDataVersion33}};
-    for (const auto& [text, value] : kVersions) {
-        if (version == text) {
-            backup->manifestVersion = value;
-            break;
-        }
-    }
+    const std::string version = manifestVersionText(backup);
     const bool encrypted = backup->manifestEncryption.has_value();
-    const auto notSupported = [&] {
-        return Error(QVErrorEncryptionNotSupported, CF::Error(),
-                     fmt::format("Encrypted backups are not supported for manifest version '{}'", version));
-    };
     if (backup->manifestVersion == QVManifestDataVersion24) {
-        if (encrypted) throw notSupported();
+        // Manifest.mbdb is never enciphered; in an encrypted backup its records hold the file keys.
         try {
             auto file = SourceLoadFile(backup, CF::String("Manifest.mbdb"));
             CF::Data data(readWhole(file, 0));
@@ -187,9 +246,6 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
         }
         return;
     }
-    if ((backup->manifestVersion == QVManifestDataVersion30 || backup->manifestVersion == QVManifestDataVersion31) &&
-        encrypted)
-        throw notSupported();
     if (backup->manifestVersion < QVManifestDataVersion30 || backup->manifestVersion > QVManifestDataVersion33)
         throw Error(QVErrorUnknownManifestVersion, CF::Error(), fmt::format("Unsupported version '{}' specified", version));
 
@@ -197,14 +253,18 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
     CFStringRef localPath = QVFileGetLocalPath(file);
     if (!localPath) throw Error(QVErrorInvalidArgument, CF::Error(), "No path for manifest database");
     CF::String databasePath = CF::String::Retain(localPath);
-    if (encrypted) {
+    // Devices enciphered Manifest.db from iOS 10.2 on, with a "ManifestKey" beside the key bag; the
+    // encrypted backups of iOS 10.0 and 10.1 keep it plain, with the file keys in its rows.
+    if (encrypted && !backup->manifestEncryption->HasManifestKey() && !isPlainDatabase(fs::path(databasePath.utf8())))
+        throw Error(QVErrorInvalidMetadata, CF::Error(), "ManifestKey is missing, and Manifest.db is enciphered");
+    if (encrypted && backup->manifestEncryption->HasManifestKey()) {
         CF::String identifier = CF::UUID::Create().ToString();
         fs::path temporary = FileManager::GetStorageLocationForTempIdentifier(identifier.get());
         log_fmt(log_level::debug, "(QVBackupContainer {}) Will decrypt manifest version '{}' to {}",
                 static_cast<const void*>(backup.get()), version, temporary.string());
         backup->privateFiles.push_back(temporary);
-        MB::ManifestEncryption::DecryptFile(fs::path(databasePath.utf8()), temporary,
-                                            backup->manifestEncryption->GetManifestKey());
+        MB::ManifestEncryption::DecryptDatabase(fs::path(databasePath.utf8()), temporary,
+                                                backup->manifestEncryption->GetManifestKey());
         databasePath = CF::String(temporary.string());
         log_fmt(log_level::info, "(QVBackupContainer {}) Successfully decrypted manifest",
                 static_cast<const void*>(backup.get()));
@@ -219,20 +279,41 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
 
 void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress) {
     QV_ASSERT(backup);
+    backup->missingMetadata.clear();
+    backup->loadWarnings.clear();
+    std::vector<CF::Error> missingRequired;
     for (const MetadataFile& record : MetadataFileList(*backup)) {
         try {
             loadMetadataDictFile(backup, record.name, *record.dictionary);
         } catch (const CF::Error& e) {
             if (e.Matches(kQVErrorDomain, QVErrorFileNotFound)) {
-                if (record.required)
-                    throw Error(QVErrorInvalidBackup, e,
-                                fmt::format("Backup metadata file missing. Are you sure this is a valid backup? ({})",
-                                            record.name));
                 replaceContents(*record.dictionary, nullptr);
+                backup->missingMetadata.push_back(record.name);
+                if (record.required)
+                    missingRequired.push_back(Error(
+                        QVErrorInvalidBackup, e,
+                        fmt::format("Backup metadata file missing. Are you sure this is a valid backup? ({})",
+                                    record.name)));
+                continue;
+            }
+            // An unreadable Info.plist (written by the host, not the device) costs nothing that matters.
+            if (!record.required && e.Matches(kQVErrorDomain, QVErrorInvalidMetadata)) {
+                warn(backup, fmt::format("Info.plist is not a property list and is left out"));
                 continue;
             }
             throw Error(QVErrorInvalidBackup, e, fmt::format("Failed to load backup metadata file ({})", record.name));
         }
+    }
+    // Forensic copies often hold the manifest alone: without Status.plist or Manifest.plist, a folder
+    // that has a manifest reads as a partial copy; one without is no backup.
+    if (!missingRequired.empty()) {
+        if (!sourceHas(backup, "Manifest.db") && !sourceHas(backup, "Manifest.mbdb")) {
+            if (looksLikeMdinfoLayout(backup)) manifestVersionText(backup);  // says which generation it is
+            throw missingRequired.front();
+        }
+        if (std::find(backup->missingMetadata.begin(), backup->missingMetadata.end(), "Manifest.plist") !=
+            backup->missingMetadata.end())
+            warn(backup, "there is no Manifest.plist: read as a plain backup, as a copy without it cannot be decrypted");
     }
     bool encrypted = backup->manifestDict.Get<CF::Boolean>("IsEncrypted").value();
     bool hasPassword = backup->password && backup->password.length() > 0;
@@ -316,6 +397,8 @@ Backup QVBackupContainerCreateCopy(const Backup& source) {
     backup->infoDict = source->infoDict.MutableCopy();
     backup->statusDict = source->statusDict.MutableCopy();
     backup->baseDirectory = source->baseDirectory;
+    backup->missingMetadata = source->missingMetadata;
+    backup->loadWarnings = source->loadWarnings;
     if (source->password && source->password.length() > 0 && source->manifestEncryption) {
         backup->password = source->password;
         backup->manifestEncryption = source->manifestEncryption;
@@ -437,6 +520,22 @@ CFArrayRef QVBackupContainerCopyFilesystemPathsList(const Backup& backup, unsign
 Manifest QVBackupContainerGetManifest(const Backup& backup) {
     QV_ASSERT(backup);
     return backup->manifest;
+}
+
+std::vector<std::string> QVBackupContainerCopyMissingMetadata(const Backup& backup) {
+    QV_ASSERT(backup);
+    return backup->missingMetadata;
+}
+
+std::vector<std::string> QVBackupContainerCopyLoadWarnings(const Backup& backup) {
+    QV_ASSERT(backup);
+    return backup->loadWarnings;
+}
+
+bool QVBackupContainerHasEncipheredManifest(const Backup& backup) {
+    QV_ASSERT(backup);
+    return backup->manifestEncryption && backup->manifestEncryption->HasManifestKey() &&
+           backup->manifestVersion >= QVManifestDataVersion30;
 }
 
 }  // namespace Quiver

@@ -49,6 +49,10 @@ public:
     Quiver::Support::software_version sourceIOSVersion;
     // Decrypted copies of an encrypted Manifest.db are the user's private data: removed with the container.
     std::vector<std::filesystem::path> privateFiles;
+    // A partial copy (a folder with a manifest but without Status.plist or Manifest.plist, or a
+    // Status.plist without "Version"): what is missing, and what loading made of it.
+    std::vector<std::string> missingMetadata;
+    std::vector<std::string> loadWarnings;
 };
 
 namespace Quiver {
@@ -98,6 +102,14 @@ QV_EXPORT void QVBackupContainerSetBaseDirectory(const Backup& backup, CFStringR
 // Every name an export writes, relative to the backup root; the caller releases the array.
 QV_EXPORT CFArrayRef QVBackupContainerCopyFilesystemPathsList(const Backup& backup, unsigned char forwardSlashes);
 QV_EXPORT Manifest QVBackupContainerGetManifest(const Backup& backup);
+// What a partial copy lacks: "Manifest.plist", "Status.plist", "Info.plist" or "Version in Status.plist";
+// empty for a complete backup. Such a backup reads, but is refused by export.
+QV_EXPORT std::vector<std::string> QVBackupContainerCopyMissingMetadata(const Backup& backup);
+// One sentence for each thing that loading had to make up (the manifest version, plain for want of
+// Manifest.plist); also logged as warnings.
+QV_EXPORT std::vector<std::string> QVBackupContainerCopyLoadWarnings(const Backup& backup);
+// Whether the manifest of this backup is enciphered (encrypted backups of iOS 10.2 and later).
+QV_EXPORT bool QVBackupContainerHasEncipheredManifest(const Backup& backup);
 
 // ---- Entry operations ----
 
@@ -147,6 +159,7 @@ std::shared_ptr<QVFileClass> SourceLoadFile(const Backup& backup, const CF::Stri
 std::shared_ptr<QVFileClass> SourceLoadFileForFileID(const Backup& backup, CFStringRef fileID, CFErrorRef* error);
 // The zip source: a member read whole into an appendable file.
 std::shared_ptr<QVFileClass> SourceLoadZipMember(QVBackupContainerClass& backup, const CF::String& name);
+bool ZipSourceHasMember(QVBackupContainerClass& backup, const std::string& name);
 void CloseZipSource(QVBackupContainerClass& backup);
 void OpenZipSource(QVBackupContainerClass& backup);
 // Loads metadata, checks encryption and loads the manifest; throws CF::Error.

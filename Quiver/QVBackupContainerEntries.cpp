@@ -116,7 +116,8 @@ std::shared_ptr<QVFileClass> QVBackupContainerCopyFileForLocalFilename(const Bac
                 CFErrorRef inner = nullptr;
                 auto file = QVFileCreateFromData(data.get(), &inner);
                 if (!file) throw CF::Error::Adopt(inner);
-                if (backup->manifestEncryption)
+                // Only iOS 10.2 and later encipher Manifest.db; older encrypted backups keep it plain.
+                if (QVBackupContainerHasEncipheredManifest(backup))
                     _QVFileSetEncryptionKey(file, backup->manifestEncryption->GetManifestKey());
                 return file;
             } catch (const CF::Error& e) {

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include <fmt/ranges.h>
+
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVLog.hpp"
@@ -51,6 +53,18 @@ bool destinationFree(const fs::path& destination) {
     return true;
 }
 
+// A partial copy lacks what a device needs to restore it; writing one out would pass it off as whole.
+bool completeBackup(const Backup& backup) {
+    std::vector<std::string> lacking;
+    for (const std::string& name : backup->missingMetadata)
+        if (name != "Info.plist") lacking.push_back(name);
+    if (lacking.empty()) return true;
+    report(Error(QVErrorInvalidBackup, CF::Error(),
+                 fmt::format("This backup is a partial copy without {}: it can be read, not written as a backup",
+                             fmt::join(lacking, " or "))));
+    return false;
+}
+
 // Produces every name of the finished backup in order and hands each file to write(name, file,
 // counter); a name that cannot be produced is reported and skipped. False when any name failed.
 template <typename Write>
@@ -89,7 +103,7 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
                                                  const ExportProgress& progress) {
     QV_ASSERT(backup);
     const fs::path root(CF::String::Retain(destination).utf8());
-    if (!destinationFree(root)) return 0;
+    if (!completeBackup(backup) || !destinationFree(root)) return 0;
     std::error_code ec;
     fs::create_directories(root, ec);
     if (ec) {
@@ -153,7 +167,7 @@ unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef des
                                            const ExportProgress& progress) {
     QV_ASSERT(backup);
     const fs::path target(CF::String::Retain(destination).utf8());
-    if (!destinationFree(target)) return 0;
+    if (!completeBackup(backup) || !destinationFree(target)) return 0;
     ZipWriter writer;
     writer.zip = zipOpen64(target.string().c_str(), APPEND_STATUS_CREATE);
     if (!writer.zip) {

@@ -38,6 +38,11 @@ struct CurrentMember {
 
 }  // namespace
 
+bool ZipSourceHasMember(QVBackupContainerClass& backup, const std::string& name) {
+    auto zip = static_cast<unzFile>(backup.zipFile);
+    return zip && unzGoToFirstFile(zip) == UNZ_OK && unzLocateFile(zip, name.c_str(), kCaseSensitive) == UNZ_OK;
+}
+
 std::shared_ptr<QVFileClass> SourceLoadZipMember(QVBackupContainerClass& backup, const CF::String& name) {
     auto zip = static_cast<unzFile>(backup.zipFile);
     if (!zip) throw Error(QVErrorInvalidArgument, CF::Error(), "No data source type set for backup container");

@@ -58,6 +58,9 @@ struct ClassRecord {
     std::array<uint8_t, 40> wrappedKey{};
 };
 
+// A class wrapped with the password (bit 2) is unwrapped with the key derived from it, whether or not
+// the device bit is also set: a backup key bag is never bound to the device. The caller leaves classes
+// with the device bit alone out.
 KeyBag::UnlockedKey UnlockClassKey(const ClassRecord& record, const std::array<uint8_t, 32>& kek) {
     std::vector<uint8_t> key(record.wrappedKey.begin(), record.wrappedKey.end());
     if (record.wrap & kWrapWithKEK) {
@@ -66,11 +69,6 @@ KeyBag::UnlockedKey UnlockClassKey(const ClassRecord& record, const std::array<u
         } catch (const std::exception& e) {
             throw Quiver::Error(QVErrorCryptoOperation, {}, fmt::format("RFC3394Unwrap failed: {}", e.what()));
         }
-    }
-    if (record.wrap & kWrapWithDevice) {
-        // Only the device that wrote the key bag holds its device key; a backup is opened without it.
-        OPENSSL_cleanse(key.data(), key.size());
-        throw Quiver::Error(QVErrorUnlockFailed, {}, "Cannot decode without deviceKey");
     }
     if (key.size() != 32) {
         OPENSSL_cleanse(key.data(), key.size());
@@ -83,6 +81,8 @@ KeyBag::UnlockedKey UnlockClassKey(const ClassRecord& record, const std::array<u
     OPENSSL_cleanse(key.data(), key.size());
     return unlocked;
 }
+
+bool DeviceOnly(uint32_t wrap) { return (wrap & kWrapWithDevice) && !(wrap & kWrapWithKEK); }
 
 std::array<uint8_t, 16> RandomUUID() {
     std::vector<uint8_t> bytes = Quiver::Support::RandomBytes(16);
@@ -149,8 +149,11 @@ namespace {
 // the most anyone waits for.
 constexpr uint32_t kMostRounds = 100'000'000;
 
+constexpr uint32_t kOldestVersion = 1;
+constexpr uint32_t kNewestVersion = 5;
+
 std::array<uint8_t, 32> BoundedDerivation(const std::vector<uint8_t>& password, const KeyBag::ManifestInfo& info) {
-    for (auto [tag, rounds] : {std::pair{"DPIC", info.dpic}, std::pair{"ITER", info.iter}}) {
+    for (auto [tag, rounds] : {std::pair{"DPIC", info.firstPass ? info.dpic : 0}, std::pair{"ITER", info.iter}}) {
         if (rounds > kMostRounds)
             throw Quiver::Error(QVErrorInvalidKeyBag, {},
                                 fmt::format("{} asks for {} rounds of derivation; devices use at most {}", tag, rounds,
@@ -194,7 +197,9 @@ void KeyBag::parseFromRaw(const KEKDerivation& derive) {
     if (vers.first != "VERS") ThrowInvalid("Missing VERS field");
     if (vers.second.size() != 4) ThrowInvalid("Invalid VERS field");
     const uint32_t version = DecodeUInt32(vers.second);
-    if (version != 3 && version != 5) ThrowInvalid(fmt::format("Unknown version '{}'", version));
+    // Version 1 is the key bag of iOS 4, 3 and 5 those of later devices; the layout has not changed.
+    if (version < kOldestVersion || version > kNewestVersion)
+        ThrowInvalid(fmt::format("Unknown version '{}'", version));
 
     const Item& type = raw_[1];
     if (type.first != "TYPE") ThrowInvalid("Missing TYPE field");
@@ -220,9 +225,14 @@ void KeyBag::parseFromRaw(const KEKDerivation& derive) {
     info.wrap = first.Number("WRAP");
     info.salt = first.Array<20>("SALT");
     info.iter = first.Number("ITER");
-    info.dpwt = first.Number("DPWT");
-    info.dpic = first.Number("DPIC");
-    info.dpsl = first.Array<20>("DPSL");
+    // Key bags before iOS 10.2 have neither DPIC nor DPSL (nor DPWT): one derivation pass. One of the
+    // two without the other is damage.
+    info.firstPass = first.Find("DPIC") || first.Find("DPSL");
+    if (info.firstPass) {
+        info.dpic = first.Number("DPIC");
+        info.dpsl = first.Array<20>("DPSL");
+    }
+    if (first.Find("DPWT")) info.dpwt = first.Number("DPWT");
 
     std::vector<ClassRecord> records;
     for (auto block = blocks.cbegin() + 1; block != blocks.cend(); ++block) {
@@ -230,7 +240,7 @@ void KeyBag::parseFromRaw(const KEKDerivation& derive) {
         record.uuid = block->uuid;
         record.protectionClass = block->Number("CLAS");
         record.wrap = block->Number("WRAP");
-        record.keyType = block->Number("KTYP");
+        record.keyType = block->Find("KTYP") ? block->Number("KTYP") : 0;  // iOS 4 key bags have none
         record.wrappedKey = block->Array<40>("WPKY");
         // Each class has one key; a second would silently replace the first.
         for (const ClassRecord& earlier : records) {
@@ -238,6 +248,11 @@ void KeyBag::parseFromRaw(const KEKDerivation& derive) {
         }
         records.push_back(record);
     }
+
+    // Only the integrity check of a password-wrapped class tells a right password from a wrong one;
+    // without one there is nothing to check it against, and the derivation would be wasted.
+    if (std::none_of(records.begin(), records.end(), [](const ClassRecord& r) { return (r.wrap & kWrapWithKEK) != 0; }))
+        ThrowInvalid("No class key is wrapped with the password");
 
     version_ = version;
     type_ = static_cast<Type>(typeValue);
@@ -247,6 +262,10 @@ void KeyBag::parseFromRaw(const KEKDerivation& derive) {
     std::array<uint8_t, 32> kek = derive(passwordBytes, manifestInfo_);
     try {
         for (const ClassRecord& record : records) {
+            if (DeviceOnly(record.wrap)) {
+                lockedClasses_.push_back(record.protectionClass);
+                continue;
+            }
             try {
                 unlockedKeys_.emplace(record.protectionClass, UnlockClassKey(record, kek));
             } catch (const CF::Error& e) {
@@ -263,6 +282,10 @@ void KeyBag::parseFromRaw(const KEKDerivation& derive) {
         throw;
     }
     OPENSSL_cleanse(kek.data(), kek.size());
+}
+
+bool KeyBag::IsLockedClass(uint32_t protectionClass) const {
+    return std::find(lockedClasses_.begin(), lockedClasses_.end(), protectionClass) != lockedClasses_.end();
 }
 
 // Collects blocks until the items run out. `position` is at the "UUID" item that opens the block.
@@ -313,9 +336,12 @@ KeyBag KeyBag::Create(const std::string& password, const std::vector<std::pair<u
     info.wrap = 0;
     info.salt = RandomArray<20>();
     info.iter = parameters.iterations;
-    info.dpwt = parameters.dpwt;
-    info.dpic = parameters.dpIterations;
-    info.dpsl = RandomArray<20>();
+    info.firstPass = parameters.firstPass;
+    if (info.firstPass) {
+        info.dpwt = parameters.dpwt;
+        info.dpic = parameters.dpIterations;
+        info.dpsl = RandomArray<20>();
+    }
     const std::vector<uint8_t> passwordBytes(password.begin(), password.end());
     std::array<uint8_t, 32> kek = ManifestEncryption::GenerateKEKFromPassword(passwordBytes, info);
 
@@ -336,13 +362,17 @@ KeyBag KeyBag::Create(const std::string& password, const std::vector<std::pair<u
     append("WRAP", EncodeUInt32(info.wrap));
     append("SALT", Bytes(info.salt));
     append("ITER", EncodeUInt32(info.iter));
-    append("DPWT", EncodeUInt32(info.dpwt));
-    append("DPIC", EncodeUInt32(info.dpic));
-    append("DPSL", Bytes(info.dpsl));
+    if (info.firstPass) {
+        append("DPWT", EncodeUInt32(info.dpwt));
+        append("DPIC", EncodeUInt32(info.dpic));
+        append("DPSL", Bytes(info.dpsl));
+    }
+    const std::vector<uint32_t>& marked = parameters.deviceMarkedClasses;
     for (const auto& [protectionClass, key] : keys) {
+        const bool deviceMarked = std::find(marked.begin(), marked.end(), protectionClass) != marked.end();
         append("UUID", Bytes(key.uuid));
         append("CLAS", EncodeUInt32(protectionClass));
-        append("WRAP", EncodeUInt32(kWrapWithKEK));
+        append("WRAP", EncodeUInt32(deviceMarked ? kWrapWithKEK | kWrapWithDevice : kWrapWithKEK));
         append("KTYP", EncodeUInt32(key.keyType));
         append("WPKY", Wrap(kek, key.key));
     }

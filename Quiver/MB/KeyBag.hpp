@@ -7,6 +7,15 @@
 // because of a wrong password. The blob comes from the backup and is not trusted: it is read through one
 // bounds-checked reader and every length is checked before it is used.
 //
+// Devices have written three generations of key bags: before iOS 10.2 the password became the
+// key-encryption key in one PBKDF2-HMAC-SHA1 pass (SALT, ITER), since then a PBKDF2-HMAC-SHA256 pass
+// (DPSL, DPIC) comes first; the oldest (iOS 4) lack the key type of each class. In all of them some
+// classes are marked as wrapped with the device's own key as well as the password (WRAP 3). A backup
+// key bag is never bound to the device: the password-derived key alone unwraps those classes. Only a
+// class wrapped by the device alone stays locked; files of that class cannot be read, the rest can.
+// A wrong password is told from a right one by the RFC 3394 integrity check of the password-wrapped
+// classes, never by guessing.
+//
 // New key bags are made here as well (a new encrypted backup, a changed password): random or given
 // class keys, wrapped under the key derived from the password, in the item order that devices write.
 #pragma once
@@ -33,6 +42,10 @@ struct KeyBagParameters {
     uint32_t iterations = 10'000;        // "ITER"
     uint32_t dpIterations = 10'000'000;  // "DPIC"
     uint32_t dpwt = 1;
+    // False writes the key bag of devices before iOS 10.2: no DPWT, DPIC and DPSL, one derivation pass.
+    bool firstPass = true;
+    // Classes marked WRAP 3 (password and device key), as devices mark them; the rest are WRAP 2.
+    std::vector<uint32_t> deviceMarkedClasses = {11, 10, 9, 5};
 };
 
 class QV_EXPORT KeyBag {
@@ -55,6 +68,8 @@ public:
         uint32_t dpwt = 0;  // kept, not used
         uint32_t dpic = 0;  // first pass (PBKDF2-HMAC-SHA256)
         std::array<uint8_t, 20> dpsl{};
+        // Whether the key bag has the first pass (DPIC and DPSL); key bags before iOS 10.2 do not.
+        bool firstPass = true;
     };
 
     struct UnlockedKey {
@@ -71,8 +86,9 @@ public:
                                                                 const ManifestInfo& info)>;
 
     // Walks, parses and unlocks; throws a Quiver::Error (CF::Error) on any failure: QVErrorInvalidKeyBag
-    // for a malformed blob or one that asks for more than 100,000,000 rounds of a derivation pass,
-    // QVErrorUnlockFailed when a class key does not unwrap (a wrong password).
+    // for a malformed blob, one that asks for more than 100,000,000 rounds of a derivation pass or one
+    // without a single class that the password opens, QVErrorUnlockFailed when a password-wrapped class
+    // key does not unwrap (a wrong password). Classes wrapped by the device alone stay locked.
     KeyBag(const CF::Data& raw, const std::string& password);
     // The same with another derivation. Tests and fuzzing use it to keep hostile iteration counts from
     // costing minutes; the library itself always uses the constructor above.
@@ -90,6 +106,9 @@ public:
     uint32_t GetVersion() const { return version_; }
     std::unordered_map<uint32_t, UnlockedKey> GetUnlockedKeys() const { return unlockedKeys_; }
     const ManifestInfo& GetManifestInfo() const { return manifestInfo_; }
+    // Classes that only the device's own key opens, in blob order; their keys are not available.
+    const std::vector<uint32_t>& GetLockedClasses() const { return lockedClasses_; }
+    bool IsLockedClass(uint32_t protectionClass) const;
     // The unlocked key of a class, or null; borrowed from the key bag.
     const UnlockedKey* FindUnlockedKey(uint32_t protectionClass) const {
         auto it = unlockedKeys_.find(protectionClass);
@@ -128,6 +147,7 @@ private:
     std::vector<Item> raw_;
     ManifestInfo manifestInfo_;
     std::unordered_map<uint32_t, UnlockedKey> unlockedKeys_;
+    std::vector<uint32_t> lockedClasses_;
 };
 
 }  // namespace MB

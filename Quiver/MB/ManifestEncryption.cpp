@@ -1,6 +1,7 @@
 // The keys of an encrypted backup; see ManifestEncryption.hpp.
 #include "Quiver/MB/ManifestEncryption.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <stdexcept>
@@ -29,15 +30,17 @@ using Quiver::Support::Cryptor;
 
 namespace {
 
-// Both values are checked before the key bag is opened, so that a damaged Manifest.plist is reported
-// at once rather than after the password derivation.
+// The key bag is checked before it is opened, so that a damaged Manifest.plist is reported at once
+// rather than after the password derivation. Devices before iOS 10.2 wrote no "ManifestKey": their
+// manifest is not enciphered.
 KeyBag OpenKeyBag(const void* self, const CF::Dictionary& manifest, const std::string& password) {
     CF::Data keyBag = manifest.Get<CF::Data>("BackupKeyBag");
     if (!keyBag) throw Quiver::Error(QVErrorInvalidMetadata, {}, "BackupKeyBag is missing");
-    CF::Data manifestKey = manifest.Get<CF::Data>("ManifestKey");
-    if (!manifestKey) throw Quiver::Error(QVErrorInvalidMetadata, {}, "ManifestKey is missing");
+    CFTypeRef manifestKey = manifest.Get("ManifestKey");
+    if (manifestKey && CFGetTypeID(manifestKey) != CFDataGetTypeID())
+        throw Quiver::Error(QVErrorInvalidMetadata, {}, "ManifestKey is not data");
     log_fmt(log_level::debug, "(MB::ManifestEncryption {}) BackupKeyBag: {} bytes, ManifestKey: {} bytes", self,
-            keyBag.size(), manifestKey.size());
+            keyBag.size(), manifestKey ? CFDataGetLength(static_cast<CFDataRef>(manifestKey)) : 0);
     KeyBag opened(keyBag, password);
     log_fmt(log_level::debug, "(MB::ManifestEncryption {}) KeyBag opened", self);
     return opened;
@@ -77,6 +80,7 @@ ManifestEncryption::ManifestEncryption(const CF::Dictionary& manifest, const std
     : ManifestEncryption(OpenKeyBag(this, manifest, password), manifest.Get<CF::Data>("ManifestKey")) {}
 
 ManifestEncryption::ManifestEncryption(KeyBag keyBag, const CF::Data& manifestKey) : keyBag_(std::move(keyBag)) {
+    if (!manifestKey) return;  // a manifest stored as it is
     try {
         manifestKey_ = UnlockKey(manifestKey);
     } catch (const CF::Error& e) {
@@ -101,7 +105,15 @@ ManifestEncryption ManifestEncryption::Create(KeyBag keyBag, uint32_t manifestKe
     return created;
 }
 
-ManifestEncryption::~ManifestEncryption() { OPENSSL_cleanse(manifestKey_.data(), manifestKey_.size()); }
+ManifestEncryption::~ManifestEncryption() {
+    if (manifestKey_) OPENSSL_cleanse(manifestKey_->data(), manifestKey_->size());
+}
+
+std::array<uint8_t, 32> ManifestEncryption::GetManifestKey() const {
+    if (!manifestKey_)
+        throw Quiver::Error(QVErrorInvalidArgument, {}, "This backup has no manifest key: its manifest is not enciphered");
+    return *manifestKey_;
+}
 
 std::array<uint8_t, 32> ManifestEncryption::UnlockKey(const CF::Data& blob) const {
     if (blob.size() != kWrappedKeySize) throw Quiver::Error(QVErrorUnlockFailed, {}, "Key blob is wrong size");
@@ -113,6 +125,11 @@ std::array<uint8_t, 32> ManifestEncryption::UnlockKey(const CF::Data& blob) cons
             protectionClass);
     const KeyBag::UnlockedKey* classKey = keyBag_.FindUnlockedKey(protectionClass);
     if (!classKey) {
+        if (keyBag_.IsLockedClass(protectionClass))
+            throw Quiver::Error(QVErrorUnlockFailed, {},
+                                fmt::format("Class {} is wrapped with the device's own key, which a backup does not "
+                                            "hold",
+                                            protectionClass));
         throw Quiver::Error(QVErrorUnlockFailed, {}, fmt::format("Missing key class {}", protectionClass));
     }
     std::vector<uint8_t> unwrapped;
@@ -174,6 +191,52 @@ void ManifestEncryption::EncryptFile(const fs::path& source, const fs::path& des
     CryptFile(Cryptor::Operation::Encrypt, Cryptor::Algorithm::AES256, key, source, destination);
 }
 
+void ManifestEncryption::DecryptDatabase(const fs::path& source, const fs::path& destination,
+                                         const std::array<uint8_t, 32>& key) {
+    bool created = false;
+    try {
+        std::error_code ec;
+        if (fs::equivalent(source, destination, ec))
+            throw std::runtime_error(fmt::format("'{}' is both source and destination", source.string()));
+        Quiver::Support::readable_file in(source);
+        Quiver::Support::writable_file out(destination);
+        created = true;
+        Cryptor cryptor(Cryptor::Operation::Decrypt, Cryptor::Algorithm::AES256, key, {});
+        cryptor.DisablePadding();
+        std::vector<uint8_t> chunk(1 << 20), plain;
+        uint64_t total = 0;
+        std::array<uint8_t, Cryptor::kBlockSize> last{};
+        for (;;) {
+            const size_t got = in.read(chunk.data(), chunk.size());
+            if (got == 0) break;
+            cryptor.Update(chunk.data(), got, plain);
+            if (!plain.empty()) {
+                out.write(plain.data(), plain.size());
+                total += plain.size();
+                std::copy(plain.end() - static_cast<std::ptrdiff_t>(std::min(plain.size(), last.size())), plain.end(),
+                          last.end() - static_cast<std::ptrdiff_t>(std::min(plain.size(), last.size())));
+            }
+        }
+        std::vector<uint8_t> tail = cryptor.Finalize();  // throws when the length is not whole blocks
+        out.write(tail.data(), tail.size());
+        total += tail.size();
+        out.close();
+        // Database files are whole pages, so a length that is not a multiple of the smallest page means
+        // a padding block follows; one that is means none was written.
+        constexpr uint64_t kSmallestPage = 512;
+        const unsigned pad = last.back();
+        if (total % kSmallestPage != 0 && total >= Cryptor::kBlockSize && pad >= 1 && pad <= Cryptor::kBlockSize &&
+            std::all_of(last.end() - pad, last.end(), [pad](uint8_t b) { return b == pad; }))
+            fs::resize_file(destination, total - pad);
+    } catch (const std::exception& e) {
+        if (created) {
+            std::error_code ignored;
+            fs::remove(destination, ignored);
+        }
+        throw Quiver::Error(QVErrorCryptoOperation, {}, fmt::format("Failed to decrypt/encrypt: {}", e.what()));
+    }
+}
+
 std::vector<uint8_t> ManifestEncryption::DecryptString(const std::string& text, const std::array<uint8_t, 16>& key) {
     std::optional<std::vector<uint8_t>> cipher = Quiver::Support::base64_decode(text);
     if (!cipher) throw Quiver::Error(QVErrorCryptoOperation, {}, "Failed to decrypt/encrypt: the text is not Base64");
@@ -198,6 +261,15 @@ std::array<uint8_t, 32> ManifestEncryption::GenerateKEKFromPassword(const std::v
     log_fmt(log_level::info, "(MB::ManifestEncryption {}) GenerateKEKFromPassword starting", self);
 
     auto start = std::chrono::steady_clock::now();
+    if (!info.firstPass) {
+        // Before iOS 10.2: the password itself goes through the one pass.
+        std::array<uint8_t, 32> kek{};
+        PBKDF2_HMAC_SHA1(password.data(), password.size(), info.salt.data(), info.salt.size(), info.iter, kek.data(),
+                         kek.size());
+        log_fmt(log_level::info, "(MB::ManifestEncryption {}) GenerateKEKFromPassword single pass took {:.1f}s", self,
+                SecondsSince(start));
+        return kek;
+    }
     std::array<uint8_t, 32> firstPass{};
     PBKDF2_HMAC_SHA256(password.data(), password.size(), info.dpsl.data(), info.dpsl.size(), info.dpic,
                        firstPass.data(), firstPass.size());

@@ -8,11 +8,14 @@
 //
 // A wrapped key, as "ManifestKey" and each entry's encryption key hold it, is 44 bytes: the protection
 // class as 4 bytes little-endian, then the 32-byte key wrapped per RFC 3394 under that class's key.
+// Devices before iOS 10.2 wrote no "ManifestKey" and left the manifest as it is; each file's wrapped
+// key stands in its manifest record in every generation.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -28,11 +31,11 @@ class QV_EXPORT ManifestEncryption {
 public:
     static constexpr std::size_t kWrappedKeySize = 44;
 
-    // From the Manifest.plist dictionary ("BackupKeyBag", "ManifestKey") and the password (UTF-8).
-    // Throws QVErrorInvalidMetadata when either value is missing, the key bag's errors (a wrong
+    // From the Manifest.plist dictionary ("BackupKeyBag", "ManifestKey" when present) and the password
+    // (UTF-8). Throws QVErrorInvalidMetadata when the key bag is missing, the key bag's errors (a wrong
     // password among them), and QVErrorUnlockFailed when the manifest key does not unwrap.
     ManifestEncryption(const CF::Dictionary& manifest, const std::string& password);
-    // From a key bag already opened and the wrapped manifest key; the same errors for the key.
+    // From a key bag already opened and the wrapped manifest key (null: none); the same errors.
     ManifestEncryption(KeyBag keyBag, const CF::Data& manifestKey);
 
     // For a new encrypted backup: a fresh random manifest key. Its wrapped form for Manifest.plist is
@@ -46,7 +49,9 @@ public:
     ~ManifestEncryption();
 
     const KeyBag& GetKeyBag() const { return keyBag_; }
-    std::array<uint8_t, 32> GetManifestKey() const { return manifestKey_; }
+    // Whether the manifest is enciphered; GetManifestKey throws QVErrorInvalidArgument when it is not.
+    bool HasManifestKey() const { return manifestKey_.has_value(); }
+    std::array<uint8_t, 32> GetManifestKey() const;
 
     // The key inside a 44-byte wrapped key. Throws QVErrorUnlockFailed ("Key blob is wrong size",
     // "Missing key class N", "RFC3394Unwrap failed: ...").
@@ -67,12 +72,18 @@ public:
     static void EncryptFile(const std::filesystem::path& source, const std::filesystem::path& destination,
                             const std::array<uint8_t, 32>& key);
 
+    // An enciphered Manifest.db to a new file. Devices have written it both with and without a
+    // padding block; whole pages tell which. Failures as DecryptFile.
+    static void DecryptDatabase(const std::filesystem::path& source, const std::filesystem::path& destination,
+                                const std::array<uint8_t, 32>& key);
+
     // Base64 text of AES-128 ciphertext to plain bytes, and back. Throws QVErrorCryptoOperation.
     static std::vector<uint8_t> DecryptString(const std::string& text, const std::array<uint8_t, 16>& key);
     static std::string EncryptString(std::span<const uint8_t> plain, const std::array<uint8_t, 16>& key);
 
     // The key-encryption key of a key bag: PBKDF2-HMAC-SHA256 over the password with DPSL and DPIC, then
-    // PBKDF2-HMAC-SHA1 over that result with SALT and ITER. Slow on purpose; never fails.
+    // PBKDF2-HMAC-SHA1 over that result with SALT and ITER; without the first pass (info.firstPass
+    // false) the second runs over the password itself. Slow on purpose; never fails.
     static std::array<uint8_t, 32> GenerateKEKFromPassword(const std::vector<uint8_t>& password,
                                                            const KeyBag::ManifestInfo& info);
     // The first 16 bytes of SHA-1(password || salt).
@@ -83,7 +94,7 @@ private:
     ManifestEncryption(KeyBag keyBag, const std::array<uint8_t, 32>& manifestKey);
 
     KeyBag keyBag_;
-    std::array<uint8_t, 32> manifestKey_{};
+    std::optional<std::array<uint8_t, 32>> manifestKey_;
 };
 
 }  // namespace MB

@@ -57,6 +57,10 @@ Cryptor::Cryptor(Operation operation, Algorithm algorithm, std::span<const uint8
     }
 }
 
+void Cryptor::DisablePadding() {
+    if (EVP_CIPHER_CTX_set_padding(ctx_.get(), 0) != 1) OpenSSL::ThrowError("cipher padding could not be changed");
+}
+
 std::size_t Cryptor::Update(const uint8_t* in, std::size_t n, uint8_t* out) {
     if (finished_) {
         throw std::runtime_error("cipher stream already finalized");

@@ -41,6 +41,10 @@ public:
     Cryptor(Cryptor&&) noexcept = default;
     Cryptor& operator=(Cryptor&&) noexcept = default;
 
+    // Decryption without the padding check: every block is output, Finalize adds nothing. For data
+    // that devices have written both with and without padding (the caller decides what to drop).
+    void DisablePadding();
+
     // Feeds n bytes and returns the output they complete. Decryption holds the last block back
     // until Finalize, as it may be the padding.
     std::vector<uint8_t> Update(const uint8_t* in, std::size_t n);
