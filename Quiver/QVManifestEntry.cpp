@@ -162,6 +162,8 @@ Entry QVManifestEntryCreateCopy(const Entry& source, QVGetFileFunction getFileFu
     entry->inode = source->inode;
     entry->protectionClass = source->protectionClass;
     entry->properties = source->properties;
+    entry->archiveFlags = source->archiveFlags;
+    entry->archiveExtras = source->archiveExtras;
     entry->domainPathPair = source->domainPathPair;
     entry->deviceFilename = source->deviceFilename;
     entry->fileID = source->fileID;
@@ -261,7 +263,9 @@ bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryp
                                 "Impossible to generate a file key for an entry that doesn't represent a file"));
         return false;
     }
-    if (entry->protectionClass != EntryProtectionClassNone || CFDataGetLength(entry->encryptionKey.get()) != 0) {
+    // Any class whose key the key bag holds will do: a file replaced in place keeps the class of the
+    // one it replaces (most files of a device are class 3).
+    if (CFDataGetLength(entry->encryptionKey.get()) != 0) {
         StoreError(error, Error(QVErrorInvalidArgument, CF::Error(),
                                 fmt::format("Impossible to generate a file key for an entry that already has one "
                                             "(protection class {})",
@@ -281,8 +285,15 @@ bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryp
         // with the unlocked key.
         entry->encryptionKey = wrapped;
         entry->unlockedKey = key;
-        entry->digest = CF::Data(QVFileGetHash(copy));
-        entry->size = QVFileGetSize(copy);
+        // Devices record the digest of the bytes they store, here the ciphertext, so that a damaged
+        // stored file is caught as it is in a plain backup.
+        Support::Hasher stored(Support::HashAlgorithm::SHA1);
+        QVFileGetData(copy, 0, [&](const std::vector<uint8_t>& chunk) {
+            stored.Update(chunk.data(), chunk.size());
+            return true;
+        });
+        entry->digest = CF::Data(stored.Finalize());
+        entry->size = QVFileGetSize(entry->file);
         return true;
     } catch (const CF::Error& e) {
         StoreError(error, Error(QVErrorCryptoOperation, e, "Failed to generate a file key for entry"));

@@ -52,6 +52,8 @@ public:
     uint64_t inode = 0;
     EntryProtectionClass protectionClass = EntryProtectionClassNotSet;
     CF::Dictionary properties;
+    int64_t archiveFlags = 0;      // the MBFile record's "Flags" and unmodelled keys, kept to be written back
+    CF::Dictionary archiveExtras;
     // Derived from domain and path on first use (QVManifestEntryGetDomainPathPair and
     // QVManifestEntryGetDeviceFilename), so that a loaded manifest does not hold two more strings per
     // entry that most callers never ask for. Read them through those functions.

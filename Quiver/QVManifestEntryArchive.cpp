@@ -46,6 +46,8 @@ Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFStringRef domain
         entry->inode = record->InodeNumber;
         entry->protectionClass = ProtectionClassFromCode(record->ProtectionClass);
         entry->properties = record->ExtendedAttributes;
+        entry->archiveFlags = record->Flags;
+        entry->archiveExtras = record->Unmodelled;
         // Dates are immutable values: equal times share one object (they often are all the same).
         entry->lastModified = dateFromUnix(record->LastModified);
         entry->lastStatusChange = record->LastStatusChange == record->LastModified
@@ -81,6 +83,8 @@ CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry) {
         record.Birth = unixFromDate(entry->birth);
         record.ProtectionClass = ProtectionClassCode(entry->protectionClass);
         if (entry->properties && entry->properties.size() > 0) record.ExtendedAttributes = entry->properties;
+        record.Flags = entry->archiveFlags;
+        if (entry->archiveExtras && entry->archiveExtras.size() > 0) record.Unmodelled = entry->archiveExtras;
         return record.Encode();
     } catch (const std::exception& e) {
         log_fmt(log_level::warning, "Failed to serialize MBFile -- {}", e.what());

@@ -55,6 +55,12 @@ bool HoldsNUL(const MB::File& f) {
     if (has(f.RelativePath) || has(f.Target)) return true;
     for (const auto& [key, value] : f.ExtendedAttributes.Entries())
         if (has(CF::String::Retain(static_cast<CFStringRef>(key)))) return true;
+    // Keys the record does not model are kept with their values, strings among them.
+    for (const auto& [key, value] : f.Unmodelled.Entries()) {
+        if (has(CF::String::Retain(static_cast<CFStringRef>(key)))) return true;
+        if (CFGetTypeID(value) == CFStringGetTypeID() && has(CF::String::Retain(static_cast<CFStringRef>(value))))
+            return true;
+    }
     return false;
 }
 

@@ -39,23 +39,23 @@ enum Member {
     kInodeNumber,
     kProtectionClass,
     kExtendedAttributes,
+    kFlags,
     kMemberCount
 };
 
 constexpr std::string_view kMemberKeys[kMemberCount] = {
     "RelativePath", "Target",    "Digest",           "EncryptionKey", "Mode",        "UserID",
     "GroupID",      "LastModified", "LastStatusChange", "Birth",      "Size",        "InodeNumber",
-    "ProtectionClass", "ExtendedAttributes",
+    "ProtectionClass", "ExtendedAttributes", "Flags",
 };
 
-// The member an object key names, or -1 (the object also carries "$class" and keys such as "Flags"
-// that the record does not keep). Keys are told apart by length first: this runs once per key of
-// every record.
+// The member an object key names, or -1 (for "$class" and keys that no member models). Keys are told
+// apart by length first: this runs once per key of every record.
 int memberOf(std::string_view key) {
     auto is = [&](Member m) { return key == kMemberKeys[m]; };
     switch (key.size()) {
         case 4: return is(kMode) ? kMode : is(kSize) ? kSize : -1;
-        case 5: return is(kBirth) ? kBirth : -1;
+        case 5: return is(kBirth) ? kBirth : is(kFlags) ? kFlags : -1;
         case 6: return is(kTarget) ? kTarget : is(kDigest) ? kDigest : is(kUserID) ? kUserID : -1;
         case 7: return is(kGroupID) ? kGroupID : -1;
         case 11: return is(kInodeNumber) ? kInodeNumber : -1;
@@ -127,6 +127,30 @@ CF::Dictionary decodeAttributes(basic_keyed_unarchiver<Store>& unarchiver, typen
     });
 }
 
+// The value of a key that no member models, when it can be written back in the form it came in: a
+// number or boolean in the object, a string or data by UID. Anything else (nil, objects, references
+// out of range) is left out, as it was before such keys were kept at all.
+template <class Store>
+cf_value unmodelledValue(const basic_keyed_unarchiver<Store>& u, typename Store::value v) {
+    const Store& store = u.store();
+    switch (store.type(v)) {
+        case plist_type::boolean: return cf_value::Retain(store.boolean(v) ? kCFBooleanTrue : kCFBooleanFalse);
+        case plist_type::integer:
+            if (auto n = store.integer(v)) return cf_value::Retain(CF::Number(*n).get());
+            return {};
+        case plist_type::real: return cf_value::Retain(CF::Number(store.real(v)).get());
+        default: break;
+    }
+    const auto id = detail::extract_uid(store, v);
+    if (!id || *id == 0 || *id >= u.object_count()) return {};
+    const auto object = u.object_at(*id);
+    switch (store.type(object)) {
+        case plist_type::string: return cf_value::Retain(store.string(object).get());
+        case plist_type::data: return cf_value::Retain(store.data(object).get());
+        default: return {};
+    }
+}
+
 template <class Store>
 File decodeArchive(const Store& store, typename Store::value top) {
     using value = typename Store::value;
@@ -140,13 +164,21 @@ File decodeArchive(const Store& store, typename Store::value top) {
         // One pass over the object's keys, then the members in their order.
         value slot[kMemberCount];
         for (value& s : slot) s = Store::none;
+        File f;
         const auto& object = u.current();
         for (size_t i = 0; i < object.size(); ++i) {
-            const int m = memberOf(object.key(i));
-            if (m >= 0) slot[m] = object.value_at(i);
+            const std::string_view key = object.key(i);
+            const int m = memberOf(key);
+            if (m >= 0) {
+                slot[m] = object.value_at(i);
+            } else if (key != "$class") {
+                if (cf_value kept = unmodelledValue(u, object.value_at(i))) {
+                    if (f.Unmodelled.IsEmpty()) f.Unmodelled = CF::Dictionary::CreateMutable();
+                    f.Unmodelled.Set(key, kept.get());
+                }
+            }
         }
 
-        File f;
         if (auto s = u.string_from(slot[kRelativePath])) f.RelativePath = shared(std::move(*s));
         if (auto s = u.string_from(slot[kTarget])) f.Target = shared(std::move(*s));
         if (auto d = u.data_from(slot[kDigest])) f.Digest = shared(std::move(*d));
@@ -160,6 +192,7 @@ File decodeArchive(const Store& store, typename Store::value top) {
         if (auto n = u.integer_from(slot[kSize])) f.Size = static_cast<uint64_t>(*n);
         if (auto n = u.integer_from(slot[kInodeNumber])) f.InodeNumber = static_cast<uint64_t>(*n);
         if (auto n = u.integer_from(slot[kProtectionClass], 32)) f.ProtectionClass = static_cast<uint32_t>(*n);
+        if (auto n = u.integer_from(slot[kFlags])) f.Flags = *n;
         if (slot[kExtendedAttributes] != Store::none) f.ExtendedAttributes = decodeAttributes(u, slot[kExtendedAttributes]);
         return f;
     });
@@ -177,6 +210,36 @@ void checkWritable(const CF::String& s) {
                      reinterpret_cast<UInt8*>(bytes.data()), used, &used);
     if (bytes.find('\0') != std::string::npos)
         throw archive_error("MBFile strings cannot be written with a NUL character in them");
+}
+
+CF::Data binaryPropertyList(CFPropertyListRef plist, const char* what) {
+    CFErrorRef error = nullptr;
+    CFDataRef blob = CFPropertyListCreateData(kCFAllocatorDefault, plist, kCFPropertyListBinaryFormat_v1_0, 0, &error);
+    if (!blob) throw archive_error(std::string("Cannot write the MBFile ") + what + ": " + CF::Error::Adopt(error).Text());
+    return CF::Data::Adopt(blob);
+}
+
+// Writes back a key that no member models in the form unmodelledValue reads.
+void encodeUnmodelled(keyed_archiver& a, CFTypeRef key, CFTypeRef value) {
+    if (CFGetTypeID(key) != CFStringGetTypeID()) throw archive_error("MBFile unmodelled keys must be strings");
+    const CF::String name = CF::String::Retain(static_cast<CFStringRef>(key));
+    checkWritable(name);
+    const std::string text = name.utf8();
+    // Written after the members, such a key would silently replace one.
+    if (text == "$class" || memberOf(text) >= 0) throw archive_error("MBFile unmodelled key '" + text + "' names a member");
+    const CFTypeID t = CFGetTypeID(value);
+    if (t == CFNumberGetTypeID()) {
+        a.encode_number(text, static_cast<CFNumberRef>(value));
+    } else if (t == CFBooleanGetTypeID()) {
+        a.encode_bool(text, CFBooleanGetValue(static_cast<CFBooleanRef>(value)));
+    } else if (t == CFStringGetTypeID()) {
+        checkWritable(CF::String::Retain(static_cast<CFStringRef>(value)));
+        a.encode_string(text, static_cast<CFStringRef>(value));
+    } else if (t == CFDataGetTypeID()) {
+        a.encode_data(text, static_cast<CFDataRef>(value));
+    } else {
+        throw archive_error("MBFile unmodelled key '" + text + "' holds a " + std::string(cfTypeName(value)));
+    }
 }
 
 bool sameString(const CF::String& a, const CF::String& b) {
@@ -199,7 +262,8 @@ File::File()
       Target(CF::EmptyString()),
       Digest(CF::EmptyData()),
       EncryptionKey(CF::EmptyData()),
-      ExtendedAttributes(CF::EmptyDictionary()) {}
+      ExtendedAttributes(CF::EmptyDictionary()),
+      Unmodelled(CF::EmptyDictionary()) {}
 File::File(const File& other) = default;
 File& File::operator=(const File& other) = default;
 File::File(File&& other) noexcept = default;
@@ -240,12 +304,17 @@ CF::Data File::Encode() const {
     }
     checkWritable(RelativePath);
     checkWritable(Target);
+    const CF::Data attributes =
+        ExtendedAttributes.IsEmpty() ? CF::Data() : binaryPropertyList(ExtendedAttributes.get(), "ExtendedAttributes");
     keyed_archiver archiver;
-    archiver.encode_object(keyed_archiver::root_key, this, {"MBFile", "NSObject"}, [this](keyed_archiver& a) {
+    archiver.encode_object(keyed_archiver::root_key, this, {"MBFile", "NSObject"}, [&](keyed_archiver& a) {
         a.encode_string(kMemberKeys[kRelativePath], RelativePath ? RelativePath.get() : CF::EmptyString().get());
         if (!Target.IsEmpty()) a.encode_string(kMemberKeys[kTarget], Target.get());
         if (!Digest.IsEmpty()) a.encode_data(kMemberKeys[kDigest], Digest.get());
-        if (!EncryptionKey.IsEmpty()) a.encode_data(kMemberKeys[kEncryptionKey], EncryptionKey.get());
+        // The member's address as identity: the key's bytes may be the very object written as Digest.
+        if (!EncryptionKey.IsEmpty())
+            a.encode_object(kMemberKeys[kEncryptionKey], &EncryptionKey, {"NSMutableData", "NSData", "NSObject"},
+                            [this](keyed_archiver& d) { d.encode_inline_data("NS.data", EncryptionKey.get()); });
         a.encode_int64(kMemberKeys[kMode], Mode);
         // 32-bit numbers, so that IDs such as 4294967294 (-2) keep the form devices give them.
         a.encode_int32(kMemberKeys[kUserID], static_cast<int32_t>(UserID));
@@ -256,13 +325,11 @@ CF::Data File::Encode() const {
         a.encode_int64(kMemberKeys[kSize], static_cast<int64_t>(Size));
         a.encode_int64(kMemberKeys[kInodeNumber], static_cast<int64_t>(InodeNumber));
         a.encode_int64(kMemberKeys[kProtectionClass], ProtectionClass);
-        if (!ExtendedAttributes.IsEmpty()) a.encode_dictionary(kMemberKeys[kExtendedAttributes], ExtendedAttributes.get());
+        if (attributes) a.encode_data(kMemberKeys[kExtendedAttributes], attributes.get());
+        a.encode_int64(kMemberKeys[kFlags], Flags);
+        for (const auto& [key, value] : Unmodelled.Entries()) encodeUnmodelled(a, key, value);
     });
-    CF::Dictionary archive = archiver.finishEncoding();
-    CFErrorRef error = nullptr;
-    CFDataRef blob = CFPropertyListCreateData(kCFAllocatorDefault, archive.get(), kCFPropertyListBinaryFormat_v1_0, 0, &error);
-    if (!blob) throw archive_error("Cannot write the MBFile archive: " + CF::Error::Adopt(error).Text());
-    return CF::Data::Adopt(blob);
+    return binaryPropertyList(archiver.finishEncoding().get(), "archive");
 }
 
 bool operator==(const File& a, const File& b) {
@@ -271,7 +338,8 @@ bool operator==(const File& a, const File& b) {
            a.UserID == b.UserID && a.GroupID == b.GroupID && a.LastModified == b.LastModified &&
            a.LastStatusChange == b.LastStatusChange && a.Birth == b.Birth && a.Size == b.Size &&
            a.InodeNumber == b.InodeNumber && a.ProtectionClass == b.ProtectionClass &&
-           sameDictionary(a.ExtendedAttributes, b.ExtendedAttributes);
+           sameDictionary(a.ExtendedAttributes, b.ExtendedAttributes) && a.Flags == b.Flags &&
+           sameDictionary(a.Unmodelled, b.Unmodelled);
 }
 
 }  // namespace MB

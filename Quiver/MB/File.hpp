@@ -8,6 +8,11 @@
 // attributes either as an archived NSDictionary or as data holding a property-list dictionary; all
 // of these are read. Members that a blob lacks, and empty strings, data and dictionaries, share one
 // empty object each, so a decoded record holds only what it really has.
+//
+// Encoding writes the one form devices write, because decryptors in common use read only that form:
+// data by UID as plain data, except the encryption key, which is an NSMutableData object holding its
+// bytes under "NS.data"; the attributes as data holding a binary property-list dictionary; "Flags"
+// always. Root keys that no member models are kept in Unmodelled and written back as they came.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -45,7 +50,8 @@ public:
     // The blob: a binary property list with the members in the order below. Target, Digest,
     // EncryptionKey and ExtendedAttributes are written only when not empty. Throws
     // Quiver::Support::archiver_exceptions::archive_error when the record cannot be written faithfully
-    // (attributes that are not names to data, a string holding a NUL character).
+    // (attributes that are not names to data, a string holding a NUL character, an unmodelled key that
+    // names a member or holds a value of another kind).
     CF::Data Encode() const;
 
     friend bool operator==(const File& a, const File& b);
@@ -65,6 +71,10 @@ public:
     uint64_t InodeNumber = 0;      // 0 when the blob has none
     uint32_t ProtectionClass = 0;  // the stored code; checked by whoever converts it
     CF::Dictionary ExtendedAttributes;  // string to data
+    int64_t Flags = 0;
+    // The root object's other keys (not "$class"): numbers and booleans stored in the object, strings and
+    // data stored by UID. Devices may add keys; a record read and written again keeps them.
+    CF::Dictionary Unmodelled;
 };
 
 }  // namespace MB

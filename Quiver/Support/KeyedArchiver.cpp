@@ -168,6 +168,12 @@ void keyed_archiver::encode_data(std::string_view key, CFDataRef value) {
     set(key, value ? _appendValue(value) : 0);
 }
 
+void keyed_archiver::encode_inline_data(std::string_view key, CFDataRef value) {
+    _checkOpen();
+    if (!value) throw unsupported_value("null");
+    _current().Set(key, value);
+}
+
 void keyed_archiver::encode_dictionary(std::string_view key, CFDictionaryRef value) {
     _checkOpen();
     set(key, value ? _appendValue(value) : 0);

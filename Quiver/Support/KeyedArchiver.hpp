@@ -175,6 +175,9 @@ public:
     // object is archived once).
     void encode_string(std::string_view key, CFStringRef value);
     void encode_data(std::string_view key, CFDataRef value);
+    // Data stored in the current object itself, not by UID: an NSData object written by hand keeps its
+    // bytes under "NS.data" in this form.
+    void encode_inline_data(std::string_view key, CFDataRef value);
     // A dictionary becomes an NSDictionary object with "NS.keys" and "NS.objects", arrays of the UIDs of
     // its keys and values. Keys and values may be strings, data, numbers, booleans, dates, arrays and
     // dictionaries; anything else throws unsupported_value.

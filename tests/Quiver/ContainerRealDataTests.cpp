@@ -1,81 +1,161 @@
 // Backups from real devices (and two synthetic ones made by another tool), where present beside the
-// repository: each opens, or fails with the error that its shape calls for, and never crashes.
+// repository (skipped when absent): each opens with its password and reads what it holds; a wrong
+// password is an incorrect password, a missing stored file is named, partial copies read with warnings.
 #include <gtest/gtest.h>
+
+#include <openssl/evp.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <sstream>
 
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVError.hpp"
+#include "Quiver/Support/Encoding.hpp"
+#include "support/BackupBuilder.hpp"
 #include "support/TemporaryPath.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
 namespace fs = std::filesystem;
 
 namespace {
 
-struct RealBackup {
-    const char* folder;
-    const char* password;
-    int32_t expectedCode;  // 0: loads
-    const char* expectedReason;
+const fs::path kRealData = QUIVER_REALDATA;
+
+class ContainerRealData : public QuiverTest::ScratchDirectoryTest {
+protected:
+    void SetUp() override {
+        ScratchDirectoryTest::SetUp();
+        QuiverTest::UseTestTemporaryPath();
+    }
+
+    static Backup Open(const fs::path& dir, const char* password, CF::Error* failure = nullptr) {
+        CFErrorRef error = nullptr;
+        CF::String pw = password ? CF::String(password) : CF::String();
+        Backup backup = QVBackupContainerCreateFromDirectory(CF::String(dir.string()).get(), pw.get(), nullptr, &error);
+        CF::Error e = CF::Error::Adopt(error);
+        if (failure) *failure = e;
+        return backup;
+    }
+
+    static std::vector<uint8_t> Read(const Backup& backup, const std::string& domain, const std::string& path,
+                                     CF::Error* failure = nullptr) {
+        CFErrorRef error = nullptr;
+        auto file = QVBackupContainerCopyFileForPath(backup, CF::String(domain).get(), CF::String(path).get(), &error);
+        CF::Error e = CF::Error::Adopt(error);
+        if (failure) *failure = e;
+        return file ? QuiverTest::ReadFileObject(file) : std::vector<uint8_t>{};
+    }
+
+    static std::string Sha256(const std::vector<uint8_t>& bytes) {
+        std::vector<uint8_t> digest(32);
+        unsigned int length = 0;
+        EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, EVP_sha256(), nullptr);
+        return Quiver::Support::hex_encode(digest);
+    }
 };
 
-// Test names show the folder (gtest would otherwise print the struct's bytes, padding included).
-void PrintTo(const RealBackup& backup, std::ostream* out) { *out << backup.folder; }
-
-fs::path realdata() { return fs::path(QUIVER_REALDATA); }
+#define REQUIRE_REAL(path) \
+    if (!fs::exists(kRealData / (path))) GTEST_SKIP() << "no real data at " << kRealData / (path)
 
 }  // namespace
 
-class ContainerRealData : public ::testing::TestWithParam<RealBackup> {};
+// An iPhone 4S backup of iOS 9.3.6: Manifest.mbdb with the file keys in its records, a one-pass key bag
+// and no manifest key. Every stored file deciphers to the SHA-256 of the answer key; the one file the
+// backup lacks is named; seven files whose plaintext differs from their recorded size read whole.
+TEST_F(ContainerRealData, EncryptedIOS9BackupReadsEveryFileToItsAnswer) {
+    REQUIRE_REAL("hv20-encrypted-mbdb/answer_key.tsv");
+    const fs::path dir = kRealData / "hv20-encrypted-mbdb" / "backup";
+    CF::Error failure;
+    Backup backup = Open(dir, "20201225", &failure);
+    ASSERT_TRUE(backup) << failure.Text();
+    EXPECT_TRUE(QVBackupContainerIsEncrypted(backup));
+    EXPECT_FALSE(QVBackupContainerHasEncipheredManifest(backup));
+    EXPECT_TRUE(QVBackupContainerCopyMissingMetadata(backup).empty());
 
-TEST_P(ContainerRealData, OpensOrFailsAsItsShapeCallsFor) {
-    const RealBackup& backup = GetParam();
-    fs::path dir = realdata() / backup.folder;
-    if (!fs::exists(dir)) GTEST_SKIP() << "no real data at " << dir;
-    QuiverTest::UseTestTemporaryPath();
-    CFErrorRef error = nullptr;
-    CF::String password = backup.password ? CF::String(backup.password) : CF::String();
-    Backup container = QVBackupContainerCreateFromDirectory(CF::String(dir.string()).get(), password.get(), nullptr,
-                                                            &error);
-    CF::Error e = CF::Error::Adopt(error);
-    if (backup.expectedCode == 0) {
-        ASSERT_TRUE(container) << e.Text();
-        return;
+    std::ifstream answers(kRealData / "hv20-encrypted-mbdb" / "answer_key.tsv");
+    std::string line;
+    std::getline(answers, line);  // heading
+    int matched = 0, absent = 0, sizeDiffers = 0;
+    while (std::getline(answers, line)) {
+        std::istringstream fields(line);
+        std::string fileID, domain, path, protection, recordedSize, length, sha256;
+        std::getline(fields, fileID, '\t');
+        std::getline(fields, domain, '\t');
+        std::getline(fields, path, '\t');
+        std::getline(fields, protection, '\t');
+        std::getline(fields, recordedSize, '\t');
+        std::getline(fields, length, '\t');
+        std::getline(fields, sha256, '\t');
+        const std::vector<uint8_t> plain = Read(backup, domain, path, &failure);
+        if (sha256 == "ABSENT") {
+            EXPECT_EQ(failure.Code(), QVErrorLoadingExternalRepresentation) << path;
+            EXPECT_EQ(failure.Reason(), "Failed to load file (" + fileID + ")");
+            ++absent;
+            continue;
+        }
+        EXPECT_FALSE(failure) << path << ": " << failure.Text();
+        EXPECT_EQ(Sha256(plain), sha256) << domain << " " << path;
+        EXPECT_EQ(std::to_string(plain.size()), length) << path;
+        matched += Sha256(plain) == sha256;
+        sizeDiffers += recordedSize != length;
     }
-    EXPECT_FALSE(container);
-    EXPECT_EQ(e.Code(), backup.expectedCode) << e.Text();
-    EXPECT_EQ(e.Reason(), backup.expectedReason) << e.Text();
+    EXPECT_EQ(matched, 320);
+    EXPECT_EQ(absent, 1);
+    EXPECT_EQ(sizeDiffers, 7);
+
+    EXPECT_FALSE(Open(dir, "20201224", &failure));
+    EXPECT_EQ(failure.Code(), QVErrorUnlockFailed);
+    EXPECT_TRUE(failure.Underlying().Reason().starts_with("RFC3394Unwrap failed")) << failure.Text();
+    EXPECT_FALSE(Open(dir, nullptr, &failure));
+    EXPECT_EQ(failure.Code(), QVErrorPasswordRequired);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Backups, ContainerRealData,
-    ::testing::Values(
-        // An iPhone 4S backup of iOS 9: encrypted before manifest keys existed, so its Manifest.plist
-        // has a key bag but no "ManifestKey", which this library requires of an encrypted backup.
-        RealBackup{"hv20-encrypted-mbdb/backup", "20201225", QVErrorInvalidMetadata, "ManifestKey is missing"},
-        // An iOS 14 Manifest.db with Info.plist only.
-        RealBackup{"mvt-ios-backup/backup", nullptr, QVErrorInvalidBackup,
-                   "Backup metadata file missing. Are you sure this is a valid backup? (Manifest.plist)"},
-        // Synthetic: the older variant has no manifest key either. The newer one derives its key with the
-        // device's 10,000,000 iterations; its key bag, like those of devices, holds classes wrapped with
-        // the device key as well (WRAP 3), which a key bag opened away from the device refuses.
-        RealBackup{"pyiosbackup-synthetic/mbdb-backup", "0000", QVErrorInvalidMetadata, "ManifestKey is missing"},
-        RealBackup{"pyiosbackup-synthetic/sqlite-backup", "0000", QVErrorUnlockFailed,
-                   "Failed to unlock a key (class 11)"}),
-    [](const auto& info) { return std::string("Backup") + std::to_string(info.index); });
+// Synthetic backups of both eras (zero keys, empty Status.plist and Info.plist): the Status.plist holds
+// no version, so the manifest present decides it, and the one file reads.
+TEST_F(ContainerRealData, SyntheticBackupsOfBothErasReadTheirFile) {
+    REQUIRE_REAL("pyiosbackup-synthetic/mbdb-backup");
+    for (const char* folder : {"mbdb-backup", "sqlite-backup"}) {
+        SCOPED_TRACE(folder);
+        const fs::path dir = kRealData / "pyiosbackup-synthetic" / folder;
+        CF::Error failure;
+        Backup backup = Open(dir, "0000", &failure);
+        ASSERT_TRUE(backup) << failure.Text();
+        EXPECT_EQ(QVBackupContainerCopyMissingMetadata(backup), std::vector<std::string>{"Version in Status.plist"});
+        EXPECT_EQ(QVBackupContainerHasEncipheredManifest(backup), std::string(folder) == "sqlite-backup");
+        const std::vector<uint8_t> plain = Read(backup, "MyTestDomain", "Media/Test.txt", &failure);
+        EXPECT_EQ(std::string(plain.begin(), plain.end()), "Test data") << failure.Text();
+    }
+    CF::Error failure;
+    EXPECT_FALSE(Open(kRealData / "pyiosbackup-synthetic" / "mbdb-backup", "0001", &failure));
+    EXPECT_EQ(failure.Code(), QVErrorUnlockFailed);
+}
 
-TEST(ContainerRealDataPassword, WrongPasswordIsRefusedAtOpening) {
-    fs::path dir = realdata() / "pyiosbackup-synthetic" / "sqlite-backup";
-    if (!fs::exists(dir)) GTEST_SKIP() << "no real data at " << dir;
-    QuiverTest::UseTestTemporaryPath();
-    CFErrorRef error = nullptr;
-    EXPECT_FALSE(QVBackupContainerCreateFromDirectory(CF::String(dir.string()).get(), CFSTR("wrong"), nullptr, &error));
-    CF::Error wrong = CF::Error::Adopt(error);
-    EXPECT_EQ(wrong.Code(), QVErrorUnlockFailed);
-    // The wrong password fails the integrity check of the first class key's unwrap.
-    EXPECT_TRUE(wrong.Underlying().Reason().starts_with("RFC3394Unwrap failed")) << wrong.Text();
-    EXPECT_FALSE(QVBackupContainerCreateFromDirectory(CF::String(dir.string()).get(), nullptr, nullptr, &error));
-    EXPECT_EQ(CF::Error::Adopt(error).Code(), QVErrorPasswordRequired);
+// An iOS 14 Manifest.db beside Info.plist alone: a partial copy, read as a plain backup with warnings.
+TEST_F(ContainerRealData, PartialIOS14CopyReadsAsAPlainBackup) {
+    REQUIRE_REAL("mvt-ios-backup/backup/Manifest.db");
+    CF::Error failure;
+    Backup backup = Open(kRealData / "mvt-ios-backup" / "backup", nullptr, &failure);
+    ASSERT_TRUE(backup) << failure.Text();
+    EXPECT_EQ(QVBackupContainerCopyMissingMetadata(backup), (std::vector<std::string>{"Manifest.plist", "Status.plist"}));
+    EXPECT_EQ(QVBackupContainerCopyLoadWarnings(backup).size(), 2u);
+    EXPECT_EQ(QVManifestGetEntries(QVBackupContainerGetManifest(backup)).size(), 3721u);
+    // The one stored file that is the original (the others are stand-ins) reads at its recorded size.
+    Entry tcc = QVBackupContainerGetEntryForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/TCC/TCC.db"));
+    ASSERT_TRUE(tcc);
+    EXPECT_EQ(Read(backup, "HomeDomain", "Library/TCC/TCC.db").size(), QVManifestEntryGetFileSize(tcc));
+}
+
+// A real iOS 4/5 Manifest.mbdb, stored under another name and without its metadata: in a folder of
+// its own it reads as a partial copy.
+TEST_F(ContainerRealData, LoneIOS5ManifestReadsAsAPartialCopy) {
+    REQUIRE_REAL("yielding-mbdb/5_Manifest.mbdb");
+    fs::create_symlink(kRealData / "yielding-mbdb" / "5_Manifest.mbdb", root / "Manifest.mbdb");
+    CF::Error failure;
+    Backup backup = Open(root, nullptr, &failure);
+    ASSERT_TRUE(backup) << failure.Text();
+    EXPECT_EQ(backup->manifestVersion, QVManifestDataVersion24);
+    EXPECT_EQ(QVManifestGetEntries(QVBackupContainerGetManifest(backup)).size(), 4715u);
 }

@@ -155,28 +155,78 @@ TEST_F(ContainerTest, PasswordRulesAndWrongPasswords) {
     EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
 }
 
-TEST_F(ContainerTest, DamagedMetadataFailsWithTheNamedFile) {
+// Forensic copies often hold a manifest without Status.plist or Manifest.plist: they read, with a
+// warning that names what is missing, and are never written out as if whole. A present file that is
+// not a property list is damage.
+TEST_F(ContainerTest, PartialCopiesReadAndDamagedMetadataFailsWithTheNamedFile) {
     BuiltBackup built = build("3.3", false);
     fs::path status = built.directory / "Status.plist";
     auto original = ReadWholeFile(status);
+    auto missingOf = [](const Backup& b) { return QVBackupContainerCopyMissingMetadata(b); };
 
     fs::remove(built.directory / "Info.plist");
     Backup withoutInfo = open(built.directory, nullptr);
     ASSERT_TRUE(withoutInfo);
     EXPECT_EQ(CF::Dictionary::Adopt(QVBackupContainerCopyInfoDict(withoutInfo)).size(), 0);
+    EXPECT_EQ(missingOf(withoutInfo), std::vector<std::string>{"Info.plist"});
+    EXPECT_TRUE(QVBackupContainerCopyLoadWarnings(withoutInfo).empty());
 
-    CF::Error failure;
     fs::remove(status);
+    Backup noStatus = open(built.directory, nullptr);
+    ASSERT_TRUE(noStatus);
+    EXPECT_EQ(noStatus->manifestVersion, QVManifestDataVersion33);
+    EXPECT_EQ(missingOf(noStatus), (std::vector<std::string>{"Info.plist", "Status.plist"}));
+    ASSERT_EQ(QVBackupContainerCopyLoadWarnings(noStatus).size(), 1u);
+    EXPECT_EQ(QVBackupContainerCopyLoadWarnings(noStatus)[0],
+              "there is no Status.plist: read as a Manifest.db backup (manifest version 3.3)");
+    const BuiltItem& file = built.Item("HomeDomain", "Library/Preferences/one.txt");
+    auto read = QVBackupContainerCopyFileForPath(noStatus, CFSTR("HomeDomain"), CF::String(file.relativePath).get(), nullptr);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(ReadFileObject(read), file.content);
+    // Never half a backup: the export refuses and writes nothing.
+    EXPECT_EQ(QVBackupContainerExportToDirectory(noStatus, CF::String((root / "out").string()).get(), nullptr), 0);
+    EXPECT_EQ(QVBackupContainerExportToZip(noStatus, CF::String((root / "out.zip").string()).get(), nullptr), 0);
+    EXPECT_FALSE(fs::exists(root / "out") || fs::exists(root / "out.zip"));
+
+    // Without Manifest.plist a copy cannot be decrypted: it reads as plain.
+    fs::rename(built.directory / "Manifest.plist", root / "Manifest.plist");
+    Backup bare = open(built.directory, nullptr);
+    ASSERT_TRUE(bare);
+    EXPECT_EQ(missingOf(bare), (std::vector<std::string>{"Manifest.plist", "Info.plist", "Status.plist"}));
+    EXPECT_EQ(QVBackupContainerCopyLoadWarnings(bare).size(), 2u);
+    // And without a manifest either, it is no backup at all.
+    fs::rename(built.directory / "Manifest.db", root / "Manifest.db");
+    CF::Error failure;
     EXPECT_FALSE(open(built.directory, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorInvalidBackup);
-    EXPECT_EQ(failure.Reason(), "Backup metadata file missing. Are you sure this is a valid backup? (Status.plist)");
-
-    WriteWholeFile(status, {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'});
+    EXPECT_EQ(failure.Reason(), "Backup metadata file missing. Are you sure this is a valid backup? (Manifest.plist)");
+    // iOS 3 and earlier kept .mdinfo/.mddata pairs: the message says which generation that is.
+    WriteWholeFile(built.directory / "0123.mdinfo", {1});
+    WriteWholeFile(built.directory / "0123.mddata", {1});
     EXPECT_FALSE(open(built.directory, nullptr, &failure));
-    EXPECT_EQ(failure.Reason(), "The manifest version is missing");  // garbage reads as an empty dictionary
+    EXPECT_EQ(failure.Code(), QVErrorUnknownManifestVersion);
+    EXPECT_TRUE(failure.Reason().starts_with("This backup was made by iOS 3 or earlier")) << failure.Text();
+    fs::remove(built.directory / "0123.mdinfo");
+    fs::remove(built.directory / "0123.mddata");
+    fs::rename(root / "Manifest.db", built.directory / "Manifest.db");
+    fs::rename(root / "Manifest.plist", built.directory / "Manifest.plist");
 
-    CF::Dictionary changed = ReadPropertyList(built.directory / "Manifest.plist");
-    WriteWholeFile(status, original);
+    // A Status.plist without "Version" is a partial copy as well; one that is not a property list is damage.
+    WritePropertyList(status, CF::Dictionary::CreateMutable().get());
+    Backup noVersion = open(built.directory, nullptr);
+    ASSERT_TRUE(noVersion);
+    EXPECT_EQ(missingOf(noVersion), (std::vector<std::string>{"Info.plist", "Version in Status.plist"}));
+    for (const char* name : {"Status.plist", "Manifest.plist"}) {
+        fs::path damaged = built.directory / name;
+        auto kept = ReadWholeFile(damaged);
+        WriteWholeFile(damaged, {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'});
+        EXPECT_FALSE(open(built.directory, nullptr, &failure));
+        EXPECT_EQ(failure.Code(), QVErrorInvalidBackup);
+        EXPECT_EQ(failure.Reason(), fmt::format("Failed to load backup metadata file ({})", name));
+        EXPECT_EQ(failure.Underlying().Reason(), fmt::format("{} holds no property-list dictionary", name));
+        WriteWholeFile(damaged, kept);
+    }
+
     CF::Dictionary newer = CF::Dictionary::CreateMutable();
     newer.Set("Version", CF::String("3.4"));
     WritePropertyList(status, newer.get());
@@ -184,6 +234,7 @@ TEST_F(ContainerTest, DamagedMetadataFailsWithTheNamedFile) {
     EXPECT_EQ(failure.Code(), QVErrorUnknownManifestVersion);
     EXPECT_EQ(failure.Reason(), "Unsupported version '3.4' specified");
     EXPECT_TRUE(failure.IsFriendly());
+    WriteWholeFile(status, original);
 }
 
 TEST_F(ContainerTest, DamagedManifestsAndStoredFilesAreReported) {

@@ -1,6 +1,6 @@
-// MB::File: blobs round-trip, device-style archives written by Python's plistlib decode, every archive
-// check fails with its message in both property-list formats, hostile references are refused, and
-// the blobs of real Manifest.db files decode.
+// MB::File: blobs round-trip in the forms devices write, device-style archives written by Python's
+// plistlib decode (keys no member models included), every archive check fails with its message in both
+// property-list formats, hostile references are refused, and the blobs of real Manifest.db files decode.
 #include <gtest/gtest.h>
 
 #include <SQLiteCpp/SQLiteCpp.h>
@@ -44,6 +44,9 @@ MB::File FullRecord() {
     f.LastModified = 1610674653, f.LastStatusChange = -5, f.Birth = 0;
     f.Size = 0x8000000000000001ULL, f.InodeNumber = 1ULL << 40, f.ProtectionClass = 3;
     f.ExtendedAttributes = Dict({{"com.apple.TextEncoding", Bytes{'u', 't', 'f'}}, {"empty", Bytes{}}});
+    f.Flags = 128;
+    f.Unmodelled = Dict({{"Generation", 7}, {"Note", "kept"}, {"Blob", Bytes{9, 8}}});
+    f.Unmodelled.Set("Hidden", kCFBooleanTrue);
     return f;
 }
 
@@ -77,6 +80,15 @@ TEST(MBFileRoundTrip, EveryMemberSurvives) {
     EXPECT_EQ(back.EncryptionKey.vector(), Range(50, 44));
     EXPECT_EQ(back.Size, 0x8000000000000001ULL);
     EXPECT_EQ(back.ExtendedAttributes.size(), 2);
+    EXPECT_EQ(back.Flags, 128);
+    EXPECT_EQ(back.Unmodelled.size(), 4);
+    // The members added last take part in equality.
+    MB::File other = f;
+    other.Flags = 0;
+    EXPECT_FALSE(other == f);
+    other = f;
+    other.Unmodelled = Dict({{"Generation", 8}, {"Note", "kept"}, {"Blob", Bytes{9, 8}}});
+    EXPECT_FALSE(other == f);
 }
 
 TEST(MBFileRoundTrip, DefaultRecordSurvivesWithSharedEmptyMembersLeftOutOfTheArchive) {
@@ -91,25 +103,53 @@ TEST(MBFileRoundTrip, DefaultRecordSurvivesWithSharedEmptyMembersLeftOutOfTheArc
     CF::Dictionary root =
         CF::Dictionary::Retain(static_cast<CFDictionaryRef>(archive.get())).Get<CF::Array>("$objects").at<CF::Dictionary>(1);
     for (const char* key : {"Target", "Digest", "EncryptionKey", "ExtendedAttributes"}) EXPECT_FALSE(root.Contains(key)) << key;
-    for (const char* key : {"RelativePath", "Mode", "Size", "InodeNumber", "ProtectionClass", "$class"})
+    for (const char* key : {"RelativePath", "Mode", "Size", "InodeNumber", "ProtectionClass", "Flags", "$class"})
         EXPECT_TRUE(root.Contains(key)) << key;
 }
 
-TEST(MBFileRoundTrip, MembersAreObjectsReferredToByUID) {
+// Decryptors in common use read only the forms devices write, so each member is checked in that form.
+TEST(MBFileRoundTrip, MembersTakeTheFormsDevicesWrite) {
     cf_value parsed = Parse(FullRecord().Encode().vector());
     auto objects = CF::Dictionary::Retain(static_cast<CFDictionaryRef>(parsed.get())).Get<CF::Array>("$objects");
     CF::Dictionary root = objects.at<CF::Dictionary>(1);
-    for (const char* key : {"RelativePath", "Target", "Digest", "EncryptionKey", "ExtendedAttributes", "$class"}) {
+    for (const char* key : {"RelativePath", "Target", "Digest", "EncryptionKey", "ExtendedAttributes", "$class", "Note", "Blob"}) {
         CFTypeRef v = root.Get(key);
         ASSERT_TRUE(v && CFGetTypeID(v) == _CFKeyedArchiverUIDGetTypeID()) << key;
     }
-    auto object = [&](const char* key) {
-        return objects.at<CF::Dictionary>(_CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(root.Get(key))));
+    auto element = [&](const char* key) {
+        return objects[_CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(root.Get(key)))];
+    };
+    auto object = [&](const char* key) { return CF::Dictionary::Retain(static_cast<CFDictionaryRef>(element(key))); };
+    auto data = [&](const char* key) {
+        EXPECT_EQ(CFGetTypeID(element(key)), CFDataGetTypeID()) << key;
+        return CF::Data::Retain(static_cast<CFDataRef>(element(key)));
+    };
+    auto classOf = [&](const CF::Dictionary& o) {
+        return objects.at<CF::Dictionary>(_CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(o.Get("$class"))));
     };
     EXPECT_EQ(object("$class").Get<CF::String>("$classname").utf8(), "MBFile");
-    EXPECT_EQ(object("ExtendedAttributes").Get<CF::Array>("NS.objects").size(), 2);
-    // IDs are 32-bit numbers: 0xFFFFFFFE is stored as -2.
+    EXPECT_EQ(data("Digest").vector(), Range(1, 20));
+    EXPECT_EQ(data("Blob").vector(), (Bytes{9, 8}));
+    // The key: an NSMutableData object with its bytes in place.
+    const CF::Dictionary key = object("EncryptionKey");
+    EXPECT_EQ(key.Get<CF::Data>("NS.data").vector(), Range(50, 44));
+    EXPECT_EQ(classOf(key).Get<CF::String>("$classname").utf8(), "NSMutableData");
+    const CF::Array classes = classOf(key).Get<CF::Array>("$classes");
+    ASSERT_EQ(classes.size(), 3);
+    EXPECT_EQ(classes.at<CF::String>(1).utf8(), "NSData");
+    EXPECT_EQ(classes.at<CF::String>(2).utf8(), "NSObject");
+    // The attributes: a binary property list of names to data, inside plain data.
+    const Bytes attributes = data("ExtendedAttributes").vector();
+    ASSERT_GT(attributes.size(), 8u);
+    EXPECT_EQ(std::string(attributes.begin(), attributes.begin() + 8), "bplist00");
+    cf_value inner = Parse(attributes);
+    ASSERT_TRUE(inner && CFGetTypeID(inner.get()) == CFDictionaryGetTypeID());
+    EXPECT_EQ(Text(CF::Dictionary::Retain(static_cast<CFDictionaryRef>(inner.get())).Get<CF::Data>("com.apple.TextEncoding")), "utf");
+    // Numbers and booleans sit in the object; IDs are 32-bit numbers: 0xFFFFFFFE is stored as -2.
     EXPECT_EQ(root.Get<CF::Number>("GroupID").Int64(), -2);
+    EXPECT_EQ(root.Get<CF::Number>("Flags").Int64(), 128);
+    EXPECT_EQ(root.Get<CF::Number>("Generation").Int64(), 7);
+    EXPECT_EQ(root.Get("Hidden"), kCFBooleanTrue);
 }
 
 TEST(MBFileRoundTrip, RecordsThatCouldNotBeReadBackAreNotWritten) {
@@ -122,6 +162,16 @@ TEST(MBFileRoundTrip, RecordsThatCouldNotBeReadBackAreNotWritten) {
     // Text with a NUL is refused rather than cut short.
     f = MB::File();
     f.Target = CF::String(std::string_view("a\0b", 3));
+    EXPECT_THROW(f.Encode(), ax::archive_error);
+    // Unmodelled keys may neither replace a member nor hold what cannot be read back as it was.
+    for (const char* member : {"Mode", "Flags", "ExtendedAttributes", "$class"}) {
+        f = MB::File();
+        f.Unmodelled = Dict({{member, 1}});
+        EXPECT_THROW(f.Encode(), ax::archive_error) << member;
+    }
+    f.Unmodelled = Dict({{"List", Arr({1})}});
+    EXPECT_THROW(f.Encode(), ax::archive_error);
+    f.Unmodelled = Dict({{"Text", std::string_view("a\0b", 3)}});
     EXPECT_THROW(f.Encode(), ax::archive_error);
 }
 
@@ -307,6 +357,37 @@ TEST_P(MBFileArchiveChecks, ValidVariationsDecode) {
     EXPECT_EQ(f->Digest.vector(), Range(0, 20));
     EXPECT_EQ(f->EncryptionKey.vector(), Range(9, 44));
     EXPECT_EQ(f->ExtendedAttributes.Get<CF::Data>("name").vector(), Range(9, 44));
+}
+
+TEST_P(MBFileArchiveChecks, FlagsAndUnmodelledKeysAreKeptAndWrittenBackInTheirForm) {
+    a.root.Set("Flags", CF::Number(int64_t{128}));
+    a.root.Set("Generation", CF::Number(int64_t{-7}));
+    a.root.Set("Hidden", kCFBooleanTrue);
+    a.root.Set("Note", UID(2));  // the string that RelativePath names too
+    a.root.Set("Blob", UID(a.Add(Bytes{1, 2})));
+    // Kept nowhere: nil, an archived object, a reference past the end.
+    a.root.Set("Nothing", UID(0));
+    a.root.Set("Class", UID(3));
+    a.root.Set("Far", UID(99));
+    auto f = MB::File::Decode(Blob());
+    ASSERT_TRUE(f.has_value());
+    EXPECT_EQ(f->Flags, 128);
+    ASSERT_EQ(f->Unmodelled.size(), 4);
+    EXPECT_EQ(f->Unmodelled.Get<CF::Number>("Generation").Int64(), -7);
+    EXPECT_EQ(f->Unmodelled.Get("Hidden"), kCFBooleanTrue);
+    EXPECT_EQ(f->Unmodelled.Get<CF::String>("Note").utf8(), "Media/a.jpg");
+    EXPECT_EQ(f->Unmodelled.Get<CF::Data>("Blob").vector(), (Bytes{1, 2}));
+
+    const CF::Data blob = f->Encode();
+    auto back = MB::File::Decode(blob.get());
+    ASSERT_TRUE(back.has_value());
+    EXPECT_TRUE(*back == *f);
+    cf_value parsed = Parse(blob.vector());
+    auto objects = CF::Dictionary::Retain(static_cast<CFDictionaryRef>(parsed.get())).Get<CF::Array>("$objects");
+    CF::Dictionary root = objects.at<CF::Dictionary>(1);
+    EXPECT_EQ(CFGetTypeID(root.Get("Generation")), CFNumberGetTypeID());
+    EXPECT_EQ(root.Get("Hidden"), kCFBooleanTrue);
+    for (const char* key : {"Note", "Blob"}) EXPECT_EQ(CFGetTypeID(root.Get(key)), _CFKeyedArchiverUIDGetTypeID()) << key;
 }
 
 INSTANTIATE_TEST_SUITE_P(BothFormats, MBFileArchiveChecks, ::testing::Values(Format::Binary, Format::XML),

@@ -32,7 +32,9 @@ const Seed kSeeds[] = {
     {"v5-backup-four-classes", {4, 3, 2, 1}, {5, 1, 2, 3, 1}},
     {"v3-system-one-class", {4}, {3, 0, 4, 4, 0}},
     {"v5-escrow-two-classes", {2, 0x01020304}, {5, 2, 1, 2, 1}},
-    {"v3-ota-no-classes", {}, {3, 3, 3, 1, 1}},
+    {"v3-ota-one-class", {1}, {3, 3, 3, 1, 1}},
+    // Before iOS 10.2: one derivation pass, no DPWT, DPIC or DPSL.
+    {"v3-backup-one-pass", {11, 10, 4, 3}, {3, 1, 2, 0, 0, false}},
 };
 
 TEST(KeyBagSeedCorpus, EverySeedOpensAndUnlocks) {

@@ -1,7 +1,7 @@
 // Key bags and derivation vectors from real devices and password-recovery tools, kept outside the repository
 // (QUIVER_REALDATA, skipped when absent), checked against the values in its kdf-vectors.md. Key bags since
-// iOS 10.2 derive in two passes (DPSL/DPIC, then SALT/ITER) and also wrap WRAP 3 classes with the device's
-// own key, so they are refused after the password check; older ones are refused before any derivation.
+// iOS 10.2 derive in two passes (DPSL/DPIC, then SALT/ITER), older ones in one; in both, the classes that
+// devices mark WRAP 3 open with the password alone, and every class gives its published key.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <regex>
 #include <string>
 #include <vector>
@@ -46,9 +47,9 @@ protected:
         for (std::string line; std::getline(in, line);) lines_.push_back(line);
     }
 
-    // A real iOS 10.2+ key bag derives its published KEK and fails only for want of the device key; with the
-    // device flag taken off, every class and the manifest key unwrap to the keys of its section.
-    void CheckTwoPassKeyBag(const std::string& file) {
+    // A real key bag opens with its password to the published KEK, class keys and manifest key; a wrong
+    // key-encryption key fails the integrity check of the first class, as a wrong password does.
+    void CheckKeyBag(const std::string& file) {
         SCOPED_TRACE(file);
         const std::string heading = "### `" + file + "` — password `";
         const std::regex keyLine(R"(^- (KEK|ManifestKey) = .* = ([0-9a-f]{64})$)");
@@ -56,41 +57,47 @@ protected:
         auto start = std::find_if(lines_.begin(), lines_.end(), [&](auto& l) { return l.rfind(heading, 0) == 0; });
         ASSERT_NE(start, lines_.end());
         const std::string password = start->substr(heading.size(), start->find('`', heading.size()) - heading.size());
-        Key expectedKEK{}, expectedManifestKey{};
+        Key expectedKEK{};
+        std::optional<Key> expectedManifestKey;
         std::map<uint32_t, Key> classKeys;
         for (auto line = start + 1; line != lines_.end() && line->rfind("##", 0) != 0; ++line) {
             std::smatch m;
-            if (std::regex_match(*line, m, keyLine)) (m[1] == "KEK" ? expectedKEK : expectedManifestKey) = Hex<32>(m[2]);
+            if (std::regex_match(*line, m, keyLine)) {
+                if (m[1] == "KEK") expectedKEK = Hex<32>(m[2]);
+                else expectedManifestKey = Hex<32>(m[2]);
+            }
             if (std::regex_match(*line, m, classRow)) classKeys[std::stoul(m[1])] = Hex<32>(m[2]);
         }
         ASSERT_FALSE(classKeys.empty());
         CF::Dictionary manifest = QuiverTest::ReadPropertyList(root_ / file);
         CF::Data keyBag = manifest.Get<CF::Data>("BackupKeyBag"), manifestKey = manifest.Get<CF::Data>("ManifestKey");
-        ASSERT_TRUE(keyBag && manifestKey);
+        ASSERT_TRUE(keyBag);
+        EXPECT_EQ(bool(manifestKey), expectedManifestKey.has_value());
 
         Key kek{};
-        CF::Error e = Thrown([&] { KeyBag(keyBag, password, [&](const std::vector<uint8_t>& pw, const KeyBag::ManifestInfo& info) {
+        KeyBag opened(keyBag, password, [&](const std::vector<uint8_t>& pw, const KeyBag::ManifestInfo& info) {
+            // Only iOS 10.2 and later have the first pass.
+            EXPECT_EQ(info.firstPass, expectedManifestKey.has_value());
             return kek = ManifestEncryption::GenerateKEKFromPassword(pw, info);
-        }); });
+        });
         EXPECT_EQ(kek, expectedKEK);
-        ASSERT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock a key (class 11)"));
-        EXPECT_EQ(e.Underlying().Reason(), "Cannot decode without deviceKey");
-
-        // Each class's "CLAS" item is followed by its "WRAP" item: set every WRAP to 2 (password only).
-        Bytes blob = keyBag.vector();
-        const Bytes clas = {'C', 'L', 'A', 'S', 0, 0, 0, 4};
-        for (auto at = blob.begin(); (at = std::search(at, blob.end(), clas.begin(), clas.end())) != blob.end(); at += 12) {
-            ASSERT_TRUE(blob.end() - at >= 24 && std::equal(at + 12, at + 16, "WRAP"));
-            std::copy_n(U32(2).begin(), 4, at + 20);
-        }
-        KeyBag opened(CF::Data(blob), password, [&](const std::vector<uint8_t>&, const KeyBag::ManifestInfo&) { return kek; });
         std::map<uint32_t, Key> openedKeys;
         for (const auto& [c, key] : opened.GetUnlockedKeys()) openedKeys[c] = key.key;
         EXPECT_EQ(openedKeys, classKeys);
+        EXPECT_TRUE(opened.GetLockedClasses().empty());
+
         ManifestEncryption encryption(opened, manifestKey);
-        EXPECT_EQ(encryption.GetManifestKey(), expectedManifestKey);
-        // Wrapping again under the same class gives the very blob the device wrote.
-        EXPECT_EQ(encryption.LockKey(manifestKey.bytes()[0], encryption.GetManifestKey()).vector(), manifestKey.vector());
+        EXPECT_EQ(encryption.HasManifestKey(), expectedManifestKey.has_value());
+        if (expectedManifestKey) {
+            EXPECT_EQ(encryption.GetManifestKey(), *expectedManifestKey);
+            // Wrapping again under the same class gives the very blob the device wrote.
+            EXPECT_EQ(encryption.LockKey(manifestKey.bytes()[0], encryption.GetManifestKey()).vector(), manifestKey.vector());
+        }
+
+        Key wrongKEK = kek;
+        wrongKEK[0] ^= 1;
+        CF::Error e = Thrown([&] { KeyBag(keyBag, password, [&](const auto&, const auto&) { return wrongKEK; }); });
+        EXPECT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock a key (class 11)"));
     }
 
     const fs::path root_ = QUIVER_REALDATA;
@@ -132,17 +139,23 @@ TEST_F(RealKeyBagTest, PublishedVectorsDeriveTheirKeys) {
     EXPECT_GE(checked, 8);
 }
 
-TEST_F(RealKeyBagTest, TwoPassKeyBagsDeriveTheirKeys) {
-    CheckTwoPassKeyBag("john-samples-manifests/Manifest-10-test123.plist");    // from a device
-    CheckTwoPassKeyBag("pyiosbackup-synthetic/sqlite-backup/Manifest.plist");  // synthetic, zero keys
+TEST_F(RealKeyBagTest, KeyBagsOfEveryGenerationOpenToTheirPublishedKeys) {
+    CheckKeyBag("john-samples-manifests/Manifest-10-test123.plist");      // iOS 10.2, two passes
+    CheckKeyBag("john-samples-manifests/Manifest-9-123456.plist");        // iOS 9.3.5, one pass
+    CheckKeyBag("john-samples-manifests/Manifest-9-test123.plist");       // iOS 9.3
+    CheckKeyBag("hv20-encrypted-mbdb/backup/Manifest.plist");             // iOS 9.3.6
+    CheckKeyBag("pyiosbackup-synthetic/sqlite-backup/Manifest.plist");  // synthetic, zero keys
+    CheckKeyBag("pyiosbackup-synthetic/mbdb-backup/Manifest.plist");
 }
 
-TEST_F(RealKeyBagTest, KeyBagsWithoutTheFirstPassAreRefusedBeforeDeriving) {
-    auto refuse = [](const std::vector<uint8_t>&, const KeyBag::ManifestInfo&) -> Key { ADD_FAILURE() << "derived"; return {}; };
-    for (const char* file : {"john-samples-manifests/Manifest-9-123456.plist", "john-samples-manifests/Manifest-9-test123.plist",
-                             "hv20-encrypted-mbdb/backup/Manifest.plist", "pyiosbackup-synthetic/mbdb-backup/Manifest.plist"}) {
+TEST_F(RealKeyBagTest, WrongPasswordsOfOnePassKeyBagsAreIncorrectPasswords) {
+    for (const char* file : {"john-samples-manifests/Manifest-9-123456.plist", "hv20-encrypted-mbdb/backup/Manifest.plist"}) {
         CF::Data keyBag = QuiverTest::ReadPropertyList(root_ / file).Get<CF::Data>("BackupKeyBag");
-        EXPECT_TRUE(IsError(Thrown([&] { KeyBag(keyBag, "x", refuse); }), QVErrorInvalidKeyBag, "Missing DPWT field")) << file;
+        for (const char* wrong : {"20201224", "123457", ""}) {
+            CF::Error e = Thrown([&] { KeyBag(keyBag, wrong); });
+            EXPECT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock a key (class 11)")) << file << " " << wrong;
+            EXPECT_TRUE(e.Underlying().Reason().starts_with("RFC3394Unwrap failed")) << e.Text();
+        }
     }
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <optional>
 #include <string>
@@ -64,7 +65,9 @@ TEST_F(KeyBagTest, CreatedItemsFollowTheDeviceLayoutWithFreshRandomValues) {
     EXPECT_EQ(tags, expected);
     for (std::size_t i = 0; i < std::size(kClasses); ++i) {
         EXPECT_EQ(raw[IndexOf(raw, "CLAS", static_cast<int>(i))].second, U32(kClasses[i]));
-        EXPECT_EQ(raw[IndexOf(raw, "WRAP", static_cast<int>(i + 1))].second, U32(2));  // password only
+        // Devices mark 11, 10, 9 and 5 as wrapped with the device key as well; a backup opens them anyway.
+        const bool marked = kClasses[i] == 11 || kClasses[i] == 10 || kClasses[i] == 9 || kClasses[i] == 5;
+        EXPECT_EQ(raw[IndexOf(raw, "WRAP", static_cast<int>(i + 1))].second, U32(marked ? 3 : 2)) << kClasses[i];
     }
     KeyBag other = KeyBag::Create(kPassword, kClasses, kFast);
     EXPECT_NE(other.GetManifestInfo().salt, Bag().GetManifestInfo().salt);
@@ -111,7 +114,8 @@ TEST_F(KeyBagTest, EachDamageFailsWithItsOwnError) {
     std::vector<Damage> d = {
         {"VERS second", [](Items& i) { std::swap(i[0], i[1]); }, QVErrorInvalidKeyBag, "Missing VERS field"},
         {"VERS of 2 bytes", Set("VERS", 0, {0, 3}), QVErrorInvalidKeyBag, "Invalid VERS field"},
-        {"version 4", Set("VERS", 0, U32(4)), QVErrorInvalidKeyBag, "Unknown version '4'"},
+        {"version 0", Set("VERS", 0, U32(0)), QVErrorInvalidKeyBag, "Unknown version '0'"},
+        {"version 6", Set("VERS", 0, U32(6)), QVErrorInvalidKeyBag, "Unknown version '6'"},
         {"version 2^32-1", Set("VERS", 0, U32(0xFFFFFFFF)), QVErrorInvalidKeyBag, "Unknown version '4294967295'"},
         {"TYPE renamed", [](Items& i) { i[1].first = "TYPF"; }, QVErrorInvalidKeyBag, "Missing TYPE field"},
         {"TYPE of 5 bytes", Set("TYPE", 0, {0, 0, 0, 0, 1}), QVErrorInvalidKeyBag, "Invalid TYPE field"},
@@ -123,10 +127,9 @@ TEST_F(KeyBagTest, EachDamageFailsWithItsOwnError) {
         {"SALT twice", [](Items& i) { i.insert(i.begin() + 6, i[5]); }, QVErrorInvalidKeyBag, "Invalid SALT field"},
         {"WPKY twice", [](Items& i) { i.insert(i.begin() + 14, i[14]); }, QVErrorInvalidKeyBag, "Invalid WPKY field"},
         {"class 11 twice", Set("CLAS", 3, U32(11)), QVErrorInvalidKeyBag, "Invalid CLAS field"},
-        // Unwrapped twice over (password and device key): the device's half cannot be undone here.
-        {"WRAP 3", Set("WRAP", 3, U32(3)), QVErrorUnlockFailed, "Failed to unlock a key (class 9)"},
-        {"WRAP 1", Set("WRAP", 1, U32(1)), QVErrorUnlockFailed, "Failed to unlock a key (class 11)"},
         {"WRAP 0", Set("WRAP", 2, U32(0)), QVErrorUnlockFailed, "Failed to unlock a key (class 10)"},
+        {"no class the password opens", [](Items& i) { for (int n = 1; n <= lastClass + 1; ++n) i[IndexOf(i, "WRAP", n)].second = U32(1); },
+         QVErrorInvalidKeyBag, "No class key is wrapped with the password"},
         {"WPKY damaged", [](Items& i) { i[IndexOf(i, "WPKY", 4)].second[7] ^= 0x10; }, QVErrorUnlockFailed,
          "Failed to unlock a key (class 4)"},
         {"header and 200000 UUIDs", [](Items& i) { i.resize(10); i.insert(i.end(), 200000, {"UUID", Bytes(16, 1)}); },
@@ -137,7 +140,9 @@ TEST_F(KeyBagTest, EachDamageFailsWithItsOwnError) {
                             {"DPIC", 0, 5}, {"DPSL", 0, 21}, {"CLAS", lastClass, 3}, {"WRAP", lastClass + 1, 1},
                             {"KTYP", lastClass, 6}, {"WPKY", lastClass, 39}};
     for (const auto& [tag, n, wrongSize] : fields) {
-        d.push_back({std::string("no ") + tag, Erase(tag, n), QVErrorInvalidKeyBag, std::string("Missing ") + tag + " field"});
+        // Older key bags have no DPWT and no key types; DPIC and DPSL go together.
+        if (std::string_view(tag) != "DPWT" && std::string_view(tag) != "KTYP")
+            d.push_back({std::string("no ") + tag, Erase(tag, n), QVErrorInvalidKeyBag, std::string("Missing ") + tag + " field"});
         d.push_back({std::string("short ") + tag, Set(tag, n, Bytes(wrongSize, 1)), QVErrorInvalidKeyBag,
                      std::string("Invalid ") + tag + " field"});
     }
@@ -149,10 +154,7 @@ TEST_F(KeyBagTest, EachDamageFailsWithItsOwnError) {
 }
 
 TEST_F(KeyBagTest, UnlockFailuresCarryTheirCause) {
-    // The RFC 3394 unwrap comes first and succeeds; the device key is what is missing.
     Items items = Raw();
-    items[IndexOf(items, "WRAP", 3)].second = U32(3);
-    EXPECT_EQ(Failure(items).Underlying().Reason(), "Cannot decode without deviceKey");
     items[IndexOf(items, "WPKY", 2)].second[5] ^= 1;
     EXPECT_EQ(Failure(items).Underlying().Reason(), "RFC3394Unwrap failed: integrity check failed");
     items = Raw();
@@ -160,9 +162,49 @@ TEST_F(KeyBagTest, UnlockFailuresCarryTheirCause) {
     EXPECT_TRUE(IsError(Failure(items).Underlying(), QVErrorInvalidKeyBag, "Unwrapped bad key length"));
 }
 
+// What devices wrote before iOS 10.2, and the device marks of every generation.
+TEST_F(KeyBagTest, OlderGenerationsAndDeviceMarkedClassesOpen) {
+    // One pass over the password itself: no DPWT, DPIC or DPSL, and the derivation is told so.
+    MB::KeyBagParameters old = kFast;
+    old.firstPass = false;
+    KeyBag bag = KeyBag::Create(kPassword, kClasses, old);
+    for (const auto& [tag, value] : bag.GetRaw()) EXPECT_TRUE(tag != "DPWT" && tag != "DPIC" && tag != "DPSL") << tag;
+    std::optional<bool> firstPass;
+    KeyBag opened(bag.CopyData(), kPassword, [&](const std::vector<uint8_t>& pw, const KeyBag::ManifestInfo& info) {
+        firstPass = info.firstPass;
+        return MB::ManifestEncryption::GenerateKEKFromPassword(pw, info);
+    });
+    EXPECT_EQ(firstPass, false);
+    EXPECT_EQ(opened.GetUnlockedKeys(), bag.GetUnlockedKeys());
+    EXPECT_TRUE(IsError(Thrown([&] { Open(bag.CopyData().vector(), "wrong"); }), QVErrorUnlockFailed,
+                        "Failed to unlock a key (class 11)"));
+
+    // iOS 4 key bags are version 1 and have no key types.
+    Items items = bag.GetRaw();
+    items[0].second = U32(1);
+    std::erase_if(items, [](const KeyBag::Item& item) { return item.first == "KTYP"; });
+    EXPECT_EQ(Open(Blob(items)).GetUnlockedKeys().size(), std::size(kClasses));
+
+    // WRAP 3 opens with the password alone; a class the device alone wrapped stays locked, and only
+    // the files of that class fail, naming it.
+    items = Raw();
+    items[IndexOf(items, "WRAP", 1)].second = U32(1);  // class 11
+    KeyBag partly = Open(Blob(items));
+    EXPECT_EQ(partly.GetLockedClasses(), std::vector<uint32_t>{11});
+    EXPECT_EQ(partly.FindUnlockedKey(11), nullptr);
+    EXPECT_EQ(partly.FindUnlockedKey(10)->key, Bag().FindUnlockedKey(10)->key);
+    MB::ManifestEncryption full(Bag(), CF::Data());
+    MB::ManifestEncryption locked(partly, CF::Data());
+    std::array<uint8_t, 32> key{};
+    key.fill(7);
+    EXPECT_TRUE(IsError(Thrown([&] { locked.UnlockKey(full.LockKey(11, key)); }), QVErrorUnlockFailed,
+                        "Class 11 is wrapped with the device's own key, which a backup does not hold"));
+    EXPECT_EQ(locked.UnlockKey(full.LockKey(10, key)), key);
+}
+
 TEST_F(KeyBagTest, VersionsTypesUnknownItemsAndShortTailsAreAccepted) {
     Items items = Raw();
-    for (uint32_t version : {3u, 5u}) {
+    for (uint32_t version : {1u, 2u, 3u, 4u, 5u}) {
         items[0].second = U32(version);
         EXPECT_EQ(Open(Blob(items)).GetVersion(), version);
     }

@@ -98,9 +98,16 @@ TEST_F(ManifestEncryptionTest, OpensWithThePasswordOnlyFromACompleteManifest) {
               Encryption().GetManifestKey());
     EXPECT_TRUE(IsError(Thrown([&] { ManifestEncryption(GoodManifest(), "open sesame!"); }), QVErrorUnlockFailed,
                         "Failed to unlock a key (class 11)"));
-    // Missing values are reported before the key bag is read, which would give QVErrorInvalidKeyBag.
+    // Before iOS 10.2 there was no manifest key: the manifest is stored as it is.
+    ManifestEncryption unenciphered(Manifest(Encryption().GetKeyBag().CopyData(), std::nullopt), kPassword);
+    EXPECT_FALSE(unenciphered.HasManifestKey());
+    EXPECT_EQ(Thrown([&] { unenciphered.GetManifestKey(); }).Code(), QVErrorInvalidArgument);
+    EXPECT_EQ(unenciphered.UnlockKey(Encryption().LockKey(3, Encryption().GetManifestKey())), Encryption().GetManifestKey());
+    // Values of the wrong kind are reported before the key bag is read, which would give QVErrorInvalidKeyBag.
     const CF::Data garbage(Bytes{1, 2, 3});
-    EXPECT_TRUE(IsError(Failure(Manifest(garbage, std::nullopt)), QVErrorInvalidMetadata, "ManifestKey is missing"));
+    CF::Dictionary textKey = Manifest(garbage, std::nullopt).MutableCopy();
+    textKey.Set("ManifestKey", CF::String("not data"));
+    EXPECT_TRUE(IsError(Failure(textKey), QVErrorInvalidMetadata, "ManifestKey is not data"));
     EXPECT_TRUE(IsError(Failure(Manifest(std::nullopt, std::nullopt)), QVErrorInvalidMetadata, "BackupKeyBag is missing"));
     CF::Dictionary wrongType = Manifest(std::nullopt, manifestKeyBlob_).MutableCopy();
     wrongType.Set("BackupKeyBag", CF::String("not data"));
