@@ -255,8 +255,16 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
     CF::String databasePath = CF::String::Retain(localPath);
     // Devices enciphered Manifest.db from iOS 10.2 on, with a "ManifestKey" beside the key bag; the
     // encrypted backups of iOS 10.0 and 10.1 keep it plain, with the file keys in its rows.
-    if (encrypted && !backup->manifestEncryption->HasManifestKey() && !isPlainDatabase(fs::path(databasePath.utf8())))
-        throw Error(QVErrorInvalidMetadata, CF::Error(), "ManifestKey is missing, and Manifest.db is enciphered");
+    if (!encrypted || !backup->manifestEncryption->HasManifestKey()) {
+        if (!isPlainDatabase(fs::path(databasePath.utf8()))) {
+            if (encrypted)
+                throw Error(QVErrorInvalidMetadata, CF::Error(), "ManifestKey is missing, and Manifest.db is enciphered");
+            if (std::find(backup->missingMetadata.begin(), backup->missingMetadata.end(), "Manifest.plist") !=
+                backup->missingMetadata.end())
+                throw Error(QVErrorInvalidBackup, CF::Error(),
+                            "Manifest.db is enciphered, and without Manifest.plist (its key bag) it cannot be read");
+        }
+    }
     if (encrypted && backup->manifestEncryption->HasManifestKey()) {
         CF::String identifier = CF::UUID::Create().ToString();
         fs::path temporary = FileManager::GetStorageLocationForTempIdentifier(identifier.get());
@@ -313,7 +321,7 @@ void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress)
         }
         if (std::find(backup->missingMetadata.begin(), backup->missingMetadata.end(), "Manifest.plist") !=
             backup->missingMetadata.end())
-            warn(backup, "there is no Manifest.plist: read as a plain backup, as a copy without it cannot be decrypted");
+            warn(backup, "there is no Manifest.plist, so the backup is read as a plain one");
     }
     bool encrypted = backup->manifestDict.Get<CF::Boolean>("IsEncrypted").value();
     bool hasPassword = backup->password && backup->password.length() > 0;

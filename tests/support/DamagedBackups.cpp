@@ -84,13 +84,14 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
             return Cryptor::Encrypt(Cryptor::Algorithm::AES256, *built.manifestKey, {}, FlipPageHeaders(plain));
         });
     }
+    // Cut mid-block: devices write the database with and without a padding block, so a cut of one
+    // whole block could be either.
     make("EncryptedDatabaseTruncated", "3.3", true, "Manifest.db");
-    EditFile(root / "EncryptedDatabaseTruncated/Manifest.db", [](Bytes b) { return Cut(b, b.size() - 16); });
+    EditFile(root / "EncryptedDatabaseTruncated/Manifest.db", [](Bytes b) { return Cut(b, b.size() - 8); });
 
-    // The metadata.
-    make("StatusMissing", "3.3", false, "Status.plist");
-    fs::remove(root / "StatusMissing/Status.plist");
-    make("StatusGarbage", "3.3", false, "version");
+    // The metadata. A missing Status.plist or Manifest.plist makes a partial copy, which reads; one that
+    // is not a property list is damage, and so is a copy without the Manifest.plist that deciphers it.
+    make("StatusGarbage", "3.3", false, "Status.plist");
     WriteWholeFile(root / "StatusGarbage/Status.plist", Quiver::Support::RandomBytes(300));
     {
         BuiltBackup built = make("StatusVersionUnknown", "3.3", false, "'3.4'");
@@ -98,8 +99,8 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
         status.Set("Version", CF::String("3.4"));
         WritePropertyList(built.directory / "Status.plist", status.get());
     }
-    make("ManifestPlistMissing", "3.3", false, "Manifest.plist");
-    fs::remove(root / "ManifestPlistMissing/Manifest.plist");
+    make("ManifestPlistMissingEncrypted", "3.3", true, "Manifest.plist");
+    fs::remove(root / "ManifestPlistMissingEncrypted/Manifest.plist");
     make("ManifestPlistGarbage", "3.3", false, "Manifest.plist");
     EditFile(root / "ManifestPlistGarbage/Manifest.plist", [](Bytes b) { return Cut(b, b.size() / 3); });
 

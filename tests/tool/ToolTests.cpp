@@ -240,6 +240,50 @@ TEST_F(ToolTest, ASizeThatDisagreesWithoutADigestIsAWarning) {
                          "records 100000"), std::string::npos) << r.err;
 }
 
+// Forensic tools copy only part of a backup: a manifest without Status.plist or Manifest.plist reads,
+// with a warning that names what is missing, and is never written out as if it were whole.
+TEST_F(ToolTest, PartialCopiesReadWithAWarningAndAreNotWrittenOut) {
+    BuiltBackup built = Build("partial", "3.3", false);
+    fs::remove(built.directory / "Status.plist");
+    fs::remove(built.directory / "Manifest.plist");
+    const std::string dir = built.directory.string();
+    RunResult info = Run({"info", dir});
+    EXPECT_EQ(info.status, 0) << info.err;
+    EXPECT_NE(info.out.find("Missing:          Manifest.plist, Status.plist (a partial copy"), std::string::npos) << info.out;
+    EXPECT_NE(info.err.find("warning: " + dir + ": there is no Status.plist"), std::string::npos) << info.err;
+    const BuiltItem& large = built.Item("AppDomain-com.example.notes", "Documents/large.db");
+    EXPECT_EQ(Run({"cat", dir, large.domain, large.relativePath}).out, Bytes(large.content));
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"export", dir, (work_ / "out").string()},
+          std::vector<std::string>{"edit", dir, (work_ / "out").string(), "--mkdir", "HomeDomain", "New"}}) {
+        RunResult r = Run(args);
+        EXPECT_EQ(r.status, 4) << args[0];
+        EXPECT_NE(r.err.find("is a partial copy of a backup without Manifest.plist and Status.plist"), std::string::npos)
+            << r.err;
+        EXPECT_FALSE(fs::exists(work_ / "out"));
+    }
+}
+
+// A file that edit adds to an encrypted backup records the digest of its stored ciphertext, as devices
+// do, so damage to it is caught as it is in a plain backup.
+TEST_F(ToolTest, AddedFilesOfEncryptedBackupsAreCheckedLikeAnyOther) {
+    BuiltBackup built = Build("encrypted", "3.3", true);
+    const fs::path note = work_ / "note.txt", edited = work_ / "edited";
+    WriteWholeFile(note, std::vector<uint8_t>(5000, 'n'));
+    RunResult edit = Run({"edit", built.directory.string(), edited.string(), "--put", "HomeDomain", "Documents/note.txt",
+                          note.string()}, "password");
+    ASSERT_EQ(edit.status, 0) << edit.err;
+    ASSERT_EQ(Run({"cat", edited.string(), "HomeDomain", "Documents/note.txt"}, "password").out, std::string(5000, 'n'));
+    CFStringRef id = Quiver::QVManifestEntryCopyFileIDForPath(CFSTR("HomeDomain"), CFSTR("Documents/note.txt"));
+    const fs::path stored = edited / LocalFilename(CF::String::Adopt(id).utf8(), "3.3");
+    std::vector<uint8_t> bytes = ReadWholeFile(stored);
+    bytes[100] ^= 1;  // mid-file: the padding at the end still checks out
+    WriteWholeFile(stored, bytes);
+    RunResult cat = Run({"cat", edited.string(), "HomeDomain", "Documents/note.txt"}, "password");
+    EXPECT_EQ(cat.status, 4) << cat.err;
+    EXPECT_TRUE(cat.out.empty());
+}
+
 // ---- Extracting a hostile backup ----
 
 TEST_F(ToolTest, ExtractSkipsNamesThatWouldLeaveTheDestination) {

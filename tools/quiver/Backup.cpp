@@ -204,6 +204,18 @@ std::string ErrorText(const CF::Error& error) {
     return joined.empty() ? "unknown error" : joined;
 }
 
+void RequireWholeBackup(const Backup& backup, const std::string& path) {
+    std::vector<std::string> lacking;
+    for (const std::string& name : QVBackupContainerCopyMissingMetadata(backup))
+        if (name != "Info.plist") lacking.push_back(name);
+    if (lacking.empty()) return;
+    std::string list;
+    for (const std::string& name : lacking) list += (list.empty() ? "" : " and ") + name;
+    throw Failure(kBadBackup, fmt::format("{} is a partial copy of a backup without {}: it can be read and extracted, "
+                                          "not written as a backup",
+                                          path, list));
+}
+
 OpenBackup& OpenBackup::operator=(OpenBackup&& other) noexcept {
     if (this != &other) {
         Release();
@@ -247,10 +259,8 @@ OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
         Detail(options.verbosity, fmt::format("the library reported: {}", failure.Text()));
         throw LoadFailure(path, failure);
     }
-    // The library reads a Manifest.plist that is not a property list as an empty one; every device
-    // writes one with at least the key bag and the version, so an empty one is damage.
-    if (CF::Dictionary::Adopt(QVBackupContainerCopyManifestDict(backup)).size() == 0)
-        throw Failure(kBadBackup, fmt::format("{} is damaged: Manifest.plist holds no property list", path));
+    // A partial copy reads; what the library had to make up is said once, on standard error.
+    for (const std::string& warning : QVBackupContainerCopyLoadWarnings(backup)) Warn(fmt::format("{}: {}", path, warning));
     return OpenBackup(std::move(backup));
 }
 
@@ -325,11 +335,10 @@ std::string CheckStoredFile(const Backup& backup, const Entry& entry) {
                                       : length == size;
     if (encrypted && length % 16 != 0) throw damaged("is cut short: not a whole number of cipher blocks");
     // Devices record the SHA-1 of the bytes they store, enciphered or not, as they write them, and
-    // that decides. Files that this library adds to an encrypted backup carry their plaintext's
-    // digest instead, so there a length that fits the size, and the padding, have the last word.
+    // that decides; so does the library for the files it adds.
     if (CF::Data digest = CF::Data::Retain(QVManifestEntryGetDataHash(entry)); digest.size() == 20) {
         if (QVFileGetHash(stored) == digest.vector()) return {};
-        if (!encrypted || !lengthFits) throw damaged("is not the one its manifest records");
+        throw damaged("is not the one its manifest records");
     }
     if (encrypted && length > 0) {
         CFErrorRef keyError = nullptr;

@@ -34,6 +34,17 @@ std::optional<int64_t> BackupDate(const CF::Dictionary& info, const CF::Dictiona
     return std::nullopt;
 }
 
+std::string ManifestVersionText(QVManifestDataVersion version) {
+    switch (version) {
+        case QVManifestDataVersion24: return "2.4";
+        case QVManifestDataVersion30: return "3.0";
+        case QVManifestDataVersion31: return "3.1";
+        case QVManifestDataVersion32: return "3.2";
+        case QVManifestDataVersion33: return "3.3";
+        default: return "";
+    }
+}
+
 std::string IsoTime(int64_t unixSeconds) {
     std::string text = UtcTimeText(unixSeconds);
     if (text.size() == 19) text[10] = 'T';
@@ -58,8 +69,11 @@ int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
     const std::string productVersion = pick(StringValue(info, "Product Version"), StringValue(lockdown, "ProductVersion"));
     const std::string buildVersion = pick(StringValue(info, "Build Version"), StringValue(lockdown, "BuildVersion"));
     const std::string productType = pick(StringValue(info, "Product Type"), StringValue(lockdown, "ProductType"));
-    const std::string version = StringValue(status, "Version");
+    // A partial copy may lack the version; the library took it from the kind of manifest present.
+    const std::string version = ManifestVersionText(backup->manifestVersion);
     const bool encrypted = QVBackupContainerIsEncrypted(backup) != 0;
+    const bool enciphered = QVBackupContainerHasEncipheredManifest(backup);
+    const std::vector<std::string> missing = QVBackupContainerCopyMissingMetadata(backup);
     const std::optional<int64_t> date = BackupDate(info, status, manifestDict);
 
     int64_t files = 0, directories = 0, symlinks = 0;
@@ -88,6 +102,8 @@ int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
             {"version", version},
             {"manifestFile", manifestFile},
             {"encrypted", encrypted},
+            {"manifestEnciphered", enciphered},
+            {"missing", missing},
             {"date", date ? json(IsoTime(*date)) : json(nullptr)},
             {"files", files},
             {"directories", directories},
@@ -106,7 +122,14 @@ int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
     text += fmt::format("iOS version:      {}{}\n", orUnknown(productVersion),
                         buildVersion.empty() ? "" : fmt::format(" ({})", buildVersion));
     text += fmt::format("Manifest version: {} ({})\n", version, manifestFile);
-    text += fmt::format("Encrypted:        {}\n", encrypted ? "yes" : "no");
+    // Before iOS 10.2 an encrypted backup kept its manifest plain, with each file's key in its record.
+    text += fmt::format("Encrypted:        {}\n", !encrypted ? "no" : enciphered ? "yes" : "yes (manifest not enciphered, as before iOS 10.2)");
+    if (!missing.empty()) {
+        std::string list;
+        for (const std::string& name : missing) list += (list.empty() ? "" : ", ") + name;
+        text += fmt::format("Missing:          {}{}\n", list,
+                            missing == std::vector<std::string>{"Info.plist"} ? "" : " (a partial copy: it reads, but is not written out)");
+    }
     text += fmt::format("Date:             {}\n", date ? UtcTimeText(*date) + " UTC" : std::string("(unknown)"));
     text += fmt::format("Domains:          {}\n", domains.size());
     text += fmt::format("Files:            {}\n", files);

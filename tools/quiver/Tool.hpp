@@ -109,6 +109,8 @@ int64_t EntryModifiedUnixTime(const Quiver::Entry& entry);
 std::string CheckStoredFile(const Quiver::Backup& backup, const Quiver::Entry& entry);
 // The same for every entry, with progress; notes go to -v.
 void CheckStoredFiles(const Quiver::Backup& backup, int verbosity);
+// Refuses (status 4) to write out a partial copy: one without Status.plist or Manifest.plist.
+void RequireWholeBackup(const Quiver::Backup& backup, const std::string& path);
 
 // Streams a file's plaintext to a callback after CheckStoredFile (its note becomes a warning); throws
 // Failure(4) when the backup turns out damaged, Failure(1) when the file cannot be read otherwise.

@@ -55,6 +55,7 @@ struct ExportOptions {
 int RunExport(const ExportOptions& o, const GlobalOptions& global) {
     RequireNewDestination(o.destination, o.zip);
     OpenBackup open = LoadBackup(o.backup, global);
+    RequireWholeBackup(open.get(), o.backup);
     CheckStoredFiles(open.get(), global.verbosity);  // a copy of a damaged backup is not written
     WriteBackup(open.get(), o.destination, o.zip);
     return kSuccess;
@@ -216,6 +217,7 @@ int RunEdit(const EditOptions& o, const GlobalOptions& global) {
     for (const Edit& edit : edits) RequireSafeName(edit, edit.kind == EditKind::Put || edit.kind == EditKind::Symlink);
     RequireNewDestination(o.destination, o.zip);
     OpenBackup open = LoadBackup(o.backup, global);
+    RequireWholeBackup(open.get(), o.backup);
     for (const Edit& edit : edits) ApplyEdit(open.get(), edit, global);
     CheckStoredFiles(open.get(), global.verbosity);  // what the edits left of the source
     WriteBackup(open.get(), o.destination, o.zip);
