@@ -178,6 +178,14 @@ bool looksLikeMdinfoLayout(const Backup& backup) {
     return false;
 }
 
+// Said before anything else about a folder of that generation, whatever its metadata claims.
+void refuseMdinfoLayout(const Backup& backup) {
+    if (!sourceHas(backup, "Manifest.db") && !sourceHas(backup, "Manifest.mbdb") && looksLikeMdinfoLayout(backup))
+        throw Error(QVErrorUnknownManifestVersion, CF::Error(),
+                    "This backup was made by iOS 3 or earlier (one .mdinfo and one .mddata file per item, no "
+                    "manifest), a generation that is not supported");
+}
+
 void warn(const Backup& backup, std::string text) {
     log_fmt(log_level::warning, "(QVBackupContainer {}) {}", static_cast<const void*>(backup.get()), text);
     backup->loadWarnings.push_back(std::move(text));
@@ -213,10 +221,7 @@ std::string manifestVersionText(const Backup& backup) {
         warn(backup, fmt::format("{}: read as a Manifest.mbdb backup (manifest version 2.4)", why));
         return "2.4";
     }
-    if (looksLikeMdinfoLayout(backup))
-        throw Error(QVErrorUnknownManifestVersion, CF::Error(),
-                    "This backup was made by iOS 3 or earlier (one .mdinfo and one .mddata file per item, no "
-                    "manifest), a generation that is not supported");
+    refuseMdinfoLayout(backup);
     throw Error(QVErrorInvalidBackup, CF::Error(), "The manifest version is missing");
 }
 
@@ -229,6 +234,7 @@ bool isPlainDatabase(const fs::path& path) {
 
 void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
     QV_ASSERT(backup);
+    refuseMdinfoLayout(backup);
     const std::string version = manifestVersionText(backup);
     const bool encrypted = backup->manifestEncryption.has_value();
     if (backup->manifestVersion == QVManifestDataVersion24) {
@@ -316,7 +322,7 @@ void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress)
     // that has a manifest reads as a partial copy; one without is no backup.
     if (!missingRequired.empty()) {
         if (!sourceHas(backup, "Manifest.db") && !sourceHas(backup, "Manifest.mbdb")) {
-            if (looksLikeMdinfoLayout(backup)) manifestVersionText(backup);  // says which generation it is
+            refuseMdinfoLayout(backup);
             throw missingRequired.front();
         }
         if (std::find(backup->missingMetadata.begin(), backup->missingMetadata.end(), "Manifest.plist") !=
