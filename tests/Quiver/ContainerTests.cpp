@@ -2,6 +2,7 @@
 // backups with either manifest, reading every file back, the loading failures, and the edits.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "Quiver/QVBackupContainer.hpp"
@@ -153,6 +154,39 @@ TEST_F(ContainerTest, PasswordRulesAndWrongPasswords) {
     EXPECT_EQ(failure.Code(), QVErrorUnlockFailed);
     EXPECT_FALSE(open(plain.directory, "password", &failure));
     EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
+}
+
+// A class that only the device's key opens stays locked: its files fail on their own, naming the
+// class, and the rest of the backup reads.
+TEST_F(ContainerTest, FilesOfADeviceOnlyClassFailAloneNamingTheClass) {
+    BuiltBackup built = build("3.3", true);
+    CF::Dictionary manifest = ReadPropertyList(built.directory / "Manifest.plist").MutableCopy();
+    std::vector<uint8_t> keyBag = manifest.Get<CF::Data>("BackupKeyBag").vector();
+    const std::vector<uint8_t> classOne = {'C', 'L', 'A', 'S', 0, 0, 0, 4, 0, 0, 0, 1};
+    auto at = std::search(keyBag.begin(), keyBag.end(), classOne.begin(), classOne.end());
+    ASSERT_NE(at, keyBag.end());
+    ASSERT_TRUE(std::equal(at + 12, at + 16, "WRAP"));
+    at[23] = 1;  // WRAP 1: the device's key alone
+    manifest.Set("BackupKeyBag", CF::Data(keyBag));
+    WritePropertyList(built.directory / "Manifest.plist", manifest.get());
+
+    Backup backup = open(built.directory, "password");
+    ASSERT_TRUE(backup);
+    for (const BuiltItem& item : built.items) {
+        if (item.kind != ItemKind::File) continue;
+        CFErrorRef error = nullptr;
+        auto file = QVBackupContainerCopyFileForPath(backup, CF::String(item.domain).get(),
+                                                     CF::String(item.relativePath).get(), &error);
+        CF::Error failure = CF::Error::Adopt(error);
+        if (item.protectionClass != 1) {
+            ASSERT_TRUE(file) << item.relativePath << ": " << failure.Text();
+            EXPECT_EQ(ReadFileObject(file), item.content);
+            continue;
+        }
+        EXPECT_FALSE(file);
+        EXPECT_EQ(failure.Code(), QVErrorUnlockFailed);
+        EXPECT_EQ(failure.Underlying().Reason(), "Class 1 is wrapped with the device's own key, which a backup does not hold");
+    }
 }
 
 // Forensic copies often hold a manifest without Status.plist or Manifest.plist: they read, with a
