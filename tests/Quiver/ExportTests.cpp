@@ -3,18 +3,17 @@
 // and damaged zip files.
 #include <gtest/gtest.h>
 
-#include <openssl/evp.h>
-#include <plist/plist.h>
-#include <SQLiteCpp/SQLiteCpp.h>
-
 #include <algorithm>
 #include <filesystem>
+#include <map>
+#include <utility>
 
 #include <minizip/zip.h>
 
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVError.hpp"
 #include "support/BackupBuilder.hpp"
+#include "support/IndependentReader.hpp"
 #include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
 
@@ -202,69 +201,6 @@ TEST_F(ExportTest, ZipWithoutInfoPlistFailsWhereADirectoryWouldLoad) {
     EXPECT_EQ(failure.Underlying().Reason(), "Could not locate file record in zip");
 }
 
-namespace {
-
-// ---- An independent reader, from the format alone: OpenSSL for the ciphers and the derivation,
-// libplist for the property lists, SQLite for the database. ----
-
-std::vector<uint8_t> dataOf(plist_t node) {
-    char* bytes = nullptr;
-    uint64_t length = 0;
-    plist_get_data_val(node, &bytes, &length);
-    std::vector<uint8_t> out(bytes, bytes + length);
-    free(bytes);
-    return out;
-}
-
-std::map<std::string, std::vector<uint8_t>> tlv(const std::vector<uint8_t>& blob, std::vector<std::map<std::string, std::vector<uint8_t>>>& classes) {
-    std::map<std::string, std::vector<uint8_t>> header;
-    std::map<std::string, std::vector<uint8_t>>* current = &header;
-    int uuids = 0;
-    for (size_t pos = 0; pos + 8 <= blob.size();) {
-        std::string tag(blob.begin() + static_cast<long>(pos), blob.begin() + static_cast<long>(pos) + 4);
-        uint32_t length = (uint32_t{blob[pos + 4]} << 24) | (uint32_t{blob[pos + 5]} << 16) | (uint32_t{blob[pos + 6]} << 8) | blob[pos + 7];
-        std::vector<uint8_t> value(blob.begin() + static_cast<long>(pos) + 8, blob.begin() + static_cast<long>(pos + 8 + length));
-        if (tag == "UUID" && ++uuids > 1) {
-            classes.emplace_back();
-            current = &classes.back();
-        }
-        (*current)[tag] = value;
-        pos += 8 + length;
-    }
-    return header;
-}
-
-uint32_t be32(const std::vector<uint8_t>& v) { return (uint32_t{v[0]} << 24) | (uint32_t{v[1]} << 16) | (uint32_t{v[2]} << 8) | v[3]; }
-
-std::vector<uint8_t> unwrap(const std::vector<uint8_t>& kek, const uint8_t* wrapped, size_t length) {
-    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-    EVP_CIPHER_CTX_set_flags(ctx, EVP_CIPHER_CTX_FLAG_WRAP_ALLOW);
-    std::vector<uint8_t> out(length);
-    int n = 0;
-    bool ok = EVP_DecryptInit_ex(ctx, EVP_aes_256_wrap(), nullptr, kek.data(), nullptr) == 1 &&
-              EVP_DecryptUpdate(ctx, out.data(), &n, wrapped, static_cast<int>(length)) == 1;
-    EVP_CIPHER_CTX_free(ctx);
-    if (!ok) return {};
-    out.resize(static_cast<size_t>(n));
-    return out;
-}
-
-std::vector<uint8_t> decrypt(const std::vector<uint8_t>& key, const std::vector<uint8_t>& data) {
-    EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-    uint8_t iv[16] = {};
-    std::vector<uint8_t> out(data.size() + 16);
-    int n = 0, m = 0;
-    bool ok = EVP_DecryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, key.data(), iv) == 1 &&
-              EVP_DecryptUpdate(ctx, out.data(), &n, data.data(), static_cast<int>(data.size())) == 1 &&
-              EVP_DecryptFinal_ex(ctx, out.data() + n, &m) == 1;
-    EVP_CIPHER_CTX_free(ctx);
-    if (!ok) return {};
-    out.resize(static_cast<size_t>(n + m));
-    return out;
-}
-
-}  // namespace
-
 TEST_F(ExportTest, IndependentReaderDecryptsAnExportedEncryptedBackup) {
     BackupDescription description{.items = SampleItems(), .encrypted = true};
     BuiltBackup built = BuildBackup(root / "src", description);
@@ -276,74 +212,13 @@ TEST_F(ExportTest, IndependentReaderDecryptsAnExportedEncryptedBackup) {
     fs::path out = root / "out";
     ASSERT_EQ(QVBackupContainerExportToDirectory(source, CF::String(out.string()).get(), nullptr), 1);
 
-    // Manifest.plist: key bag and manifest key.
-    auto plistBytes = ReadWholeFile(out / "Manifest.plist");
-    plist_t manifest = nullptr;
-    plist_from_memory(reinterpret_cast<const char*>(plistBytes.data()), static_cast<uint32_t>(plistBytes.size()), &manifest);
-    ASSERT_NE(manifest, nullptr);
-    auto keybag = dataOf(plist_dict_get_item(manifest, "BackupKeyBag"));
-    auto manifestKey = dataOf(plist_dict_get_item(manifest, "ManifestKey"));
-    plist_free(manifest);
-
-    std::vector<std::map<std::string, std::vector<uint8_t>>> classes;
-    auto header = tlv(keybag, classes);
-    std::vector<uint8_t> stage(32), kek(32);
-    const std::string password = "password";
-    ASSERT_EQ(PKCS5_PBKDF2_HMAC(password.data(), static_cast<int>(password.size()), header["DPSL"].data(),
-                                static_cast<int>(header["DPSL"].size()), static_cast<int>(be32(header["DPIC"])),
-                                EVP_sha256(), 32, stage.data()), 1);
-    ASSERT_EQ(PKCS5_PBKDF2_HMAC(reinterpret_cast<const char*>(stage.data()), 32, header["SALT"].data(),
-                                static_cast<int>(header["SALT"].size()), static_cast<int>(be32(header["ITER"])),
-                                EVP_sha1(), 32, kek.data()), 1);
-    std::map<uint32_t, std::vector<uint8_t>> classKeys;
-    for (auto& c : classes) {
-        auto key = unwrap(kek, c["WPKY"].data(), c["WPKY"].size());
-        ASSERT_EQ(key.size(), 32u);
-        classKeys[be32(c["CLAS"])] = key;
-    }
-    auto unwrapBlob = [&](const std::vector<uint8_t>& blob) {
-        uint32_t cls = blob[0] | (uint32_t{blob[1]} << 8) | (uint32_t{blob[2]} << 16) | (uint32_t{blob[3]} << 24);
-        return unwrap(classKeys.at(cls), blob.data() + 4, blob.size() - 4);
-    };
-    auto dbKey = unwrapBlob(manifestKey);
-    ASSERT_EQ(dbKey.size(), 32u);
-    auto plainDB = decrypt(dbKey, ReadWholeFile(out / "Manifest.db"));
-    ASSERT_FALSE(plainDB.empty());
-    WriteWholeFile(root / "plain.db", plainDB);
-
-    // Each file row: the MBFile's EncryptionKey unwraps to the key of the stored file.
-    SQLite::Database db((root / "plain.db").string(), SQLite::OPEN_READONLY);
-    SQLite::Statement rows(db, "SELECT fileID, relativePath, file FROM Files WHERE flags = 1");
-    int files = 0;
-    bool sawAdded = false;
-    while (rows.executeStep()) {
-        const std::string id = rows.getColumn(0).getString(), relative = rows.getColumn(1).getString();
-        const SQLite::Column blob = rows.getColumn(2);
-        plist_t archive = nullptr;
-        plist_from_bin(static_cast<const char*>(blob.getBlob()), static_cast<uint32_t>(blob.getBytes()), &archive);
-        ASSERT_NE(archive, nullptr);
-        plist_t objects = plist_dict_get_item(archive, "$objects");
-        uint64_t rootIndex = 0;
-        plist_get_uid_val(plist_dict_get_item(plist_dict_get_item(archive, "$top"), "root"), &rootIndex);
-        plist_t record = plist_array_get_item(objects, static_cast<uint32_t>(rootIndex));
-        uint64_t keyIndex = 0;
-        plist_get_uid_val(plist_dict_get_item(record, "EncryptionKey"), &keyIndex);
-        plist_t keyObject = plist_array_get_item(objects, static_cast<uint32_t>(keyIndex));
-        if (plist_get_node_type(keyObject) == PLIST_DICT) keyObject = plist_dict_get_item(keyObject, "NS.data");
-        auto wrapped = dataOf(keyObject);
-        plist_free(archive);
-        auto fileKey = unwrapBlob(wrapped);
-        ASSERT_EQ(fileKey.size(), 32u) << relative;
-        auto stored = ReadWholeFile(out / id.substr(0, 2) / id);
-        auto plain = decrypt(fileKey, stored);
-        if (relative == "Media/new.bin") {
-            EXPECT_EQ(plain, added);
-            sawAdded = true;
-        } else if (!stored.empty()) {
-            EXPECT_FALSE(plain.empty() && stored.size() > 16) << relative;
-        }
-        ++files;
-    }
-    EXPECT_TRUE(sawAdded);
-    EXPECT_GT(files, 3);
+    IndependentBackup read = ReadBackupIndependently(out, "password");
+    EXPECT_TRUE(read.manifestEnciphered);
+    std::map<std::pair<std::string, std::string>, std::vector<uint8_t>> expected{{{"MediaDomain", "Media/new.bin"}, added}};
+    for (const BuiltItem& item : built.items)
+        if (item.kind == ItemKind::File) expected[{item.domain, item.relativePath}] = item.content;
+    std::map<std::pair<std::string, std::string>, std::vector<uint8_t>> seen;
+    for (const IndependentEntry& e : read.entries)
+        if (e.kind == IndependentEntry::Kind::File) seen[{e.domain, e.relativePath}] = e.plaintext;
+    EXPECT_EQ(seen, expected);
 }

@@ -42,6 +42,9 @@ QVManifestDataVersion VersionCode(const std::string& version) {
     throw std::invalid_argument("backup builder: unknown manifest version '" + version + "'");
 }
 
+// Devices enciphered Manifest.db, with a manifest key and a two-pass key bag, from iOS 10.2 (3.2) on.
+bool EnciphersManifest(QVManifestDataVersion version) { return version >= QVManifestDataVersion32; }
+
 std::string Upper(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::toupper(c); });
     return text;
@@ -178,6 +181,7 @@ BuiltBackup BuildBackup(const fs::path& directory, const BackupDescription& d) {
     UseTestTemporaryPath();
     const QVManifestDataVersion version = VersionCode(d.manifestVersion);
     const bool mbdb = version == QVManifestDataVersion24;
+    const bool enciphered = d.encrypted && EnciphersManifest(version);
 
     std::set<std::pair<std::string, std::string>> seen;
     for (const BackupItem& item : d.items) {
@@ -193,16 +197,20 @@ BuiltBackup BuildBackup(const fs::path& directory, const BackupDescription& d) {
     }
 
     // Plain backups carry a key bag too, under a password nobody knows.
+    MB::KeyBagParameters keyBagParameters = d.keyBag;
+    keyBagParameters.firstPass = keyBagParameters.firstPass && EnciphersManifest(version);
     const MB::KeyBag keyBag =
-        MB::KeyBag::Create(d.encrypted ? d.password : RandomHex(16), kKeyBagClasses, d.keyBag);
+        MB::KeyBag::Create(d.encrypted ? d.password : RandomHex(16), kKeyBagClasses, keyBagParameters);
 
     BuiltBackup built;
     built.directory = directory;
     built.manifestVersion = d.manifestVersion;
     built.manifestName = mbdb ? "Manifest.mbdb" : "Manifest.db";
-    if (d.encrypted) {
+    if (enciphered) {
         built.encryption = MB::ManifestEncryption::Create(keyBag, kManifestKeyClass);
         built.manifestKey = built.encryption->GetManifestKey();
+    } else if (d.encrypted) {
+        built.encryption.emplace(keyBag, CF::Data());
     }
 
     std::vector<Quiver::Entry> entries;
@@ -269,7 +277,7 @@ BuiltBackup BuildBackup(const fs::path& directory, const BackupDescription& d) {
     } else {
         const std::vector<std::byte> database = Quiver::QVManifestCreateManifestDBRepresentation(manifest, version);
         std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(database.data()), database.size());
-        if (d.encrypted) {
+        if (enciphered) {
             WriteBytes(directory / "Manifest.db", Cryptor::Encrypt(Cryptor::Algorithm::AES256, *built.manifestKey,
                                                                    {}, bytes));
         } else {
@@ -277,9 +285,9 @@ BuiltBackup BuildBackup(const fs::path& directory, const BackupDescription& d) {
         }
     }
 
-    // Manifest.mbdb is never enciphered, so its backups have no manifest key.
+    // Only an enciphered manifest has a key; Manifest.mbdb and the Manifest.db of 3.0 and 3.1 stay plain.
     CF::Data manifestKey;
-    if (d.encrypted && !mbdb) manifestKey = built.encryption->LockKey(kManifestKeyClass, *built.manifestKey);
+    if (enciphered) manifestKey = built.encryption->LockKey(kManifestKeyClass, *built.manifestKey);
     const std::string udid = RandomHex(20);
     WritePropertyList(directory / "Manifest.plist", ManifestPlist(d, keyBag.CopyData(), manifestKey, udid).get(),
                       d.xmlMetadata);

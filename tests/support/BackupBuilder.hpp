@@ -11,8 +11,14 @@
 // - Manifest.plist holds "IsEncrypted", "Version" ("9.1" beside Manifest.mbdb, "10.0" beside
 //   Manifest.db), "SystemDomainsVersion" (the string "24.0"), "Date", "WasPasscodeSet",
 //   "Applications", "Lockdown" (with "ProductVersion" and "DeviceName") and a "BackupKeyBag" (plain
-//   backups carry one too). Encrypted Manifest.db backups add "ManifestKey", wrapped under class 4;
-//   Manifest.mbdb backups have none, their manifest is not enciphered.
+//   backups carry one too).
+// - Each manifest version is written as the devices of its generation wrote it:
+//     2.4 (iOS 4 to 9)      Manifest.mbdb, never enciphered, each record holding its file's wrapped key;
+//     3.0, 3.1 (iOS 10.0, 10.1)  Manifest.db, left plain even in an encrypted backup, the wrapped
+//                           keys in its rows;
+//     3.2, 3.3 (iOS 10.2 on)  Manifest.db enciphered under a "ManifestKey" wrapped under class 4.
+//   Key bags before 3.2 derive the password in one pass (no DPWT, DPIC, DPSL); from 3.2 on in two.
+//   In every generation classes 11, 10, 9 and 5 are marked as wrapped with the device key as well.
 // - Stored files lie at "<first two hex digits>/<file ID>" beside Manifest.db and flat beside
 //   Manifest.mbdb. In an encrypted backup each is AES-256-CBC with a zero initial value and PKCS#7
 //   padding under its own random key (an empty file becomes one block of padding), and the entry
@@ -65,6 +71,8 @@ struct BackupItem {
 struct BackupDescription {
     std::vector<BackupItem> items;
     // "2.4" writes Manifest.mbdb and a flat store; "3.0" to "3.3" Manifest.db and the two-digit store.
+    // It also sets the generation of the encryption (see above): before "3.2" the key bag has one
+    // derivation pass whatever keyBag.firstPass says, and there is no manifest key.
     std::string manifestVersion = "3.3";
     bool encrypted = false;
     std::string password = "password";
@@ -98,7 +106,8 @@ struct BuiltBackup {
     std::string manifestVersion;
     std::string manifestName;  // "Manifest.db" or "Manifest.mbdb"
     std::vector<BuiltItem> items;  // in the order of the description
-    // Encrypted backups: the key holder that wrapped every key, and the Manifest.db key.
+    // Encrypted backups: the key holder that wrapped every key, and the Manifest.db key (3.2 and 3.3
+    // only: the manifests of older generations are not enciphered).
     std::optional<MB::ManifestEncryption> encryption;
     std::optional<std::array<uint8_t, 32>> manifestKey;
 

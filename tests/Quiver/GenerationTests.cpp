@@ -1,0 +1,310 @@
+// Each generation of backup that devices wrote (Manifest.mbdb; a plain Manifest.db, also in encrypted
+// backups of iOS 10.0 and 10.1; an enciphered Manifest.db with a manifest key), edited and written out
+// by the library. The export must stay in its generation, since a device restores only what it would
+// itself have written; the library must read both exports back; and a reader that shares no code with
+// the library must agree with it file for file, digests of the stored bytes included. The key bags of
+// the generations are checked where they differ: one derivation pass or two.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Quiver/MB/KeyBag.hpp"
+#include "Quiver/QVBackupContainer.hpp"
+#include "Quiver/QVError.hpp"
+#include "Quiver/Support/Encoding.hpp"
+#include "Quiver/Support/Hash.hpp"
+#include "support/BackupBuilder.hpp"
+#include "support/IndependentReader.hpp"
+#include "support/TemporaryPath.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
+
+using namespace Quiver;
+using namespace QuiverTest;
+namespace fs = std::filesystem;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Kind = IndependentEntry::Kind;
+using Key = std::pair<std::string, std::string>;  // domain, relative path
+
+struct Generation {
+    const char* name;
+    const char* version;
+    bool encrypted;
+
+    bool mbdb() const { return std::string(version) == "2.4"; }
+    // Only iOS 10.2 and later encipher the manifest.
+    bool enciphered() const { return encrypted && std::string(version) >= "3.2"; }
+};
+
+void PrintTo(const Generation& g, std::ostream* os) { *os << g.name; }
+
+const Generation kGenerations[] = {
+    {"Mbdb24Plain", "2.4", false},     {"Mbdb24Encrypted", "2.4", true}, {"Db30Plain", "3.0", false},
+    {"Db30Encrypted", "3.0", true},    {"Db31Encrypted", "3.1", true},   {"Db33Plain", "3.3", false},
+    {"Db33Encrypted", "3.3", true},
+};
+
+// What an item of the edited backup must be.
+struct Expected {
+    Kind kind;
+    Bytes content;
+    std::string target;
+};
+
+Bytes Pattern(std::size_t n, unsigned seed) {
+    Bytes bytes(n);
+    for (std::size_t i = 0; i < n; ++i) bytes[i] = static_cast<uint8_t>((i * seed + 3) % 253);
+    return bytes;
+}
+
+Bytes Text(std::string_view text) { return Bytes(text.begin(), text.end()); }
+
+std::string FileIDOf(const Key& key) {
+    const std::string pair = key.first + "-" + key.second;
+    return Support::hex_encode(Support::Sha1({reinterpret_cast<const uint8_t*>(pair.data()), pair.size()}));
+}
+
+const Key kNewFile{"HomeDomain", "Library/Notes/new.txt"};
+const Key kNewParent{"HomeDomain", "Library/Notes"};
+const Key kReplacedClass1{"AppDomain-com.example.notes", "Documents/large.db"};
+const Key kReplacedSmall{"HomeDomain", "Library/Preferences/one.txt"};  // class 3 when encrypted
+const Key kRemoved{"HomeDomain", "Library/Preferences/block.bin"};
+const Key kNewDirectory{"HomeDomain", "Library/Empty"};
+const Key kNewSymlink{"HomeDomain", "Library/latest"};
+
+class GenerationTest : public ScratchDirectoryTest, public ::testing::WithParamInterface<Generation> {
+protected:
+    void SetUp() override {
+        ScratchDirectoryTest::SetUp();
+        UseTestTemporaryPath();
+    }
+
+    const char* password() const { return GetParam().encrypted ? "password" : nullptr; }
+
+    Backup open(const fs::path& p, bool zip) {
+        CFErrorRef error = nullptr;
+        CF::String pw = password() ? CF::String(password()) : CF::String();
+        Backup b = zip ? QVBackupContainerCreateFromZipFile(CF::String(p.string()).get(), pw.get(), nullptr, &error)
+                       : QVBackupContainerCreateFromDirectory(CF::String(p.string()).get(), pw.get(), nullptr, &error);
+        CF::Error failure = CF::Error::Adopt(error);
+        EXPECT_TRUE(b) << p << ": " << failure.Text();
+        return b;
+    }
+
+    static std::map<Key, Expected> modelOf(const BuiltBackup& built) {
+        std::map<Key, Expected> model;
+        for (const BuiltItem& item : built.items) {
+            const Kind kind = item.kind == ItemKind::File        ? Kind::File
+                              : item.kind == ItemKind::Directory ? Kind::Directory
+                                                                 : Kind::Symlink;
+            model[{item.domain, item.relativePath}] = {kind, item.content, {}};
+        }
+        for (const BackupItem& item : SampleItems())
+            if (item.kind == ItemKind::Symlink) model[{item.domain, item.relativePath}].target = item.target;
+        return model;
+    }
+
+    // Every kind of edit, applied to the backup and to the model of what it must then hold.
+    static void edit(const Backup& backup, std::map<Key, Expected>& model) {
+        auto store = [&](const Key& key, Bytes content) {
+            CFErrorRef error = nullptr;
+            Entry stored = QVBackupContainerStoreFileForPath(backup, CF::String(key.first).get(),
+                                                             CF::String(key.second).get(),
+                                                             QVFileCreateFromData(content, nullptr), &error);
+            EXPECT_TRUE(stored) << key.second << ": " << CF::Error::Adopt(error).Text();
+            model[key] = {Kind::File, std::move(content), {}};
+        };
+        store(kNewFile, Pattern(33, 7));  // two cipher blocks and one byte
+        model[kNewParent] = {Kind::Directory, {}, {}};
+        store(kReplacedClass1, Pattern(40'000, 11));
+        store(kReplacedSmall, Text("one, replaced"));
+        EXPECT_EQ(QVBackupContainerRemovePath(backup, CF::String(kRemoved.first).get(), CF::String(kRemoved.second).get()), 1);
+        model.erase(kRemoved);
+        EXPECT_TRUE(QVBackupContainerCreateDirectoryAtPath(backup, CF::String(kNewDirectory.first).get(),
+                                                           CF::String(kNewDirectory.second).get()));
+        model[kNewDirectory] = {Kind::Directory, {}, {}};
+        EXPECT_TRUE(QVBackupContainerCreateSymlinkAtPath(backup, CF::String(kNewSymlink.first).get(),
+                                                         CF::String(kNewSymlink.second).get(), CFSTR("Notes/new.txt")));
+        model[kNewSymlink] = {Kind::Symlink, {}, "Notes/new.txt"};
+    }
+
+    // The library's view of an export: the generation, every item and every file's plaintext.
+    void expectLibraryReads(const Backup& back, const std::map<Key, Expected>& model) {
+        const Generation& g = GetParam();
+        EXPECT_EQ(QVBackupContainerIsEncrypted(back), g.encrypted ? 1 : 0);
+        EXPECT_EQ(QVBackupContainerHasEncipheredManifest(back), g.enciphered());
+        EXPECT_EQ(QVManifestGetEntries(back->manifest).size(), model.size());
+        for (const auto& [key, expected] : model) {
+            SCOPED_TRACE(key.first + "-" + key.second);
+            CF::String domain(key.first), path(key.second);
+            Entry entry = QVBackupContainerGetEntryForPath(back, domain.get(), path.get());
+            ASSERT_TRUE(entry);
+            switch (expected.kind) {
+                case Kind::Directory: EXPECT_TRUE(QVManifestEntryIsDirectory(entry)); break;
+                case Kind::Symlink:
+                    EXPECT_TRUE(QVManifestEntryIsSymlink(entry));
+                    EXPECT_EQ(CF::UTF8(QVManifestEntryGetTarget(entry)), expected.target);
+                    break;
+                default: {
+                    ASSERT_TRUE(QVManifestEntryIsFile(entry));
+                    CFErrorRef error = nullptr;
+                    auto file = QVBackupContainerCopyFileForPath(back, domain.get(), path.get(), &error);
+                    ASSERT_TRUE(file) << CF::Error::Adopt(error).Text();
+                    EXPECT_EQ(ReadFileObject(file), expected.content);
+                }
+            }
+        }
+    }
+
+    // The view of a reader that shares no code with the library, keyed by domain and path. Every
+    // recorded digest must be that of the stored bytes.
+    std::map<Key, IndependentEntry> expectIndependentReads(const fs::path& directory,
+                                                           const std::map<Key, Expected>& model) {
+        const Generation& g = GetParam();
+        SCOPED_TRACE("independent reader of " + directory.filename().string());
+        std::map<Key, IndependentEntry> byKey;
+        IndependentBackup read;
+        try {
+            read = ReadBackupIndependently(directory, g.encrypted ? "password" : "");
+        } catch (const std::exception& e) {
+            ADD_FAILURE() << e.what();
+            return byKey;
+        }
+        EXPECT_EQ(read.manifestName, g.mbdb() ? "Manifest.mbdb" : "Manifest.db");
+        EXPECT_EQ(read.encrypted, g.encrypted);
+        EXPECT_EQ(read.manifestEnciphered, g.enciphered());
+        for (IndependentEntry& e : read.entries) {
+            const Key key{e.domain, e.relativePath};
+            EXPECT_TRUE(byKey.emplace(key, std::move(e)).second) << "twice: " << key.second;
+        }
+        EXPECT_EQ(byKey.size(), model.size());
+        for (const auto& [key, expected] : model) {
+            SCOPED_TRACE(key.first + "-" + key.second);
+            auto found = byKey.find(key);
+            if (found == byKey.end()) {
+                ADD_FAILURE() << "missing";
+                continue;
+            }
+            const IndependentEntry& e = found->second;
+            EXPECT_EQ(e.fileID, FileIDOf(key));
+            EXPECT_EQ(e.kind, expected.kind);
+            EXPECT_EQ(e.target, expected.target);
+            if (e.kind != Kind::File) continue;
+            EXPECT_EQ(e.plaintext, expected.content);
+            EXPECT_EQ(e.size, expected.content.size());
+            if (!e.digest.empty()) {
+                EXPECT_TRUE(e.digestMatches) << "the digest is not that of the stored bytes";
+            }
+        }
+        return byKey;
+    }
+};
+
+TEST_P(GenerationTest, EditedExportKeepsItsGenerationAndReadsTheSameToTheLibraryAndAnIndependentReader) {
+    const Generation& g = GetParam();
+    BackupDescription description{.items = SampleItems(), .manifestVersion = g.version, .encrypted = g.encrypted};
+    BuiltBackup built = BuildBackup(root / "source", description);
+    ASSERT_EQ(built.Item(kReplacedClass1.first, kReplacedClass1.second).protectionClass, 1u);
+    ASSERT_EQ(built.Item(kReplacedSmall.first, kReplacedSmall.second).protectionClass, g.encrypted ? 3u : 4u);
+    const CF::Dictionary sourcePlist = ReadPropertyList(built.directory / "Manifest.plist");
+    std::map<Key, Expected> model = modelOf(built);
+    expectIndependentReads(built.directory, model);  // the builder writes what devices write
+
+    Backup source = open(built.directory, false);
+    ASSERT_TRUE(source);
+    edit(source, model);
+    const fs::path dir = root / "export", zip = root / "export.zip";
+    ASSERT_EQ(QVBackupContainerExportToDirectory(source, CF::String(dir.string()).get(), nullptr), 1);
+    ASSERT_EQ(QVBackupContainerExportToZip(source, CF::String(zip.string()).get(), nullptr), 1);
+
+    // The generation, as a device would see it.
+    EXPECT_EQ(ReadPropertyList(dir / "Status.plist").Get<CF::String>("Version").utf8(), g.version);
+    const CF::Dictionary plist = ReadPropertyList(dir / "Manifest.plist");
+    EXPECT_EQ(plist.Get<CF::Boolean>("IsEncrypted").value(), g.encrypted);
+    EXPECT_EQ(static_cast<bool>(plist.Get<CF::Data>("ManifestKey")), g.enciphered());
+    EXPECT_EQ(plist.Get<CF::Data>("BackupKeyBag").vector(), sourcePlist.Get<CF::Data>("BackupKeyBag").vector());
+    EXPECT_EQ(fs::exists(dir / "Manifest.mbdb"), g.mbdb());
+    EXPECT_EQ(fs::exists(dir / "Manifest.db"), !g.mbdb());
+    if (!g.mbdb()) {
+        const Bytes database = ReadWholeFile(dir / "Manifest.db");
+        const std::string header = "SQLite format 3" + std::string(1, '\0');
+        EXPECT_EQ(std::string(database.begin(), database.begin() + std::min<std::size_t>(16, database.size())) == header,
+                  !g.enciphered());
+    }
+
+    for (bool fromZip : {false, true}) {
+        SCOPED_TRACE(fromZip ? "library, zip export" : "library, directory export");
+        Backup back = open(fromZip ? zip : dir, fromZip);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(back->manifestVersion, source->manifestVersion);
+        expectLibraryReads(back, model);
+    }
+
+    // Edited files record a digest like the rest, and a replaced file keeps its protection class.
+    std::map<Key, IndependentEntry> read = expectIndependentReads(dir, model);
+    for (const Key& key : {kNewFile, kReplacedClass1, kReplacedSmall}) EXPECT_TRUE(read[key].digestMatches) << key.second;
+    EXPECT_EQ(read[kReplacedClass1].protectionClass, 1u);
+    EXPECT_EQ(read[kReplacedSmall].protectionClass, g.encrypted ? 3u : 4u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Generations, GenerationTest, ::testing::ValuesIn(kGenerations),
+                         [](const ::testing::TestParamInfo<Generation>& info) { return std::string(info.param.name); });
+
+class GenerationKeyBagTest : public ScratchDirectoryTest {
+protected:
+    void SetUp() override {
+        ScratchDirectoryTest::SetUp();
+        UseTestTemporaryPath();
+    }
+};
+
+// Devices mark classes 11, 10, 9 and 5 as wrapped with their own key as well as the password, in
+// every generation; only the derivation differs. The password alone must open all of them.
+TEST_F(GenerationKeyBagTest, DeviceMarkedClassesOpenWithThePasswordInOnePassAndTwoPassKeyBags) {
+    const std::map<uint32_t, uint32_t> wraps{{11, 3}, {10, 3}, {9, 3}, {8, 2}, {7, 2}, {6, 2},
+                                             {5, 3},  {4, 2},  {3, 2}, {2, 2}, {1, 2}};
+    for (const char* version : {"2.4", "3.0", "3.3"}) {
+        SCOPED_TRACE(version);
+        const bool twoPasses = std::string(version) == "3.3";
+        BuiltBackup built = BuildBackup(root / version, {.items = SampleItems(), .manifestVersion = version, .encrypted = true});
+        const CF::Data blob = ReadPropertyList(built.directory / "Manifest.plist").Get<CF::Data>("BackupKeyBag");
+        MB::KeyBag bag(blob, "password");
+        EXPECT_EQ(bag.GetUnlockedKeys().size(), wraps.size());
+        std::map<uint32_t, uint32_t> seen;
+        std::map<std::string, int> tags;
+        std::optional<uint32_t> protectionClass;
+        for (const auto& [tag, value] : bag.GetRaw()) {
+            ++tags[tag];
+            const uint32_t number = value.size() == 4 ? (uint32_t{value[0]} << 24) | (uint32_t{value[1]} << 16) |
+                                                            (uint32_t{value[2]} << 8) | value[3]
+                                                      : 0;
+            if (tag == "CLAS") protectionClass = number;
+            if (tag == "WRAP" && protectionClass) seen[*protectionClass] = number;
+        }
+        EXPECT_EQ(seen, wraps);
+        for (const char* tag : {"DPWT", "DPIC", "DPSL"}) EXPECT_EQ(tags[tag], twoPasses ? 1 : 0) << tag;
+
+        auto open = [&](const char* password, CF::Error& failure) {
+            CFErrorRef error = nullptr;
+            Backup backup = QVBackupContainerCreateFromDirectory(CF::String(built.directory.string()).get(),
+                                                                 CF::String(password).get(), nullptr, &error);
+            failure = CF::Error::Adopt(error);
+            return backup;
+        };
+        CF::Error failure;
+        EXPECT_TRUE(open("password", failure)) << failure.Text();
+        EXPECT_FALSE(open("wrong", failure));
+        EXPECT_EQ(failure.Code(), QVErrorUnlockFailed) << failure.Text();
+    }
+}
+
+}  // namespace
