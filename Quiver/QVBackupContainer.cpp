@@ -14,6 +14,7 @@
 #include "Quiver/QVManifestDB.hpp"
 #include "Quiver/QVManifestMBDB.hpp"
 #include "Quiver/QVTemporaryPath.hpp"
+#include "Quiver/Support/Cryptor.hpp"
 
 namespace fs = std::filesystem;
 
@@ -48,10 +49,6 @@ QVBackupContainerClass::QVBackupContainerClass()
 
 QVBackupContainerClass::~QVBackupContainerClass() {
     Quiver::CloseZipSource(*this);
-    for (const fs::path& p : privateFiles) {
-        std::error_code ec;
-        fs::remove(p, ec);
-    }
 }
 
 namespace Quiver {
@@ -255,14 +252,26 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
     if (backup->manifestVersion < QVManifestDataVersion30 || backup->manifestVersion > QVManifestDataVersion33)
         throw Error(QVErrorUnknownManifestVersion, CF::Error(), fmt::format("Unsupported version '{}' specified", version));
 
-    auto file = SourceLoadFile(backup, CF::String("Manifest.db"));
-    CFStringRef localPath = QVFileGetLocalPath(file);
-    if (!localPath) throw Error(QVErrorInvalidArgument, CF::Error(), "No path for manifest database");
-    CF::String databasePath = CF::String::Retain(localPath);
+    // A directory's Manifest.db is read where it lies (a file object would hash it whole first); a
+    // zip member is taken out to a file.
+    fs::path databasePath;
+    std::shared_ptr<QVFileClass> member;
+    if (backup->sourceType == QVDataSourceTypeDirectory) {
+        databasePath = fs::path(backup->path.utf8()) / "Manifest.db";
+        std::error_code ec;
+        if (!fs::is_regular_file(databasePath, ec))
+            throw Error(QVErrorFileNotFound, CF::Error(),
+                        fmt::format("File does not exist at path '{}'", databasePath.string()));
+    } else {
+        member = SourceLoadFile(backup, CF::String("Manifest.db"));
+        CFStringRef localPath = QVFileGetLocalPath(member);
+        if (!localPath) throw Error(QVErrorInvalidArgument, CF::Error(), "No path for manifest database");
+        databasePath = fs::path(CF::String::Retain(localPath).utf8());
+    }
     // Devices enciphered Manifest.db from iOS 10.2 on, with a "ManifestKey" beside the key bag; the
     // encrypted backups of iOS 10.0 and 10.1 keep it plain, with the file keys in its rows.
     if (!encrypted || !backup->manifestEncryption->HasManifestKey()) {
-        if (!isPlainDatabase(fs::path(databasePath.utf8()))) {
+        if (!isPlainDatabase(databasePath)) {
             if (encrypted)
                 throw Error(QVErrorInvalidMetadata, CF::Error(), "ManifestKey is missing, and Manifest.db is enciphered");
             if (std::find(backup->missingMetadata.begin(), backup->missingMetadata.end(), "Manifest.plist") !=
@@ -271,21 +280,27 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
                             "Manifest.db is enciphered, and without Manifest.plist (its key bag) it cannot be read");
         }
     }
+    CFErrorRef slot = nullptr;
     if (encrypted && backup->manifestEncryption->HasManifestKey()) {
-        CF::String identifier = CF::UUID::Create().ToString();
-        fs::path temporary = FileManager::GetStorageLocationForTempIdentifier(identifier.get());
-        log_fmt(log_level::debug, "(QVBackupContainer {}) Will decrypt manifest version '{}' to {}",
-                static_cast<const void*>(backup.get()), version, temporary.string());
-        backup->privateFiles.push_back(temporary);
-        MB::ManifestEncryption::DecryptDatabase(fs::path(databasePath.utf8()), temporary,
-                                                backup->manifestEncryption->GetManifestKey());
-        databasePath = CF::String(temporary.string());
+        // The plaintext is the user's private data: deciphered into memory, never to a file.
+        log_fmt(log_level::debug, "(QVBackupContainer {}) Will decrypt manifest version '{}' into memory",
+                static_cast<const void*>(backup.get()), version);
+        std::error_code ec;
+        const uintmax_t size = fs::file_size(databasePath, ec);
+        if (ec) throw Error(QVErrorFilesystem, CF::Error(), fmt::format("{} ({})", ec.message(), databasePath.string()));
+        DatabaseImage image(static_cast<size_t>(size) + 2 * Support::Cryptor::kBlockSize);
+        image.setSize(MB::ManifestEncryption::DecryptDatabase(databasePath, {image.data(), image.capacity()},
+                                                              backup->manifestEncryption->GetManifestKey()));
+        member.reset();
         log_fmt(log_level::info, "(QVBackupContainer {}) Successfully decrypted manifest",
                 static_cast<const void*>(backup.get()));
+        backup->manifest = QVManifestCreateFromManifestDatabaseImage(std::move(image), backup->manifestVersion,
+                                                                    getterFor(backup), progress, &slot);
+    } else {
+        backup->manifest = QVManifestCreateFromManifestDatabase(CF::String(databasePath.string()).get(),
+                                                               backup->manifestVersion, getterFor(backup), progress,
+                                                               &slot);
     }
-    CFErrorRef slot = nullptr;
-    backup->manifest = QVManifestCreateFromManifestDatabase(databasePath.get(), backup->manifestVersion,
-                                                           getterFor(backup), progress, &slot);
     if (!backup->manifest) throw CF::Error::Adopt(slot);
 }
 

@@ -47,8 +47,6 @@ public:
     std::optional<MB::ManifestEncryption> manifestEncryption;
     CF::String baseDirectory;
     Quiver::Support::software_version sourceIOSVersion;
-    // Decrypted copies of an encrypted Manifest.db are the user's private data: removed with the container.
-    std::vector<std::filesystem::path> privateFiles;
     // A partial copy (a folder with a manifest but without Status.plist or Manifest.plist, or a
     // Status.plist without "Version"): what is missing, and what loading made of it.
     std::vector<std::string> missingMetadata;

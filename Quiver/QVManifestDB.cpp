@@ -1,8 +1,12 @@
 #include "Quiver/QVManifestDB.hpp"
 
 #include <SQLiteCpp/SQLiteCpp.h>
+#include <sqlite3.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
+#include <cctype>
+#include <utility>
 #include <cstring>
 #include <cerrno>
 #include <mutex>
@@ -42,6 +46,20 @@ CF::String textColumn(const SQLite::Column& column) {
         s = CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(text), length,
                                     kCFStringEncodingISOLatin1, false);
     return CF::String::Adopt(s);
+}
+
+// A path as an SQLite URI: everything but unreserved characters and "/" percent-encoded, so that "?",
+// "#" and "%" in a folder name are not read as the URI's own.
+std::string fileURI(const fs::path& path, std::string_view parameters) {
+    std::string uri = "file:";
+    for (unsigned char c : fs::absolute(path).string()) {
+        if (std::isalnum(c) || c == '/' || c == '-' || c == '.' || c == '_' || c == '~') {
+            uri += static_cast<char>(c);
+        } else {
+            uri += fmt::format("%{:02X}", c);
+        }
+    }
+    return uri + "?" + std::string(parameters);
 }
 
 void removeDatabaseFiles(const fs::path& path) {
@@ -102,6 +120,47 @@ void ManifestDatabase::Open(const fs::path& source) {
         throw Error(QVErrorDatabaseOperation, CF::Error(),
                     fmt::format("Failed to instantiate database at '{}' ({})", privatePath.string(), e.what()));
     }
+    readUserVersion();
+}
+
+void ManifestDatabase::OpenForReading(const fs::path& source) {
+    // Committed pages still in a log would be missed by an immutable reader: copy both and read the copy.
+    std::error_code ec;
+    const fs::path wal(source.string() + "-wal");
+    if (fs::is_regular_file(wal, ec) && fs::file_size(wal, ec) > 0) return Open(source);
+    if (!fs::is_regular_file(source, ec))
+        throw Error(QVErrorFileNotFound, CF::Error(), fmt::format("File does not exist at path '{}'", source.string()));
+    try {
+        db_ = std::make_unique<SQLite::Database>(fileURI(source, "immutable=1"), SQLite::OPEN_READONLY | SQLite::OPEN_URI);
+        readUserVersion();
+    } catch (const CF::Error&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(),
+                    fmt::format("Failed to instantiate database at '{}' ({})", source.string(), e.what()));
+    }
+}
+
+void ManifestDatabase::OpenImage(DatabaseImage image) {
+    try {
+        db_ = std::make_unique<SQLite::Database>(":memory:", SQLite::OPEN_READWRITE);
+    } catch (const std::exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to open a database in memory ({})", e.what()));
+    }
+    // Bytes 18 and 19 of the header say how the file is written and read; 2 (a write-ahead log) cannot be
+    // read from memory, and the log of a deciphered image is long gone, so it is read as 1 (rollback).
+    if (image.size() >= 20 && image.data()[18] == 2 && image.data()[19] == 2) image.data()[18] = image.data()[19] = 1;
+    const auto size = static_cast<sqlite3_int64>(image.size());
+    // SQLite owns the image from here on, whether or not it accepts it.
+    const int result = sqlite3_deserialize(db_->getHandle(), "main", image.release(), size, size,
+                                           SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_READONLY);
+    if (result != SQLITE_OK)
+        throw Error(QVErrorDatabaseOperation, CF::Error(),
+                    fmt::format("Failed to read the database from memory ({})", sqlite3_errstr(result)));
+    readUserVersion();
+}
+
+void ManifestDatabase::readUserVersion() {
     try {
         SQLite::Statement query(*db_, "PRAGMA user_version;");
         if (query.executeStep()) userVersion_ = static_cast<uint32_t>(query.getColumn(0).getInt64());
@@ -109,6 +168,24 @@ void ManifestDatabase::Open(const fs::path& source) {
         throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to query user_version ({})", e.what()));
     }
 }
+
+DatabaseImage::DatabaseImage(size_t capacity) : capacity_(capacity) {
+    data_ = static_cast<uint8_t*>(sqlite3_malloc64(std::max<size_t>(capacity, 1)));
+    if (!data_) throw std::bad_alloc();
+}
+
+DatabaseImage::~DatabaseImage() {
+    if (!data_) return;
+    OPENSSL_cleanse(data_, capacity_);
+    sqlite3_free(data_);
+}
+
+DatabaseImage::DatabaseImage(DatabaseImage&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)), capacity_(other.capacity_), size_(other.size_) {}
+
+void DatabaseImage::setSize(size_t size) { size_ = std::min(size, capacity_); }
+
+uint8_t* DatabaseImage::release() { return std::exchange(data_, nullptr); }
 
 void ManifestDatabase::Create(uint32_t userVersion) {
     Open({});
@@ -221,9 +298,10 @@ void ManifestDatabase::Close() {
     db_.reset();
 }
 
-Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVManifestDataVersion version,
-                                              QVGetFileFunction getFile, QVProgressFunction progress,
-                                              CFErrorRef* error) {
+namespace {
+
+Manifest loadManifest(const std::function<void(ManifestDatabase&)>& open, QVManifestDataVersion version,
+                      QVGetFileFunction getFile, QVProgressFunction progress, CFErrorRef* error) {
     if (!versionAccepted(version)) {
         StoreError(error, badVersion(version));
         return nullptr;
@@ -234,7 +312,7 @@ Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVManifestDataVe
         std::vector<std::string> invalid;
         try {
             ManifestDatabase database;
-            database.Open(fs::path(CF::UTF8(path)));
+            open(database);
             database.QueryAllRows([&](const CF::String& fileID, const CF::String& domain, const CF::String& relativePath,
                                       int32_t flags, const CF::Data& data, int64_t index, int64_t count) {
                 if (fileID.length() > 0 && data.size() > 0) {
@@ -269,6 +347,23 @@ Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVManifestDataVe
         }
         return MakeManifest(std::move(entries), version, flagOnly, std::move(getFile));
     });
+}
+
+}  // namespace
+
+Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVManifestDataVersion version,
+                                              QVGetFileFunction getFile, QVProgressFunction progress,
+                                              CFErrorRef* error) {
+    const fs::path source(CF::UTF8(path));
+    return loadManifest([&](ManifestDatabase& database) { database.OpenForReading(source); }, version,
+                        std::move(getFile), std::move(progress), error);
+}
+
+Manifest QVManifestCreateFromManifestDatabaseImage(DatabaseImage image, QVManifestDataVersion version,
+                                                   QVGetFileFunction getFile, QVProgressFunction progress,
+                                                   CFErrorRef* error) {
+    return loadManifest([&](ManifestDatabase& database) { database.OpenImage(std::move(image)); }, version,
+                        std::move(getFile), std::move(progress), error);
 }
 
 std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& manifest,

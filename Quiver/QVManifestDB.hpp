@@ -1,7 +1,10 @@
 // Manifest.db: the SQLite manifest of backups of versions 3.0 to 3.3, one row per entry with the
-// entry's MBFile record as a blob. Neither direction opens the caller's file: the reader works on a
-// private copy, the writer builds the database in a private file, both in "QVManifestDB" below the
-// temporary storage path, and both remove their private files when done.
+// entry's MBFile record as a blob. The reader opens the caller's file in place, read-only and as
+// immutable, so that SQLite neither writes beside it nor takes a lock; only when a write-ahead log
+// with pages in it lies beside the file does it read a private copy that takes the log in. The
+// plaintext of an enciphered database is read from memory (a database image), never from a file.
+// The writer builds the database in a private file in "QVManifestDB" below the temporary storage
+// path and removes it when done.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -25,10 +28,36 @@ class Statement;
 
 namespace Quiver {
 
+// Memory that SQLite takes over when a database is read from it: the deciphered Manifest.db of an
+// encrypted backup. Zeroed before it is freed, by SQLite or by this object.
+class QV_EXPORT DatabaseImage {
+public:
+    explicit DatabaseImage(size_t capacity);  // throws std::bad_alloc
+    ~DatabaseImage();
+    DatabaseImage(DatabaseImage&& other) noexcept;
+    DatabaseImage& operator=(DatabaseImage&&) = delete;
+    DatabaseImage(const DatabaseImage&) = delete;
+
+    uint8_t* data() { return data_; }
+    size_t capacity() const { return capacity_; }
+    size_t size() const { return size_; }
+    void setSize(size_t size);  // at most the capacity
+    uint8_t* release();
+
+private:
+    uint8_t* data_ = nullptr;
+    size_t capacity_ = 0;
+    size_t size_ = 0;
+};
+
 // Reads a Manifest.db into a manifest; empty with *error set on failure. One bad row fails the load.
 QV_EXPORT Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVManifestDataVersion version,
                                                         QVGetFileFunction getFile, QVProgressFunction progress,
                                                         CFErrorRef* error);
+// The same from a database image in memory, which the manifest's reader takes over.
+QV_EXPORT Manifest QVManifestCreateFromManifestDatabaseImage(DatabaseImage image, QVManifestDataVersion version,
+                                                             QVGetFileFunction getFile, QVProgressFunction progress,
+                                                             CFErrorRef* error);
 // The bytes of a new Manifest.db holding the manifest, rows in domain-path order. Throws CF::Error.
 QV_EXPORT std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& manifest,
                                                                           QVManifestDataVersion version);
@@ -47,6 +76,11 @@ public:
 
     // Copies the file at path (none when empty) to the private file and opens that.
     void Open(const std::filesystem::path& path);
+    // Opens the file at path for reading without changing it: in place and immutable, or, when a
+    // write-ahead log with pages in it lies beside it, through a private copy that takes the log in.
+    void OpenForReading(const std::filesystem::path& path);
+    // Reads a database image from memory.
+    void OpenImage(DatabaseImage image);
     // A new database with the Manifest.db schema and the given user version.
     void Create(uint32_t userVersion);
     // INSERT OR REPLACE of one row; null domain, path or data become NULL columns.
@@ -61,6 +95,8 @@ public:
     uint32_t UserVersion() const { return userVersion_; }
 
 private:
+    void readUserVersion();
+
     std::unique_ptr<SQLite::Database> db_;
     std::unique_ptr<SQLite::Statement> insert_;  // prepared once, reset per row
     std::filesystem::path path_;

@@ -191,48 +191,32 @@ void ManifestEncryption::EncryptFile(const fs::path& source, const fs::path& des
     CryptFile(Cryptor::Operation::Encrypt, Cryptor::Algorithm::AES256, key, source, destination);
 }
 
-void ManifestEncryption::DecryptDatabase(const fs::path& source, const fs::path& destination,
-                                         const std::array<uint8_t, 32>& key) {
-    bool created = false;
+size_t ManifestEncryption::DecryptDatabase(const fs::path& source, std::span<uint8_t> out,
+                                           const std::array<uint8_t, 32>& key) {
     try {
-        std::error_code ec;
-        if (fs::equivalent(source, destination, ec))
-            throw std::runtime_error(fmt::format("'{}' is both source and destination", source.string()));
         Quiver::Support::readable_file in(source);
-        Quiver::Support::writable_file out(destination);
-        created = true;
         Cryptor cryptor(Cryptor::Operation::Decrypt, Cryptor::Algorithm::AES256, key, {});
         cryptor.DisablePadding();
-        std::vector<uint8_t> chunk(1 << 20), plain;
-        uint64_t total = 0;
-        std::array<uint8_t, Cryptor::kBlockSize> last{};
-        for (;;) {
-            const size_t got = in.read(chunk.data(), chunk.size());
-            if (got == 0) break;
-            cryptor.Update(chunk.data(), got, plain);
-            if (!plain.empty()) {
-                out.write(plain.data(), plain.size());
-                total += plain.size();
-                std::copy(plain.end() - static_cast<std::ptrdiff_t>(std::min(plain.size(), last.size())), plain.end(),
-                          last.end() - static_cast<std::ptrdiff_t>(std::min(plain.size(), last.size())));
-            }
+        std::vector<uint8_t> chunk(1 << 20);
+        size_t total = 0;
+        while (const size_t got = in.read(chunk.data(), chunk.size())) {
+            if (out.size() - total < Cryptor::OutputBound(got))
+                throw std::runtime_error(fmt::format("'{}' grew while it was read", source.string()));
+            total += cryptor.Update(chunk.data(), got, out.data() + total);
         }
-        std::vector<uint8_t> tail = cryptor.Finalize();  // throws when the length is not whole blocks
-        out.write(tail.data(), tail.size());
-        total += tail.size();
-        out.close();
+        OPENSSL_cleanse(chunk.data(), chunk.size());
+        if (out.size() - total < Cryptor::kBlockSize) throw std::runtime_error("no room for the last block");
+        total += cryptor.Finalize(out.data() + total);  // throws when the length is not whole blocks
         // Database files are whole pages, so a length that is not a multiple of the smallest page means
         // a padding block follows; one that is means none was written.
-        constexpr uint64_t kSmallestPage = 512;
-        const unsigned pad = last.back();
-        if (total % kSmallestPage != 0 && total >= Cryptor::kBlockSize && pad >= 1 && pad <= Cryptor::kBlockSize &&
-            std::all_of(last.end() - pad, last.end(), [pad](uint8_t b) { return b == pad; }))
-            fs::resize_file(destination, total - pad);
+        constexpr size_t kSmallestPage = 512;
+        const unsigned pad = total >= Cryptor::kBlockSize ? out[total - 1] : 0;
+        if (total % kSmallestPage != 0 && pad >= 1 && pad <= Cryptor::kBlockSize &&
+            std::all_of(out.begin() + static_cast<std::ptrdiff_t>(total - pad), out.begin() + static_cast<std::ptrdiff_t>(total),
+                        [pad](uint8_t b) { return b == pad; }))
+            total -= pad;
+        return total;
     } catch (const std::exception& e) {
-        if (created) {
-            std::error_code ignored;
-            fs::remove(destination, ignored);
-        }
         throw Quiver::Error(QVErrorCryptoOperation, {}, fmt::format("Failed to decrypt/encrypt: {}", e.what()));
     }
 }

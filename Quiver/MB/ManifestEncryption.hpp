@@ -72,10 +72,11 @@ public:
     static void EncryptFile(const std::filesystem::path& source, const std::filesystem::path& destination,
                             const std::array<uint8_t, 32>& key);
 
-    // An enciphered Manifest.db to a new file. Devices have written it both with and without a
-    // padding block; whole pages tell which. Failures as DecryptFile.
-    static void DecryptDatabase(const std::filesystem::path& source, const std::filesystem::path& destination,
-                                const std::array<uint8_t, 32>& key);
+    // An enciphered Manifest.db deciphered into out (at least the file's size), so that its plaintext
+    // never rests on disk; returns the plaintext's length. Devices have written it both with and
+    // without a padding block; whole pages tell which. Failures throw QVErrorCryptoOperation.
+    static size_t DecryptDatabase(const std::filesystem::path& source, std::span<uint8_t> out,
+                                  const std::array<uint8_t, 32>& key);
 
     // Base64 text of AES-128 ciphertext to plain bytes, and back. Throws QVErrorCryptoOperation.
     static std::vector<uint8_t> DecryptString(const std::string& text, const std::array<uint8_t, 16>& key);

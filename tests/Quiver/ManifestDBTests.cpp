@@ -183,7 +183,37 @@ TEST_F(ManifestDBTest, FilesThatAreNotManifestDatabasesFailWithAnError) {
 
     EXPECT_FALSE(read(root / "missing.db", &failure));
     EXPECT_EQ(failure.Code(), QVErrorInvalidManifestDatabase);
-    EXPECT_EQ(failure.Underlying().Code(), QVErrorFilesystem);
+    EXPECT_EQ(failure.Underlying().Code(), QVErrorFileNotFound);
+}
+
+// A device that copies its database while pages sit in the write-ahead log leaves them in a -wal file
+// beside it; they are part of the manifest. Without one, the file is read in place and nothing is
+// written beside it, even in a folder that cannot be written.
+TEST_F(ManifestDBTest, PagesInAWriteAheadLogAreReadAndNothingIsWrittenBesideTheFile) {
+    fs::path p = save(QVManifestCreateManifestDBRepresentation(sample(), QVManifestDataVersion33));
+    const size_t rows = read(p)->entries.size();
+    fs::create_directories(root / "copy");
+    {
+        SQLite::Database db(p.string(), SQLite::OPEN_READWRITE);
+        db.exec("PRAGMA wal_autocheckpoint=0;");
+        db.exec("INSERT INTO Files SELECT 'ffffffffffffffffffffffffffffffffffffffff', domain, relativePath || '.more', "
+                "flags, file FROM Files WHERE flags = 1 LIMIT 1;");
+        ASSERT_GT(fs::file_size(p.string() + "-wal"), 0u);
+        fs::copy_file(p, root / "copy" / "Manifest.db");
+        fs::copy_file(p.string() + "-wal", root / "copy" / "Manifest.db-wal");
+    }
+    Manifest logged = read(root / "copy" / "Manifest.db");
+    ASSERT_TRUE(logged);
+    EXPECT_EQ(logged->entries.size(), rows + 1);
+    EXPECT_TRUE(fs::is_empty(ManifestDatabaseDirectory()));
+
+    fs::remove(root / "copy" / "Manifest.db-wal");
+    fs::permissions(root / "copy", fs::perms::owner_read | fs::perms::owner_exec);
+    Manifest inPlace = read(root / "copy" / "Manifest.db");
+    fs::permissions(root / "copy", fs::perms::owner_all);
+    ASSERT_TRUE(inPlace);
+    EXPECT_EQ(inPlace->entries.size(), rows);
+    EXPECT_EQ(std::distance(fs::directory_iterator(root / "copy"), fs::directory_iterator()), 1);
 }
 
 TEST_F(ManifestDBTest, ReadingLeavesTheCallersFileAndNoPrivateCopies) {
