@@ -240,6 +240,28 @@ TEST_F(ToolTest, ASizeThatDisagreesWithoutADigestIsAWarning) {
                          "records 100000"), std::string::npos) << r.err;
 }
 
+// Names come from the backup, and the JSON listing is written entry by entry: whatever a name holds,
+// each parses back to itself, and the listing of no entries is an empty array.
+TEST_F(ToolTest, JsonListingEscapesEveryName) {
+    const std::vector<std::string> names = {"quote\"d", "back\\slash", "tab\tand\nnewline", "bell\x07", "caf\xc3\xa9 \xe2\x9c\x93"};
+    std::vector<BackupItem> items;
+    for (const std::string& name : names) items.push_back(BackupItem::File("HomeDomain", name, std::string_view("x")));
+    BuiltBackup built = Build("names", "3.3", false, items);
+    RunResult r = Run({"ls", built.directory.string(), "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    json list = json::parse(r.out);
+    std::vector<std::string> listed;
+    for (const json& e : list) listed.push_back(e["path"]);
+    std::sort(listed.begin(), listed.end());
+    std::vector<std::string> expected = names;
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(listed, expected);
+    for (const json& e : list) EXPECT_EQ(e.size(), 11u);
+    RunResult none = Run({"ls", Build("empty", "3.3", false, {}).directory.string(), "--json"});
+    ASSERT_EQ(none.status, 0) << none.err;
+    EXPECT_EQ(json::parse(none.out), json::array());
+}
+
 // Forensic tools copy only part of a backup: a manifest without Status.plist or Manifest.plist reads,
 // with a warning that names what is missing, and is never written out as if it were whole.
 TEST_F(ToolTest, PartialCopiesReadWithAWarningAndAreNotWrittenOut) {

@@ -149,33 +149,74 @@ struct ListOptions {
     bool longFormat = false;
 };
 
-json EntryJson(const Entry& e) {
+// A JSON string: quotes, backslashes and control characters escaped, everything else as it is (names
+// are UTF-8).
+void AppendJsonString(std::string& out, std::string_view text) {
+    out += '"';
+    for (const char c : text) {
+        switch (c) {
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '\b': out += "\\b"; break;
+            case '\f': out += "\\f"; break;
+            case '\n': out += "\\n"; break;
+            case '\r': out += "\\r"; break;
+            case '\t': out += "\\t"; break;
+            default:
+                if (static_cast<unsigned char>(c) < 0x20) {
+                    out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
+                } else {
+                    out += c;
+                }
+        }
+    }
+    out += '"';
+}
+
+// One entry as a JSON object indented inside the listing's array, keys in alphabetical order.
+void AppendEntryJson(std::string& out, const Entry& e) {
     uint16_t mode = 0;
     uint32_t uid = 0, gid = 0;
     QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
-    std::string target = Utf8(QVManifestEntryGetTarget(e));
-    return json{
-        {"domain", EntryDomain(e)},
-        {"path", EntryPath(e)},
-        {"type", EntryTypeName(e)},
-        {"size", QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0},
-        {"mode", mode},
-        {"uid", uid},
-        {"gid", gid},
-        {"mtime", EntryModifiedUnixTime(e)},
-        {"fileID", Utf8(QVManifestEntryGetFileID(e))},
-        {"target", QVManifestEntryIsSymlink(e) ? json(target) : json(nullptr)},
-        {"protectionClass", ProtectionClassCode(QVManifestEntryGetProtectionClass(e))},
-    };
+    auto key = [&](const char* name) { fmt::format_to(std::back_inserter(out), "    \"{}\": ", name); };
+    out += "  {\n";
+    key("domain");
+    AppendJsonString(out, EntryDomain(e));
+    out += ",\n";
+    key("fileID");
+    AppendJsonString(out, Utf8(QVManifestEntryGetFileID(e)));
+    fmt::format_to(std::back_inserter(out), ",\n    \"gid\": {},\n    \"mode\": {},\n    \"mtime\": {},\n", gid, mode,
+                   EntryModifiedUnixTime(e));
+    key("path");
+    AppendJsonString(out, EntryPath(e));
+    fmt::format_to(std::back_inserter(out), ",\n    \"protectionClass\": {},\n    \"size\": {},\n",
+                   ProtectionClassCode(QVManifestEntryGetProtectionClass(e)),
+                   QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0);
+    key("target");
+    if (QVManifestEntryIsSymlink(e)) {
+        AppendJsonString(out, Utf8(QVManifestEntryGetTarget(e)));
+    } else {
+        out += "null";
+    }
+    fmt::format_to(std::back_inserter(out), ",\n    \"type\": \"{}\",\n    \"uid\": {}\n  }}", EntryTypeName(e), uid);
 }
 
 int RunList(const ListOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
     std::vector<Entry> entries = SelectEntries(open.get(), o.domain, o.path);
     if (o.json) {
-        json out = json::array();
-        for (const Entry& e : entries) out.push_back(EntryJson(e));
-        WriteAll(STDOUT_FILENO, out.dump(2) + "\n");
+        // Written as it goes, entry by entry: a document of every entry would cost more memory than
+        // the manifest itself.
+        std::string text = entries.empty() ? "[]\n" : "[\n";
+        for (size_t i = 0; i < entries.size(); ++i) {
+            AppendEntryJson(text, entries[i]);
+            text += i + 1 < entries.size() ? ",\n" : "\n]\n";
+            if (text.size() >= 65536) {
+                WriteAll(STDOUT_FILENO, text);
+                text.clear();
+            }
+        }
+        WriteAll(STDOUT_FILENO, text);
         return kSuccess;
     }
     std::string text;
