@@ -2,7 +2,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
+#include <exception>
 #include <mutex>
+#include <optional>
+#include <thread>
 #include <system_error>
 
 #include <fmt/format.h>
@@ -121,6 +125,14 @@ std::shared_ptr<QVFileClass> QVFileCreateFromFileAtPath(const CF::String& path, 
             if (!fs::exists(fs::status(source, ec)))
                 throw Error(QVErrorFileNotFound, CF::Error(),
                             fmt::format("File does not exist at path '{}'", path.utf8()));
+            if (!copy) {
+                // Hashing a stored file of gigabytes before reading it would double the work of every
+                // read; the digest waits until it is asked for.
+                auto file = MakeFileReference(source, {}, false);
+                if (!file) throw Error(QVErrorUnknown, CF::Error(), "Failed to create internal file reference");
+                file->digestPending = true;
+                return file;
+            }
             std::vector<uint8_t> digest;
             try {
                 digest = Support::HashOfFile(source);
@@ -128,11 +140,6 @@ std::shared_ptr<QVFileClass> QVFileCreateFromFileAtPath(const CF::String& path, 
                 throw Error(QVErrorUnknown, CF::Error(), fmt::format("Failed to hash file - {}", e.what()));
             }
             if (auto cached = FileManager::CopyCachedFileReference(source, digest, nullptr)) return cached;
-            if (!copy) {
-                auto file = MakeFileReference(source, digest, false);
-                if (!file) throw Error(QVErrorUnknown, CF::Error(), "Failed to create internal file reference");
-                return file;
-            }
             fs::path location = FileManager::GetStorageLocationForFile();
             fs::copy_file(source, location);
             CFErrorRef inner = nullptr;
@@ -154,6 +161,7 @@ std::shared_ptr<QVFileClass> QVFileCreateCopy(const std::shared_ptr<QVFileClass>
     auto file = std::make_shared<QVFileClass>();
     file->size = other->size;
     file->digest = other->digest;
+    file->digestPending = other->digestPending;
     file->modifiedDate = other->modifiedDate;
     file->localPath = other->localPath;
     file->hasKey = other->hasKey;
@@ -167,26 +175,151 @@ std::shared_ptr<QVFileClass> QVFileCreateCopy(const std::shared_ptr<QVFileClass>
     return file;
 }
 
-void QVFileGetData(const std::shared_ptr<QVFileClass>& file, uint64_t chunkSize,
-                   const std::function<bool(const std::vector<uint8_t>&)>& callback) {
-    QV_ASSERT(file);
+namespace {
+
+// Hashes on a second thread while the caller's thread deciphers the same bytes: SHA-1 and AES each
+// run near a core's speed, so a large file is read in about the time of the slower of the two.
+class BackgroundHasher {
+public:
+    explicit BackgroundHasher(Support::Hasher& hasher) : hasher_(hasher), thread_([this] { run(); }) {}
+    ~BackgroundHasher() {
+        {
+            std::lock_guard guard(lock_);
+            stop_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+    BackgroundHasher(const BackgroundHasher&) = delete;
+    BackgroundHasher& operator=(const BackgroundHasher&) = delete;
+
+    // The bytes must stay in place until Wait returns.
+    void Start(const uint8_t* bytes, size_t length) {
+        {
+            std::lock_guard guard(lock_);
+            bytes_ = bytes;
+            length_ = length;
+            pending_ = true;
+        }
+        wake_.notify_all();
+    }
+    void Wait() {
+        std::unique_lock guard(lock_);
+        done_.wait(guard, [this] { return !pending_; });
+        if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
+    }
+
+private:
+    void run() {
+        std::unique_lock guard(lock_);
+        for (;;) {
+            wake_.wait(guard, [this] { return pending_ || stop_; });
+            if (stop_) return;
+            guard.unlock();
+            std::exception_ptr failure;
+            try {
+                hasher_.Update(bytes_, length_);
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            guard.lock();
+            failure_ = failure;
+            pending_ = false;
+            done_.notify_all();
+        }
+    }
+
+    Support::Hasher& hasher_;
+    std::mutex lock_;
+    std::condition_variable wake_, done_;
+    const uint8_t* bytes_ = nullptr;
+    size_t length_ = 0;
+    bool pending_ = false;
+    bool stop_ = false;
+    std::exception_ptr failure_;
+    std::thread thread_;  // last: started once the rest is ready
+};
+
+// Files at least this large are hashed on a second thread, read in pieces of kParallelPiece bytes;
+// for smaller ones a thread would cost more than it saves.
+constexpr uint64_t kParallelFrom = uint64_t{8} << 20;
+constexpr size_t kParallelPiece = size_t{1} << 20;
+
+// One pass over the stored bytes: each piece is hashed (when asked) as well as deciphered or
+// enciphered, and handed on in chunks of at most chunkSize bytes. False when the callback stopped the
+// read.
+bool readChunks(QVFileClass& file, uint64_t chunkSize, const std::function<bool(const std::vector<uint8_t>&)>& callback,
+                Support::Hasher* hasher) {
     if (chunkSize == 0) chunkSize = kDefaultChunkSize;
-    Support::readable_file in(toPath(file->localPath));
+    Support::readable_file in(toPath(file.localPath));
     std::optional<Cryptor> cryptor;
-    if (file->hasKey) {
+    if (file.hasKey) {
         try {
-            cryptor.emplace(operationFor(*file), static_cast<Cryptor::Algorithm>(file->keyAlgorithm), file->key);
+            cryptor.emplace(operationFor(file), static_cast<Cryptor::Algorithm>(file.keyAlgorithm), file.key);
         } catch (const std::exception& e) {
             throw Error(QVErrorCryptoOperation, CF::Error(), fmt::format("Cryptor creation failed: {}", e.what()));
         }
     }
-    std::vector<uint8_t> chunk(static_cast<size_t>(chunkSize));
-    std::vector<uint8_t> output;
-    for (;;) {
+    std::optional<BackgroundHasher> background;
+    size_t piece = static_cast<size_t>(chunkSize);
+    if (hasher && cryptor && in.size() >= kParallelFrom) {
+        background.emplace(*hasher);
+        piece = std::max(piece, kParallelPiece);
+    }
+    std::vector<uint8_t> chunk(piece);
+    std::vector<uint8_t> output, part;
+    // Hands on output (or the read bytes) in chunks of at most chunkSize.
+    auto handOn = [&](const std::vector<uint8_t>& bytes) {
+        if (bytes.size() <= chunkSize) return callback(bytes);
+        for (size_t at = 0; at < bytes.size(); at += static_cast<size_t>(chunkSize)) {
+            const size_t n = std::min(static_cast<size_t>(chunkSize), bytes.size() - at);
+            part.assign(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes.begin() + static_cast<std::ptrdiff_t>(at + n));
+            if (!callback(part)) return false;
+        }
+        return true;
+    };
+    auto readPiece = [&in](std::vector<uint8_t>& into) {
         std::error_code ec;
-        size_t got = in.read(chunk.data(), chunk.size(), ec);
+        const size_t got = in.read(into.data(), into.size(), ec);
         if (ec) throw std::system_error(ec, "Failed to read local file");
+        return got;
+    };
+    if (background) {
+        // Two buffers: while the second thread hashes one piece, this one deciphers it, hands it on
+        // and reads the next into the other.
+        std::vector<uint8_t> next(piece);
+        for (size_t got = readPiece(chunk); got > 0;) {
+            background->Start(chunk.data(), got);
+            // Whatever ends this piece early, the hashing thread lets go of the buffer first.
+            struct WaitOnUnwind {
+                BackgroundHasher& hasher;
+                bool armed = true;
+                ~WaitOnUnwind() {
+                    if (!armed) return;
+                    try {
+                        hasher.Wait();
+                    } catch (...) {  // the failure that is already unwinding says more
+                    }
+                }
+            } guard{*background};
+            try {
+                cryptor->Update(chunk.data(), got, output);
+            } catch (const std::exception& e) {
+                throw Error(QVErrorCryptoOperation, CF::Error(), fmt::format("Cryptor failed: {}", e.what()));
+            }
+            const bool more = handOn(output);
+            const size_t following = more ? readPiece(next) : 0;
+            guard.armed = false;
+            background->Wait();
+            if (!more) return false;
+            std::swap(chunk, next);
+            got = following;
+        }
+    }
+    for (; !background;) {
+        const size_t got = readPiece(chunk);
         if (got == 0) break;
+        if (hasher) hasher->Update(chunk.data(), got);
         bool more;
         if (cryptor) {
             try {
@@ -194,14 +327,14 @@ void QVFileGetData(const std::shared_ptr<QVFileClass>& file, uint64_t chunkSize,
             } catch (const std::exception& e) {
                 throw Error(QVErrorCryptoOperation, CF::Error(), fmt::format("Cryptor failed: {}", e.what()));
             }
-            more = callback(output);
+            more = handOn(output);
         } else if (got == chunk.size()) {
-            more = callback(chunk);
+            more = handOn(chunk);
         } else {
             output.assign(chunk.begin(), chunk.begin() + static_cast<long>(got));
-            more = callback(output);
+            more = handOn(output);
         }
-        if (!more) return;
+        if (!more) return false;
     }
     if (cryptor) {
         try {
@@ -211,6 +344,28 @@ void QVFileGetData(const std::shared_ptr<QVFileClass>& file, uint64_t chunkSize,
         }
         callback(output);
     }
+    return true;
+}
+
+}  // namespace
+
+void QVFileGetData(const std::shared_ptr<QVFileClass>& file, uint64_t chunkSize,
+                   const std::function<bool(const std::vector<uint8_t>&)>& callback) {
+    QV_ASSERT(file);
+    readChunks(*file, chunkSize, callback, nullptr);
+}
+
+std::optional<std::vector<uint8_t>> QVFileGetDataAndHash(const std::shared_ptr<QVFileClass>& file, uint64_t chunkSize,
+                                                         const std::function<bool(const std::vector<uint8_t>&)>& callback) {
+    QV_ASSERT(file);
+    Support::Hasher hasher(Support::HashAlgorithm::SHA1);
+    if (!readChunks(*file, chunkSize, callback, &hasher)) return std::nullopt;
+    std::vector<uint8_t> digest = hasher.Finalize();
+    if (file->digestPending) {
+        file->digest = digest;
+        file->digestPending = false;
+    }
+    return digest;
 }
 
 std::optional<std::vector<uint8_t>> QVFileGetDataQuickly(const std::shared_ptr<QVFileClass>& file) {
@@ -236,6 +391,14 @@ std::optional<std::vector<uint8_t>> QVFileGetDataQuickly(const std::shared_ptr<Q
 
 std::vector<uint8_t> QVFileGetHash(const std::shared_ptr<QVFileClass>& file) {
     QV_ASSERT(file);
+    if (file->digestPending) {
+        try {
+            file->digest = Support::HashOfFile(toPath(file->localPath));
+            file->digestPending = false;
+        } catch (const std::exception& e) {
+            log_fmt(log_level::error, "Failed to hash file {} - {}", file->localPath, e.what());
+        }
+    }
     return file->digest;
 }
 
@@ -393,7 +556,9 @@ std::string to_string(const std::shared_ptr<QVFileClass>& file) {
     if (file->writer.is_open())
         return fmt::format("<QVFileClass {}> (Appendable) path:{} size:{}", address, file->localPath, file->size);
     return fmt::format("<QVFileClass {}> path:{} size:{} hash:{} mdate:{}", address, file->localPath, file->size,
-                       file->digest.empty() ? std::string("Empty") : Support::hex_encode(file->digest),
+                       file->digestPending  ? std::string("Pending")
+                       : file->digest.empty() ? std::string("Empty")
+                                              : Support::hex_encode(file->digest),
                        file->modifiedDate.Text());
 }
 
@@ -402,5 +567,5 @@ std::string to_string(const std::shared_ptr<QVFileClass>& file) {
 bool operator==(const std::shared_ptr<QVFileClass>& a, const std::shared_ptr<QVFileClass>& b) {
     if (a.get() == b.get()) return true;
     if (a->writer.is_open() || b->writer.is_open()) return false;
-    return a->digest == b->digest;
+    return Quiver::QVFileGetHash(a) == Quiver::QVFileGetHash(b);
 }

@@ -38,6 +38,9 @@ public:
     uint64_t size = 0;
     std::vector<uint8_t> referenceDigest;  // key in the file manager's registry; empty when not registered
     std::vector<uint8_t> digest;           // SHA-1 of the stored bytes; empty while appendable
+    // A file registered where it lies is hashed when its digest is first asked for (or read whole
+    // with QVFileGetDataAndHash), not when it is opened: most readers never ask.
+    bool digestPending = false;
     CF::Date modifiedDate;
     CF::String localPath;
     Quiver::Support::writable_file writer;  // open only while appendable
@@ -64,10 +67,17 @@ QV_EXPORT std::shared_ptr<QVFileClass> QVFileCreateCopy(const std::shared_ptr<QV
 // CF::Error (QVErrorCryptoOperation); read failures throw std::system_error.
 QV_EXPORT void QVFileGetData(const std::shared_ptr<QVFileClass>& file, uint64_t chunkSize,
                              const std::function<bool(const std::vector<uint8_t>&)>& callback);
+// The same, and the SHA-1 of the stored bytes read (before deciphering or enciphering), computed in the
+// same pass; nothing when the callback stopped the read early.
+QV_EXPORT std::optional<std::vector<uint8_t>> QVFileGetDataAndHash(
+    const std::shared_ptr<QVFileClass>& file, uint64_t chunkSize,
+    const std::function<bool(const std::vector<uint8_t>&)>& callback);
 // The whole contents at once when the file is not empty and no larger than the file manager's
 // maximum memory size; otherwise, or when reading or the cipher fails, nothing.
 QV_EXPORT std::optional<std::vector<uint8_t>> QVFileGetDataQuickly(const std::shared_ptr<QVFileClass>& file);
 
+// The SHA-1 of the stored bytes; a file opened where it lies is hashed on the first call (empty, and
+// logged, when it can no longer be read).
 QV_EXPORT std::vector<uint8_t> QVFileGetHash(const std::shared_ptr<QVFileClass>& file);
 QV_EXPORT uint64_t QVFileGetSize(const std::shared_ptr<QVFileClass>& file);
 // Borrowed.

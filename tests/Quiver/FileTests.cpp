@@ -2,6 +2,8 @@
 // enciphering), equality, copies, and appendable files.
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include <fstream>
 #include <numeric>
 #include <random>
@@ -115,6 +117,49 @@ TEST_F(FileTest, FromPathRegistersAnExistingFileWhereItLiesAndAMissingOneFails) 
     CF::Error e = takeError(error);
     EXPECT_EQ(e.Code(), QVErrorFileNotFound);
     EXPECT_EQ(e.Reason(), "File does not exist at path '" + missing + "'");
+}
+
+// A file registered where it lies is hashed when its digest is asked for, not when it is opened; a read
+// that hashes as it goes gives the digest of the stored bytes, deciphered or not, on one thread or two.
+TEST_F(FileTest, DigestsOfFilesWhereTheyLieAreTakenLazilyOrWhileReading) {
+    auto bytes = patterned(5000, 9);
+    fs::path p = writeScratch("lazy.bin", bytes);
+    auto file = QVFileCreateFromFileAtPath(CF::String(p.string()), 0, nullptr);
+    ASSERT_TRUE(file);
+    bytes[0] ^= 1;  // changed after opening: the digest is of what is there when it is asked for
+    writeScratch("lazy.bin", bytes);
+    EXPECT_EQ(QVFileGetHash(file), Support::Sha1(bytes));
+
+    std::array<uint8_t, 32> key{};
+    key.fill(0x42);
+    for (size_t size : {size_t{100000}, size_t{9 << 20}}) {  // below and above the two-thread size
+        SCOPED_TRACE(size);
+        const auto plain = patterned(size, 4);
+        const auto cipher = Cryptor::Encrypt(Cryptor::Algorithm::AES256, key, {}, plain);
+        auto stored = QVFileCreateFromFileAtPath(CF::String(writeScratch("stored.bin", cipher).string()), 0, nullptr);
+        auto reader = QVFileCreateCopy(stored);
+        _QVFileSetDecryptionKey(reader, key);
+        std::vector<uint8_t> out;
+        size_t largest = 0;
+        auto digest = QVFileGetDataAndHash(reader, 65536, [&](const std::vector<uint8_t>& chunk) {
+            out.insert(out.end(), chunk.begin(), chunk.end());
+            largest = std::max(largest, chunk.size());
+            return true;
+        });
+        EXPECT_EQ(out, plain);
+        EXPECT_LE(largest, 65536u);
+        EXPECT_EQ(digest, Support::Sha1(cipher));
+        EXPECT_EQ(QVFileGetHash(stored), Support::Sha1(cipher));
+        int calls = 0;
+        EXPECT_FALSE(QVFileGetDataAndHash(reader, 0, [&](const std::vector<uint8_t>&) { return ++calls < 2; }));
+        EXPECT_EQ(calls, 2);
+        // Damage in the last block fails the read, whichever thread hashes.
+        auto damaged = cipher;
+        damaged.back() ^= 0x55;
+        auto bad = QVFileCreateFromFileAtPath(CF::String(writeScratch("bad.bin", damaged).string()), 0, nullptr);
+        _QVFileSetDecryptionKey(bad, key);
+        EXPECT_THROW(QVFileGetDataAndHash(bad, 0, [](const std::vector<uint8_t>&) { return true; }), CF::Error);
+    }
 }
 
 TEST_F(FileTest, ChunkSizeZeroMeansThirtyTwoKilobytesAndFalseStops) {

@@ -306,6 +306,31 @@ TEST_F(ToolTest, AddedFilesOfEncryptedBackupsAreCheckedLikeAnyOther) {
     EXPECT_TRUE(cat.out.empty());
 }
 
+// The digest is checked in the same pass as the read. A large file is written as it is read, its last
+// megabyte held back until the digest is known: damage found at the end leaves the output short of the
+// whole file, never whole, and the status 4.
+TEST_F(ToolTest, DigestsAreCheckedAsFilesAreReadAndDamageNeverLeavesAWholeFile) {
+    std::vector<uint8_t> big(6 << 20);
+    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(i * 131 + (i >> 12));
+    for (bool encrypted : {false, true}) {
+        SCOPED_TRACE(encrypted ? "encrypted" : "plain");
+        BuiltBackup built = Build(encrypted ? "enc" : "plain", "3.3", encrypted,
+                                  {BackupItem::File("HomeDomain", "Media/big.bin", big)});
+        const std::string password = encrypted ? "password" : "";
+        RunResult whole = Run({"cat", built.directory.string(), "HomeDomain", "Media/big.bin"}, password);
+        ASSERT_EQ(whole.status, 0) << whole.err;
+        EXPECT_TRUE(whole.out == Bytes(big));
+        const fs::path stored = built.directory / built.Item("HomeDomain", "Media/big.bin").localFilename;
+        std::vector<uint8_t> bytes = ReadWholeFile(stored);
+        bytes[3 << 20] ^= 0x40;
+        WriteWholeFile(stored, bytes);
+        RunResult damaged = Run({"cat", built.directory.string(), "HomeDomain", "Media/big.bin"}, password);
+        EXPECT_EQ(damaged.status, 4);
+        EXPECT_LT(damaged.out.size(), big.size());
+        EXPECT_NE(damaged.err.find("what was written of it is incomplete"), std::string::npos) << damaged.err;
+    }
+}
+
 // ---- Extracting a hostile backup ----
 
 TEST_F(ToolTest, ExtractSkipsNamesThatWouldLeaveTheDestination) {

@@ -308,7 +308,7 @@ std::vector<Entry> SelectEntries(const Backup& backup, const std::optional<std::
     return entries;
 }
 
-std::string CheckStoredFile(const Backup& backup, const Entry& entry) {
+std::string CheckStoredFile(const Backup& backup, const Entry& entry, std::vector<uint8_t>* deferredDigest) {
     if (!QVManifestEntryIsFile(entry) || entry->external) return {};
     // An export checks every file, so names are only put together for a file that fails.
     auto shown = [&] { return Printable(EntryDomain(entry)) + " " + Printable(EntryPath(entry)); };
@@ -336,9 +336,14 @@ std::string CheckStoredFile(const Backup& backup, const Entry& entry) {
     if (encrypted && length % 16 != 0) throw damaged("is cut short: not a whole number of cipher blocks");
     // Devices record the SHA-1 of the bytes they store, enciphered or not, as they write them, and
     // that decides; so does the library for the files it adds.
+    // A reader that hashes as it reads takes the digest along, and the cheap checks below still run.
     if (CF::Data digest = CF::Data::Retain(QVManifestEntryGetDataHash(entry)); digest.size() == 20) {
-        if (QVFileGetHash(stored) == digest.vector()) return {};
-        throw damaged("is not the one its manifest records");
+        if (deferredDigest) {
+            *deferredDigest = digest.vector();
+        } else {
+            if (QVFileGetHash(stored) == digest.vector()) return {};
+            throw damaged("is not the one its manifest records");
+        }
     }
     if (encrypted && length > 0) {
         CFErrorRef keyError = nullptr;
@@ -352,7 +357,7 @@ std::string CheckStoredFile(const Backup& backup, const Entry& entry) {
     }
     // Without a digest the size is all there is, and devices record it before they copy: a file that
     // grows or shrinks during the backup keeps its old size (seen in real backups).
-    if (!lengthFits && !encrypted)
+    if (!lengthFits && !encrypted && (!deferredDigest || deferredDigest->empty()))
         return fmt::format("{} holds {} bytes where its manifest records {}; it changed during the backup or is damaged",
                            shown(), length, size);
     return {};
@@ -376,19 +381,50 @@ void ReadEntryContent(const Backup& backup, const Entry& entry, const std::funct
         throw Failure(kFailure, fmt::format("{} {} is a {}, not a file", Printable(domain), Printable(path),
                                             QVManifestEntryIsDirectory(entry) ? "directory" : "symbolic link"));
     const std::string shown = Printable(domain) + " " + Printable(path);
-    if (std::string note = CheckStoredFile(backup, entry); !note.empty()) Warn(note);
+    std::vector<uint8_t> recorded;
+    if (std::string note = CheckStoredFile(backup, entry, &recorded); !note.empty()) Warn(note);
     CFErrorRef error = nullptr;
     std::shared_ptr<QVFileClass> file = QVBackupContainerCopyFileForPath(
         backup, QVManifestEntryGetDomain(entry), QVManifestEntryGetPath(entry), &error);
     CF::Error failure = CF::Error::Adopt(error);
     if (!file) throw Failure(kFailure, fmt::format("cannot read {}: {}", shown, ErrorText(failure)));
+    // The digest is checked in the same pass as the read, so the plaintext is held back until it is
+    // known: a file of up to kCheckedWhole bytes entirely, a larger one its last piece. Damage found at
+    // the end never leaves a whole file behind.
+    constexpr size_t kCheckedWhole = size_t{4} << 20;
+    constexpr uint64_t kPiece = uint64_t{1} << 20;
+    std::vector<uint8_t> held;
+    bool streaming = false;
     uint64_t delivered = 0;
+    auto deliver = [&](const uint8_t* bytes, size_t length) {
+        sink(bytes, length);
+        delivered += length;
+    };
     try {
-        QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
-            if (!chunk.empty()) sink(chunk.data(), chunk.size());
-            delivered += chunk.size();
-            return true;
-        });
+        const std::optional<std::vector<uint8_t>> digest =
+            QVFileGetDataAndHash(file, kPiece, [&](const std::vector<uint8_t>& chunk) {
+                if (chunk.empty()) return true;  // the deciphering's end may add nothing
+                if (recorded.empty()) {
+                    deliver(chunk.data(), chunk.size());
+                } else if (streaming) {
+                    deliver(held.data(), held.size());
+                    held.assign(chunk.begin(), chunk.end());
+                } else {
+                    held.insert(held.end(), chunk.begin(), chunk.end());
+                    if (held.size() > kCheckedWhole) {
+                        deliver(held.data(), held.size() - chunk.size());
+                        held.erase(held.begin(), held.end() - static_cast<std::ptrdiff_t>(chunk.size()));
+                        streaming = true;
+                    }
+                }
+                return true;
+            });
+        if (!recorded.empty() && digest != recorded)
+            throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}) is not the one its "
+                                                  "manifest records{}",
+                                                  shown, Utf8(QVManifestEntryGetFileID(entry)),
+                                                  delivered > 0 ? "; what was written of it is incomplete" : ""));
+        if (!held.empty()) deliver(held.data(), held.size());
     } catch (const Failure&) {
         throw;
     } catch (const CF::Error& e) {

@@ -105,15 +105,19 @@ int64_t EntryModifiedUnixTime(const Quiver::Entry& entry);
 // when it is missing, is not the file whose SHA-1 the manifest records, or is an enciphered file
 // whose key does not unwrap or whose last block does not decipher to padding. A size that disagrees where no digest can decide is not damage for certain, as
 // devices record sizes before they copy; the text returned then says so (empty otherwise).
-// Directories, links and files put in by an edit pass.
-std::string CheckStoredFile(const Quiver::Backup& backup, const Quiver::Entry& entry);
+// Directories, links and files put in by an edit pass. With deferredDigest, a recorded digest is
+// handed back for the caller to check as it reads, instead of costing a pass of its own here.
+std::string CheckStoredFile(const Quiver::Backup& backup, const Quiver::Entry& entry,
+                            std::vector<uint8_t>* deferredDigest = nullptr);
 // The same for every entry, with progress; notes go to -v.
 void CheckStoredFiles(const Quiver::Backup& backup, int verbosity);
 // Refuses (status 4) to write out a partial copy: one without Status.plist or Manifest.plist.
 void RequireWholeBackup(const Quiver::Backup& backup, const std::string& path);
 
-// Streams a file's plaintext to a callback after CheckStoredFile (its note becomes a warning); throws
-// Failure(4) when the backup turns out damaged, Failure(1) when the file cannot be read otherwise.
+// Streams a file's plaintext to a callback after CheckStoredFile (its note becomes a warning), checking
+// the recorded digest in the same pass; throws Failure(4) when the backup turns out damaged (a file
+// larger than 4 MiB may then have been delivered all but its last megabyte), Failure(1) when the file
+// cannot be read otherwise.
 void ReadEntryContent(const Quiver::Backup& backup, const Quiver::Entry& entry,
                       const std::function<void(const uint8_t*, size_t)>& sink);
 
