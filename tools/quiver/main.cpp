@@ -5,6 +5,7 @@
 // backup.
 #include <unistd.h>
 
+#include <cstdio>
 #include <exception>
 
 #include <fmt/format.h>
@@ -70,5 +71,8 @@ int main(int argc, char** argv) {
         status = kFailure;
     }
     EndSession();
-    return status;
+    // Output goes out through write(2) as it is made, so nothing is left to flush; ending here skips
+    // freeing what the process drops anyway (see OpenBackup::Release).
+    std::fflush(nullptr);
+    _exit(status);
 }
