@@ -192,18 +192,33 @@ void ManifestDatabase::Create(uint32_t userVersion) {
     userVersion_ = userVersion;
     // auto_vacuum takes effect only on a database without tables, so it is also set first; the
     // statements after it are the schema as devices write it, in their order.
-    const std::string statements[] = {
+    // The file is private until it is whole, so it is built without a journal or syncs, with a cache
+    // large enough to keep the tree in memory; the indexes and the write-ahead-log mode that devices
+    // use come in Finish, after the rows.
+    execAll({
         "PRAGMA auto_vacuum='INCREMENTAL';",
         "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);",
         "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB);",
-        "CREATE INDEX FilesDomainIdx ON Files (domain);",
-        "CREATE INDEX FilesFlagsIdx ON Files (flags);",
-        "CREATE INDEX FilesRelativePathIdx ON Files (relativePath);",
         "PRAGMA user_version=" + std::to_string(userVersion) + ";",
         "PRAGMA auto_vacuum='INCREMENTAL';",
         "PRAGMA automatic_index=1;",
+        "PRAGMA journal_mode=OFF;",
+        "PRAGMA synchronous=OFF;",
+        "PRAGMA cache_size=-65536;",
+    });
+}
+
+void ManifestDatabase::Finish() {
+    execAll({
+        "CREATE INDEX FilesDomainIdx ON Files (domain);",
+        "CREATE INDEX FilesFlagsIdx ON Files (flags);",
+        "CREATE INDEX FilesRelativePathIdx ON Files (relativePath);",
         "PRAGMA journal_mode=WAL;",
-    };
+    });
+}
+
+void ManifestDatabase::execAll(std::initializer_list<std::string> statements) {
+    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
     for (const std::string& statement : statements) {
         try {
             db_->exec(statement);
@@ -411,6 +426,7 @@ std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& 
             throw Error(QVErrorUnknown, CF::Error(), fmt::format("Failed to serialize entries {}", names));
         }
         database.Commit();
+        database.Finish();
     } catch (const CF::Error& e) {
         throw Error(QVErrorUnknown, e, "Database initialization failed");
     } catch (const SQLite::Exception& e) {

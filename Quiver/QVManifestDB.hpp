@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -81,8 +82,10 @@ public:
     void OpenForReading(const std::filesystem::path& path);
     // Reads a database image from memory.
     void OpenImage(DatabaseImage image);
-    // A new database with the Manifest.db schema and the given user version.
+    // A new database with the Manifest.db tables and the given user version, built without a journal;
+    // Finish adds the indexes and the write-ahead-log mode once the rows are in.
     void Create(uint32_t userVersion);
+    void Finish();
     // INSERT OR REPLACE of one row; null domain, path or data become NULL columns.
     void InsertRow(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int32_t flags, CFDataRef data);
     // Calls row for every row of Files; the data it is given views SQLite's buffer and is valid only
@@ -96,6 +99,7 @@ public:
 
 private:
     void readUserVersion();
+    void execAll(std::initializer_list<std::string> statements);
 
     std::unique_ptr<SQLite::Database> db_;
     std::unique_ptr<SQLite::Statement> insert_;  // prepared once, reset per row
