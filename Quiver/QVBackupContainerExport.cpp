@@ -2,6 +2,7 @@
 // QVBackupContainerCopyFileForLocalFilename, written to a new directory or a new zip file. Contents
 // stream chunk by chunk, so a file of any size costs about one chunk of memory.
 #include <minizip/zip.h>
+#include <zlib.h>
 
 #include <cerrno>
 #include <ctime>
@@ -88,6 +89,27 @@ bool writeEachName(const Backup& backup, const ExportProgress& progress, const c
         counter.tick();
     }
     return !failed;
+}
+
+// Photos, videos, compressed data and every enciphered file are as small as they will get: deflating
+// them again costs most of an export's time for nothing. A fast deflate of the start of a member
+// tells; it is stored when that does not save a tenth.
+bool worthDeflating(const std::shared_ptr<QVFileClass>& file) {
+    constexpr size_t kSample = 65536;
+    std::vector<uint8_t> sample;
+    try {
+        QVFileGetData(file, kSample, [&](const std::vector<uint8_t>& chunk) {
+            sample.insert(sample.end(), chunk.begin(), chunk.end());
+            return sample.size() < kSample;
+        });
+    } catch (const std::exception&) {
+        return true;  // the write that follows reports the failure
+    }
+    if (sample.size() < 64) return true;
+    uLongf packed = compressBound(static_cast<uLong>(sample.size()));
+    std::vector<uint8_t> out(packed);
+    if (compress2(out.data(), &packed, sample.data(), static_cast<uLong>(sample.size()), 1) != Z_OK) return true;
+    return packed < sample.size() - sample.size() / 10;
 }
 
 struct ZipWriter {
@@ -191,9 +213,10 @@ unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef des
         info.tmz_date.tm_year = static_cast<uInt>(local.tm_year + 1900);
         const int zip64 = QVFileGetSize(file) >= kZip64Threshold ? 1 : 0;
         const std::string member = name.utf8();
+        const bool deflate = worthDeflating(file);
         int result = zipOpenNewFileInZip3_64(writer.zip, member.c_str(), &info, nullptr, 0, nullptr, 0, nullptr,
-                                             Z_DEFLATED, Z_DEFAULT_COMPRESSION, 0, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY,
-                                             nullptr, 0, zip64);
+                                             deflate ? Z_DEFLATED : 0, deflate ? Z_DEFAULT_COMPRESSION : 0, 0,
+                                             -MAX_WBITS, 8, Z_DEFAULT_STRATEGY, nullptr, 0, zip64);
         bool written = result == ZIP_OK;
         if (written) {
             auto write = [&](const uint8_t* bytes, size_t length) {

@@ -8,6 +8,7 @@
 #include <map>
 #include <utility>
 
+#include <minizip/unzip.h>
 #include <minizip/zip.h>
 
 #include "Quiver/QVBackupContainer.hpp"
@@ -118,6 +119,37 @@ TEST_F(ExportTest, RoundTripsThroughDirectoriesAndZipsPlainAndEncrypted) {
             expectSameContents(back, third);
         }
     }
+}
+
+// Members that deflating cannot shrink (enciphered files, compressed media) are stored as they are;
+// text is deflated. Both read back the same.
+TEST_F(ExportTest, ZipStoresWhatDoesNotCompressAndDeflatesTheRest) {
+    std::vector<uint8_t> noise(200000);
+    uint64_t state = 1;
+    for (auto& b : noise) b = static_cast<uint8_t>((state = state * 6364136223846793005ULL + 1) >> 56);
+    BackupDescription description{.items = {BackupItem::File("HomeDomain", "noise.bin", noise),
+                                            BackupItem::File("HomeDomain", "text.txt", std::string(200000, 'a'))}};
+    BuiltBackup built = BuildBackup(root / "src", description);
+    Backup source = open(built.directory, nullptr, false);
+    ASSERT_TRUE(source);
+    const fs::path zip = root / "out.zip";
+    ASSERT_EQ(QVBackupContainerExportToZip(source, CF::String(zip.string()).get(), nullptr), 1);
+    std::map<std::string, unsigned long> methods;
+    unzFile z = unzOpen64(zip.c_str());
+    ASSERT_NE(z, nullptr);
+    for (int r = unzGoToFirstFile(z); r == UNZ_OK; r = unzGoToNextFile(z)) {
+        unz_file_info64 info{};
+        char name[256] = {};
+        unzGetCurrentFileInfo64(z, &info, name, sizeof name, nullptr, 0, nullptr, 0);
+        methods[name] = info.compression_method;
+    }
+    unzClose(z);
+    EXPECT_EQ(methods.at(built.Item("HomeDomain", "noise.bin").localFilename), 0u);
+    EXPECT_EQ(methods.at(built.Item("HomeDomain", "text.txt").localFilename), static_cast<unsigned long>(Z_DEFLATED));
+    EXPECT_EQ(methods.at("Manifest.plist"), static_cast<unsigned long>(Z_DEFLATED));
+    Backup back = open(zip, nullptr, true);
+    ASSERT_TRUE(back);
+    expectSameContents(source, back);
 }
 
 TEST_F(ExportTest, ExistingDestinationsAreNeverWrittenIntoAndFilesThatCannotBeLoadedAreReported) {
