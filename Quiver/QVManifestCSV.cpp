@@ -49,52 +49,66 @@ std::string attributes(const CF::Dictionary& dictionary) {
 
 }  // namespace
 
-CFStringRef QVManifestDBCopyCSVRepresentation(CFStringRef databasePath, CFErrorRef* error) {
-    return Boundary(error, [&]() -> CFStringRef {
-        std::vector<CF::String> rows;
+bool QVManifestDBWriteCSVRepresentation(CFStringRef databasePath, const CSVWriter& write, CFErrorRef* error) {
+    return Boundary(error, [&]() -> bool {
+        // Rows go out in file-ID order as SQLite reads them along the primary key, so nothing is
+        // held but the row at hand.
+        std::string text = kHeader;
+        bool more = true;
         try {
             ManifestDatabase database;
-            database.Open(std::filesystem::path(CF::String::Retain(databasePath).utf8()));
-            database.QueryAllRows([&](const CF::String& fileID, const CF::String& domain, const CF::String& path,
-                                      int32_t flags, const CF::Data& blob, int64_t, int64_t count) {
-                if (rows.empty()) rows.reserve(static_cast<size_t>(count));
-                MB::File record;
-                if (blob.size() > 0) {
-                    std::optional<MB::File> decoded;
-                    try {
-                        decoded = MB::File::Decode(blob.get());
-                    } catch (const std::exception& e) {
-                        throw Error(QVErrorInvalidMBFile, CF::Error(),
-                                    fmt::format("Missing or invalid MBFile structure ({}): fileID '{}'", e.what(),
-                                                fileID));
+            database.OpenForReading(std::filesystem::path(CF::String::Retain(databasePath).utf8()));
+            database.QueryAllRows(
+                [&](const CF::String& fileID, const CF::String& domain, const CF::String& path, int32_t flags,
+                    const CF::Data& blob, int64_t, int64_t) {
+                    if (!more) return;
+                    MB::File record;
+                    if (blob.size() > 0) {
+                        std::optional<MB::File> decoded;
+                        try {
+                            decoded = MB::File::Decode(blob.get());
+                        } catch (const std::exception& e) {
+                            throw Error(QVErrorInvalidMBFile, CF::Error(),
+                                        fmt::format("Missing or invalid MBFile structure ({}): fileID '{}'", e.what(),
+                                                    fileID));
+                        }
+                        if (!decoded)
+                            throw Error(QVErrorInvalidMBFile, CF::Error(),
+                                        fmt::format("Missing or invalid MBFile structure: fileID '{}'", fileID));
+                        record = std::move(*decoded);
                     }
-                    if (!decoded)
-                        throw Error(QVErrorInvalidMBFile, CF::Error(),
-                                    fmt::format("Missing or invalid MBFile structure: fileID '{}'", fileID));
-                    record = std::move(*decoded);
-                }
-                rows.emplace_back(fmt::format(
-                    "\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\","
-                    "\"{}\",\"{}\",\"{}\",\"{}\"",
-                    escape(fileID.utf8()), escape(domain.utf8()), escape(path.utf8()), flags,
-                    escape(record.RelativePath.utf8()), escape(record.Target.utf8()), escape(base64(record.Digest)),
-                    escape(base64(record.EncryptionKey)), record.Mode, record.InodeNumber, record.UserID,
-                    record.GroupID, record.LastModified, record.LastStatusChange, record.Birth, record.Size,
-                    record.ProtectionClass, escape(attributes(record.ExtendedAttributes))));
-            });
+                    fmt::format_to(
+                        std::back_inserter(text),
+                        "\n\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\","
+                        "\"{}\",\"{}\",\"{}\",\"{}\",\"{}\"",
+                        escape(fileID.utf8()), escape(domain.utf8()), escape(path.utf8()), flags,
+                        escape(record.RelativePath.utf8()), escape(record.Target.utf8()), escape(base64(record.Digest)),
+                        escape(base64(record.EncryptionKey)), record.Mode, record.InodeNumber, record.UserID,
+                        record.GroupID, record.LastModified, record.LastStatusChange, record.Birth, record.Size,
+                        record.ProtectionClass, escape(attributes(record.ExtendedAttributes)));
+                    if (text.size() >= 65536) {
+                        more = write(text);
+                        text.clear();
+                    }
+                },
+                "fileID");
         } catch (const CF::Error& e) {
             throw Error(QVErrorInvalidManifestDatabase, e, "Failed to parse records from manifest database");
         }
-        std::sort(rows.begin(), rows.end(), [](const CF::String& a, const CF::String& b) {
-            return CFStringCompare(a.get(), b.get(), 0) == kCFCompareLessThan;
-        });
-        std::string table = kHeader;
-        for (const CF::String& row : rows) {
-            table += '\n';
-            table += row.utf8();
-        }
-        return CF::String(table).Detach();
+        return more && write(text);
     });
+}
+
+CFStringRef QVManifestDBCopyCSVRepresentation(CFStringRef databasePath, CFErrorRef* error) {
+    std::string table;
+    const bool written = QVManifestDBWriteCSVRepresentation(
+        databasePath,
+        [&](std::string_view text) {
+            table += text;
+            return true;
+        },
+        error);
+    return written ? CF::String(table).Detach() : nullptr;
 }
 
 }  // namespace Quiver

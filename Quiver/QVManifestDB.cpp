@@ -264,7 +264,7 @@ void ManifestDatabase::InsertRow(CFStringRef fileID, CFStringRef domain, CFStrin
     }
 }
 
-void ManifestDatabase::QueryAllRows(const RowFunction& row) {
+void ManifestDatabase::QueryAllRows(const RowFunction& row, const char* orderBy) {
     if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
     try {
         int64_t count = 0;
@@ -273,7 +273,8 @@ void ManifestDatabase::QueryAllRows(const RowFunction& row) {
             while (counting.executeStep()) count = counting.getColumn(0).getInt64();
         }
         if (count < 1) return;
-        SQLite::Statement query(*db_, "SELECT fileID, domain, relativePath, flags, file FROM Files;");
+        SQLite::Statement query(*db_, fmt::format("SELECT fileID, domain, relativePath, flags, file FROM Files{}{};",
+                                                  orderBy ? " ORDER BY " : "", orderBy ? orderBy : ""));
         // Devices name a few dozen domains for hundreds of thousands of rows: share one string each.
         std::unordered_map<std::string, CF::String> domains;
         int64_t index = 0;

@@ -88,9 +88,9 @@ public:
     void Finish();
     // INSERT OR REPLACE of one row; null domain, path or data become NULL columns.
     void InsertRow(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int32_t flags, CFDataRef data);
-    // Calls row for every row of Files; the data it is given views SQLite's buffer and is valid only
-    // during the call.
-    void QueryAllRows(const RowFunction& row);
+    // Calls row for every row of Files (in the order of orderBy when one is given); the data it is
+    // given views SQLite's buffer and is valid only during the call.
+    void QueryAllRows(const RowFunction& row, const char* orderBy = nullptr);
     void BeginTransaction();
     void Commit();
     void Close();

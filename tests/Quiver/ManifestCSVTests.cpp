@@ -1,6 +1,8 @@
 // The CSV listing, checked against lines written out by hand from the rows the test stores.
 #include <gtest/gtest.h>
 
+#include <fmt/format.h>
+
 #include <SQLiteCpp/SQLiteCpp.h>
 
 #include <fstream>
@@ -82,6 +84,29 @@ TEST_F(ManifestCSVTest, RowsAreSpelledOutSortedByFileIDWithTripledQuotes) {
                            "\"\",\"oXyaqmHoChv3HQ2FCvTluqmAC70=\",\"\",\"33188\",\"42\",\"501\",\"501\",\"1600000000\","
                            "\"1600000001\",\"1600000002\",\"4\",\"3\",\"{}\"";
     EXPECT_EQ(csv(&failure), expected) << failure.Text();
+}
+
+// The listing streams in pieces that add up to the whole; a writer that stops ends it, without error.
+TEST_F(ManifestCSVTest, ListingStreamsInPiecesAndAWriterCanStopIt) {
+    MB::File record;
+    record.RelativePath = CF::String(std::string(200, 'p'));
+    for (int i = 0; i < 2000; ++i) insert(fmt::format("{:04x}", 7919 * i % 65536), "HomeDomain", "p", 1, record.Encode());
+    std::vector<std::string> pieces;
+    CFErrorRef error = nullptr;
+    ASSERT_TRUE(QVManifestDBWriteCSVRepresentation(CF::String(path.string()).get(), [&](std::string_view text) {
+        pieces.emplace_back(text);
+        return true;
+    }, &error));
+    EXPECT_GT(pieces.size(), 3u);
+    std::string joined;
+    for (const std::string& piece : pieces) joined += piece;
+    EXPECT_EQ(joined, csv());
+    int calls = 0;
+    EXPECT_FALSE(QVManifestDBWriteCSVRepresentation(CF::String(path.string()).get(), [&](std::string_view) {
+        return ++calls < 1;
+    }, &error));
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(error, nullptr);
 }
 
 TEST_F(ManifestCSVTest, EmptyTableGivesTheHeaderAloneUndecodableBlobsAndOtherFilesFail) {

@@ -250,18 +250,35 @@ int RunCsv(const std::string& database) {
     std::error_code ec;
     if (!std::filesystem::is_regular_file(database, ec))
         throw Failure(kFailure, fmt::format("{}: no such file", database));
+    // Written as it is read. The first megabytes are held until the listing ends or outgrows them, so a
+    // damaged database of ordinary size leaves nothing on the output; a larger one may leave a listing
+    // that the error line calls incomplete.
+    constexpr size_t kHeld = size_t{4} << 20;
+    std::string held;
+    bool streaming = false;
     CFErrorRef error = nullptr;
-    CF::String csv = CF::String::Adopt(QVManifestDBCopyCSVRepresentation(CF::String(database).get(), &error));
+    const bool listed = QVManifestDBWriteCSVRepresentation(
+        CF::String(database).get(),
+        [&](std::string_view text) {
+            held += text;
+            if (streaming || held.size() > kHeld) {
+                WriteAll(STDOUT_FILENO, held);
+                held.clear();
+                streaming = true;
+            }
+            return true;
+        },
+        &error);
     CF::Error failure = CF::Error::Adopt(error);
-    if (!csv) {
+    if (!listed) {
         const bool damaged = failure.Code() == QVErrorInvalidManifestDatabase ||
                              failure.Code() == QVErrorDatabaseOperation || failure.Code() == QVErrorInvalidMBFile;
         throw Failure(damaged ? kBadBackup : kFailure,
-                      fmt::format("{} is not a readable Manifest.db: {}", database, ErrorText(failure)));
+                      fmt::format("{} is not a readable Manifest.db: {}{}", database, ErrorText(failure),
+                                  streaming ? "; the listing written is incomplete" : ""));
     }
-    std::string text = csv.utf8();
-    if (!text.empty() && text.back() != '\n') text += '\n';
-    WriteAll(STDOUT_FILENO, text);
+    held += '\n';
+    WriteAll(STDOUT_FILENO, held);
     return kSuccess;
 }
 
