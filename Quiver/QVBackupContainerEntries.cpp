@@ -1,8 +1,7 @@
 // The container's entry operations: lookups, reading files (deciphered for the caller of an encrypted
-// backup), the names of a finished backup as files (enciphered where the backup is), and edits. Every
-// edit copies the manifest's entry list, changes the copy and hands it back whole.
+// backup), the names of a finished backup as files (enciphered where the backup is), and edits. Edits
+// add and remove entries in the manifest in place, which keeps its lookups up to date.
 #include <algorithm>
-#include <unordered_set>
 
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVError.hpp"
@@ -15,11 +14,6 @@ namespace Quiver {
 namespace {
 
 size_t depthOf(const std::string& path) { return static_cast<size_t>(std::count(path.begin(), path.end(), '/')); }
-
-void dropByIdentity(std::vector<Entry>& entries, const Entry& entry) {
-    auto it = std::find(entries.begin(), entries.end(), entry);
-    if (it != entries.end()) entries.erase(it);
-}
 
 CF::String fileIDForLocalFilename(const Backup& backup, CFStringRef localFilename) {
     CF::String name = CF::String::Retain(localFilename);
@@ -181,9 +175,7 @@ Entry QVBackupContainerAddEntry(std::shared_ptr<QVBackupContainerClass> backup,
     if (backup->manifestEncryption && QVManifestEntryIsFile(copy)) {
         if (!QVManifestEntryGenerateFileKey(copy, *backup->manifestEncryption, error)) return nullptr;
     }
-    std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
-    entries.push_back(copy);
-    QVManifestUpdateEntries(backup->manifest, std::move(entries));
+    QVManifestAddEntries(backup->manifest, {copy});
     return copy;
 }
 
@@ -196,7 +188,6 @@ Entry QVBackupContainerStoreFileForPath(const Backup& backup, CFStringRef domain
     }
     QVBackupContainerCreateDirectoryAtPath(backup, domain, CFSTR(""));
     Entry existing = QVBackupContainerGetEntryForPath(backup, domain, path);
-    std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
     CFErrorRef createError = nullptr;
     Entry created = QVManifestEntryCreateForFile(file, domain, path, nullptr, &createError);
     if (!created) {
@@ -206,34 +197,35 @@ Entry QVBackupContainerStoreFileForPath(const Backup& backup, CFStringRef domain
         StoreError(error, failure);
         return nullptr;
     }
+    // Edits change the manifest in place: the entries added and removed, never a copy of the whole list.
+    std::vector<Entry> added;
+    std::vector<Entry> replaced;
     if (existing) {
         if (!QVManifestEntryIsDirectory(existing)) {
             _QVManifestEntryCloneAttributes(created, existing);
             log_fmt(log_level::debug, "{}: Generated new entry {} (replacing FILE {})", __PRETTY_FUNCTION__, created,
                     existing);
-            dropByIdentity(entries, existing);
+            replaced.push_back(existing);
         } else {
             log_fmt(log_level::debug, "{}: Generated new entry {} (replacing DIRECTORY {})", __PRETTY_FUNCTION__,
                     created, existing);
-            QVBackupContainerRemovePath(backup, domain, path);
-            entries = QVManifestGetEntries(backup->manifest);
+            replaced = QVManifestCopyEntriesAtPath(backup->manifest, domain, path);
         }
     } else {
         log_fmt(log_level::debug, "{}: Generated new entry {}", __PRETTY_FUNCTION__, created);
         std::string text = CF::UTF8(path);
-        std::string prefix;
         for (size_t slash = text.find('/'); slash != std::string::npos; slash = text.find('/', slash + 1)) {
-            prefix = text.substr(0, slash);
-            CF::String parent(prefix);
+            CF::String parent(text.substr(0, slash));
             if (!QVManifestGetEntryMatchingPath(backup->manifest, domain, parent.get()))
-                entries.push_back(QVManifestEntryCreateForDirectory(domain, parent.get()));
+                added.push_back(QVManifestEntryCreateForDirectory(domain, parent.get()));
         }
     }
     if (backup->manifestEncryption) {
         if (!QVManifestEntryGenerateFileKey(created, *backup->manifestEncryption, error)) return nullptr;
     }
-    entries.push_back(created);
-    QVManifestUpdateEntries(backup->manifest, std::move(entries));
+    added.push_back(created);
+    QVManifestRemoveEntries(backup->manifest, replaced);
+    QVManifestAddEntries(backup->manifest, added);
     return created;
 }
 
@@ -243,9 +235,7 @@ Entry QVBackupContainerCreateDirectoryAtPath(const Backup& backup, CFStringRef d
     if (Entry existing = QVBackupContainerGetEntryForPath(backup, domain, path))
         return QVManifestEntryIsDirectory(existing) ? existing : nullptr;
     Entry created = QVManifestEntryCreateForDirectory(domain, path);
-    std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
-    entries.push_back(created);
-    QVManifestUpdateEntries(backup->manifest, std::move(entries));
+    QVManifestAddEntries(backup->manifest, {created});
     return created;
 }
 
@@ -255,29 +245,22 @@ Entry QVBackupContainerCreateSymlinkAtPath(const Backup& backup, CFStringRef dom
     Entry existing = QVBackupContainerGetEntryForPath(backup, domain, path);
     if (existing && !QVManifestEntryIsSymlink(existing)) return nullptr;
     QVBackupContainerCreateDirectoryAtPath(backup, domain, CFSTR(""));
-    std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
-    if (existing) dropByIdentity(entries, existing);
+    if (existing) QVManifestRemoveEntries(backup->manifest, {existing});
     Entry created = QVManifestEntryCreateForSymlink(domain, path, target);
-    entries.push_back(created);
-    QVManifestUpdateEntries(backup->manifest, std::move(entries));
+    QVManifestAddEntries(backup->manifest, {created});
     return created;
 }
 
 unsigned char QVBackupContainerRemovePath(const Backup& backup, CFStringRef domain, CFStringRef path) {
     QV_ASSERT(backup);
     Entry existing = QVBackupContainerGetEntryForPath(backup, domain, path);
-    std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
     if (existing && !QVManifestEntryIsDirectory(existing)) {
-        dropByIdentity(entries, existing);
-        QVManifestUpdateEntries(backup->manifest, std::move(entries));
+        QVManifestRemoveEntries(backup->manifest, {existing});
         return 1;
     }
     std::vector<Entry> below = QVManifestCopyEntriesAtPath(backup->manifest, domain, path);
     if (below.empty()) return 0;
-    std::unordered_set<const QVManifestEntryClass*> doomed;
-    for (const Entry& entry : below) doomed.insert(entry.get());
-    std::erase_if(entries, [&](const Entry& entry) { return doomed.count(entry.get()) != 0; });
-    QVManifestUpdateEntries(backup->manifest, std::move(entries));
+    QVManifestRemoveEntries(backup->manifest, below);
     return 1;
 }
 

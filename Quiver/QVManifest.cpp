@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <unordered_set>
 
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVLog.hpp"
@@ -26,6 +27,15 @@ const std::vector<Entry>* entriesInDomain(QVManifestClass& manifest, CFStringRef
     auto it = manifest.domainIndex.find(CF::UTF8(domain));
     return it == manifest.domainIndex.end() ? nullptr : &it->second;
 }
+
+std::string pathKey(CFStringRef domain, CFStringRef path) {
+    std::string key = CF::UTF8(domain);
+    key += '\0';
+    key += CF::UTF8(path);
+    return key;
+}
+
+std::string pathKey(const Entry& entry) { return pathKey(QVManifestEntryGetDomain(entry), QVManifestEntryGetPath(entry)); }
 
 void computeTotals(QVManifestClass& manifest) {
     // Sizes come from the manifest file and cannot be trusted: add them without signed overflow.
@@ -74,7 +84,8 @@ Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) 
                         __PRETTY_FUNCTION__, entry);
                 continue;
             }
-            manifest->fileIDIndex.emplace(std::move(id), entry);  // the first entry with an ID wins
+            // The first entry with an ID wins.
+            if (!manifest->fileIDIndex.emplace(std::move(id), entry).second) manifest->duplicateKeys = true;
         }
     }
     auto it = manifest->fileIDIndex.find(CF::UTF8(fileID));
@@ -83,13 +94,14 @@ Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) 
 
 Entry QVManifestGetEntryMatchingPath(const Manifest& manifest, CFStringRef domain, CFStringRef path) {
     QV_ASSERT(manifest);
-    const auto* inDomain = entriesInDomain(*manifest, domain);
-    if (!inDomain || !path) return nullptr;
-    for (const Entry& entry : *inDomain) {
-        CFStringRef entryPath = QVManifestEntryGetPath(entry);
-        if (entryPath && CFEqual(entryPath, path)) return entry;
+    if (!path) return nullptr;
+    if (manifest->pathIndex.empty()) {
+        manifest->pathIndex.reserve(manifest->entries.size());
+        for (const Entry& entry : manifest->entries)
+            if (!manifest->pathIndex.emplace(pathKey(entry), entry).second) manifest->duplicateKeys = true;
     }
-    return nullptr;
+    auto it = manifest->pathIndex.find(pathKey(domain, path));
+    return it == manifest->pathIndex.end() ? nullptr : it->second;
 }
 
 std::vector<Entry> QVManifestCopyEntriesInDomain(const Manifest& manifest, CFStringRef domain) {
@@ -162,8 +174,86 @@ void QVManifestUpdateEntries(const Manifest& manifest, std::vector<Entry> entrie
     manifest->entries = std::move(entries);
     manifest->domainIndex.clear();
     manifest->fileIDIndex.clear();
+    manifest->pathIndex.clear();
+    manifest->positions.clear();
+    manifest->duplicateKeys = false;
     manifest->fileIDList.Reset();
     computeTotals(*manifest);
+}
+
+void QVManifestAddEntries(const Manifest& manifest, const std::vector<Entry>& added) {
+    QV_ASSERT(manifest);
+    QVManifestClass& m = *manifest;
+    uint64_t size = static_cast<uint64_t>(m.totalFileSize);
+    for (const Entry& entry : added) {
+        QV_ASSERT(entry);
+        m.entries.push_back(entry);
+        // Each index that exists takes the entry as a rebuild would (the first entry of a key wins).
+        if (!m.domainIndex.empty()) {
+            std::string domain = CF::UTF8(QVManifestEntryGetDomain(entry));
+            if (!domain.empty()) m.domainIndex[domain].push_back(entry);
+        }
+        if (!m.fileIDIndex.empty()) {
+            std::string id = CF::UTF8(QVManifestEntryGetFileID(entry));
+            if (!id.empty() && !m.fileIDIndex.emplace(std::move(id), entry).second) m.duplicateKeys = true;
+        }
+        if (!m.pathIndex.empty() && !m.pathIndex.emplace(pathKey(entry), entry).second) m.duplicateKeys = true;
+        if (!m.positions.empty()) m.positions.emplace(entry.get(), m.entries.size() - 1);
+        size += QVManifestEntryGetFileSize(entry);
+        if (QVManifestEntryIsFile(entry)) ++m.totalFileCount;
+    }
+    m.totalFileSize = static_cast<int64_t>(size);
+    m.fileIDList.Reset();
+}
+
+void QVManifestRemoveEntries(const Manifest& manifest, const std::vector<Entry>& removed) {
+    QV_ASSERT(manifest);
+    QVManifestClass& m = *manifest;
+    if (removed.empty()) return;
+    if (m.positions.empty() && !m.entries.empty()) {
+        m.positions.reserve(m.entries.size());
+        for (size_t i = 0; i < m.entries.size(); ++i) m.positions.emplace(m.entries[i].get(), i);
+    }
+    // The same entry object twice in the list leaves positions ambiguous: remove by scanning then.
+    const bool byPosition = m.positions.size() == m.entries.size();
+    uint64_t size = static_cast<uint64_t>(m.totalFileSize);
+    std::unordered_set<const QVManifestEntryClass*> doomed;
+    for (const Entry& entry : removed) {
+        if (!entry || !doomed.insert(entry.get()).second) continue;
+        if (byPosition) {
+            auto at = m.positions.find(entry.get());
+            if (at == m.positions.end()) continue;
+            // The last entry takes the place of the removed one; the list's order carries no meaning.
+            const size_t hole = at->second;
+            m.positions.erase(at);
+            if (hole + 1 != m.entries.size()) {
+                m.entries[hole] = std::move(m.entries.back());
+                m.positions[m.entries[hole].get()] = hole;
+            }
+            m.entries.pop_back();
+        } else if (std::erase_if(m.entries, [&](const Entry& e) { return e.get() == entry.get(); }) == 0) {
+            continue;
+        }
+        size -= QVManifestEntryGetFileSize(entry);
+        if (QVManifestEntryIsFile(entry)) --m.totalFileCount;
+        if (m.duplicateKeys) continue;  // the indexes are dropped below
+        for (auto* index : {&m.fileIDIndex, &m.pathIndex}) {
+            if (index->empty()) continue;
+            auto it = index->find(index == &m.fileIDIndex ? CF::UTF8(QVManifestEntryGetFileID(entry)) : pathKey(entry));
+            if (it != index->end() && it->second.get() == entry.get()) index->erase(it);
+        }
+    }
+    if (!byPosition) m.positions.clear();
+    // With keys shared, another entry may stand behind a removed one: the lookups are built again.
+    if (m.duplicateKeys) {
+        m.fileIDIndex.clear();
+        m.pathIndex.clear();
+        m.duplicateKeys = false;
+    }
+    // A domain's list would cost a scan of the domain: it is built again when next asked for.
+    m.domainIndex.clear();
+    m.fileIDList.Reset();
+    m.totalFileSize = static_cast<int64_t>(size);
 }
 
 Manifest MakeManifest(std::vector<Entry> entries, QVManifestDataVersion version, CF::Dictionary flagOnlyRecords,

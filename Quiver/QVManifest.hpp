@@ -36,6 +36,12 @@ public:
     std::vector<Quiver::Entry> entries;
     std::unordered_map<std::string, std::vector<Quiver::Entry>> domainIndex;
     std::unordered_map<std::string, Quiver::Entry> fileIDIndex;
+    // Domain, a NUL and path, to the entry; built on the first path lookup like the other indexes,
+    // and, like them, kept up to date by the edits below once built.
+    std::unordered_map<std::string, Quiver::Entry> pathIndex;
+    // Where each entry stands in `entries`, built on the first removal so that a removal costs no scan.
+    std::unordered_map<const QVManifestEntryClass*, size_t> positions;
+    bool duplicateKeys = false;  // two entries share a file ID or a path: an index keeps the first
     CF::Array fileIDList;
     QVManifestDataVersion dataVersion = QVManifestDataVersionUnset;
     CF::Dictionary flagOnlyRecords;  // fileID -> flags (CFNumber)
@@ -65,6 +71,11 @@ QV_EXPORT int64_t QVManifestGetTotalFileCount(const Manifest& manifest);
 QV_EXPORT int64_t QVManifestGetTotalFileSize(const Manifest& manifest);
 // Replaces the entry list whole, drops the indexes and recomputes the totals.
 QV_EXPORT void QVManifestUpdateEntries(const Manifest& manifest, std::vector<Entry> entries);
+// Edits that keep the indexes already built instead of dropping them: adding costs the entries added,
+// removing one scan of the entry list, so that a thousand edits of a manifest of a million entries take
+// a blink rather than a thousand rebuilds.
+QV_EXPORT void QVManifestAddEntries(const Manifest& manifest, const std::vector<Entry>& added);
+QV_EXPORT void QVManifestRemoveEntries(const Manifest& manifest, const std::vector<Entry>& removed);
 
 // A manifest made by a loader: the entries in order, the totals computed from them.
 Manifest MakeManifest(std::vector<Entry> entries, QVManifestDataVersion version, CF::Dictionary flagOnlyRecords,

@@ -1,6 +1,8 @@
 // The manifest's queries and indexes.
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "Quiver/QVManifest.hpp"
 #include "support/TemporaryPath.hpp"
 
@@ -113,4 +115,57 @@ TEST_F(ManifestTest, CopiesKeepTheTotalsUpdateReplacesEntriesAndRecomputesThem) 
     EXPECT_EQ(QVManifestGetTotalFileCount(manifest), 1);
     EXPECT_EQ(QVManifestGetTotalFileSize(manifest), 7);
     EXPECT_EQ(CFArrayGetCount(QVManifestGetFileIDs(manifest)), 1);
+}
+
+// Edits in place keep every lookup as a rebuild from the same entries would make it: a random run of
+// additions and removals (duplicate file IDs and paths among them) is checked against a fresh manifest
+// after every step.
+TEST_F(ManifestTest, EditsInPlaceAnswerEveryLookupAsARebuildWould) {
+    std::mt19937 rng(5);
+    auto file = QVFileCreateFromData(std::vector<uint8_t>(7, 'y'), nullptr);
+    const char* domains[] = {"HomeDomain", "CameraRollDomain", "AppDomain-com.example"};
+    std::vector<Entry> model = QVManifestGetEntries(manifest);
+    for (int step = 0; step < 300; ++step) {
+        SCOPED_TRACE(step);
+        const CF::String domain(domains[rng() % 3]);
+        const CF::String path("p" + std::to_string(rng() % 40));
+        // Every few steps, look things up first so that the edits meet built indexes.
+        if (step % 3 == 0) {
+            QVManifestGetEntryForFileID(manifest, CFSTR("0"));
+            QVManifestGetEntryMatchingPath(manifest, domain.get(), path.get());
+            QVManifestCopyEntriesInDomain(manifest, domain.get());
+        }
+        if (rng() % 3 != 0 || model.empty()) {
+            Entry added = rng() % 2 ? dir(domain.utf8().c_str(), path.utf8().c_str())
+                                    : QVManifestEntryCreateForFile(file, domain.get(), path.get(), nullptr, nullptr);
+            QVManifestAddEntries(manifest, {added});
+            model.push_back(added);
+        } else {
+            std::vector<Entry> removed = {model[rng() % model.size()], model[rng() % model.size()]};
+            QVManifestRemoveEntries(manifest, removed);
+            std::erase_if(model, [&](const Entry& e) { return e == removed[0] || e == removed[1]; });
+        }
+        Manifest fresh = QVManifestCreateEmpty();
+        QVManifestUpdateEntries(fresh, model);
+        ASSERT_EQ(QVManifestGetEntries(manifest).size(), model.size());
+        EXPECT_EQ(QVManifestGetTotalFileCount(manifest), QVManifestGetTotalFileCount(fresh));
+        EXPECT_EQ(QVManifestGetTotalFileSize(manifest), QVManifestGetTotalFileSize(fresh));
+        EXPECT_EQ(CFArrayGetCount(QVManifestGetFileIDs(manifest)), CFArrayGetCount(QVManifestGetFileIDs(fresh)));
+        for (const char* d : domains) {
+            const CF::String dd(d);
+            EXPECT_EQ(QVManifestCopyEntriesInDomain(manifest, dd.get()).size(),
+                      QVManifestCopyEntriesInDomain(fresh, dd.get()).size());
+            for (int p = 0; p < 40; ++p) {
+                const CF::String pp("p" + std::to_string(p));
+                Entry a = QVManifestGetEntryMatchingPath(manifest, dd.get(), pp.get());
+                Entry b = QVManifestGetEntryMatchingPath(fresh, dd.get(), pp.get());
+                // With two entries of one path, either may answer; both must exist or neither.
+                EXPECT_EQ(a == nullptr, b == nullptr) << d << " p" << p;
+                CF::String id = CF::String::Adopt(QVManifestEntryCopyFileIDForPath(dd.get(), pp.get()));
+                EXPECT_EQ(QVManifestGetEntryForFileID(manifest, id.get()) == nullptr,
+                          QVManifestGetEntryForFileID(fresh, id.get()) == nullptr);
+            }
+        }
+        if (testing::Test::HasFailure()) break;
+    }
 }
