@@ -29,11 +29,10 @@ inline void WritePlist(const std::filesystem::path& path, const CF::Dictionary& 
     WriteBytes(path, data.bytes().data(), data.bytes().size());
 }
 
-// Writes the backup into dir (created); returns the size of the plain Manifest.db. The library's
-// temporary path must be set.
-inline size_t WriteLargeBackup(const std::filesystem::path& dir, int64_t rows, bool encrypted) {
+// The manifest of such a backup: entries with wrapped keys when encrypted. The library's temporary path
+// must be set.
+inline Quiver::Manifest MakeLargeManifest(int64_t rows, bool encrypted) {
     using namespace Quiver;
-    std::filesystem::create_directories(dir);
     std::vector<CF::String> domains;
     for (int d = 0; d < 40; ++d)
         domains.emplace_back(d == 0 ? std::string("HomeDomain") : "AppDomain-com.example.app" + std::to_string(d));
@@ -64,6 +63,15 @@ inline size_t WriteLargeBackup(const std::filesystem::path& dir, int64_t rows, b
     }
     Manifest manifest = QVManifestCreateEmpty();
     QVManifestUpdateEntries(manifest, std::move(entries));
+    return manifest;
+}
+
+// Writes the backup into dir (created); returns the size of the plain Manifest.db. The library's
+// temporary path must be set.
+inline size_t WriteLargeBackup(const std::filesystem::path& dir, int64_t rows, bool encrypted) {
+    using namespace Quiver;
+    std::filesystem::create_directories(dir);
+    Manifest manifest = MakeLargeManifest(rows, encrypted);
     std::vector<std::byte> database = QVManifestCreateManifestDBRepresentation(manifest, QVManifestDataVersion33);
     const std::span<const uint8_t> plain(reinterpret_cast<const uint8_t*>(database.data()), database.size());
 

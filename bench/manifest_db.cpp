@@ -2,8 +2,8 @@
 // manifest, beside a bare SQLite scan of the same rows that touches every column (the floor), and
 // writing the manifest back. Reports the heap memory that the loaded manifest holds per entry.
 //
-// The rows are a realistic mix: a few dozen domains, nested paths, regular files with digests and
-// wrapped keys (two thirds), directories, and some symlinks.
+// The rows are those of the phone-sized backup of LargeBackup.hpp, with wrapped keys: a few dozen
+// domains, two thirds files (half with digests), directories and some symlinks.
 #include <benchmark/benchmark.h>
 
 #include <SQLiteCpp/SQLiteCpp.h>
@@ -19,6 +19,7 @@
 #include "Quiver/QVManifestDB.hpp"
 #include "Quiver/QVTemporaryPath.hpp"
 #include "Quiver/Support/Random.hpp"
+#include "bench/LargeBackup.hpp"
 
 namespace fs = std::filesystem;
 using namespace Quiver;
@@ -40,39 +41,7 @@ int64_t benchRows() {
 // Heap bytes in use: unlike the resident size, it does not hide allocations that reuse freed memory.
 long residentBytes() { return static_cast<long>(mallinfo2().uordblks); }
 
-Manifest makeManifest(int64_t rows) {
-    std::vector<Entry> entries;
-    entries.reserve(static_cast<size_t>(rows));
-    std::vector<CF::String> domains;
-    for (int d = 0; d < 40; ++d)
-        domains.emplace_back(d == 0 ? std::string("HomeDomain") : "AppDomain-com.example.app" + std::to_string(d));
-    std::vector<uint8_t> key(44, 0x5a);
-    key[0] = 3;
-    key[1] = key[2] = key[3] = 0;
-    for (int64_t i = 0; i < rows; ++i) {
-        const CF::String& domain = domains[static_cast<size_t>(i % 40)];
-        std::string path = "Library/Caches/Group" + std::to_string(i % 997) + "/Item" + std::to_string(i) + ".dat";
-        Entry entry;
-        if (i % 3 != 2) {
-            entry = QVManifestEntryCreateForDirectory(domain.get(), CF::String(path).get());
-            entry->mode = 0x81A4;
-            entry->fileType = 1;
-            entry->size = static_cast<uint64_t>(i * 37 % 1000000);
-            entry->digest = CF::Data(Support::RandomBytes(20));
-            entry->encryptionKey = CF::Data(key);
-            entry->protectionClass = EntryProtectionClassCompleteUntilUnlocked;
-        } else if (i % 30 == 2) {
-            entry = QVManifestEntryCreateForSymlink(domain.get(), CF::String(path).get(), CFSTR("../elsewhere"));
-        } else {
-            entry = QVManifestEntryCreateForDirectory(domain.get(), CF::String(path).get());
-        }
-        entry->inode = static_cast<uint64_t>(1000000 + i);
-        entries.push_back(std::move(entry));
-    }
-    Manifest m = QVManifestCreateEmpty();
-    QVManifestUpdateEntries(m, std::move(entries));
-    return m;
-}
+Manifest makeManifest(int64_t rows) { return QuiverBench::MakeLargeManifest(rows, true); }
 
 void BM_BareScan(benchmark::State& state) {
     for (auto _ : state) {
