@@ -167,7 +167,6 @@ bool sourceHas(const Backup& backup, const char* name) {
 
 // Backups of iOS 3 and earlier kept one .mdinfo and one .mddata file per item and no manifest.
 bool looksLikeMdinfoLayout(const Backup& backup) {
-    if (backup->sourceType != QVDataSourceTypeDirectory) return false;
     std::error_code ec;
     for (fs::directory_iterator it(fs::path(backup->path.utf8()), ec), end; !ec && it != end; it.increment(ec)) {
         if (it->path().extension() == ".mdinfo") return true;
@@ -177,6 +176,7 @@ bool looksLikeMdinfoLayout(const Backup& backup) {
 
 // Said before anything else about a folder of that generation, whatever its metadata claims.
 void refuseMdinfoLayout(const Backup& backup) {
+    if (backup->sourceType != QVDataSourceTypeDirectory) return;
     if (!sourceHas(backup, "Manifest.db") && !sourceHas(backup, "Manifest.mbdb") && looksLikeMdinfoLayout(backup))
         throw Error(QVErrorUnknownManifestVersion, CF::Error(),
                     "This backup was made by iOS 3 or earlier (one .mdinfo and one .mddata file per item, no "

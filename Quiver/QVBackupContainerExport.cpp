@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <ctime>
 #include <filesystem>
+#include <span>
 #include <system_error>
 
 #include <fmt/ranges.h>
@@ -92,19 +93,11 @@ bool writeEachName(const Backup& backup, const ExportProgress& progress, const c
 }
 
 // Photos, videos, compressed data and every enciphered file are as small as they will get: deflating
-// them again costs most of an export's time for nothing. A fast deflate of the start of a member
-// tells; it is stored when that does not save a tenth.
-bool worthDeflating(const std::shared_ptr<QVFileClass>& file) {
+// them again costs most of an export's time for nothing. A fast deflate of the member's first bytes,
+// which are at hand anyway, tells; it is stored when that does not save a tenth.
+bool worthDeflating(std::span<const uint8_t> start) {
     constexpr size_t kSample = 65536;
-    std::vector<uint8_t> sample;
-    try {
-        QVFileGetData(file, kSample, [&](const std::vector<uint8_t>& chunk) {
-            sample.insert(sample.end(), chunk.begin(), chunk.end());
-            return sample.size() < kSample;
-        });
-    } catch (const std::exception&) {
-        return true;  // the write that follows reports the failure
-    }
+    const std::span<const uint8_t> sample = start.first(std::min(start.size(), kSample));
     if (sample.size() < 64) return true;
     uLongf packed = compressBound(static_cast<uLong>(sample.size()));
     std::vector<uint8_t> out(packed);
@@ -213,38 +206,42 @@ unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef des
         info.tmz_date.tm_year = static_cast<uInt>(local.tm_year + 1900);
         const int zip64 = QVFileGetSize(file) >= kZip64Threshold ? 1 : 0;
         const std::string member = name.utf8();
-        const bool deflate = worthDeflating(file);
-        int result = zipOpenNewFileInZip3_64(writer.zip, member.c_str(), &info, nullptr, 0, nullptr, 0, nullptr,
+        // The member is opened once its first bytes are read, which decide whether it is deflated.
+        bool opened = false;
+        auto open = [&](std::span<const uint8_t> start) {
+            const bool deflate = worthDeflating(start);
+            opened = zipOpenNewFileInZip3_64(writer.zip, member.c_str(), &info, nullptr, 0, nullptr, 0, nullptr,
                                              deflate ? Z_DEFLATED : 0, deflate ? Z_DEFAULT_COMPRESSION : 0, 0,
-                                             -MAX_WBITS, 8, Z_DEFAULT_STRATEGY, nullptr, 0, zip64);
-        bool written = result == ZIP_OK;
-        if (written) {
-            auto write = [&](const uint8_t* bytes, size_t length) {
-                int r = zipWriteInFileInZip(writer.zip, bytes, static_cast<unsigned>(length));
-                if (r != ZIP_OK) {
-                    report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
-                                 fmt::format("ZipWriteInFile failed ({})", r)));
-                    return false;
-                }
-                counter.written += static_cast<int64_t>(length);
-                return true;
-            };
-            try {
-                if (auto whole = QVFileGetDataQuickly(file)) {
-                    written = write(whole->data(), whole->size());
-                } else {
-                    QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
-                        written = write(chunk.data(), chunk.size());
-                        return written;
-                    });
-                }
-            } catch (const std::exception& e) {
+                                             -MAX_WBITS, 8, Z_DEFAULT_STRATEGY, nullptr, 0, zip64) == ZIP_OK;
+            return opened;
+        };
+        auto write = [&](const uint8_t* bytes, size_t length) {
+            int r = zipWriteInFileInZip(writer.zip, bytes, static_cast<unsigned>(length));
+            if (r != ZIP_OK) {
                 report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
-                             fmt::format("ZipWriteInFile failed ({})", e.what())));
-                written = false;
+                             fmt::format("ZipWriteInFile failed ({})", r)));
+                return false;
             }
-            if (zipCloseFileInZip(writer.zip) != ZIP_OK) written = false;
+            counter.written += static_cast<int64_t>(length);
+            return true;
+        };
+        bool written = true;
+        try {
+            if (auto whole = QVFileGetDataQuickly(file)) {
+                written = open(*whole) && write(whole->data(), whole->size());
+            } else {
+                QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
+                    written = (opened || open(chunk)) && write(chunk.data(), chunk.size());
+                    return written;
+                });
+                if (written && !opened) written = open({});  // an empty file
+            }
+        } catch (const std::exception& e) {
+            report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
+                         fmt::format("ZipWriteInFile failed ({})", e.what())));
+            written = false;
         }
+        if (opened && zipCloseFileInZip(writer.zip) != ZIP_OK) written = false;
         if (!written)
             report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
                          fmt::format("File {} could not be written in zip", name)));

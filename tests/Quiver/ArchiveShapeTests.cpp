@@ -198,24 +198,4 @@ TEST_F(RealManifestShape, EveryDeviceRowWrittenAgainKeepsItsShapeAndValues) {
     EXPECT_EQ(rows, 3721u);
 }
 
-// Without real data: what an entry carries beyond its members reaches the blob it is written to.
-TEST(EntryArchive, FlagsAndUnmodelledKeysSurviveAnEntryAndItsCopy) {
-    MB::File record;
-    record.RelativePath = CF::String("Library/a.db");
-    record.Mode = 0100644;
-    record.LastModified = record.LastStatusChange = record.Birth = 1617115200;
-    record.Flags = 128;
-    record.Unmodelled = Dict({{"Generation", 3}, {"Note", "kept"}});
-    const CF::Data blob = record.Encode();
-    Quiver::Entry entry = Quiver::QVManifestEntryCreateFromMBFileData(CFSTR("0123"), CFSTR("HomeDomain"),
-                                                                      CFSTR("Library/a.db"), 1, blob.get(), nullptr);
-    ASSERT_TRUE(entry);
-    for (const Quiver::Entry& e : {entry, Quiver::QVManifestEntryCreateCopy(entry, nullptr)}) {
-        auto back = MB::File::Decode(Quiver::QVManifestEntryCreateMBFileDataRepresentation(e).get());
-        ASSERT_TRUE(back.has_value());
-        EXPECT_EQ(back->Flags, 128);
-        EXPECT_TRUE(*back == record);
-    }
-}
-
 }  // namespace

@@ -1,6 +1,5 @@
 // Export to a directory and to a zip file, and the zip source: round trips in all four combinations
-// of plain or encrypted and directory or zip, an independent reader of an exported encrypted backup,
-// and damaged zip files.
+// of plain or encrypted and directory or zip, which members a zip stores, and damaged zip files.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,7 +13,6 @@
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVError.hpp"
 #include "support/BackupBuilder.hpp"
-#include "support/IndependentReader.hpp"
 #include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
 
@@ -231,26 +229,4 @@ TEST_F(ExportTest, ZipWithoutInfoPlistFailsWhereADirectoryWouldLoad) {
     EXPECT_FALSE(open(zip, nullptr, true, &failure));
     EXPECT_EQ(failure.Reason(), "Failed to load backup metadata file (Info.plist)");
     EXPECT_EQ(failure.Underlying().Reason(), "Could not locate file record in zip");
-}
-
-TEST_F(ExportTest, IndependentReaderDecryptsAnExportedEncryptedBackup) {
-    BackupDescription description{.items = SampleItems(), .encrypted = true};
-    BuiltBackup built = BuildBackup(root / "src", description);
-    Backup source = open(built.directory, "password", false);
-    ASSERT_TRUE(source);
-    const std::vector<uint8_t> added = {'n', 'e', 'w', ' ', 'f', 'i', 'l', 'e'};
-    ASSERT_TRUE(QVBackupContainerStoreFileForPath(source, CFSTR("MediaDomain"), CFSTR("Media/new.bin"),
-                                                  QVFileCreateFromData(added, nullptr), nullptr));
-    fs::path out = root / "out";
-    ASSERT_EQ(QVBackupContainerExportToDirectory(source, CF::String(out.string()).get(), nullptr), 1);
-
-    IndependentBackup read = ReadBackupIndependently(out, "password");
-    EXPECT_TRUE(read.manifestEnciphered);
-    std::map<std::pair<std::string, std::string>, std::vector<uint8_t>> expected{{{"MediaDomain", "Media/new.bin"}, added}};
-    for (const BuiltItem& item : built.items)
-        if (item.kind == ItemKind::File) expected[{item.domain, item.relativePath}] = item.content;
-    std::map<std::pair<std::string, std::string>, std::vector<uint8_t>> seen;
-    for (const IndependentEntry& e : read.entries)
-        if (e.kind == IndependentEntry::Kind::File) seen[{e.domain, e.relativePath}] = e.plaintext;
-    EXPECT_EQ(seen, expected);
 }

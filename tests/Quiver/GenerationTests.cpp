@@ -2,22 +2,18 @@
 // backups of iOS 10.0 and 10.1; an enciphered Manifest.db with a manifest key), edited and written out
 // by the library. The export must stay in its generation, since a device restores only what it would
 // itself have written; the library must read both exports back; and a reader that shares no code with
-// the library must agree with it file for file, digests of the stored bytes included. The key bags of
-// the generations are checked where they differ: one derivation pass or two.
+// the library must agree with it file for file, digests of the stored bytes included.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
-#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "Quiver/MB/KeyBag.hpp"
 #include "Quiver/QVBackupContainer.hpp"
-#include "Quiver/QVError.hpp"
 #include "Quiver/Support/Encoding.hpp"
 #include "Quiver/Support/Hash.hpp"
 #include "support/BackupBuilder.hpp"
@@ -258,53 +254,5 @@ TEST_P(GenerationTest, EditedExportKeepsItsGenerationAndReadsTheSameToTheLibrary
 
 INSTANTIATE_TEST_SUITE_P(Generations, GenerationTest, ::testing::ValuesIn(kGenerations),
                          [](const ::testing::TestParamInfo<Generation>& info) { return std::string(info.param.name); });
-
-class GenerationKeyBagTest : public ScratchDirectoryTest {
-protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        UseTestTemporaryPath();
-    }
-};
-
-// Devices mark classes 11, 10, 9 and 5 as wrapped with their own key as well as the password, in
-// every generation; only the derivation differs. The password alone must open all of them.
-TEST_F(GenerationKeyBagTest, DeviceMarkedClassesOpenWithThePasswordInOnePassAndTwoPassKeyBags) {
-    const std::map<uint32_t, uint32_t> wraps{{11, 3}, {10, 3}, {9, 3}, {8, 2}, {7, 2}, {6, 2},
-                                             {5, 3},  {4, 2},  {3, 2}, {2, 2}, {1, 2}};
-    for (const char* version : {"2.4", "3.0", "3.3"}) {
-        SCOPED_TRACE(version);
-        const bool twoPasses = std::string(version) == "3.3";
-        BuiltBackup built = BuildBackup(root / version, {.items = SampleItems(), .manifestVersion = version, .encrypted = true});
-        const CF::Data blob = ReadPropertyList(built.directory / "Manifest.plist").Get<CF::Data>("BackupKeyBag");
-        MB::KeyBag bag(blob, "password");
-        EXPECT_EQ(bag.GetUnlockedKeys().size(), wraps.size());
-        std::map<uint32_t, uint32_t> seen;
-        std::map<std::string, int> tags;
-        std::optional<uint32_t> protectionClass;
-        for (const auto& [tag, value] : bag.GetRaw()) {
-            ++tags[tag];
-            const uint32_t number = value.size() == 4 ? (uint32_t{value[0]} << 24) | (uint32_t{value[1]} << 16) |
-                                                            (uint32_t{value[2]} << 8) | value[3]
-                                                      : 0;
-            if (tag == "CLAS") protectionClass = number;
-            if (tag == "WRAP" && protectionClass) seen[*protectionClass] = number;
-        }
-        EXPECT_EQ(seen, wraps);
-        for (const char* tag : {"DPWT", "DPIC", "DPSL"}) EXPECT_EQ(tags[tag], twoPasses ? 1 : 0) << tag;
-
-        auto open = [&](const char* password, CF::Error& failure) {
-            CFErrorRef error = nullptr;
-            Backup backup = QVBackupContainerCreateFromDirectory(CF::String(built.directory.string()).get(),
-                                                                 CF::String(password).get(), nullptr, &error);
-            failure = CF::Error::Adopt(error);
-            return backup;
-        };
-        CF::Error failure;
-        EXPECT_TRUE(open("password", failure)) << failure.Text();
-        EXPECT_FALSE(open("wrong", failure));
-        EXPECT_EQ(failure.Code(), QVErrorUnlockFailed) << failure.Text();
-    }
-}
 
 }  // namespace

@@ -3,6 +3,7 @@
 // `csv` (the CSV listing of a Manifest.db file).
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include <fmt/format.h>
@@ -149,27 +150,17 @@ struct ListOptions {
     bool longFormat = false;
 };
 
-// A JSON string: quotes, backslashes and control characters escaped, everything else as it is (names
-// are UTF-8).
-void AppendJsonString(std::string& out, std::string_view text) {
-    out += '"';
-    for (const char c : text) {
-        switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\b': out += "\\b"; break;
-            case '\f': out += "\\f"; break;
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
-            default:
-                if (static_cast<unsigned char>(c) < 0x20) {
-                    out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
-                } else {
-                    out += c;
-                }
-        }
+// A JSON string. Names rarely need escaping, so the JSON library is asked only for those that do.
+void AppendJsonString(std::string& out, const std::string& text) {
+    const bool plain = std::none_of(text.begin(), text.end(), [](char c) {
+        return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20;
+    });
+    if (!plain) {
+        out += json(text).dump();
+        return;
     }
+    out += '"';
+    out += text;
     out += '"';
 }
 
