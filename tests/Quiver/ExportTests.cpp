@@ -1,5 +1,5 @@
-// Export to a directory and to a zip file, and the zip source: round trips in all four combinations
-// of plain or encrypted and directory or zip, which members a zip stores, and damaged zip files.
+// Export to a directory and to a zip file, and the zip source: which members a zip stores, existing
+// destinations, and damaged zip files. Round trips of every generation are in GenerationTests.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -72,52 +72,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(ExportTest, RoundTripsThroughDirectoriesAndZipsPlainAndEncrypted) {
-    for (bool encrypted : {false, true}) {
-        SCOPED_TRACE(encrypted ? "encrypted" : "plain");
-        BackupDescription description;
-        description.items = SampleItems();
-        description.encrypted = encrypted;
-        std::string tag = encrypted ? "e" : "p";
-        BuiltBackup built = BuildBackup(root / ("source" + tag), description);
-        const char* password = encrypted ? "password" : nullptr;
-        Backup source = open(built.directory, password, false);
-        ASSERT_TRUE(source);
-        // An edit, so that exports carry a file that the source never stored.
-        const std::vector<uint8_t> added = {'a', 'd', 'd', 'e', 'd'};
-        ASSERT_TRUE(QVBackupContainerStoreFileForPath(source, CFSTR("HomeDomain"), CFSTR("Documents/added.txt"),
-                                                      QVFileCreateFromData(added, nullptr), nullptr));
-
-        fs::path dir = root / ("dir" + tag), zip = root / ("backup" + tag + ".zip");
-        std::vector<double> fractions;
-        ASSERT_EQ(QVBackupContainerExportToDirectory(source, CF::String(dir.string()).get(),
-                                                     [&](double f) { fractions.push_back(f); }),
-                  1);
-        EXPECT_FALSE(fractions.empty());
-        ASSERT_EQ(QVBackupContainerExportToZip(source, CF::String(zip.string()).get(), nullptr), 1);
-        EXPECT_TRUE(fs::is_regular_file(dir / "Manifest.db"));
-        EXPECT_TRUE(fs::is_regular_file(dir / "Status.plist"));
-
-        for (bool fromZip : {false, true}) {
-            SCOPED_TRACE(fromZip ? "from zip" : "from directory");
-            CF::Error failure;
-            Backup back = open(fromZip ? zip : dir, password, fromZip, &failure);
-            ASSERT_TRUE(back) << failure.Text();
-            EXPECT_EQ(QVBackupContainerIsEncrypted(back), encrypted ? 1 : 0);
-            expectSameContents(source, back);
-            auto file = QVBackupContainerCopyFileForPath(back, CFSTR("HomeDomain"), CFSTR("Documents/added.txt"), nullptr);
-            ASSERT_TRUE(file);
-            EXPECT_EQ(ReadFileObject(file), added);
-            // And once more from what was read: zip to directory and zip to zip.
-            fs::path again = root / ("again" + tag + (fromZip ? "z" : "d"));
-            ASSERT_EQ(QVBackupContainerExportToZip(back, CF::String(again.string() + ".zip").get(), nullptr), 1);
-            Backup third = open(again.string() + ".zip", password, true);
-            ASSERT_TRUE(third);
-            expectSameContents(back, third);
-        }
-    }
-}
 
 // Members that deflating cannot shrink (enciphered files, compressed media) are stored as they are;
 // text is deflated. Both read back the same.

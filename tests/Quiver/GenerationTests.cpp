@@ -219,7 +219,11 @@ TEST_P(GenerationTest, EditedExportKeepsItsGenerationAndReadsTheSameToTheLibrary
     ASSERT_TRUE(source);
     edit(source, model);
     const fs::path dir = root / "export", zip = root / "export.zip";
-    ASSERT_EQ(QVBackupContainerExportToDirectory(source, CF::String(dir.string()).get(), nullptr), 1);
+    std::vector<double> fractions;
+    ASSERT_EQ(QVBackupContainerExportToDirectory(source, CF::String(dir.string()).get(),
+                                                 [&](double f) { fractions.push_back(f); }),
+              1);
+    EXPECT_FALSE(fractions.empty());
     ASSERT_EQ(QVBackupContainerExportToZip(source, CF::String(zip.string()).get(), nullptr), 1);
 
     // The generation, as a device would see it.
@@ -243,6 +247,13 @@ TEST_P(GenerationTest, EditedExportKeepsItsGenerationAndReadsTheSameToTheLibrary
         ASSERT_TRUE(back);
         EXPECT_EQ(back->manifestVersion, source->manifestVersion);
         expectLibraryReads(back, model);
+        if (!fromZip) continue;
+        // Written out again from the zip it was read from.
+        const fs::path again = root / "again.zip";
+        ASSERT_EQ(QVBackupContainerExportToZip(back, CF::String(again.string()).get(), nullptr), 1);
+        Backup third = open(again, true);
+        ASSERT_TRUE(third);
+        expectLibraryReads(third, model);
     }
 
     // Edited files record a digest like the rest, and a replaced file keeps its protection class.
