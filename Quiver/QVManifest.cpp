@@ -16,9 +16,8 @@ namespace {
 void buildDomainIndex(QVManifestClass& manifest) {
     if (!manifest.domainIndex.empty()) return;
     for (const Entry& entry : manifest.entries) {
-        std::string domain = CF::UTF8(QVManifestEntryGetDomain(entry));
-        if (domain.empty()) continue;
-        manifest.domainIndex[domain].push_back(entry);
+        if (entry->domainText.empty()) continue;
+        manifest.domainIndex[std::string(entry->domainText)].push_back(entry);
     }
 }
 
@@ -35,7 +34,12 @@ std::string pathKey(CFStringRef domain, CFStringRef path) {
     return key;
 }
 
-std::string pathKey(const Entry& entry) { return pathKey(QVManifestEntryGetDomain(entry), QVManifestEntryGetPath(entry)); }
+std::string pathKey(const Entry& entry) {
+    std::string key(entry->domainText);
+    key += '\0';
+    key += entry->path();
+    return key;
+}
 
 void computeTotals(QVManifestClass& manifest) {
     // Sizes come from the manifest file and cannot be trusted: add them without signed overflow.
@@ -60,7 +64,9 @@ Manifest QVManifestCreateCopy(const Manifest& source, const QVGetFileFunction& g
     QV_ASSERT(source);
     auto manifest = std::make_shared<QVManifestClass>();
     manifest->entries.reserve(source->entries.size());
-    for (const Entry& entry : source->entries) manifest->entries.push_back(QVManifestEntryCreateCopy(entry, getFile));
+    // One getter shared by every copy.
+    const auto sharedGetter = getFile ? std::make_shared<const QVGetFileFunction>(getFile) : nullptr;
+    for (const Entry& entry : source->entries) manifest->entries.push_back(CopyEntrySharingGetter(entry, sharedGetter));
     manifest->flagOnlyRecords = source->flagOnlyRecords.MutableCopy();
     manifest->totalFileSize = source->totalFileSize;
     manifest->totalFileCount = source->totalFileCount;
@@ -78,7 +84,7 @@ Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) 
     if (manifest->fileIDIndex.empty()) {
         manifest->fileIDIndex.reserve(manifest->entries.size());
         for (const Entry& entry : manifest->entries) {
-            std::string id = CF::UTF8(QVManifestEntryGetFileID(entry));
+            std::string id = entry->fileID();
             if (id.empty()) {
                 log_fmt(log_level::error, "{}: DEVELOPER BUG QVManifestEntry does not have a fileID ({})",
                         __PRETTY_FUNCTION__, entry);
@@ -118,7 +124,7 @@ std::vector<Entry> QVManifestCopyEntriesAtPath(const Manifest& manifest, CFStrin
     const std::string query = CF::UTF8(path);
     std::vector<Entry> result;
     for (const Entry& entry : *inDomain) {
-        const std::string entryPath = CF::UTF8(QVManifestEntryGetPath(entry));
+        const std::string_view entryPath = entry->path();
         // Whole components match exactly when the path is the query itself or continues it with "/"
         // (empty components from leading, doubled or trailing slashes included).
         if (entryPath.size() < query.size() || entryPath.compare(0, query.size(), query) != 0) continue;
@@ -190,11 +196,10 @@ void QVManifestAddEntries(const Manifest& manifest, const std::vector<Entry>& ad
         m.entries.push_back(entry);
         // Each index that exists takes the entry as a rebuild would (the first entry of a key wins).
         if (!m.domainIndex.empty()) {
-            std::string domain = CF::UTF8(QVManifestEntryGetDomain(entry));
-            if (!domain.empty()) m.domainIndex[domain].push_back(entry);
+            if (!entry->domainText.empty()) m.domainIndex[std::string(entry->domainText)].push_back(entry);
         }
         if (!m.fileIDIndex.empty()) {
-            std::string id = CF::UTF8(QVManifestEntryGetFileID(entry));
+            std::string id = entry->fileID();
             if (!id.empty() && !m.fileIDIndex.emplace(std::move(id), entry).second) m.duplicateKeys = true;
         }
         if (!m.pathIndex.empty() && !m.pathIndex.emplace(pathKey(entry), entry).second) m.duplicateKeys = true;
@@ -239,7 +244,7 @@ void QVManifestRemoveEntries(const Manifest& manifest, const std::vector<Entry>&
         if (m.duplicateKeys) continue;  // the indexes are dropped below
         for (auto* index : {&m.fileIDIndex, &m.pathIndex}) {
             if (index->empty()) continue;
-            auto it = index->find(index == &m.fileIDIndex ? CF::UTF8(QVManifestEntryGetFileID(entry)) : pathKey(entry));
+            auto it = index->find(index == &m.fileIDIndex ? entry->fileID() : pathKey(entry));
             if (it != index->end() && it->second.get() == entry.get()) index->erase(it);
         }
     }

@@ -59,14 +59,14 @@ bool QVManifestDBWriteCSVRepresentation(CFStringRef databasePath, const CSVWrite
             ManifestDatabase database;
             database.OpenForReading(std::filesystem::path(CF::String::Retain(databasePath).utf8()));
             database.QueryAllRows(
-                [&](const CF::String& fileID, const CF::String& domain, const CF::String& path, int32_t flags,
-                    const CF::Data& blob, int64_t, int64_t) {
+                [&](const ManifestDatabase::Row& row) {
                     if (!more) return;
+                    const std::string_view fileID = row.fileID;
                     MB::File record;
-                    if (blob.size() > 0) {
+                    if (!row.data.empty()) {
                         std::optional<MB::File> decoded;
                         try {
-                            decoded = MB::File::Decode(blob.get());
+                            decoded = MB::File::Decode(row.data);
                         } catch (const std::exception& e) {
                             throw Error(QVErrorInvalidMBFile, CF::Error(),
                                         fmt::format("Missing or invalid MBFile structure ({}): fileID '{}'", e.what(),
@@ -81,7 +81,8 @@ bool QVManifestDBWriteCSVRepresentation(CFStringRef databasePath, const CSVWrite
                         std::back_inserter(text),
                         "\n\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\",\"{}\","
                         "\"{}\",\"{}\",\"{}\",\"{}\",\"{}\"",
-                        escape(fileID.utf8()), escape(domain.utf8()), escape(path.utf8()), flags,
+                        escape(std::string(fileID)), escape(row.domain.utf8()), escape(std::string(row.relativePath)),
+                        row.flags,
                         escape(record.RelativePath.utf8()), escape(record.Target.utf8()), escape(base64(record.Digest)),
                         escape(base64(record.EncryptionKey)), record.Mode, record.InodeNumber, record.UserID,
                         record.GroupID, record.LastModified, record.LastStatusChange, record.Birth, record.Size,

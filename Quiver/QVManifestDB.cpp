@@ -13,6 +13,7 @@
 #include <system_error>
 #include <unordered_map>
 
+#include "Quiver/QVEntryPool.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVLog.hpp"
 #include "Quiver/QVTemporaryPath.hpp"
@@ -68,6 +69,18 @@ void removeDatabaseFiles(const fs::path& path) {
     fs::remove(fs::path(path.string() + "-wal"), ec);
     fs::remove(fs::path(path.string() + "-shm"), ec);
     fs::remove(fs::path(path.string() + "-journal"), ec);
+}
+
+// The same as a view of SQLite's buffer when the text is UTF-8, else converted into `spare`.
+std::string_view textView(const SQLite::Column& column, std::string& spare) {
+    const std::string_view text(column.getText(""), static_cast<size_t>(column.getBytes()));
+    bool ascii = true;
+    for (size_t i = 0; i < text.size() && ascii; ++i) ascii = static_cast<unsigned char>(text[i]) < 0x80;
+    if (ascii) return text;
+    CF::String converted = textColumn(column);
+    if (CF::UTF8View(converted.get()) == text) return text;
+    spare = converted.utf8();
+    return spare;
 }
 
 }  // namespace
@@ -231,8 +244,19 @@ void ManifestDatabase::execAll(std::initializer_list<std::string> statements) {
 
 void ManifestDatabase::InsertRow(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int32_t flags,
                                  CFDataRef data) {
-    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
     if (!fileID) throw Error(QVErrorInvalidArgument, CF::Error(), "fileID must be non-null");
+    const std::string id = CF::UTF8(fileID), domainText = CF::UTF8(domain), path = CF::UTF8(relativePath);
+    InsertRow(id, domain ? std::optional<std::string_view>(domainText) : std::nullopt,
+              relativePath ? std::optional<std::string_view>(path) : std::nullopt, flags,
+              data ? std::optional<std::span<const uint8_t>>(
+                         {CFDataGetBytePtr(data), static_cast<size_t>(CFDataGetLength(data))})
+                   : std::nullopt);
+}
+
+void ManifestDatabase::InsertRow(std::string_view fileID, std::optional<std::string_view> domain,
+                                 std::optional<std::string_view> relativePath, int32_t flags,
+                                 std::optional<std::span<const uint8_t>> data) {
+    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
     try {
         if (!insert_) {
             insert_ = std::make_unique<SQLite::Statement>(
@@ -241,20 +265,24 @@ void ManifestDatabase::InsertRow(CFStringRef fileID, CFStringRef domain, CFStrin
         SQLite::Statement& insert = *insert_;
         insert.reset();
         insert.clearBindings();
-        insert.bind(1, CF::UTF8(fileID));
+        // The statement reads the bound text when it runs: it lives in buffers reused from row to row.
+        bindText_[0].assign(fileID);
+        insert.bindNoCopy(1, bindText_[0]);
         if (domain) {
-            insert.bind(2, CF::UTF8(domain));
+            bindText_[1].assign(*domain);
+            insert.bindNoCopy(2, bindText_[1]);
         } else {
             insert.bind(2);
         }
         if (relativePath) {
-            insert.bind(3, CF::UTF8(relativePath));
+            bindText_[2].assign(*relativePath);
+            insert.bindNoCopy(3, bindText_[2]);
         } else {
             insert.bind(3);
         }
         insert.bind(4, flags);
         if (data) {
-            insert.bind(5, CFDataGetBytePtr(data), static_cast<int>(CFDataGetLength(data)));
+            insert.bindNoCopy(5, data->data(), static_cast<int>(data->size()));
         } else {
             insert.bind(5);
         }
@@ -264,7 +292,7 @@ void ManifestDatabase::InsertRow(CFStringRef fileID, CFStringRef domain, CFStrin
     }
 }
 
-void ManifestDatabase::QueryAllRows(const RowFunction& row, const char* orderBy) {
+void ManifestDatabase::QueryAllRows(const RowFunction& each, const char* orderBy) {
     if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
     try {
         int64_t count = 0;
@@ -276,22 +304,27 @@ void ManifestDatabase::QueryAllRows(const RowFunction& row, const char* orderBy)
         SQLite::Statement query(*db_, fmt::format("SELECT fileID, domain, relativePath, flags, file FROM Files{}{};",
                                                   orderBy ? " ORDER BY " : "", orderBy ? orderBy : ""));
         // Devices name a few dozen domains for hundreds of thousands of rows: share one string each.
-        std::unordered_map<std::string, CF::String> domains;
+        struct TextHash {
+            using is_transparent = void;
+            size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+        };
+        std::unordered_map<std::string, CF::String, TextHash, std::equal_to<>> domains;
+        std::string spareID, sparePath;
         int64_t index = 0;
         while (query.executeStep()) {
-            CF::String fileID = textColumn(query.getColumn(0));
             SQLite::Column domainColumn = query.getColumn(1);
-            std::string domainText(domainColumn.getText(""), static_cast<size_t>(domainColumn.getBytes()));
+            std::string_view domainText(domainColumn.getText(""), static_cast<size_t>(domainColumn.getBytes()));
             auto found = domains.find(domainText);
-            if (found == domains.end())
-                found = domains.emplace(domainText, textColumn(domainColumn)).first;
-            CF::String relativePath = textColumn(query.getColumn(2));
-            int32_t flags = query.getColumn(3).getInt();
+            if (found == domains.end()) found = domains.emplace(domainText, textColumn(domainColumn)).first;
             SQLite::Column blob = query.getColumn(4);
-            // A view of SQLite's own buffer, valid until the next step: rows are decoded, not kept.
-            CF::Data data = CF::Data::NoCopy(std::span<const uint8_t>(static_cast<const uint8_t*>(blob.getBlob()),
-                                                                      static_cast<size_t>(blob.getBytes())));
-            row(fileID, found->second, relativePath, flags, data, index, count);
+            const Row row{textView(query.getColumn(0), spareID),
+                          found->second,
+                          textView(query.getColumn(2), sparePath),
+                          query.getColumn(3).getInt(),
+                          {static_cast<const uint8_t*>(blob.getBlob()), static_cast<size_t>(blob.getBytes())},
+                          index,
+                          count};
+            each(row);
             ++index;
         }
     } catch (const SQLite::Exception& e) {
@@ -326,28 +359,32 @@ Manifest loadManifest(const std::function<void(ManifestDatabase&)>& open, QVMani
         std::vector<Entry> entries;
         CF::Dictionary flagOnly = CF::Dictionary::CreateMutable();
         std::vector<std::string> invalid;
+        auto pool = EntryPool::Create();
+        auto sharedGetter = getFile ? std::make_shared<const QVGetFileFunction>(getFile) : nullptr;
+        MB::FileView scratch;
         try {
             ManifestDatabase database;
             open(database);
-            database.QueryAllRows([&](const CF::String& fileID, const CF::String& domain, const CF::String& relativePath,
-                                      int32_t flags, const CF::Data& data, int64_t index, int64_t count) {
-                if (fileID.length() > 0 && data.size() > 0) {
-                    if (entries.empty()) entries.reserve(static_cast<size_t>(count));
-                    Entry entry = QVManifestEntryCreateFromMBFileData(fileID.get(), domain.get(), relativePath.get(),
-                                                                      flags, data.get(), getFile);
-                    if (entry) {
+            database.QueryAllRows([&](const ManifestDatabase::Row& row) {
+                if (!row.fileID.empty() && !row.data.empty()) {
+                    if (entries.empty()) entries.reserve(static_cast<size_t>(row.count));
+                    Entry entry = pool->NewEntry();
+                    if (DecodeManifestRow(*pool, entry, row.fileID, row.domain, row.relativePath, row.flags, row.data,
+                                          sharedGetter, scratch)) {
                         entries.push_back(std::move(entry));
                     } else {
-                        log_fmt(log_level::warning, "Parse error: fileID '{}'", fileID);
-                        invalid.push_back(fileID.utf8());
+                        log_fmt(log_level::warning, "Parse error: fileID '{}'", row.fileID);
+                        invalid.emplace_back(row.fileID);
                     }
-                } else if (flags == kFlagOnlyRecord && fileID.length() > 0) {
-                    flagOnly.Set(fileID.get(), CF::Number(int64_t{flags}));
+                } else if (row.flags == kFlagOnlyRecord && !row.fileID.empty()) {
+                    flagOnly.Set(CF::String(row.fileID).get(), CF::Number(int64_t{row.flags}));
                 } else {
-                    log_fmt(log_level::warning, "Unknown entry format: fileID '{}' fileType '{:x}'", fileID, flags);
-                    invalid.push_back(fileID.utf8());
+                    log_fmt(log_level::warning, "Unknown entry format: fileID '{}' fileType '{:x}'", row.fileID,
+                            row.flags);
+                    invalid.emplace_back(row.fileID);
                 }
-                if (progress) progress(index, count, static_cast<double>(index) / static_cast<double>(count));
+                if (progress)
+                    progress(row.index, row.count, static_cast<double>(row.index) / static_cast<double>(row.count));
             });
         } catch (const CF::Error& e) {
             CF::Error failure =
@@ -387,10 +424,7 @@ std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& 
     QV_ASSERT(manifest);
     if (!versionAccepted(version)) throw badVersion(version);
     std::vector<Entry> sorted = manifest->entries;
-    std::stable_sort(sorted.begin(), sorted.end(), [](const Entry& a, const Entry& b) {
-        return CFStringCompare(QVManifestEntryGetDomainPathPair(a), QVManifestEntryGetDomainPathPair(b), 0) ==
-               kCFCompareLessThan;
-    });
+    std::stable_sort(sorted.begin(), sorted.end(), DomainPathPairLess);
     ManifestDatabase database;
     fs::path privatePath;
     try {
@@ -411,8 +445,7 @@ std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& 
                 continue;
             }
             try {
-                database.InsertRow(QVManifestEntryGetFileID(entry), QVManifestEntryGetDomain(entry),
-                                   QVManifestEntryGetPath(entry), QVManifestEntryGetFileType(entry), blob.get());
+                database.InsertRow(entry->fileID(), entry->domainText, entry->path(), entry->fileType, blob.bytes());
             } catch (const CF::Error& e) {
                 LogErrorFmt(log_level::error, e.get(), "Failed to insert {}", entry);
                 failed.push_back(entry);

@@ -15,7 +15,10 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Quiver/CF/CF.hpp"
@@ -66,9 +69,18 @@ QV_EXPORT std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const 
 // The database behind both directions, on a private file that it deletes when destroyed.
 class ManifestDatabase {
 public:
-    using RowFunction = std::function<void(const CF::String& fileID, const CF::String& domain,
-                                           const CF::String& relativePath, int32_t flags, const CF::Data& data,
-                                           int64_t rowIndex, int64_t rowCount)>;
+    // One row as views of SQLite's buffers, valid only during the call. Text that is not UTF-8 is
+    // taken as Latin-1 and converted; the domain is one string shared by every row of the domain.
+    struct Row {
+        std::string_view fileID;
+        const CF::String& domain;
+        std::string_view relativePath;
+        int32_t flags;
+        std::span<const uint8_t> data;
+        int64_t index;
+        int64_t count;
+    };
+    using RowFunction = std::function<void(const Row& row)>;
 
     ManifestDatabase();
     ~ManifestDatabase();
@@ -88,8 +100,10 @@ public:
     void Finish();
     // INSERT OR REPLACE of one row; null domain, path or data become NULL columns.
     void InsertRow(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int32_t flags, CFDataRef data);
-    // Calls row for every row of Files (in the order of orderBy when one is given); the data it is
-    // given views SQLite's buffer and is valid only during the call.
+    void InsertRow(std::string_view fileID, std::optional<std::string_view> domain,
+                   std::optional<std::string_view> relativePath, int32_t flags,
+                   std::optional<std::span<const uint8_t>> data);
+    // Calls row for every row of Files (in the order of orderBy when one is given).
     void QueryAllRows(const RowFunction& row, const char* orderBy = nullptr);
     void BeginTransaction();
     void Commit();
@@ -103,6 +117,7 @@ private:
 
     std::unique_ptr<SQLite::Database> db_;
     std::unique_ptr<SQLite::Statement> insert_;  // prepared once, reset per row
+    std::string bindText_[3];
     std::filesystem::path path_;
     uint32_t userVersion_ = 0;
 };

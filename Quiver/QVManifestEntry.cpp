@@ -31,21 +31,18 @@ constexpr uint32_t kMobileUser = 501;
 Entry newEntry(CFStringRef domain, CFStringRef relativePath) {
     auto entry = std::make_shared<QVManifestEntryClass>();
     entry->external = true;
-    SetEntryNames(*entry, domain, relativePath, nullptr);
-    entry->target = CF::EmptyString();
-    entry->digest = CF::EmptyData();
-    entry->encryptionKey = CF::EmptyData();
+    entry->SetDomain(CF::String::Retain(domain));
+    const std::string path = CF::UTF8(relativePath);
+    entry->SetTexts({{QVManifestEntryClass::kPath, path}});
+    entry->fileIDBytes = FileIDBytesForPath(entry->domainText, path);
+    entry->fileIDIsHex = true;
     entry->properties = CF::EmptyDictionary();
     entry->userID = kMobileUser;
     entry->groupID = kMobileUser;
-    CF::Date now = CF::Date::Now();
-    entry->birth = now;
-    entry->lastModified = CF::Date(now.AbsoluteTime());
-    entry->lastStatusChange = CF::Date(now.AbsoluteTime());
+    const double now = CFAbsoluteTimeGetCurrent();
+    entry->birth = entry->lastModified = entry->lastStatusChange = now;
     return entry;
 }
-
-CF::Date copyDate(const CF::Date& date) { return date ? CF::Date(date.AbsoluteTime()) : CF::Date(); }
 
 }  // namespace
 
@@ -70,35 +67,112 @@ uint32_t ProtectionClassCode(EntryProtectionClass protectionClass) {
     return static_cast<uint32_t>(protectionClass);
 }
 
-namespace {
+}  // namespace Quiver
 
-std::string pairText(CFStringRef domain, CFStringRef relativePath) {
-    std::string pair = CF::UTF8(domain);
-    pair.append("-").append(CF::UTF8(relativePath));
-    return pair;
+struct QVManifestEntryClass::Objects {
+    CF::String path, target, fileID, pair, filename;
+    CF::Data digest, key;
+    std::optional<std::array<uint8_t, 32>> unlockedKey;
+};
+
+using Quiver::log_fmt;
+using Quiver::log_level;
+
+QVManifestEntryClass::QVManifestEntryClass() = default;
+QVManifestEntryClass::~QVManifestEntryClass() = default;
+
+std::string_view QVManifestEntryClass::text(Text which) const {
+    if (!text_ || lengths_[which] == 0) return {};
+    size_t offset = 0;
+    for (int i = 0; i < which; ++i) offset += lengths_[i];
+    return {text_ + offset, lengths_[which]};
 }
 
-}  // namespace
+std::string QVManifestEntryClass::fileID() const {
+    if (fileIDIsHex) return Quiver::Support::hex_encode(std::span<const uint8_t>(fileIDBytes));
+    return std::string(text(kFileIDText));
+}
 
-void SetEntryNames(QVManifestEntryClass& entry, CFStringRef domain, CFStringRef relativePath, CFStringRef fileID) {
-    entry.domain = CF::String::Retain(domain);
-    entry.relativePath = CF::String::Retain(relativePath);
-    entry.pathCopy = entry.relativePath;
-    entry.domainPathPair.Reset();
-    entry.deviceFilename.Reset();
-    if (fileID) {
-        entry.fileID = CF::String::Retain(fileID);
-    } else {
-        std::string pair = pairText(domain, relativePath);
-        std::vector<uint8_t> digest = Support::Sha1({reinterpret_cast<const uint8_t*>(pair.data()), pair.size()});
-        entry.fileID = CF::String(Support::hex_encode(digest));
+void QVManifestEntryClass::SetTexts(std::initializer_list<std::pair<Text, std::string_view>> values) {
+    std::array<std::string_view, kTextCount> texts;
+    for (int i = 0; i < kTextCount; ++i) texts[i] = text(static_cast<Text>(i));
+    for (const auto& [which, value] : values) {
+        texts[which] = value;
+        if (!objects_) continue;
+        switch (which) {
+            case kPath: objects_->path.Reset(), objects_->pair.Reset(), objects_->filename.Reset(); break;
+            case kTarget: objects_->target.Reset(); break;
+            case kDigest: objects_->digest.Reset(); break;
+            case kEncryptionKey: objects_->key.Reset(), objects_->unlockedKey.reset(); break;
+            case kFileIDText: objects_->fileID.Reset(); break;
+            case kTextCount: break;
+        }
     }
+    auto buffer = std::make_shared<std::string>();
+    std::array<uint32_t, kTextCount> lengths{};
+    for (int i = 0; i < kTextCount; ++i) {
+        if (texts[i].size() > UINT32_MAX) throw std::length_error("entry text too long");
+        lengths[i] = static_cast<uint32_t>(texts[i].size());
+        buffer->append(texts[i]);  // the old views stay valid until the new buffer is complete
+    }
+    const char* base = buffer->data();
+    AdoptTexts(base, lengths, std::move(buffer));
+}
+
+void QVManifestEntryClass::AdoptTexts(const char* base, const std::array<uint32_t, kTextCount>& lengths,
+                                      std::shared_ptr<const void> keep) {
+    text_ = base;
+    lengths_ = lengths;
+    keep_ = std::move(keep);
+}
+
+void QVManifestEntryClass::ShareTexts(const std::shared_ptr<const QVManifestEntryClass>& source) {
+    // Whoever keeps the source's texts keeps the copy's; an entry of a manifest's pool is kept by the
+    // handle itself, which holds the pool.
+    AdoptTexts(source->text_, source->lengths_, source->keep_ ? source->keep_ : source);
+}
+
+void QVManifestEntryClass::SetDomain(CF::String value) {
+    domain = std::move(value);
+    domainText = CF::UTF8View(domain.get());
+    if (objects_) objects_->pair.Reset();
+}
+
+void QVManifestEntryClass::SetFileID(std::string_view id) {
+    if (auto bytes = Quiver::Support::hex_decode(id); bytes && bytes->size() == 20 && Quiver::Support::hex_encode(*bytes) == id) {
+        std::copy(bytes->begin(), bytes->end(), fileIDBytes.begin());
+        fileIDIsHex = true;
+        if (text_ && lengths_[kFileIDText] != 0) SetTexts({{kFileIDText, {}}});
+    } else {
+        fileIDIsHex = false;
+        SetTexts({{kFileIDText, id}});
+    }
+    if (objects_) objects_->fileID.Reset();
+}
+
+QVManifestEntryClass::Objects& QVManifestEntryClass::objects() const {
+    if (!objects_) objects_ = std::make_unique<Objects>();
+    return *objects_;
+}
+
+std::optional<std::array<uint8_t, 32>>& QVManifestEntryClass::unlockedKey() const { return objects().unlockedKey; }
+
+namespace Quiver {
+
+std::array<uint8_t, 20> FileIDBytesForPath(std::string_view domain, std::string_view relativePath) {
+    Support::Hasher hasher(Support::HashAlgorithm::SHA1);
+    hasher.Update(reinterpret_cast<const uint8_t*>(domain.data()), domain.size());
+    hasher.Update(reinterpret_cast<const uint8_t*>("-"), 1);
+    hasher.Update(reinterpret_cast<const uint8_t*>(relativePath.data()), relativePath.size());
+    const std::vector<uint8_t> digest = hasher.Finalize();
+    std::array<uint8_t, 20> bytes{};
+    std::copy_n(digest.begin(), bytes.size(), bytes.begin());
+    return bytes;
 }
 
 CFStringRef QVManifestEntryCopyFileIDForPath(CFStringRef domain, CFStringRef relativePath) {
-    std::string pair = CF::UTF8(domain) + "-" + CF::UTF8(relativePath);
-    std::vector<uint8_t> digest = Support::Sha1({reinterpret_cast<const uint8_t*>(pair.data()), pair.size()});
-    return CF::String(Support::hex_encode(digest)).Detach();
+    const auto bytes = FileIDBytesForPath(CF::UTF8(domain), CF::UTF8(relativePath));
+    return CF::String(Support::hex_encode(std::span<const uint8_t>(bytes))).Detach();
 }
 
 Entry QVManifestEntryCreateForFile(const std::shared_ptr<QVFileClass>& file, CFStringRef domain,
@@ -106,7 +180,10 @@ Entry QVManifestEntryCreateForFile(const std::shared_ptr<QVFileClass>& file, CFS
     QV_ASSERT(file);
     return Boundary(error, [&]() -> Entry {
         Entry entry = newEntry(domain, relativePath);
-        if (encryptionKey) entry->encryptionKey = CF::Data::Retain(encryptionKey);
+        if (encryptionKey)
+            entry->SetTexts({{QVManifestEntryClass::kEncryptionKey,
+                              {reinterpret_cast<const char*>(CFDataGetBytePtr(encryptionKey)),
+                               static_cast<size_t>(CFDataGetLength(encryptionKey))}}});
         entry->mode = kFileMode;
         entry->fileType = 1;
         entry->protectionClass = EntryProtectionClassNone;
@@ -119,7 +196,7 @@ Entry QVManifestEntryCreateForFile(const std::shared_ptr<QVFileClass>& file, CFS
                                     Support::hex_encode(hash)));
         entry->file = reference;
         entry->size = QVFileGetSize(reference);
-        entry->digest = CF::Data(hash);
+        entry->SetTexts({{QVManifestEntryClass::kDigest, {reinterpret_cast<const char*>(hash.data()), hash.size()}}});
         return entry;
     });
 }
@@ -137,41 +214,40 @@ Entry QVManifestEntryCreateForSymlink(CFStringRef domain, CFStringRef relativePa
     entry->mode = kSymlinkMode;
     entry->fileType = 4;
     entry->protectionClass = EntryProtectionClassNotSet;
-    entry->target = target ? CF::String::Retain(target) : CF::EmptyString();
+    if (target) entry->SetTexts({{QVManifestEntryClass::kTarget, CF::UTF8(target)}});
+    return entry;
+}
+
+Entry CopyEntrySharingGetter(const Entry& source, std::shared_ptr<const QVGetFileFunction> getFileFunc) {
+    QV_ASSERT(source);
+    auto entry = std::make_shared<QVManifestEntryClass>();
+    entry->domain = source->domain;
+    entry->domainText = source->domainText;
+    entry->fileType = source->fileType;
+    entry->external = source->external;
+    entry->fileIDIsHex = source->fileIDIsHex;
+    entry->mode = source->mode;
+    entry->protectionClass = source->protectionClass;
+    entry->userID = source->userID;
+    entry->groupID = source->groupID;
+    entry->fileIDBytes = source->fileIDBytes;
+    entry->birth = source->birth;
+    entry->lastModified = source->lastModified;
+    entry->lastStatusChange = source->lastStatusChange;
+    entry->size = source->size;
+    entry->inode = source->inode;
+    entry->archiveFlags = source->archiveFlags;
+    entry->properties = source->properties;
+    entry->archiveExtras = source->archiveExtras;
+    entry->ShareTexts(source);
+    if (source->file) entry->file = QVFileCreateCopy(source->file);
+    entry->getFileFunc = std::move(getFileFunc);
     return entry;
 }
 
 Entry QVManifestEntryCreateCopy(const Entry& source, QVGetFileFunction getFileFunc) {
-    QV_ASSERT(source);
-    auto entry = std::make_shared<QVManifestEntryClass>();
-    // Strings, data and dictionaries are immutable and shared; dates are copied as new objects.
-    entry->domain = source->domain;
-    entry->relativePath = source->relativePath;
-    entry->pathCopy = source->pathCopy;
-    entry->target = source->target;
-    entry->digest = source->digest;
-    entry->encryptionKey = source->encryptionKey;
-    entry->fileType = source->fileType;
-    entry->mode = source->mode;
-    entry->userID = source->userID;
-    entry->groupID = source->groupID;
-    entry->birth = copyDate(source->birth);
-    entry->lastModified = copyDate(source->lastModified);
-    entry->lastStatusChange = copyDate(source->lastStatusChange);
-    entry->size = source->size;
-    entry->inode = source->inode;
-    entry->protectionClass = source->protectionClass;
-    entry->properties = source->properties;
-    entry->archiveFlags = source->archiveFlags;
-    entry->archiveExtras = source->archiveExtras;
-    entry->domainPathPair = source->domainPathPair;
-    entry->deviceFilename = source->deviceFilename;
-    entry->fileID = source->fileID;
-    entry->stringList = source->stringList;
-    entry->external = source->external;
-    if (source->file) entry->file = QVFileCreateCopy(source->file);
-    entry->getFileFunc = std::move(getFileFunc);
-    return entry;
+    return CopyEntrySharingGetter(
+        source, getFileFunc ? std::make_shared<const QVGetFileFunction>(std::move(getFileFunc)) : nullptr);
 }
 
 #define QV_ENTRY_GETTER(type, name, expression) \
@@ -180,29 +256,54 @@ Entry QVManifestEntryCreateCopy(const Entry& source, QVGetFileFunction getFileFu
         return expression;                      \
     }
 
+namespace {
+
+// A CF object for a text, made on first request and kept: the interface lends these out.
+CFStringRef lentString(CF::String& slot, std::string_view text) {
+    if (!slot) slot = text.empty() ? CF::EmptyString() : CF::String(text);
+    return slot.get();
+}
+
+CFDataRef lentData(CF::Data& slot, std::span<const uint8_t> bytes) {
+    if (!slot) slot = bytes.empty() ? CF::EmptyData() : CF::Data(bytes);
+    return slot.get();
+}
+
+}  // namespace
+
 QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetDomain, entry->domain.get())
-QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetPath, entry->relativePath.get())
-QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetTarget, entry->target.get())
+QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetPath, lentString(entry->objects().path, entry->path()))
+QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetTarget, lentString(entry->objects().target, entry->target()))
+
 CFStringRef QVManifestEntryGetDomainPathPair(const Entry& entry) {
     QV_ASSERT(entry);
-    if (!entry->domainPathPair) entry->domainPathPair = CF::String(pairText(entry->domain.get(), entry->relativePath.get()));
-    return entry->domainPathPair.get();
+    auto& objects = entry->objects();
+    if (!objects.pair) {
+        std::string pair(entry->domainText);
+        pair.append("-").append(entry->path());
+        objects.pair = CF::String(pair);
+    }
+    return objects.pair.get();
 }
 
 CFStringRef QVManifestEntryGetDeviceFilename(const Entry& entry) {
     QV_ASSERT(entry);
-    if (!entry->deviceFilename) {
-        std::string path = CF::UTF8(entry->relativePath.get());
-        size_t slash = path.rfind('/');
-        entry->deviceFilename = slash == std::string::npos ? (entry->relativePath ? entry->relativePath : CF::EmptyString())
-                                                           : CF::String(std::string_view(path).substr(slash + 1));
-    }
-    return entry->deviceFilename.get();
+    const std::string_view path = entry->path();
+    const size_t slash = path.rfind('/');
+    return lentString(entry->objects().filename, slash == std::string_view::npos ? path : path.substr(slash + 1));
 }
-QV_ENTRY_GETTER(CFStringRef, QVManifestEntryGetFileID, entry->fileID.get())
-QV_ENTRY_GETTER(CFDataRef, QVManifestEntryGetDataHash, entry->digest.get())
-QV_ENTRY_GETTER(CFDataRef, QVManifestEntryGetEncryptionData, entry->encryptionKey.get())
-QV_ENTRY_GETTER(CFDictionaryRef, QVManifestEntryGetProperties, entry->properties.get())
+
+CFStringRef QVManifestEntryGetFileID(const Entry& entry) {
+    QV_ASSERT(entry);
+    auto& objects = entry->objects();
+    if (!objects.fileID) objects.fileID = CF::String(entry->fileID());
+    return objects.fileID.get();
+}
+
+QV_ENTRY_GETTER(CFDataRef, QVManifestEntryGetDataHash, lentData(entry->objects().digest, entry->digest()))
+QV_ENTRY_GETTER(CFDataRef, QVManifestEntryGetEncryptionData, lentData(entry->objects().key, entry->encryptionKey()))
+QV_ENTRY_GETTER(CFDictionaryRef, QVManifestEntryGetProperties,
+                entry->properties ? entry->properties.get() : CF::EmptyDictionary().get())
 QV_ENTRY_GETTER(uint16_t, QVManifestEntryGetFileMode, entry->mode)
 QV_ENTRY_GETTER(uint64_t, QVManifestEntryGetFileSize, entry->size)
 QV_ENTRY_GETTER(uint8_t, QVManifestEntryGetFileType, entry->fileType)
@@ -210,8 +311,21 @@ QV_ENTRY_GETTER(EntryProtectionClass, QVManifestEntryGetProtectionClass, entry->
 QV_ENTRY_GETTER(bool, QVManifestEntryIsFile, (entry->mode & 0xE000) == 0x8000)
 QV_ENTRY_GETTER(bool, QVManifestEntryIsDirectory, (entry->mode & 0xE000) == 0x4000)
 QV_ENTRY_GETTER(bool, QVManifestEntryIsSymlink, (entry->mode & 0xE000) == 0xA000)
+QV_ENTRY_GETTER(std::string_view, QVManifestEntryGetDomainUTF8, entry->domainText)
+QV_ENTRY_GETTER(std::string_view, QVManifestEntryGetPathUTF8, entry->path())
+QV_ENTRY_GETTER(std::string_view, QVManifestEntryGetTargetUTF8, entry->target())
+QV_ENTRY_GETTER(std::string, QVManifestEntryCopyFileIDUTF8, entry->fileID())
+QV_ENTRY_GETTER(std::span<const uint8_t>, QVManifestEntryGetDataHashBytes, entry->digest())
+QV_ENTRY_GETTER(std::span<const uint8_t>, QVManifestEntryGetEncryptionDataBytes, entry->encryptionKey())
 
 #undef QV_ENTRY_GETTER
+
+void QVManifestEntryGetTimes(const Entry& entry, double* birth, double* lastModified, double* lastStatusChange) {
+    QV_ASSERT(entry);
+    if (birth) *birth = entry->birth;
+    if (lastModified) *lastModified = entry->lastModified;
+    if (lastStatusChange) *lastStatusChange = entry->lastStatusChange;
+}
 
 void QVManifestEntryCopyFilesystemAttributes(const Entry& entry, uint16_t* mode, uint32_t* uid, uint32_t* gid,
                                              CFDateRef* birth, CFDateRef* lastModified, CFDateRef* lastStatusChange) {
@@ -219,25 +333,25 @@ void QVManifestEntryCopyFilesystemAttributes(const Entry& entry, uint16_t* mode,
     if (mode) *mode = entry->mode;
     if (uid) *uid = entry->userID;
     if (gid) *gid = entry->groupID;
-    if (birth) *birth = copyDate(entry->birth).Detach();
-    if (lastModified) *lastModified = copyDate(entry->lastModified).Detach();
-    if (lastStatusChange) *lastStatusChange = copyDate(entry->lastStatusChange).Detach();
+    if (birth) *birth = CF::Date(entry->birth).Detach();
+    if (lastModified) *lastModified = CF::Date(entry->lastModified).Detach();
+    if (lastStatusChange) *lastStatusChange = CF::Date(entry->lastStatusChange).Detach();
 }
 
 std::shared_ptr<QVFileClass> QVManifestEntryGetFile(const Entry& entry, CFErrorRef* error) {
     QV_ASSERT(entry);
     if (!QVManifestEntryIsFile(entry)) return nullptr;
     if (entry->file) return entry->file;
-    if (!entry->getFileFunc) {
+    if (!entry->getFileFunc || !*entry->getFileFunc) {
         StoreError(error, Error(QVErrorInvalidArgument, CF::Error(),
                                 "Tried to get a File ref for entry, but getFileFunc is not set!"));
         return nullptr;
     }
-    auto file = entry->getFileFunc(entry->fileID.get(), error);
+    auto file = (*entry->getFileFunc)(QVManifestEntryGetFileID(entry), error);
     if (file) {
         entry->file = file;
         entry->getFileFunc = nullptr;
-        _QVFileSetModifiedDate(file, entry->lastModified.get());
+        _QVFileSetModifiedDate(file, CF::Date(entry->lastModified).get());
     }
     return file;
 }
@@ -248,9 +362,9 @@ void _QVManifestEntryCloneAttributes(const Entry& destination, const Entry& sour
     destination->mode = source->mode;
     destination->userID = source->userID;
     destination->groupID = source->groupID;
-    destination->birth = copyDate(source->birth);
-    destination->lastModified = copyDate(source->lastModified);
-    destination->lastStatusChange = copyDate(source->lastStatusChange);
+    destination->birth = source->birth;
+    destination->lastModified = source->lastModified;
+    destination->lastStatusChange = source->lastStatusChange;
     destination->fileType = source->fileType;
     destination->inode = source->inode;
     destination->protectionClass = source->protectionClass;
@@ -265,7 +379,7 @@ bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryp
     }
     // Any class whose key the key bag holds will do: a file replaced in place keeps the class of the
     // one it replaces (most files of a device are class 3).
-    if (CFDataGetLength(entry->encryptionKey.get()) != 0) {
+    if (!entry->encryptionKey().empty()) {
         StoreError(error, Error(QVErrorInvalidArgument, CF::Error(),
                                 fmt::format("Impossible to generate a file key for an entry that already has one "
                                             "(protection class {})",
@@ -283,8 +397,9 @@ bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryp
         CF::Data wrapped = encryption.LockKey(ProtectionClassCode(entry->protectionClass), key);
         // The entry keeps its plain file: readers get the plaintext, and an export enciphers a copy
         // with the unlocked key.
-        entry->encryptionKey = wrapped;
-        entry->unlockedKey = key;
+        entry->SetTexts({{QVManifestEntryClass::kEncryptionKey,
+                          {reinterpret_cast<const char*>(wrapped.bytes().data()), wrapped.bytes().size()}}});
+        entry->unlockedKey() = key;
         // Devices record the digest of the bytes they store, here the ciphertext, so that a damaged
         // stored file is caught as it is in a plain backup.
         Support::Hasher stored(Support::HashAlgorithm::SHA1);
@@ -292,7 +407,8 @@ bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryp
             stored.Update(chunk.data(), chunk.size());
             return true;
         });
-        entry->digest = CF::Data(stored.Finalize());
+        const std::vector<uint8_t> digest = stored.Finalize();
+        entry->SetTexts({{QVManifestEntryClass::kDigest, {reinterpret_cast<const char*>(digest.data()), digest.size()}}});
         entry->size = QVFileGetSize(entry->file);
         return true;
     } catch (const CF::Error& e) {
@@ -305,25 +421,43 @@ std::optional<std::array<uint8_t, 32>> QVManifestEntryUnlockFileKey(const Entry&
                                                                     const MB::ManifestEncryption& encryption,
                                                                     CFErrorRef* error) {
     QV_ASSERT(entry);
-    if (entry->unlockedKey) return entry->unlockedKey;
-    if (!entry->encryptionKey || CFDataGetLength(entry->encryptionKey.get()) == 0) return std::nullopt;
+    if (entry->encryptionKey().empty()) return std::nullopt;
+    auto& unlocked = entry->unlockedKey();
+    if (unlocked) return unlocked;
     try {
-        entry->unlockedKey = encryption.UnlockKey(entry->encryptionKey);
-        return entry->unlockedKey;
+        unlocked = encryption.UnlockKey(CF::Data(entry->encryptionKey()));
+        return unlocked;
     } catch (const CF::Error& e) {
         StoreError(error, Error(QVErrorUnlockFailed, e, "Failed to unlock file key for entry"));
         return std::nullopt;
     }
 }
 
+bool DomainPathPairLess(const Entry& a, const Entry& b) {
+    const std::string_view ad = a->domainText, bd = b->domainText, ap = a->path(), bp = b->path();
+    if (ad == bd) return ap < bp;  // the pairs share "domain-"
+    auto at = [](std::string_view domain, std::string_view path, size_t i) -> int {
+        if (i < domain.size()) return static_cast<unsigned char>(domain[i]);
+        if (i == domain.size()) return '-';
+        i -= domain.size() + 1;
+        return i < path.size() ? static_cast<unsigned char>(path[i]) : -1;
+    };
+    const size_t an = ad.size() + 1 + ap.size(), bn = bd.size() + 1 + bp.size();
+    for (size_t i = 0; i < an && i < bn; ++i) {
+        const int ca = at(ad, ap, i), cb = at(bd, bp, i);
+        if (ca != cb) return ca < cb;
+    }
+    return an < bn;
+}
+
 std::string to_string(const Entry& entry) {
     QV_ASSERT(entry);
-    CF::String properties = CF::String::Format("%@", entry->properties.get());
+    CF::String properties = CF::String::Format("%@", QVManifestEntryGetProperties(entry));
     return fmt::format("<QVManifestEntryClass {}> {} size:{} mode:{:o} uid:{} gid:{} type:{:#x} inode:{} protection:{} "
                        "external: {}({}) {} ",
                        static_cast<const void*>(entry.get()), CF::UTF8(QVManifestEntryGetDomainPathPair(entry)), entry->size, entry->mode,
                        entry->userID, entry->groupID, entry->fileType, entry->inode,
-                       to_string(entry->protectionClass), entry->external, entry->fileID, properties);
+                       to_string(entry->protectionClass), entry->external, entry->fileID(), properties);
 }
 
 }  // namespace Quiver

@@ -11,7 +11,9 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 
 #include <fmt/format.h>
 
@@ -33,38 +35,77 @@ enum EntryProtectionClass : uint32_t {
 
 using QVGetFileFunction = std::function<std::shared_ptr<QVFileClass>(CFStringRef, CFErrorRef*)>;
 
+// One entry, kept small: a loaded manifest holds hundreds of thousands of them. Its texts and bytes
+// (path, target, digest, wrapped key) sit side by side in one buffer that the entry does not allocate
+// itself: a loader puts them in its manifest's pool, and an entry made or changed on its own owns a
+// buffer of its own (`SetTexts`). File IDs are 20 raw bytes. The CF objects that the interface hands
+// out (QVManifestEntryGetPath and the like) are made on first request and kept with the entry.
 class QV_EXPORT QVManifestEntryClass {
 public:
-    CF::String domain;
-    CF::String relativePath;
-    CF::String pathCopy;  // the path as recorded in the entry's MBFile blob
-    CF::String target;
-    CF::Data digest;
-    CF::Data encryptionKey;
+    enum Text : uint8_t { kPath, kTarget, kDigest, kEncryptionKey, kFileIDText, kTextCount };
+
+    QVManifestEntryClass();
+    ~QVManifestEntryClass();
+    QVManifestEntryClass(const QVManifestEntryClass&) = delete;
+    QVManifestEntryClass& operator=(const QVManifestEntryClass&) = delete;
+
+    CF::String domain;  // shared by the entries of one domain
+    std::string_view domainText;  // its UTF-8, kept by `domain`
     uint8_t fileType = 0;  // 1 file, 2 directory, 4 symlink; Manifest.db flags as stored
+    bool external = false;
+    bool fileIDIsHex = false;  // the file ID is `fileIDBytes` as 40 lower-case hexadecimal digits
     uint16_t mode = 0;
+    EntryProtectionClass protectionClass = EntryProtectionClassNotSet;
     uint32_t userID = 0;
     uint32_t groupID = 0;
-    CF::Date birth;
-    CF::Date lastModified;
-    CF::Date lastStatusChange;
+    std::array<uint8_t, 20> fileIDBytes{};
+    double birth = 0;  // absolute times
+    double lastModified = 0;
+    double lastStatusChange = 0;
     uint64_t size = 0;
     uint64_t inode = 0;
-    EntryProtectionClass protectionClass = EntryProtectionClassNotSet;
+    int64_t archiveFlags = 0;  // the MBFile record's "Flags" and unmodelled keys, kept to be written back
     CF::Dictionary properties;
-    int64_t archiveFlags = 0;      // the MBFile record's "Flags" and unmodelled keys, kept to be written back
     CF::Dictionary archiveExtras;
-    // Derived from domain and path on first use (QVManifestEntryGetDomainPathPair and
-    // QVManifestEntryGetDeviceFilename), so that a loaded manifest does not hold two more strings per
-    // entry that most callers never ask for. Read them through those functions.
-    mutable CF::String domainPathPair;
-    mutable CF::String deviceFilename;
-    CF::String fileID;
-    CF::Array stringList;
     std::shared_ptr<QVFileClass> file;
-    bool external = false;
-    QVGetFileFunction getFileFunc;
-    std::optional<std::array<uint8_t, 32>> unlockedKey;
+    std::shared_ptr<const QVGetFileFunction> getFileFunc;
+
+    // The UTF-8 of a text, or the bytes of the digest or key; empty when absent.
+    std::string_view text(Text which) const;
+    std::span<const uint8_t> bytes(Text which) const {
+        const std::string_view t = text(which);
+        return {reinterpret_cast<const uint8_t*>(t.data()), t.size()};
+    }
+    std::string_view path() const { return text(kPath); }
+    std::string_view target() const { return text(kTarget); }
+    std::span<const uint8_t> digest() const { return bytes(kDigest); }
+    std::span<const uint8_t> encryptionKey() const { return bytes(kEncryptionKey); }
+    // The file ID as text: 40 hexadecimal digits, or the text a manifest recorded when it was not that.
+    std::string fileID() const;
+
+    // Replaces texts: all of the entry's texts move to one new buffer of its own. Drops the CF objects
+    // already made of what changed.
+    void SetTexts(std::initializer_list<std::pair<Text, std::string_view>> values);
+    void SetDomain(CF::String domain);
+    // Takes a file ID as text: kept as raw bytes when it is 40 lower-case hexadecimal digits.
+    void SetFileID(std::string_view text);
+    // Points the entry at texts laid out in order (path, target, digest, key, file ID text) in storage
+    // that someone else keeps alive as long as the entry: `keep`, or nothing when the entry itself
+    // lives in that storage's owner.
+    void AdoptTexts(const char* base, const std::array<uint32_t, kTextCount>& lengths, std::shared_ptr<const void> keep);
+    // The texts of another entry, shared rather than copied.
+    void ShareTexts(const std::shared_ptr<const QVManifestEntryClass>& source);
+
+    // CF objects handed out by the interface, made on first request.
+    struct Objects;
+    Objects& objects() const;
+    std::optional<std::array<uint8_t, 32>>& unlockedKey() const;
+
+private:
+    const char* text_ = nullptr;
+    std::array<uint32_t, kTextCount> lengths_{};
+    std::shared_ptr<const void> keep_;
+    mutable std::unique_ptr<Objects> objects_;
 };
 
 namespace Quiver {
@@ -85,6 +126,8 @@ QV_EXPORT Entry QVManifestEntryCreateForFile(const std::shared_ptr<QVFileClass>&
 QV_EXPORT Entry QVManifestEntryCreateForDirectory(CFStringRef domain, CFStringRef relativePath);
 QV_EXPORT Entry QVManifestEntryCreateForSymlink(CFStringRef domain, CFStringRef relativePath, CFStringRef target);
 QV_EXPORT Entry QVManifestEntryCreateCopy(const Entry& entry, QVGetFileFunction getFileFunc);
+// The same with a getter shared by many copies.
+QV_EXPORT Entry CopyEntrySharingGetter(const Entry& entry, std::shared_ptr<const QVGetFileFunction> getFileFunc);
 
 QV_EXPORT CFStringRef QVManifestEntryGetDomain(const Entry& entry);
 QV_EXPORT CFStringRef QVManifestEntryGetPath(const Entry& entry);
@@ -102,6 +145,18 @@ QV_EXPORT EntryProtectionClass QVManifestEntryGetProtectionClass(const Entry& en
 QV_EXPORT bool QVManifestEntryIsFile(const Entry& entry);
 QV_EXPORT bool QVManifestEntryIsDirectory(const Entry& entry);
 QV_EXPORT bool QVManifestEntryIsSymlink(const Entry& entry);
+
+// The same without making CF objects, for callers that walk every entry: views that live as long as
+// the entry and its texts stay unchanged.
+QV_EXPORT std::string_view QVManifestEntryGetDomainUTF8(const Entry& entry);
+QV_EXPORT std::string_view QVManifestEntryGetPathUTF8(const Entry& entry);
+QV_EXPORT std::string_view QVManifestEntryGetTargetUTF8(const Entry& entry);
+QV_EXPORT std::string QVManifestEntryCopyFileIDUTF8(const Entry& entry);
+QV_EXPORT std::span<const uint8_t> QVManifestEntryGetDataHashBytes(const Entry& entry);
+QV_EXPORT std::span<const uint8_t> QVManifestEntryGetEncryptionDataBytes(const Entry& entry);
+// Birth, last modification and last status change as absolute times (seconds since 2001).
+QV_EXPORT void QVManifestEntryGetTimes(const Entry& entry, double* birth, double* lastModified,
+                                       double* lastStatusChange);
 
 // Each out-pointer may be null; dates are new objects that the caller releases.
 QV_EXPORT void QVManifestEntryCopyFilesystemAttributes(const Entry& entry, uint16_t* mode, uint32_t* uid, uint32_t* gid,
@@ -128,9 +183,11 @@ QV_EXPORT Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFString
 // The MBFile blob of an entry; empty data when it cannot be made (logged).
 QV_EXPORT CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry);
 
-// Shared with the manifest readers: fills domain, both paths, the domain-path pair, the device filename
-// and (when fileID is null) the file ID.
-void SetEntryNames(QVManifestEntryClass& entry, CFStringRef domain, CFStringRef relativePath, CFStringRef fileID);
+// 40 lower-case hexadecimal digits: SHA-1 of "<domain>-<relativePath>", as raw bytes.
+std::array<uint8_t, 20> FileIDBytesForPath(std::string_view domain, std::string_view relativePath);
+
+// Whether a's "<domain>-<path>" sorts before b's (bytewise), without making either text.
+QV_EXPORT bool DomainPathPairLess(const Entry& a, const Entry& b);
 
 QV_EXPORT std::string to_string(const Entry& entry);
 

@@ -4,6 +4,7 @@
 #include "Quiver/MB/File.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVLog.hpp"
+#include "Quiver/QVEntryPool.hpp"
 #include "Quiver/QVManifestEntry.hpp"
 
 namespace Quiver {
@@ -12,51 +13,93 @@ namespace {
 
 constexpr int64_t kUnixToAbsolute = 978307200;
 
-CF::Date dateFromUnix(int64_t seconds) { return CF::Date(static_cast<double>(seconds - kUnixToAbsolute)); }
+double absoluteFromUnix(int64_t seconds) { return static_cast<double>(seconds - kUnixToAbsolute); }
 
 // The record keeps whole Unix seconds: the absolute time cut to whole seconds and to its low 32 bits,
 // then moved to the Unix epoch.
-int64_t unixFromDate(const CF::Date& date) {
-    auto seconds = static_cast<int64_t>(date.AbsoluteTime());
+int64_t unixFromAbsolute(double time) {
+    auto seconds = static_cast<int64_t>(time);
     return static_cast<int64_t>(static_cast<uint32_t>(seconds)) + kUnixToAbsolute;
+}
+
+std::string_view asText(std::span<const uint8_t> bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
+
+// Everything of a decoded record but its texts, which the caller stores where it keeps them.
+void fillFromRecord(QVManifestEntryClass& entry, MB::FileView& record, int flags) {
+    entry.mode = static_cast<uint16_t>(record.Mode);
+    entry.userID = record.UserID;
+    entry.groupID = record.GroupID;
+    entry.size = record.Size;
+    entry.inode = record.InodeNumber;
+    entry.protectionClass = ProtectionClassFromCode(record.ProtectionClass);
+    if (record.ExtendedAttributes && CFDictionaryGetCount(record.ExtendedAttributes.get()) > 0)
+        entry.properties = std::move(record.ExtendedAttributes);
+    entry.archiveFlags = record.Flags;
+    if (record.Unmodelled) entry.archiveExtras = std::move(record.Unmodelled);
+    entry.lastModified = absoluteFromUnix(record.LastModified);
+    entry.lastStatusChange = absoluteFromUnix(record.LastStatusChange);
+    entry.birth = absoluteFromUnix(record.Birth);
+    entry.fileType = static_cast<uint8_t>(flags);
+    entry.external = false;
+}
+
+// A file ID kept as raw bytes when it is the usual 40 lower-case hexadecimal digits; else as text.
+bool parseFileID(std::string_view text, std::array<uint8_t, 20>& bytes) {
+    if (text.size() != 40) return false;
+    for (size_t i = 0; i < 20; ++i) {
+        uint8_t value = 0;
+        for (char c : {text[2 * i], text[2 * i + 1]}) {
+            value = static_cast<uint8_t>(value << 4);
+            if (c >= '0' && c <= '9') value |= static_cast<uint8_t>(c - '0');
+            else if (c >= 'a' && c <= 'f') value |= static_cast<uint8_t>(c - 'a' + 10);
+            else return false;
+        }
+        bytes[i] = value;
+    }
+    return true;
 }
 
 }  // namespace
 
+bool DecodeManifestRow(EntryPool& pool, const Entry& entry, std::string_view fileID, const CF::String& domain,
+                       std::string_view relativePath, int flags, std::span<const uint8_t> blob,
+                       std::shared_ptr<const QVGetFileFunction> getFileFunc, MB::FileView& scratch) {
+    try {
+        if (!MB::File::DecodeView(blob, scratch)) throw std::runtime_error("Missing or invalid MBFile structure");
+        fillFromRecord(*entry, scratch, flags);
+        entry->SetDomain(domain);
+        entry->fileIDIsHex = parseFileID(fileID, entry->fileIDBytes);
+        pool.SetTexts(*entry, {relativePath, scratch.Target, asText(scratch.Digest), asText(scratch.EncryptionKey),
+                               entry->fileIDIsHex ? std::string_view() : fileID});
+        entry->getFileFunc = std::move(getFileFunc);
+        return true;
+    } catch (const std::exception& e) {
+        log_fmt(log_level::warning, "Failed to deserialize MBFile: {}", e.what());
+        return false;
+    }
+}
+
 Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int flags,
                                           CFDataRef fileData, QVGetFileFunction getFileFunc) {
     try {
-        std::optional<MB::File> record = MB::File::Decode(fileData);
-        if (!record) throw std::runtime_error("Missing or invalid MBFile structure");
+        MB::FileView record;
+        if (!fileData || !MB::File::DecodeView({CFDataGetBytePtr(fileData), static_cast<size_t>(CFDataGetLength(fileData))}, record))
+            throw std::runtime_error("Missing or invalid MBFile structure");
         auto entry = std::make_shared<QVManifestEntryClass>();
-        SetEntryNames(*entry, domain, relativePath, fileID);
-        // Most records repeat the row's path: share the row's string rather than hold a second one.
-        if (record->RelativePath && relativePath && CFEqual(record->RelativePath.get(), relativePath)) {
-            entry->pathCopy = entry->relativePath;
+        fillFromRecord(*entry, record, flags);
+        entry->SetDomain(CF::String::Retain(domain));
+        const std::string path = CF::UTF8(relativePath);
+        entry->SetTexts({{QVManifestEntryClass::kPath, path},
+                         {QVManifestEntryClass::kTarget, record.Target},
+                         {QVManifestEntryClass::kDigest, asText(record.Digest)},
+                         {QVManifestEntryClass::kEncryptionKey, asText(record.EncryptionKey)}});
+        if (fileID) {
+            entry->SetFileID(CF::UTF8(fileID));
         } else {
-            entry->pathCopy = record->RelativePath;
+            entry->fileIDBytes = FileIDBytesForPath(entry->domainText, path);
+            entry->fileIDIsHex = true;
         }
-        entry->target = record->Target;
-        entry->digest = record->Digest;
-        entry->encryptionKey = record->EncryptionKey;
-        entry->mode = static_cast<uint16_t>(record->Mode);
-        entry->userID = record->UserID;
-        entry->groupID = record->GroupID;
-        entry->size = record->Size;
-        entry->inode = record->InodeNumber;
-        entry->protectionClass = ProtectionClassFromCode(record->ProtectionClass);
-        entry->properties = record->ExtendedAttributes;
-        entry->archiveFlags = record->Flags;
-        entry->archiveExtras = record->Unmodelled;
-        // Dates are immutable values: equal times share one object (they often are all the same).
-        entry->lastModified = dateFromUnix(record->LastModified);
-        entry->lastStatusChange = record->LastStatusChange == record->LastModified
-                                      ? entry->lastModified
-                                      : dateFromUnix(record->LastStatusChange);
-        entry->birth = record->Birth == record->LastModified ? entry->lastModified : dateFromUnix(record->Birth);
-        entry->fileType = static_cast<uint8_t>(flags);
-        entry->getFileFunc = std::move(getFileFunc);
-        entry->external = false;
+        if (getFileFunc) entry->getFileFunc = std::make_shared<const QVGetFileFunction>(std::move(getFileFunc));
         log_fmt(log_level::debug, "Created manifest entry {}", entry);
         return entry;
     } catch (const std::exception& e) {
@@ -69,18 +112,18 @@ CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry) {
     QV_ASSERT(entry);
     try {
         MB::File record;
-        if (entry->relativePath) record.RelativePath = entry->relativePath;
-        if (entry->target && CFStringGetLength(entry->target.get()) > 0) record.Target = entry->target;
-        if (entry->digest && !entry->digest.IsEmpty()) record.Digest = entry->digest;
-        if (entry->encryptionKey && !entry->encryptionKey.IsEmpty()) record.EncryptionKey = entry->encryptionKey;
+        record.RelativePath = CF::String(entry->path());
+        if (!entry->target().empty()) record.Target = CF::String(entry->target());
+        if (!entry->digest().empty()) record.Digest = CF::Data(entry->digest());
+        if (!entry->encryptionKey().empty()) record.EncryptionKey = CF::Data(entry->encryptionKey());
         record.Mode = entry->mode;
         record.UserID = entry->userID;
         record.GroupID = entry->groupID;
         record.InodeNumber = entry->inode;
         record.Size = entry->size;
-        record.LastModified = unixFromDate(entry->lastModified);
-        record.LastStatusChange = unixFromDate(entry->lastStatusChange);
-        record.Birth = unixFromDate(entry->birth);
+        record.LastModified = unixFromAbsolute(entry->lastModified);
+        record.LastStatusChange = unixFromAbsolute(entry->lastStatusChange);
+        record.Birth = unixFromAbsolute(entry->birth);
         record.ProtectionClass = ProtectionClassCode(entry->protectionClass);
         if (entry->properties && entry->properties.size() > 0) record.ExtendedAttributes = entry->properties;
         record.Flags = entry->archiveFlags;

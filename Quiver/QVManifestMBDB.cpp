@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include <fmt/format.h>
@@ -76,34 +77,32 @@ private:
     uint64_t position_;
 };
 
-// A UTF-8 field as a string; nullopt when missing or not UTF-8.
-std::optional<CF::String> stringField(RecordCursor& cursor) {
+// A UTF-8 field viewed in the manifest's bytes; nullopt when missing or not UTF-8.
+std::optional<std::string_view> stringField(RecordCursor& cursor) {
     const auto bytes = cursor.field();
     if (!bytes) return std::nullopt;
-    if (bytes->empty()) return CF::EmptyString();
-    CF::String s = CF::String::Adopt(CFStringCreateWithBytes(kCFAllocatorDefault, bytes->data(),
-                                                             static_cast<CFIndex>(bytes->size()),
-                                                             kCFStringEncodingUTF8, false));
-    if (!s) return std::nullopt;
-    return s;
+    const std::string_view text(reinterpret_cast<const char*>(bytes->data()), bytes->size());
+    bool ascii = true;
+    for (size_t i = 0; i < text.size() && ascii; ++i) ascii = bytes->data()[i] < 0x80;
+    if (!ascii && !CF::String(text)) return std::nullopt;  // making the string checks the UTF-8
+    return text;
 }
 
-std::optional<CF::Data> dataField(RecordCursor& cursor) {
+std::optional<std::string_view> dataField(RecordCursor& cursor) {
     const auto bytes = cursor.field();
     if (!bytes) return std::nullopt;
-    if (bytes->empty()) return CF::EmptyData();
-    return CF::Data(*bytes);
+    return std::string_view(reinterpret_cast<const char*>(bytes->data()), bytes->size());
 }
 
-CF::Date dateFromUnixSeconds(uint64_t seconds) {
-    return CF::Date(static_cast<CFAbsoluteTime>(seconds) - static_cast<CFAbsoluteTime>(kUnixToCFSeconds));
+double dateFromUnixSeconds(uint64_t seconds) {
+    return static_cast<CFAbsoluteTime>(seconds) - static_cast<CFAbsoluteTime>(kUnixToCFSeconds);
 }
 
 // The whole seconds of the date, reduced to their low 32 bits, moved to the Unix epoch in 32-bit
 // arithmetic. Done on doubles so that no date, however far off (or not a number), overflows a cast.
-uint32_t unixSecondsFromDate(const CF::Date& date) {
+uint32_t unixSecondsFromDate(double absoluteTime) {
     constexpr double kTwoTo32 = 4294967296.0;
-    double whole = std::trunc(date.AbsoluteTime());
+    double whole = std::trunc(absoluteTime);
     if (!std::isfinite(whole)) whole = 0;
     double low = std::fmod(whole, kTwoTo32);
     if (low < 0) low += kTwoTo32;
@@ -112,7 +111,21 @@ uint32_t unixSecondsFromDate(const CF::Date& date) {
 
 // Reads the record at `offset`; an empty handle when any part of it is missing. `next` becomes the
 // position after the record.
-Entry readRecord(const Support::byte_reader& bytes, uint64_t offset, uint64_t& next, QVGetFileFunction getFileFunc) {
+// One string per domain for all the records of a manifest.
+class DomainNames {
+public:
+    CF::String Intern(std::string_view text) {
+        auto found = names_.find(std::string(text));
+        if (found == names_.end()) found = names_.emplace(std::string(text), CF::String(text)).first;
+        return found->second;
+    }
+
+private:
+    std::unordered_map<std::string, CF::String> names_;
+};
+
+Entry readRecord(const Support::byte_reader& bytes, uint64_t offset, uint64_t& next, DomainNames& domains,
+                 std::shared_ptr<const QVGetFileFunction> getFileFunc) {
     RecordCursor cursor(bytes, offset);
     const auto domain = stringField(cursor);
     const auto path = stringField(cursor);
@@ -137,7 +150,7 @@ Entry readRecord(const Support::byte_reader& bytes, uint64_t offset, uint64_t& n
 
     const auto count = cursor.integer(1);
     if (!count) return nullptr;
-    CF::Dictionary properties = CF::EmptyDictionary();
+    CF::Dictionary properties;
     if (*count > 0) {
         properties = CF::Dictionary::CreateMutable();
         for (uint64_t i = 0; i < *count; ++i) {
@@ -145,15 +158,20 @@ Entry readRecord(const Support::byte_reader& bytes, uint64_t offset, uint64_t& n
             if (!name) return nullptr;
             const auto value = dataField(cursor);
             if (!value) return nullptr;
-            properties.Set(name->get(), value->get());  // a later equal name replaces an earlier one
+            // a later equal name replaces an earlier one
+            properties.Set(CF::String(*name).get(),
+                           CF::Data(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(value->data()), value->size())).get());
         }
     }
 
     auto entry = std::make_shared<QVManifestEntryClass>();
-    SetEntryNames(*entry, domain->get(), path->get(), nullptr);
-    entry->target = *target;
-    entry->digest = *digest;
-    entry->encryptionKey = *key;
+    entry->SetDomain(domains.Intern(*domain));
+    entry->SetTexts({{QVManifestEntryClass::kPath, *path},
+                     {QVManifestEntryClass::kTarget, *target},
+                     {QVManifestEntryClass::kDigest, *digest},
+                     {QVManifestEntryClass::kEncryptionKey, *key}});
+    entry->fileIDBytes = FileIDBytesForPath(*domain, *path);
+    entry->fileIDIsHex = true;
     entry->fileType = 0;  // the format has no type byte; the mode's type bits say what the entry is
     entry->mode = static_cast<uint16_t>(*mode);
     entry->userID = static_cast<uint32_t>(*uid);
@@ -188,6 +206,7 @@ public:
     }
 
     void field(CFDataRef data) { field(data ? bytesOf(data) : std::span<const uint8_t>()); }
+    void field(std::string_view text) { field(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size())); }
 
     // The string's UTF-8 bytes, all of them (CFStringGetCStringPtr would stop at an embedded NUL).
     void field(CFStringRef s) {
@@ -217,11 +236,11 @@ bool appendRecord(std::vector<uint8_t>& out, const QVManifestEntryClass& entry) 
     const uint32_t protectionCode = ProtectionClassCode(entry.protectionClass);  // fatal outside 0 to 4
 
     RecordWriter writer(out);
-    writer.field(entry.domain.get());
-    writer.field(entry.relativePath.get());
-    writer.field(entry.target.get());
-    writer.field(entry.digest.get());
-    writer.field(entry.encryptionKey.get());
+    writer.field(entry.domainText);
+    writer.field(entry.path());
+    writer.field(entry.target());
+    writer.field(entry.digest());
+    writer.field(entry.encryptionKey());
     writer.integer(entry.mode, 2);
     writer.integer(entry.inode, 8);
     writer.integer(entry.userID, 4);
@@ -252,7 +271,9 @@ Entry QVManifestEntryCreateFromManifestData(CFDataRef data, int64_t offset, int6
     if (offset < 0) return nullptr;
     const Support::byte_reader bytes(bytesOf(data));
     uint64_t next = 0;
-    Entry entry = readRecord(bytes, static_cast<uint64_t>(offset), next, std::move(getFileFunc));
+    DomainNames domains;
+    Entry entry = readRecord(bytes, static_cast<uint64_t>(offset), next, domains,
+                             getFileFunc ? std::make_shared<const QVGetFileFunction>(std::move(getFileFunc)) : nullptr);
     if (entry && nextOffset && next < bytes.size()) *nextOffset = static_cast<int64_t>(next);
     return entry;
 }
@@ -289,12 +310,14 @@ Manifest QVManifestCreateFromManifestData(CFDataRef data, QVManifestDataVersion 
     report(progress, static_cast<int64_t>(kHeaderSize), length);
 
     std::vector<Entry> entries;
+    DomainNames domains;
+    const auto sharedGetter = getFile ? std::make_shared<const QVGetFileFunction>(getFile) : nullptr;
     uint64_t offset = kHeaderSize;
     for (;;) {
         uint64_t next = 0;
         Entry entry;
         try {
-            entry = readRecord(bytes, offset, next, getFile);
+            entry = readRecord(bytes, offset, next, domains, sharedGetter);
         } catch (const std::exception&) {  // a protection-class code above 4
             entry = nullptr;
         }
@@ -319,11 +342,7 @@ CFDataRef QVManifestCreateManifestDataRepresentation(const Manifest& manifest, Q
                         fmt::format("Invalid manifest version '{}' for this encoding scheme",
                                     static_cast<int32_t>(version)));
         std::vector<Entry> entries = QVManifestGetEntries(manifest);
-        std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-            CFStringRef x = QVManifestEntryGetDomainPathPair(a);
-            CFStringRef y = QVManifestEntryGetDomainPathPair(b);
-            return CFStringCompare(x, y, 0) == kCFCompareLessThan;
-        });
+        std::stable_sort(entries.begin(), entries.end(), DomainPathPairLess);
 
         std::vector<uint8_t> image(std::begin(kHeader), std::end(kHeader));
         std::vector<std::string> skipped;

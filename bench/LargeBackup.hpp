@@ -50,8 +50,12 @@ inline Quiver::Manifest MakeLargeManifest(int64_t rows, bool encrypted) {
             entry->mode = 0x81A4;
             entry->fileType = 1;
             entry->size = static_cast<uint64_t>(i * 7919 % 5000000);
-            if (i % 2 == 0) entry->digest = CF::Data(Support::RandomBytes(20));
-            if (encrypted) entry->encryptionKey = CF::Data(key);
+            const std::vector<uint8_t> digest = i % 2 == 0 ? Support::RandomBytes(20) : std::vector<uint8_t>();
+            const std::string_view asText(reinterpret_cast<const char*>(digest.data()), digest.size());
+            entry->SetTexts({{QVManifestEntryClass::kDigest, asText},
+                             {QVManifestEntryClass::kEncryptionKey,
+                              encrypted ? std::string_view(reinterpret_cast<const char*>(key.data()), key.size())
+                                        : std::string_view()}});
             entry->protectionClass = EntryProtectionClassCompleteUntilUnlocked;
         } else if (i % 30 == 2) {
             entry = QVManifestEntryCreateForSymlink(domain.get(), CF::String(path).get(), CFSTR("../elsewhere"));

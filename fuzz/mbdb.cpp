@@ -17,10 +17,11 @@ namespace {
 
 bool sameEntry(const Entry& a, const Entry& b) {
     auto fields = [](const Entry& e) {
-        return std::make_tuple(e->domain, e->relativePath, CF::String::Retain(QVManifestEntryGetDomainPathPair(e)), e->fileID, e->target, e->digest,
-                               e->encryptionKey, e->mode, e->inode, e->userID, e->groupID, e->size,
-                               e->protectionClass, e->birth.AbsoluteTime(), e->lastModified.AbsoluteTime(),
-                               e->lastStatusChange.AbsoluteTime(), e->properties);
+        return std::make_tuple(std::string(e->domainText), std::string(e->path()), e->fileID(),
+                               std::string(e->target()), std::string(e->text(QVManifestEntryClass::kDigest)),
+                               std::string(e->text(QVManifestEntryClass::kEncryptionKey)), e->mode, e->inode,
+                               e->userID, e->groupID, e->size, e->protectionClass, e->birth, e->lastModified,
+                               e->lastStatusChange, CF::Dictionary::Retain(QVManifestEntryGetProperties(e)));
     };
     return fields(a) == fields(b);
 }

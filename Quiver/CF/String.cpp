@@ -1,6 +1,7 @@
 #include "Quiver/CF/String.hpp"
 
 #include <cstdarg>
+#include <stdexcept>
 
 namespace CF {
 
@@ -14,6 +15,15 @@ std::string UTF8(CFStringRef s) {
     std::string out(static_cast<size_t>(used), '\0');
     CFStringGetBytes(s, all, kCFStringEncodingUTF8, 0, false, reinterpret_cast<UInt8*>(out.data()), used, &used);
     return out;
+}
+
+std::string_view UTF8View(CFStringRef s) {
+    if (!s) return {};
+    CFIndex used = 0;
+    CFStringGetBytes(s, CFRangeMake(0, CFStringGetLength(s)), kCFStringEncodingUTF8, 0, false, nullptr, 0, &used);
+    const char* p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8);
+    if (!p) throw std::logic_error("string keeps no UTF-8");
+    return {p, static_cast<size_t>(used)};
 }
 
 String::String(std::string_view utf8) {

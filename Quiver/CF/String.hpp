@@ -15,6 +15,9 @@ namespace CF {
 
 // The UTF-8 text of a borrowed string ("" for NULL), read in place where the string holds UTF-8.
 QV_EXPORT std::string UTF8(CFStringRef s);
+// The UTF-8 that the string keeps, viewed in place: valid while the string lives unchanged. Strings of
+// this CoreFoundation always keep it; empty for null.
+QV_EXPORT std::string_view UTF8View(CFStringRef s);
 
 class QV_EXPORT String : public Object<String, CFStringRef> {
 public:

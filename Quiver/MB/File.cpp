@@ -152,19 +152,18 @@ cf_value unmodelledValue(const basic_keyed_unarchiver<Store>& u, typename Store:
 }
 
 template <class Store>
-File decodeArchive(const Store& store, typename Store::value top) {
+void decodeArchive(const Store& store, typename Store::value top, FileView& f) {
     using value = typename Store::value;
     const archive_top<Store> archive = check_archive(store, top);
     if (archive.root == 0) throw missing_root();  // nil
     basic_keyed_unarchiver<Store> unarchiver(store, archive.objects);
-    return unarchiver.decode_object(archive.root, [](basic_keyed_unarchiver<Store>& u, value raw) {
+    unarchiver.decode_object(archive.root, [&f](basic_keyed_unarchiver<Store>& u, value raw) {
         // A dictionary that spells a UID ({"CF$UID": n}) is a reference, not an object.
         if (u.store().type(raw) != plist_type::dictionary || detail::extract_uid(u.store(), raw))
             throw cant_decode_as_value(u.type_name(raw), "MBFile");
         // One pass over the object's keys, then the members in their order.
         value slot[kMemberCount];
         for (value& s : slot) s = Store::none;
-        File f;
         const auto& object = u.current();
         for (size_t i = 0; i < object.size(); ++i) {
             const std::string_view key = object.key(i);
@@ -173,16 +172,16 @@ File decodeArchive(const Store& store, typename Store::value top) {
                 slot[m] = object.value_at(i);
             } else if (key != "$class") {
                 if (cf_value kept = unmodelledValue(u, object.value_at(i))) {
-                    if (f.Unmodelled.IsEmpty()) f.Unmodelled = CF::Dictionary::CreateMutable();
+                    if (!f.Unmodelled) f.Unmodelled = CF::Dictionary::CreateMutable();
                     f.Unmodelled.Set(key, kept.get());
                 }
             }
         }
 
-        if (auto s = u.string_from(slot[kRelativePath])) f.RelativePath = shared(std::move(*s));
-        if (auto s = u.string_from(slot[kTarget])) f.Target = shared(std::move(*s));
-        if (auto d = u.data_from(slot[kDigest])) f.Digest = shared(std::move(*d));
-        if (auto d = u.data_from(slot[kEncryptionKey])) f.EncryptionKey = shared(std::move(*d));
+        if (auto s = u.text_from(slot[kRelativePath], f.spare[0])) f.RelativePath = *s;
+        if (auto s = u.text_from(slot[kTarget], f.spare[1])) f.Target = *s;
+        if (auto d = u.bytes_from(slot[kDigest])) f.Digest = *d;
+        if (auto d = u.bytes_from(slot[kEncryptionKey])) f.EncryptionKey = *d;
         if (auto n = u.integer_from(slot[kMode], 32)) f.Mode = static_cast<uint32_t>(*n);
         if (auto n = u.integer_from(slot[kUserID], 32)) f.UserID = static_cast<uint32_t>(*n);
         if (auto n = u.integer_from(slot[kGroupID], 32)) f.GroupID = static_cast<uint32_t>(*n);
@@ -194,8 +193,23 @@ File decodeArchive(const Store& store, typename Store::value top) {
         if (auto n = u.integer_from(slot[kProtectionClass], 32)) f.ProtectionClass = static_cast<uint32_t>(*n);
         if (auto n = u.integer_from(slot[kFlags])) f.Flags = *n;
         if (slot[kExtendedAttributes] != Store::none) f.ExtendedAttributes = decodeAttributes(u, slot[kExtendedAttributes]);
-        return f;
     });
+}
+
+// Views into a parsed property list die with it: the bytes move to the record's own storage.
+void keepViews(FileView& f) {
+    auto keep = [](std::string& spare, std::string_view view) -> std::string_view {
+        if (view.data() != spare.data()) spare.assign(view);
+        return spare;
+    };
+    auto keepBytes = [&](std::string& spare, std::span<const uint8_t> bytes) {
+        const std::string_view kept = keep(spare, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+        return std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(kept.data()), kept.size());
+    };
+    f.RelativePath = keep(f.spare[0], f.RelativePath);
+    f.Target = keep(f.spare[1], f.Target);
+    f.Digest = keepBytes(f.spare[2], f.Digest);
+    f.EncryptionKey = keepBytes(f.spare[3], f.EncryptionKey);
 }
 
 // The property-list writer ends strings at a NUL character; a record holding one would come back
@@ -270,24 +284,51 @@ File::File(File&& other) noexcept = default;
 File& File::operator=(File&& other) noexcept = default;
 File::~File() = default;
 
-std::optional<File> File::Decode(std::span<const uint8_t> blob) {
+bool File::DecodeView(std::span<const uint8_t> blob, FileView& out) {
+    out = FileView();
     if (binary_plist_reader::has_signature(blob)) {
         auto reader = binary_plist_reader::open(blob);
-        if (!reader) return std::nullopt;
+        if (!reader) return false;
         try {
-            if (reader->type(reader->top()) != plist_type::dictionary) return std::nullopt;
-            return decodeArchive(*reader, reader->top());
+            if (reader->type(reader->top()) != plist_type::dictionary) return false;
+            decodeArchive(*reader, reader->top(), out);
+            return true;
         } catch (const plist_format_error&) {
             // What the bytes break is the property list itself, as if it had not parsed at all.
-            return std::nullopt;
+            return false;
         }
     }
-    if (blob.empty()) return std::nullopt;
+    if (blob.empty()) return false;
     CF::Data data = CF::Data::NoCopy(blob);
     cf_value plist = cf_value::Adopt(
         CFPropertyListCreateWithData(kCFAllocatorDefault, data.get(), kCFPropertyListImmutable, nullptr, nullptr));
-    if (!plist || CFGetTypeID(plist.get()) != CFDictionaryGetTypeID()) return std::nullopt;
-    return decodeArchive(cf_plist_store{}, plist.get());
+    if (!plist || CFGetTypeID(plist.get()) != CFDictionaryGetTypeID()) return false;
+    decodeArchive(cf_plist_store{}, plist.get(), out);
+    keepViews(out);
+    return true;
+}
+
+std::optional<File> File::Decode(std::span<const uint8_t> blob) {
+    FileView view;
+    if (!DecodeView(blob, view)) return std::nullopt;
+    File f;
+    if (!view.RelativePath.empty()) f.RelativePath = CF::String(view.RelativePath);
+    if (!view.Target.empty()) f.Target = CF::String(view.Target);
+    if (!view.Digest.empty()) f.Digest = CF::Data(view.Digest);
+    if (!view.EncryptionKey.empty()) f.EncryptionKey = CF::Data(view.EncryptionKey);
+    f.Mode = view.Mode;
+    f.UserID = view.UserID;
+    f.GroupID = view.GroupID;
+    f.LastModified = view.LastModified;
+    f.LastStatusChange = view.LastStatusChange;
+    f.Birth = view.Birth;
+    f.Size = view.Size;
+    f.InodeNumber = view.InodeNumber;
+    f.ProtectionClass = view.ProtectionClass;
+    if (view.ExtendedAttributes) f.ExtendedAttributes = std::move(view.ExtendedAttributes);
+    f.Flags = view.Flags;
+    if (view.Unmodelled) f.Unmodelled = std::move(view.Unmodelled);
+    return f;
 }
 
 std::optional<File> File::Decode(CFDataRef blob) {

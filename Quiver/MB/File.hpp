@@ -20,6 +20,8 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
+#include <string_view>
 
 #include "Quiver/CF/Data.hpp"
 #include "Quiver/CF/Dictionary.hpp"
@@ -27,6 +29,29 @@
 #include "Quiver/Export.hpp"
 
 namespace MB {
+
+// A decoded record whose strings and data are views: into the blob where they lie there, else into
+// the record's own spare storage. Valid while both the blob and the record live; nothing else is made
+// unless the record has extended attributes or unmodelled keys (null dictionaries otherwise).
+struct FileView {
+    std::string_view RelativePath;
+    std::string_view Target;
+    std::span<const uint8_t> Digest;
+    std::span<const uint8_t> EncryptionKey;
+    uint32_t Mode = 0;
+    uint32_t UserID = 0;
+    uint32_t GroupID = 0;
+    int64_t LastModified = 0;
+    int64_t LastStatusChange = 0;
+    int64_t Birth = 0;
+    uint64_t Size = 0;
+    uint64_t InodeNumber = 0;
+    uint32_t ProtectionClass = 0;
+    CF::Dictionary ExtendedAttributes;
+    int64_t Flags = 0;
+    CF::Dictionary Unmodelled;
+    std::string spare[4];
+};
 
 class QV_EXPORT File {
 public:
@@ -46,6 +71,8 @@ public:
     // failure take the exception's what() as its text.
     static std::optional<File> Decode(std::span<const uint8_t> blob);
     static std::optional<File> Decode(CFDataRef blob);
+    // The same checks and failures, into views (false where Decode gives nullopt).
+    static bool DecodeView(std::span<const uint8_t> blob, FileView& out);
 
     // The blob: a binary property list with the members in the order below. Target, Digest,
     // EncryptionKey and ExtendedAttributes are written only when not empty. Throws

@@ -199,6 +199,18 @@ CF::String binary_plist_reader::string(value v) const {
     return CF::String::Adopt(s);
 }
 
+std::string_view binary_plist_reader::utf8(value v, std::string& spare) const {
+    const Object& o = expect(v, plist_type::string, "string");
+    const uint8_t* p = bytes_.bytes().data() + o.payload;
+    if ((o.marker >> 4) == kASCII) {
+        bool ascii = true;
+        for (size_t i = 0; i < o.size && ascii; ++i) ascii = p[i] < 0x80;
+        if (ascii) return {reinterpret_cast<const char*>(p), static_cast<size_t>(o.size)};
+    }
+    spare = string(v).utf8();  // validates, as making the string does
+    return spare;
+}
+
 bool binary_plist_reader::string_equals(value v, std::string_view ascii) const {
     const Object& o = at(v);
     if (typeOf(o.marker) != plist_type::string) return false;

@@ -75,6 +75,8 @@ public:
     uint32_t uid(value v) const;
     // The string as a new CoreFoundation string (ASCII, UTF-8 or UTF-16 as stored).
     CF::String string(value v) const;
+    // The string's UTF-8: viewed in place when stored as ASCII, else converted into `spare`.
+    std::string_view utf8(value v, std::string& spare) const;
     // Whether the object is a string equal to `ascii`, without making a string.
     bool string_equals(value v, std::string_view ascii) const;
     // The data's bytes, viewed in place.

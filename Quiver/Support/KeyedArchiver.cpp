@@ -308,6 +308,10 @@ bool cf_plist_store::string_equals(value v, std::string_view ascii) const {
     return utf8View(static_cast<CFStringRef>(v), spare) == ascii;
 }
 
+std::string_view cf_plist_store::utf8(value v, std::string& spare) const {
+    return utf8View(static_cast<CFStringRef>(v), spare);
+}
+
 std::span<const uint8_t> cf_plist_store::data_bytes(value v) const {
     auto d = static_cast<CFDataRef>(v);
     return {CFDataGetBytePtr(d), static_cast<size_t>(CFDataGetLength(d))};
@@ -460,39 +464,54 @@ std::optional<int64_t> basic_keyed_unarchiver<Store>::integer_from(value v, unsi
 }
 
 template <class Store>
-std::optional<CF::String> basic_keyed_unarchiver<Store>::string_from(value v) {
+std::optional<std::string_view> basic_keyed_unarchiver<Store>::text_from(value v, std::string& spare) {
     if (v == Store::none) return std::nullopt;
-    if (store_.type(v) == plist_type::string) return store_.string(v);
+    if (store_.type(v) == plist_type::string) return store_.utf8(v, spare);
     const auto id = detail::extract_uid(store_, v);
     if (!id) throw cant_decode_as_value(type_name(v), "string");
     if (*id == 0) return std::nullopt;
-    return decode_object(*id, [](basic_keyed_unarchiver& u, value raw) -> std::optional<CF::String> {
+    return decode_object(*id, [&spare](basic_keyed_unarchiver& u, value raw) -> std::optional<std::string_view> {
         const plist_type t = u.store_.type(raw);
-        if (t == plist_type::string) return u.store_.string(raw);
+        if (t == plist_type::string) return u.store_.utf8(raw, spare);
         if (t == plist_type::dictionary) {
             const value inner = u.raw_value("NS.string");
-            if (inner != Store::none) return u.string_from(inner);
+            if (inner != Store::none) return u.text_from(inner, spare);
         }
         throw cant_decode_as_value(u.type_name(raw), "string");
     });
 }
 
 template <class Store>
-std::optional<CF::Data> basic_keyed_unarchiver<Store>::data_from(value v) {
+std::optional<std::span<const uint8_t>> basic_keyed_unarchiver<Store>::bytes_from(value v) {
     if (v == Store::none) return std::nullopt;
-    if (store_.type(v) == plist_type::data) return store_.data(v);
+    if (store_.type(v) == plist_type::data) return store_.data_bytes(v);
     const auto id = detail::extract_uid(store_, v);
     if (!id) throw cant_decode_as_value(type_name(v), "data");
     if (*id == 0) return std::nullopt;
-    return decode_object(*id, [](basic_keyed_unarchiver& u, value raw) -> std::optional<CF::Data> {
+    return decode_object(*id, [](basic_keyed_unarchiver& u, value raw) -> std::optional<std::span<const uint8_t>> {
         const plist_type t = u.store_.type(raw);
-        if (t == plist_type::data) return u.store_.data(raw);
+        if (t == plist_type::data) return u.store_.data_bytes(raw);
         if (t == plist_type::dictionary) {
             const value inner = u.raw_value("NS.data");
-            if (inner != Store::none) return u.data_from(inner);
+            if (inner != Store::none) return u.bytes_from(inner);
         }
         throw cant_decode_as_value(u.type_name(raw), "data");
     });
+}
+
+template <class Store>
+std::optional<CF::String> basic_keyed_unarchiver<Store>::string_from(value v) {
+    std::string spare;
+    const auto text = text_from(v, spare);
+    if (!text) return std::nullopt;
+    return CF::String(*text);
+}
+
+template <class Store>
+std::optional<CF::Data> basic_keyed_unarchiver<Store>::data_from(value v) {
+    const auto bytes = bytes_from(v);
+    if (!bytes) return std::nullopt;
+    return CF::Data(*bytes);
 }
 
 template <class Store>

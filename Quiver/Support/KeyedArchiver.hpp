@@ -240,6 +240,7 @@ public:
     uint32_t uid(value v) const;
     CF::String string(value v) const;
     bool string_equals(value v, std::string_view ascii) const;
+    std::string_view utf8(value v, std::string& spare) const;
     std::span<const uint8_t> data_bytes(value v) const;
     CF::Data data(value v) const;
     size_t count(value v) const;
@@ -338,6 +339,10 @@ public:
     std::optional<CF::String> string_from(value v);
     // Data: stored in place, or by UID as data or an NSData object ("NS.data").
     std::optional<CF::Data> data_from(value v);
+    // The same as views: into the store's bytes where they lie there (the view then lives as long as
+    // the store), else into `spare`. A decoder that keeps nothing of the archive makes no objects.
+    std::optional<std::string_view> text_from(value v, std::string& spare);
+    std::optional<std::span<const uint8_t>> bytes_from(value v);
     // An archived NSDictionary ("NS.keys", "NS.objects") by UID, with its keys and values decoded by
     // decode_value.
     std::optional<CF::Dictionary> dictionary_from(value v);

@@ -334,7 +334,7 @@ TEST_F(ContainerTest, ReplacingKeepsAttributesAndReplacingADirectoryDropsItsSubt
     EXPECT_EQ(created->mode, old->mode);
     EXPECT_EQ(created->inode, old->inode);
     EXPECT_EQ(created->protectionClass, old->protectionClass);
-    EXPECT_EQ(created->lastModified.AbsoluteTime(), old->lastModified.AbsoluteTime());
+    EXPECT_EQ(created->lastModified, old->lastModified);
     auto read = QVBackupContainerCopyFileForPath(backup, domain.get(), path.get(), nullptr);
     EXPECT_EQ(ReadFileObject(read), (std::vector<uint8_t>{'n', 'e', 'w'}));
 

@@ -47,7 +47,7 @@ protected:
             ASSERT_TRUE(other);
             EXPECT_EQ(other->mode, e->mode);
             EXPECT_EQ(other->size, e->size);
-            EXPECT_TRUE(other->target == e->target);
+            EXPECT_EQ(other->target(), e->target());
             if (!QVManifestEntryIsFile(e)) continue;
             CFErrorRef error = nullptr;
             auto fa = QVBackupContainerCopyFileForPath(a, QVManifestEntryGetDomain(e), QVManifestEntryGetPath(e), &error);

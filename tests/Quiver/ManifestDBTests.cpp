@@ -99,10 +99,9 @@ TEST_F(ManifestDBTest, WrittenManifestReadsBackInDomainPathOrder) {
     EXPECT_EQ(file->mode, 0x81A4);
     EXPECT_EQ(file->fileType, 1);
     EXPECT_EQ(file->protectionClass, EntryProtectionClassNone);
-    EXPECT_TRUE(file->digest == source->digest);
-    EXPECT_TRUE(file->properties == source->properties);
-    EXPECT_EQ(static_cast<int64_t>(file->lastModified.AbsoluteTime()),
-              static_cast<int64_t>(source->lastModified.AbsoluteTime()));
+    EXPECT_TRUE(CFEqual(QVManifestEntryGetDataHash(file), QVManifestEntryGetDataHash(source)));
+    EXPECT_TRUE(CFEqual(QVManifestEntryGetProperties(file), QVManifestEntryGetProperties(source)));
+    EXPECT_EQ(static_cast<int64_t>(file->lastModified), static_cast<int64_t>(source->lastModified));
     EXPECT_FALSE(file->external);
     EXPECT_EQ(text(QVManifestEntryGetTarget(entries[3])), "../target");
     EXPECT_EQ(QVManifestGetTotalFileCount(back), 1);
@@ -259,8 +258,8 @@ TEST_F(ManifestDBTest, RealDeviceDatabaseLoadsWholeAndSurvivesARoundTrip) {
         EXPECT_EQ(again->mode, e->mode);
         EXPECT_EQ(again->size, e->size);
         EXPECT_EQ(again->inode, e->inode);
-        EXPECT_TRUE(again->encryptionKey == e->encryptionKey);
-        EXPECT_TRUE(again->target == e->target);
-        EXPECT_EQ(again->lastModified.AbsoluteTime(), e->lastModified.AbsoluteTime());
+        EXPECT_TRUE(CFEqual(QVManifestEntryGetEncryptionData(again), QVManifestEntryGetEncryptionData(e)));
+        EXPECT_EQ(again->target(), e->target());
+        EXPECT_EQ(again->lastModified, e->lastModified);
     }
 }

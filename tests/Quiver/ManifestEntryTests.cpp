@@ -121,7 +121,7 @@ TEST_F(ManifestEntryTest, FileIsFetchedOnceThroughTheCallbackAndNeverWithoutOne)
     EXPECT_EQ(first.get(), second.get());
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(askedFor, text(QVManifestEntryGetFileID(entry)));
-    EXPECT_DOUBLE_EQ(CFDateGetAbsoluteTime(QVFileGetModifiedDate(first)), entry->lastModified.AbsoluteTime());
+    EXPECT_DOUBLE_EQ(CFDateGetAbsoluteTime(QVFileGetModifiedDate(first)), entry->lastModified);
 
     CFErrorRef error = nullptr;
     EXPECT_FALSE(QVManifestEntryGetFile(source, &error));
@@ -137,7 +137,7 @@ TEST_F(ManifestEntryTest, CopyIsDeepAndCloneMovesOnlyAttributes) {
     auto copy = QVManifestEntryCreateCopy(original, nullptr);
     EXPECT_NE(copy->file.get(), original->file.get());  // a fresh file object
     EXPECT_TRUE(copy->file == original->file);          // with the same content
-    EXPECT_NE(copy->lastModified.get(), original->lastModified.get());
+    EXPECT_EQ(copy->lastModified, original->lastModified);
     EXPECT_EQ(copy->inode, 77u);
     EXPECT_EQ(text(QVManifestEntryGetFileID(copy)), text(QVManifestEntryGetFileID(original)));
 
@@ -177,8 +177,8 @@ TEST_F(ManifestEntryTest, GeneratedKeyEnciphersTheContentAndUnlocksAgain) {
     EXPECT_EQ(QVManifestEntryGetProtectionClass(entry), EntryProtectionClassNone);
 
     // The entry keeps its plain content; the wrapped key unlocks to the key that enciphers a copy.
-    auto generated = entry->unlockedKey;
-    entry->unlockedKey.reset();
+    auto generated = entry->unlockedKey();
+    entry->unlockedKey().reset();
     auto key = QVManifestEntryUnlockFileKey(entry, encryption(), &error);
     ASSERT_TRUE(key);
     EXPECT_EQ(key, generated);
@@ -193,11 +193,11 @@ TEST_F(ManifestEntryTest, GeneratedKeyEnciphersTheContentAndUnlocksAgain) {
     EXPECT_EQ(std::string(back.begin(), back.end()), plain);
 
     // A second generation is refused and changes nothing.
-    CF::Data before = entry->encryptionKey;
+    const std::vector<uint8_t> before(entry->encryptionKey().begin(), entry->encryptionKey().end());
     EXPECT_FALSE(QVManifestEntryGenerateFileKey(entry, encryption(), &error));
     CF::Error e = CF::Error::Adopt(error);
     EXPECT_EQ(e.Reason(), "Impossible to generate a file key for an entry that already has one (protection class None)");
-    EXPECT_EQ(entry->encryptionKey.get(), before.get());
+    EXPECT_EQ(std::vector<uint8_t>(entry->encryptionKey().begin(), entry->encryptionKey().end()), before);
 }
 
 TEST_F(ManifestEntryTest, UnlockReportsABadWrappedKeyAndGenerationNeedsARegularFile) {
@@ -211,7 +211,7 @@ TEST_F(ManifestEntryTest, UnlockReportsABadWrappedKeyAndGenerationNeedsARegularF
     std::vector<uint8_t> junk(44, 0x11);
     junk[0] = 4;
     junk[1] = junk[2] = junk[3] = 0;
-    entry->encryptionKey = CF::Data(junk);
+    entry->SetTexts({{QVManifestEntryClass::kEncryptionKey, {reinterpret_cast<const char*>(junk.data()), junk.size()}}});
     error = nullptr;
     EXPECT_FALSE(QVManifestEntryUnlockFileKey(entry, encryption(), &error));
     CF::Error e = CF::Error::Adopt(error);

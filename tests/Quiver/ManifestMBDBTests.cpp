@@ -59,13 +59,13 @@ struct Heap {
 
 void expectSameEntry(const Entry& a, const Entry& b) {
     auto fields = [](const Entry& e) {
-        return std::make_tuple(CF::UTF8(QVManifestEntryGetDomainPathPair(e)), e->fileID.utf8(), e->target.utf8(), e->digest.vector(),
-                               e->encryptionKey.vector(), e->mode, e->inode, e->userID, e->groupID, e->size,
-                               e->protectionClass, e->birth.AbsoluteTime(), e->lastModified.AbsoluteTime(),
-                               e->lastStatusChange.AbsoluteTime());
+        return std::make_tuple(CF::UTF8(QVManifestEntryGetDomainPathPair(e)), e->fileID(), std::string(e->target()),
+                               Bytes(e->digest().begin(), e->digest().end()),
+                               Bytes(e->encryptionKey().begin(), e->encryptionKey().end()), e->mode, e->inode, e->userID, e->groupID, e->size,
+                               e->protectionClass, e->birth, e->lastModified, e->lastStatusChange);
     };
     EXPECT_EQ(fields(a), fields(b));
-    EXPECT_TRUE(CFEqual(a->properties.get(), b->properties.get())) << CF::UTF8(QVManifestEntryGetDomainPathPair(a));
+    EXPECT_TRUE(CFEqual(QVManifestEntryGetProperties(a), QVManifestEntryGetProperties(b))) << CF::UTF8(QVManifestEntryGetDomainPathPair(a));
 }
 
 class ManifestMBDB : public ::testing::Test {
@@ -85,7 +85,7 @@ protected:
         file->size = 0xFEDCBA9876543210ull;
         file->inode = 0x8000000000000001ull;
         file->protectionClass = EntryProtectionClassCompleteUntilUnlocked;
-        file->birth = CF::Date(-5000.0);
+        file->birth = -5000.0;
         file->properties = CF::Dictionary::CreateMutable();
         file->properties.Set("com.apple.assetsd.UUID", CF::Data(Bytes{0, 1, 2, 0xFF}));
         file->properties.Set("", CF::Data(Bytes{}));
@@ -93,8 +93,7 @@ protected:
         directory->userID = 0xFFFFFFFF;
         auto link = QVManifestEntryCreateForSymlink(CFSTR("AppDomain-x"), CFSTR("a/link"), CFSTR("../target"));
         for (const Entry& e : {file, directory, link})  // stored times are whole seconds
-            for (CF::Date* d : {&e->birth, &e->lastModified, &e->lastStatusChange})
-                *d = CF::Date(std::trunc(d->AbsoluteTime()));
+            for (double* d : {&e->birth, &e->lastModified, &e->lastStatusChange}) *d = std::trunc(*d);
         return {link, file, directory};
     }
 
@@ -127,15 +126,16 @@ TEST_F(ManifestMBDB, RecordBuiltFromTheFormatDecodesToItsValues) {
     ASSERT_TRUE(e);
     EXPECT_EQ(next, static_cast<int64_t>(bytes.size() - 1));
     EXPECT_EQ(CF::UTF8(QVManifestEntryGetDomainPathPair(e)), "CameraRollDomain-Media/DCIM/100APPLE/IMG_0001.JPG");
-    EXPECT_EQ(e->fileID, CF::String::Adopt(QVManifestEntryCopyFileIDForPath(e->domain.get(), e->relativePath.get())));
+    EXPECT_EQ(e->fileID(), CF::UTF8(CF::String::Adopt(QVManifestEntryCopyFileIDForPath(
+                               QVManifestEntryGetDomain(e), QVManifestEntryGetPath(e))).get()));
     EXPECT_EQ(CF::UTF8(QVManifestEntryGetDeviceFilename(e)), "IMG_0001.JPG");
-    EXPECT_EQ(std::make_tuple(e->target.utf8(), e->digest.size(), e->encryptionKey.size()),
+    EXPECT_EQ(std::make_tuple(std::string(e->target()), e->digest().size(), e->encryptionKey().size()),
               std::make_tuple("", 20u, 0u));
     EXPECT_EQ(std::make_tuple(e->mode, e->inode, e->userID, e->groupID, e->size),
               std::make_tuple(0x81A4, 0x0102030405060708u, 501u, 20u, 0x100000001u));
-    EXPECT_EQ(e->lastStatusChange.AbsoluteTime(), 1300000000.0 - 978307200.0);
-    EXPECT_EQ(e->lastModified.AbsoluteTime(), 1300000001.0 - 978307200.0);
-    EXPECT_EQ(e->birth.AbsoluteTime(), 1300000002.0 - 978307200.0);
+    EXPECT_EQ(e->lastStatusChange, 1300000000.0 - 978307200.0);
+    EXPECT_EQ(e->lastModified, 1300000001.0 - 978307200.0);
+    EXPECT_EQ(e->birth, 1300000002.0 - 978307200.0);
     EXPECT_EQ(e->protectionClass, EntryProtectionClassCompleteUntilUnlocked);
     EXPECT_EQ(std::make_tuple(e->fileType, e->external), std::make_tuple(0, false));
     EXPECT_EQ(e->properties.Get<CF::Data>("com.apple.a").vector(), (Bytes{1, 2}));
@@ -143,7 +143,7 @@ TEST_F(ManifestMBDB, RecordBuiltFromTheFormatDecodesToItsValues) {
 
     // Written back (fractions of a second dropped), empty fields take the 0x0000 form and the rest,
     // the order of the three times included, is as it was.
-    e->lastModified = CF::Date(e->lastModified.AbsoluteTime() + 0.9);
+    e->lastModified += 0.9;
     Bytes expected = kRecord;
     expected[2 + 16 + 2 + 32] = expected[2 + 16 + 2 + 32 + 1] = 0;
     Bytes written = CF::Data::Adopt(QVManifestEntryCreateManifestDataRepresentation(e)).vector();

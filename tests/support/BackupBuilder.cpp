@@ -75,9 +75,8 @@ void WriteBytes(const fs::path& path, std::span<const uint8_t> bytes) {
 }
 
 void SetTimes(QVManifestEntryClass& entry, int64_t unixSeconds) {
-    entry.birth = CF::Date::FromUnixTime(static_cast<double>(unixSeconds));
-    entry.lastModified = CF::Date::FromUnixTime(static_cast<double>(unixSeconds));
-    entry.lastStatusChange = CF::Date::FromUnixTime(static_cast<double>(unixSeconds));
+    entry.birth = entry.lastModified = entry.lastStatusChange =
+        CF::Date::FromUnixTime(static_cast<double>(unixSeconds)).AbsoluteTime();
 }
 
 CF::Dictionary ManifestPlist(const BackupDescription& d, const CF::Data& keyBag, const CF::Data& manifestKey,
@@ -240,7 +239,9 @@ BuiltBackup BuildBackup(const fs::path& directory, const BackupDescription& d) {
             if (!entry) throw CF::Error::Adopt(error);
             entry->protectionClass = Quiver::ProtectionClassFromCode(protectionClass);
             out.digest = Quiver::Support::Sha1(stored);
-            entry->digest = d.recordDigests ? CF::Data(out.digest) : CF::Data();
+            const std::vector<uint8_t> digest = d.recordDigests ? out.digest : std::vector<uint8_t>();
+            entry->SetTexts({{QVManifestEntryClass::kDigest,
+                              {reinterpret_cast<const char*>(digest.data()), digest.size()}}});
             out.protectionClass = protectionClass;
             out.encryptionKey = wrappedKey.vector();
             out.content = item.content;

@@ -325,9 +325,7 @@ int RunSample(const SampleOptions& o) {
 
     // Every entry carries the sample's date, so that two samples list alike.
     for (const Entry& entry : QVManifestGetEntries(QVBackupContainerGetManifest(backup))) {
-        entry->birth = CF::Date(date.AbsoluteTime());
-        entry->lastModified = CF::Date(date.AbsoluteTime());
-        entry->lastStatusChange = CF::Date(date.AbsoluteTime());
+        entry->birth = entry->lastModified = entry->lastStatusChange = date.AbsoluteTime();
     }
     OpenBackup hold(std::move(backup));
     WriteBackup(hold.get(), o.destination, o.zip);
