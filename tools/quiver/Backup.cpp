@@ -274,11 +274,9 @@ const char* EntryTypeName(const Entry& entry) {
 }
 
 int64_t EntryModifiedUnixTime(const Entry& entry) {
-    CFDateRef modified = nullptr;
-    QVManifestEntryCopyFilesystemAttributes(entry, nullptr, nullptr, nullptr, nullptr, &modified, nullptr);
-    CF::Date date = CF::Date::Adopt(modified);
-    if (!date) return 0;
-    return static_cast<int64_t>(std::floor(date.UnixTime()));
+    double modified = 0;
+    QVManifestEntryGetTimes(entry, nullptr, &modified, nullptr);
+    return static_cast<int64_t>(std::floor(modified + kCFAbsoluteTimeIntervalSince1970));
 }
 
 Entry RequireEntry(const Backup& backup, const std::string& domain, const std::string& path) {
@@ -302,12 +300,10 @@ std::vector<Entry> SelectEntries(const Backup& backup, const std::optional<std::
             throw Failure(kFailure, fmt::format("nothing in the backup at {} {}", Printable(*domain), Printable(wanted)));
         }
     }
-    std::vector<std::pair<std::pair<std::string, std::string>, Entry>> keyed;
-    keyed.reserve(entries.size());
-    for (Entry& e : entries) keyed.push_back({{EntryDomain(e), EntryPath(e)}, std::move(e)});
-    std::stable_sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-    entries.clear();
-    for (auto& k : keyed) entries.push_back(std::move(k.second));
+    std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+        return std::pair(QVManifestEntryGetDomainUTF8(a), QVManifestEntryGetPathUTF8(a)) <
+               std::pair(QVManifestEntryGetDomainUTF8(b), QVManifestEntryGetPathUTF8(b));
+    });
     return entries;
 }
 

@@ -175,7 +175,7 @@ void AppendEntryJson(std::string& out, const Entry& e) {
     AppendJsonString(out, EntryDomain(e));
     out += ",\n";
     key("fileID");
-    AppendJsonString(out, Utf8(QVManifestEntryGetFileID(e)));
+    AppendJsonString(out, QVManifestEntryCopyFileIDUTF8(e));
     fmt::format_to(std::back_inserter(out), ",\n    \"gid\": {},\n    \"mode\": {},\n    \"mtime\": {},\n", gid, mode,
                    EntryModifiedUnixTime(e));
     key("path");
@@ -185,7 +185,7 @@ void AppendEntryJson(std::string& out, const Entry& e) {
                    QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0);
     key("target");
     if (QVManifestEntryIsSymlink(e)) {
-        AppendJsonString(out, Utf8(QVManifestEntryGetTarget(e)));
+        AppendJsonString(out, std::string(QVManifestEntryGetTargetUTF8(e)));
     } else {
         out += "null";
     }
@@ -223,7 +223,7 @@ int RunList(const ListOptions& o, const GlobalOptions& global) {
             text += fmt::format("{} {:>5} {:>5} {:>10} {}  {}\t{}", ModeString(mode), uid, gid,
                                 QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0,
                                 UtcTimeText(EntryModifiedUnixTime(e)), domain, name);
-            if (QVManifestEntryIsSymlink(e)) text += " -> " + Printable(Utf8(QVManifestEntryGetTarget(e)));
+            if (QVManifestEntryIsSymlink(e)) text += " -> " + Printable(std::string(QVManifestEntryGetTargetUTF8(e)));
         } else {
             text += fmt::format("{}\t{}", domain, name);
         }

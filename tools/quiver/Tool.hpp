@@ -94,8 +94,8 @@ std::vector<Quiver::Entry> SelectEntries(const Quiver::Backup& backup, const std
                                          const std::optional<std::string>& path);
 
 std::string Utf8(CFStringRef string);
-inline std::string EntryDomain(const Quiver::Entry& e) { return Utf8(Quiver::QVManifestEntryGetDomain(e)); }
-inline std::string EntryPath(const Quiver::Entry& e) { return Utf8(Quiver::QVManifestEntryGetPath(e)); }
+inline std::string EntryDomain(const Quiver::Entry& e) { return std::string(Quiver::QVManifestEntryGetDomainUTF8(e)); }
+inline std::string EntryPath(const Quiver::Entry& e) { return std::string(Quiver::QVManifestEntryGetPathUTF8(e)); }
 // "file", "dir" or "symlink".
 const char* EntryTypeName(const Quiver::Entry& entry);
 // Unix seconds of the entry's last modification, 0 when it has none.
