@@ -282,20 +282,13 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
     }
     CFErrorRef slot = nullptr;
     if (encrypted && backup->manifestEncryption->HasManifestKey()) {
-        // The plaintext is the user's private data: deciphered into memory, never to a file.
-        log_fmt(log_level::debug, "(QVBackupContainer {}) Will decrypt manifest version '{}' into memory",
+        // The plaintext is the user's private data: deciphered page by page as SQLite reads it, never
+        // to a file, and never the whole of it at once.
+        log_fmt(log_level::debug, "(QVBackupContainer {}) Will read enciphered manifest version '{}'",
                 static_cast<const void*>(backup.get()), version);
-        std::error_code ec;
-        const uintmax_t size = fs::file_size(databasePath, ec);
-        if (ec) throw Error(QVErrorFilesystem, CF::Error(), fmt::format("{} ({})", ec.message(), databasePath.string()));
-        DatabaseImage image(static_cast<size_t>(size) + 2 * Support::Cryptor::kBlockSize);
-        image.setSize(MB::ManifestEncryption::DecryptDatabase(databasePath, {image.data(), image.capacity()},
-                                                              backup->manifestEncryption->GetManifestKey()));
-        member.reset();
-        log_fmt(log_level::info, "(QVBackupContainer {}) Successfully decrypted manifest",
-                static_cast<const void*>(backup.get()));
-        backup->manifest = QVManifestCreateFromManifestDatabaseImage(std::move(image), backup->manifestVersion,
-                                                                    getterFor(backup), progress, &slot);
+        backup->manifest = QVManifestCreateFromEncipheredManifestDatabase(
+            CF::String(databasePath.string()).get(), backup->manifestEncryption->GetManifestKey(),
+            backup->manifestVersion, getterFor(backup), progress, &slot);
     } else {
         backup->manifest = QVManifestCreateFromManifestDatabase(CF::String(databasePath.string()).get(),
                                                                backup->manifestVersion, getterFor(backup), progress,

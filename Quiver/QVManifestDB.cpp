@@ -154,6 +154,22 @@ void ManifestDatabase::OpenForReading(const fs::path& source) {
     }
 }
 
+void ManifestDatabase::OpenEnciphered(const fs::path& source, const std::array<uint8_t, 32>& key) {
+    if (!fs::is_regular_file(source))
+        throw Error(QVErrorFileNotFound, CF::Error(), fmt::format("File does not exist at path '{}'", source.string()));
+    cipher_ = std::make_unique<CipheredDatabase>(source, key);
+    try {
+        db_ = std::make_unique<SQLite::Database>(fileURI(source, "immutable=1&" + cipher_->URIParameters()),
+                                                 SQLite::OPEN_READONLY | SQLite::OPEN_URI);
+        readUserVersion();
+    } catch (const CF::Error&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(),
+                    fmt::format("Failed to read the enciphered database at '{}' ({})", source.string(), e.what()));
+    }
+}
+
 void ManifestDatabase::OpenImage(DatabaseImage image) {
     try {
         db_ = std::make_unique<SQLite::Database>(":memory:", SQLite::OPEN_READWRITE);
@@ -409,6 +425,14 @@ Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVManifestDataVe
                                               CFErrorRef* error) {
     const fs::path source(CF::UTF8(path));
     return loadManifest([&](ManifestDatabase& database) { database.OpenForReading(source); }, version,
+                        std::move(getFile), std::move(progress), error);
+}
+
+Manifest QVManifestCreateFromEncipheredManifestDatabase(CFStringRef path, const std::array<uint8_t, 32>& key,
+                                                        QVManifestDataVersion version, QVGetFileFunction getFile,
+                                                        QVProgressFunction progress, CFErrorRef* error) {
+    const fs::path source(CF::UTF8(path));
+    return loadManifest([&](ManifestDatabase& database) { database.OpenEnciphered(source, key); }, version,
                         std::move(getFile), std::move(progress), error);
 }
 

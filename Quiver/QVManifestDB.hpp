@@ -9,6 +9,7 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -23,6 +24,7 @@
 
 #include "Quiver/CF/CF.hpp"
 #include "Quiver/Export.hpp"
+#include "Quiver/QVCipherVFS.hpp"
 #include "Quiver/QVManifest.hpp"
 
 namespace SQLite {
@@ -59,6 +61,12 @@ QV_EXPORT Manifest QVManifestCreateFromManifestDatabase(CFStringRef path, QVMani
                                                         QVGetFileFunction getFile, QVProgressFunction progress,
                                                         CFErrorRef* error);
 // The same from a database image in memory, which the manifest's reader takes over.
+// The same from a Manifest.db enciphered under `key` (iOS 10.2 and later), deciphered page by page as
+// it is read: no plaintext is written anywhere, and memory does not grow with the file.
+QV_EXPORT Manifest QVManifestCreateFromEncipheredManifestDatabase(CFStringRef path, const std::array<uint8_t, 32>& key,
+                                                                  QVManifestDataVersion version,
+                                                                  QVGetFileFunction getFile,
+                                                                  QVProgressFunction progress, CFErrorRef* error);
 QV_EXPORT Manifest QVManifestCreateFromManifestDatabaseImage(DatabaseImage image, QVManifestDataVersion version,
                                                              QVGetFileFunction getFile, QVProgressFunction progress,
                                                              CFErrorRef* error);
@@ -94,6 +102,8 @@ public:
     void OpenForReading(const std::filesystem::path& path);
     // Reads a database image from memory.
     void OpenImage(DatabaseImage image);
+    // Reads a database enciphered under `key` where it lies, deciphering pages as they are read.
+    void OpenEnciphered(const std::filesystem::path& path, const std::array<uint8_t, 32>& key);
     // A new database with the Manifest.db tables and the given user version, built without a journal;
     // Finish adds the indexes and the write-ahead-log mode once the rows are in.
     void Create(uint32_t userVersion);
@@ -115,6 +125,7 @@ private:
     void readUserVersion();
     void execAll(std::initializer_list<std::string> statements);
 
+    std::unique_ptr<CipheredDatabase> cipher_;  // outlives the connection that reads through it
     std::unique_ptr<SQLite::Database> db_;
     std::unique_ptr<SQLite::Statement> insert_;  // prepared once, reset per row
     std::string bindText_[3];

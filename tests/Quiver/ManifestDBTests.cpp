@@ -6,9 +6,11 @@
 
 #include <chrono>
 #include <fstream>
+#include <set>
 #include <thread>
 
 #include "Quiver/QVError.hpp"
+#include "Quiver/MB/ManifestEncryption.hpp"
 #include "Quiver/QVManifestDB.hpp"
 #include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
@@ -262,4 +264,56 @@ TEST_F(ManifestDBTest, RealDeviceDatabaseLoadsWholeAndSurvivesARoundTrip) {
         EXPECT_EQ(again->target(), e->target());
         EXPECT_EQ(again->lastModified, e->lastModified);
     }
+}
+
+// An enciphered database reads where it lies, page by page, whether or not its writer added a padding
+// block, and leaves nothing behind; a wrong key or a file cut short of a block fails with an error.
+TEST_F(ManifestDBTest, EncipheredDatabaseReadsInPlaceWithOrWithoutPadding) {
+    // Enough rows for several pages, so that reads land across many blocks.
+    Manifest m = QVManifestCreateEmpty();
+    std::vector<Entry> entries;
+    for (int i = 0; i < 400; ++i)
+        entries.push_back(QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CF::String(fmt::format("Library/d{}", i)).get()));
+    QVManifestUpdateEntries(m, entries);
+    const fs::path plain = save(QVManifestCreateManifestDBRepresentation(m, QVManifestDataVersion33), "plain.db");
+    std::array<uint8_t, 32> key{};
+    for (size_t i = 0; i < key.size(); ++i) key[i] = static_cast<uint8_t>(3 * i + 1);
+
+    const fs::path padded = root / "padded.db", bare = root / "bare.db";
+    MB::ManifestEncryption::EncryptFile(plain, padded, key);  // PKCS#7: one whole padding block
+    {
+        std::vector<uint8_t> bytes(fs::file_size(padded));
+        std::ifstream(padded, std::ios::binary).read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        bytes.resize(bytes.size() - 16);
+        std::ofstream(bare, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+    auto names = [](const Manifest& loaded) {
+        std::set<std::string> paths;
+        for (const Entry& e : QVManifestGetEntries(loaded)) paths.emplace(QVManifestEntryGetPathUTF8(e));
+        return paths;
+    };
+    const std::set<std::string> expected = names(read(plain));
+    ASSERT_EQ(expected.size(), 400u);
+    for (const fs::path& file : {padded, bare}) {
+        CFErrorRef error = nullptr;
+        Manifest loaded = QVManifestCreateFromEncipheredManifestDatabase(CF::String(file.string()).get(), key,
+                                                                         QVManifestDataVersion33, nullptr, nullptr, &error);
+        ASSERT_TRUE(loaded) << CF::Error::Adopt(error).Text();
+        EXPECT_EQ(names(loaded), expected) << file;
+    }
+    EXPECT_TRUE(fs::is_empty(ManifestDatabaseDirectory()));
+
+    std::array<uint8_t, 32> wrong = key;
+    wrong[0] ^= 1;
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVManifestCreateFromEncipheredManifestDatabase(CF::String(padded.string()).get(), wrong,
+                                                                QVManifestDataVersion33, nullptr, nullptr, &error));
+    EXPECT_EQ(CF::Error::Adopt(error).Code(), QVErrorInvalidManifestDatabase);
+
+    fs::resize_file(bare, fs::file_size(bare) - 5);
+    error = nullptr;
+    EXPECT_FALSE(QVManifestCreateFromEncipheredManifestDatabase(CF::String(bare.string()).get(), key,
+                                                                QVManifestDataVersion33, nullptr, nullptr, &error));
+    CF::Error cut = CF::Error::Adopt(error);
+    EXPECT_NE(cut.Text().find("not whole cipher blocks"), std::string::npos) << cut.Text();
 }
