@@ -34,7 +34,7 @@ public:
         CFTypeID type = CFGetTypeID(value);
         if (type == CFStringGetTypeID()) {
             const std::string& text = utf8_of(static_cast<CFStringRef>(value));
-            auto [it, inserted] = strings_.emplace(text, nodes_.size());
+            auto [it, inserted] = strings_.emplace(std::string_view(text), nodes_.size());
             if (inserted) nodes_.push_back(Node{value, {}});
             index = it->second;
             return true;
@@ -201,7 +201,7 @@ private:
     }
 
     std::vector<Node> nodes_;
-    std::unordered_map<std::string, size_t> strings_;
+    std::unordered_map<std::string_view, size_t> strings_;  // views of the strings being written
     std::unordered_map<uint32_t, size_t> uids_;
     std::vector<UInt8> out_;
     uint8_t refSize_ = 1;
