@@ -11,7 +11,7 @@ namespace Quiver {
 
 namespace {
 
-// UTF-8 of a string without copying when the string holds it (ours always do).
+constexpr unsigned kScansBeforeIndex = 8;
 
 void buildDomainIndex(QVManifestClass& manifest) {
     if (!manifest.domainIndex.empty()) return;
@@ -81,6 +81,14 @@ std::vector<Entry> QVManifestGetEntries(const Manifest& manifest) {
 
 Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) {
     QV_ASSERT(manifest);
+    const std::string wanted = CF::UTF8(fileID);
+    // A few lookups cost less as scans than as an index of every entry (a tool that reads one file
+    // makes one); the index is built once lookups keep coming.
+    if (manifest->fileIDIndex.empty() && ++manifest->fileIDScans <= kScansBeforeIndex) {
+        for (const Entry& entry : manifest->entries)
+            if (entry->fileID() == wanted) return entry;
+        return nullptr;
+    }
     if (manifest->fileIDIndex.empty()) {
         manifest->fileIDIndex.reserve(manifest->entries.size());
         for (const Entry& entry : manifest->entries) {
@@ -94,13 +102,19 @@ Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) 
             if (!manifest->fileIDIndex.emplace(std::move(id), entry).second) manifest->duplicateKeys = true;
         }
     }
-    auto it = manifest->fileIDIndex.find(CF::UTF8(fileID));
+    auto it = manifest->fileIDIndex.find(wanted);
     return it == manifest->fileIDIndex.end() ? nullptr : it->second;
 }
 
 Entry QVManifestGetEntryMatchingPath(const Manifest& manifest, CFStringRef domain, CFStringRef path) {
     QV_ASSERT(manifest);
     if (!path) return nullptr;
+    if (manifest->pathIndex.empty() && ++manifest->pathScans <= kScansBeforeIndex) {
+        const std::string wantedDomain = CF::UTF8(domain), wantedPath = CF::UTF8(path);
+        for (const Entry& entry : manifest->entries)
+            if (entry->path() == wantedPath && entry->domainText == wantedDomain) return entry;
+        return nullptr;
+    }
     if (manifest->pathIndex.empty()) {
         manifest->pathIndex.reserve(manifest->entries.size());
         for (const Entry& entry : manifest->entries)

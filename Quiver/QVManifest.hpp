@@ -42,6 +42,8 @@ public:
     // Where each entry stands in `entries`, built on the first removal so that a removal costs no scan.
     std::unordered_map<const QVManifestEntryClass*, size_t> positions;
     bool duplicateKeys = false;  // two entries share a file ID or a path: an index keeps the first
+    unsigned fileIDScans = 0;    // lookups answered by scanning, before the index is worth building
+    unsigned pathScans = 0;
     CF::Array fileIDList;
     QVManifestDataVersion dataVersion = QVManifestDataVersionUnset;
     CF::Dictionary flagOnlyRecords;  // fileID -> flags (CFNumber)
