@@ -85,8 +85,13 @@ Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) 
     // A few lookups cost less as scans than as an index of every entry (a tool that reads one file
     // makes one); the index is built once lookups keep coming.
     if (manifest->fileIDIndex.empty() && ++manifest->fileIDScans <= kScansBeforeIndex) {
-        for (const Entry& entry : manifest->entries)
-            if (entry->fileID() == wanted) return entry;
+        std::array<uint8_t, 20> bytes{};
+        const bool hex = FileIDBytesFromText(wanted, bytes);
+        for (const Entry& entry : manifest->entries) {
+            if (entry->fileIDIsHex ? hex && entry->fileIDBytes == bytes
+                                   : entry->text(QVManifestEntryClass::kFileIDText) == wanted)
+                return entry;
+        }
         return nullptr;
     }
     if (manifest->fileIDIndex.empty()) {

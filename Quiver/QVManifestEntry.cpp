@@ -139,8 +139,7 @@ void QVManifestEntryClass::SetDomain(CF::String value) {
 }
 
 void QVManifestEntryClass::SetFileID(std::string_view id) {
-    if (auto bytes = Quiver::Support::hex_decode(id); bytes && bytes->size() == 20 && Quiver::Support::hex_encode(*bytes) == id) {
-        std::copy(bytes->begin(), bytes->end(), fileIDBytes.begin());
+    if (Quiver::FileIDBytesFromText(id, fileIDBytes)) {
         fileIDIsHex = true;
         if (text_ && lengths_[kFileIDText] != 0) SetTexts({{kFileIDText, {}}});
     } else {
@@ -168,6 +167,22 @@ std::array<uint8_t, 20> FileIDBytesForPath(std::string_view domain, std::string_
     std::array<uint8_t, 20> bytes{};
     std::copy_n(digest.begin(), bytes.size(), bytes.begin());
     return bytes;
+}
+
+// A file ID kept as raw bytes when it is the usual 40 lower-case hexadecimal digits; else as text.
+bool FileIDBytesFromText(std::string_view text, std::array<uint8_t, 20>& bytes) {
+    if (text.size() != 40) return false;
+    for (size_t i = 0; i < 20; ++i) {
+        uint8_t value = 0;
+        for (char c : {text[2 * i], text[2 * i + 1]}) {
+            value = static_cast<uint8_t>(value << 4);
+            if (c >= '0' && c <= '9') value |= static_cast<uint8_t>(c - '0');
+            else if (c >= 'a' && c <= 'f') value |= static_cast<uint8_t>(c - 'a' + 10);
+            else return false;
+        }
+        bytes[i] = value;
+    }
+    return true;
 }
 
 CFStringRef QVManifestEntryCopyFileIDForPath(CFStringRef domain, CFStringRef relativePath) {

@@ -185,6 +185,8 @@ QV_EXPORT CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& en
 
 // 40 lower-case hexadecimal digits: SHA-1 of "<domain>-<relativePath>", as raw bytes.
 std::array<uint8_t, 20> FileIDBytesForPath(std::string_view domain, std::string_view relativePath);
+// The raw bytes of a file ID written as 40 lower-case hexadecimal digits; false for any other text.
+bool FileIDBytesFromText(std::string_view text, std::array<uint8_t, 20>& bytes);
 
 // Whether a's "<domain>-<path>" sorts before b's (bytewise), without making either text.
 QV_EXPORT bool DomainPathPairLess(const Entry& a, const Entry& b);

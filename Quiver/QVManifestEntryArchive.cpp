@@ -43,22 +43,6 @@ void fillFromRecord(QVManifestEntryClass& entry, MB::FileView& record, int flags
     entry.external = false;
 }
 
-// A file ID kept as raw bytes when it is the usual 40 lower-case hexadecimal digits; else as text.
-bool parseFileID(std::string_view text, std::array<uint8_t, 20>& bytes) {
-    if (text.size() != 40) return false;
-    for (size_t i = 0; i < 20; ++i) {
-        uint8_t value = 0;
-        for (char c : {text[2 * i], text[2 * i + 1]}) {
-            value = static_cast<uint8_t>(value << 4);
-            if (c >= '0' && c <= '9') value |= static_cast<uint8_t>(c - '0');
-            else if (c >= 'a' && c <= 'f') value |= static_cast<uint8_t>(c - 'a' + 10);
-            else return false;
-        }
-        bytes[i] = value;
-    }
-    return true;
-}
-
 }  // namespace
 
 bool DecodeManifestRow(EntryPool& pool, const Entry& entry, std::string_view fileID, const CF::String& domain,
@@ -68,7 +52,7 @@ bool DecodeManifestRow(EntryPool& pool, const Entry& entry, std::string_view fil
         if (!MB::File::DecodeView(blob, scratch)) throw std::runtime_error("Missing or invalid MBFile structure");
         fillFromRecord(*entry, scratch, flags);
         entry->SetDomain(domain);
-        entry->fileIDIsHex = parseFileID(fileID, entry->fileIDBytes);
+        entry->fileIDIsHex = FileIDBytesFromText(fileID, entry->fileIDBytes);
         pool.SetTexts(*entry, {relativePath, scratch.Target, asText(scratch.Digest), asText(scratch.EncryptionKey),
                                entry->fileIDIsHex ? std::string_view() : fileID});
         entry->getFileFunc = std::move(getFileFunc);
