@@ -37,7 +37,7 @@ public:
 
     QVDataSourceType sourceType = QVDataSourceTypeZip;
     QVManifestDataVersion manifestVersion = QVManifestDataVersionUnset;
-    void* zipFile = nullptr;  // minizip read handle (unzFile) of a zip source
+    void* zipFile = nullptr;  // a zip source's read handle and member prefix (QVBackupContainerZip.cpp)
     CF::String path;
     Quiver::Manifest manifest;
     CF::Dictionary manifestDict;
