@@ -248,9 +248,10 @@ void RefuseFolderOfBackups(const std::string& path) {
         list += fmt::format("  ({}, iOS {}, {})", Printable(OrUnknown(device.name)), Printable(OrUnknown(device.productVersion)),
                             date ? LabelledTimeText(*date, false) : std::string("date unknown"));
     }
-    throw Failure(kBadBackup, fmt::format("{} is a folder that holds {}, not a backup; give one of them:{}", path,
-                                          backups.size() == 1 ? std::string("a backup") : fmt::format("{} backups", backups.size()),
-                                          list));
+    throw Failure(kBadBackup, backups.size() == 1
+                                  ? fmt::format("{} is a folder that holds a backup, not a backup; give that one:{}", path, list)
+                                  : fmt::format("{} is a folder that holds {} backups, not a backup; give one of them:{}",
+                                                path, backups.size(), list));
 }
 
 void AddListCommand(CLI::App& app, const GlobalOptions&, Action& action) {
