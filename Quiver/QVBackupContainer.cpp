@@ -299,7 +299,7 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
 
 }  // namespace
 
-void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress) {
+void SourceLoadMetadataDictionaries(const Backup& backup) {
     QV_ASSERT(backup);
     backup->missingMetadata.clear();
     backup->loadWarnings.clear();
@@ -337,6 +337,10 @@ void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress)
             backup->missingMetadata.end())
             warn(backup, "there is no Manifest.plist, so the backup is read as a plain one");
     }
+}
+
+void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress) {
+    SourceLoadMetadataDictionaries(backup);
     bool encrypted = backup->manifestDict.Get<CF::Boolean>("IsEncrypted").value();
     bool hasPassword = backup->password && backup->password.length() > 0;
     if (encrypted && !hasPassword) throw Error(QVErrorPasswordRequired);
@@ -388,6 +392,29 @@ Backup load(QVDataSourceType type, CFStringRef path, CFStringRef password, const
 }
 
 }  // namespace
+
+bool QVBackupContainerCopyMetadata(CFStringRef path, QVDataSourceType type, QVBackupMetadata* metadata,
+                                   CFErrorRef* error) {
+    QV_ASSERT(metadata);
+    auto backup = std::make_shared<QVBackupContainerClass>();
+    backup->sourceType = type;
+    backup->path = CF::String::Retain(path);
+    try {
+        if (type == QVDataSourceTypeZip) OpenZipSource(*backup);
+        SourceLoadMetadataDictionaries(backup);
+        metadata->info = backup->infoDict;
+        metadata->status = backup->statusDict;
+        metadata->manifest = backup->manifestDict;
+        metadata->missing = backup->missingMetadata;
+        metadata->manifestFile = sourceHas(backup, "Manifest.db")     ? "Manifest.db"
+                                 : sourceHas(backup, "Manifest.mbdb") ? "Manifest.mbdb"
+                                                                      : "";
+    } catch (const CF::Error& e) {
+        StoreError(error, e);
+        return false;
+    }
+    return true;
+}
 
 Backup QVBackupContainerCreateFromDirectory(CFStringRef path, CFStringRef password, LoadProgress progress,
                                             CFErrorRef* error) {

@@ -37,7 +37,7 @@ public:
 
     QVDataSourceType sourceType = QVDataSourceTypeZip;
     QVManifestDataVersion manifestVersion = QVManifestDataVersionUnset;
-    void* zipFile = nullptr;  // minizip read handle (unzFile) of a zip source
+    void* zipFile = nullptr;  // a zip source's read handle and member prefix (QVBackupContainerZip.cpp)
     CF::String path;
     Quiver::Manifest manifest;
     CF::Dictionary manifestDict;
@@ -82,6 +82,20 @@ QV_EXPORT Backup QVBackupContainerCreateFromZipFile(CFStringRef path, CFStringRe
                                                     CFErrorRef* error);
 QV_EXPORT Backup QVBackupContainerCreateFromZipFile(CFStringRef path, LoadProgress progress, CFErrorRef* error);
 QV_EXPORT Backup QVBackupContainerCreateCopy(const Backup& source);
+
+// What a backup's metadata files say, read without its password and without loading its manifest:
+// enough to tell backups apart and to say which device each came from.
+struct QVBackupMetadata {
+    CF::Dictionary info;      // empty when the file is missing
+    CF::Dictionary status;
+    CF::Dictionary manifest;
+    std::vector<std::string> missing;  // "Manifest.plist", "Info.plist", "Status.plist"
+    std::string manifestFile;          // "Manifest.db", "Manifest.mbdb", or "" when neither is there
+};
+// Fails as loading the same backup fails for what is not a backup, a damaged metadata file, or a zip
+// that does not open; an encrypted backup reads like any other.
+QV_EXPORT bool QVBackupContainerCopyMetadata(CFStringRef path, QVDataSourceType type, QVBackupMetadata* metadata,
+                                             CFErrorRef* error);
 
 // ---- Metadata ----
 
@@ -160,6 +174,8 @@ std::shared_ptr<QVFileClass> SourceLoadZipMember(QVBackupContainerClass& backup,
 bool ZipSourceHasMember(QVBackupContainerClass& backup, const std::string& name);
 void CloseZipSource(QVBackupContainerClass& backup);
 void OpenZipSource(QVBackupContainerClass& backup);
+// Loads the three metadata dictionaries, noting what a partial copy lacks; throws CF::Error.
+void SourceLoadMetadataDictionaries(const Backup& backup);
 // Loads metadata, checks encryption and loads the manifest; throws CF::Error.
 void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress);
 

@@ -25,6 +25,11 @@ using Environment = std::map<std::string, std::string>;
 // Runs the tool to completion with standard input from /dev/null.
 RunResult RunTool(const std::vector<std::string>& args, const Environment& env);
 
+// Runs the tool with standard input on a terminal of its own (a pseudo-terminal), as a person at a
+// prompt runs it: once `prompt` has appeared on standard error, `typed` is typed.
+RunResult RunToolOnTerminal(const std::vector<std::string>& args, const Environment& env, const std::string& prompt,
+                            const std::string& typed);
+
 // A running tool whose standard output is a pipe the test reads when it chooses.
 class RunningTool {
 public:
@@ -36,6 +41,8 @@ public:
     // Blocks until the tool has written at least one byte (false when it ended first).
     bool WaitForOutput();
     void Signal(int signal);
+    // Closes the reading end, as `| head` does once it has its lines.
+    void CloseOutput();
     RunResult Wait();
 
 private:

@@ -189,7 +189,7 @@ using PasswordAndStatus = ToolTest;
 
 TEST_F(PasswordAndStatus, PasswordMissingOrWrongEndsWithStatusThree) {
     BuiltBackup built = Build("enc", "3.3", true);
-    RunResult missing = Run({"info", built.directory.string()});
+    RunResult missing = Run({"ls", built.directory.string()});
     EXPECT_EQ(missing.status, 3);
     EXPECT_NE(missing.err.find("no password was given"), std::string::npos) << missing.err;
     RunResult wrong = Run({"info", built.directory.string()}, "not-the-password");
@@ -399,7 +399,7 @@ TEST_P(EditTest, EditsApplyInOrderAndEncryptionIsKept) {
     EXPECT_EQ(replaced["protectionClass"], encrypted ? 4 : 1);
     EXPECT_EQ(json::parse(Run({"info", dest, "--json"}, password).out)["encrypted"], encrypted);
     if (encrypted) {
-        EXPECT_EQ(Run({"info", dest}).status, 3);
+        EXPECT_EQ(Run({"ls", dest}).status, 3);
     }
 }
 

@@ -35,6 +35,11 @@ struct Password {
 
 std::optional<Password> PasswordFromOptions(const GlobalOptions& options) {
     if (!options.passwordFile.empty()) {
+        // A folder opens as a stream that reads nothing, which would pass for an empty file.
+        std::error_code ec;
+        if (fs::is_directory(options.passwordFile, ec))
+            throw Failure(kPasswordProblem,
+                          fmt::format("the password file {} is a folder, not a file", options.passwordFile));
         std::ifstream in(options.passwordFile, std::ios::binary);
         if (!in)
             throw Failure(kFailure,
@@ -233,11 +238,14 @@ void OpenBackup::Release() {
     kept->push_back(std::move(backup_));
 }
 
+bool PasswordGiven(const GlobalOptions& options) { return PasswordFromOptions(options).has_value(); }
+
 OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
     std::error_code ec;
     fs::file_status status = fs::status(path, ec);
     if (!fs::exists(status)) throw Failure(kFailure, fmt::format("{}: no such file or directory", path));
     const bool zip = !fs::is_directory(status);
+    if (!zip) RefuseFolderOfBackups(path);
 
     std::optional<Password> given = PasswordFromOptions(options);
     std::optional<std::string> password;
@@ -252,7 +260,12 @@ OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
     if (!backup && failure.Code() == QVErrorPasswordRequired) {
         for (int attempt = 0; attempt < 3 && !backup; ++attempt) {
             std::optional<std::string> typed = PromptForPassword(fmt::format("Password for {}: ", path));
-            if (!typed) break;
+            if (!typed) {
+                // Standard input is a terminal that ended (Ctrl-D) before a password was typed.
+                if (isatty(STDIN_FILENO)) throw Failure(kPasswordProblem, fmt::format("no password was typed for {}", path));
+                break;
+            }
+            if (typed->empty()) throw Failure(kPasswordProblem, fmt::format("the password typed for {} is empty", path));
             backup = TryLoad(path, zip, typed, failure);
             if (!backup && !IsWrongPassword(failure)) break;
             if (!backup && attempt < 2) Warn("incorrect password, try again");
@@ -294,6 +307,8 @@ std::vector<Entry> SelectEntries(const Backup& backup, const std::optional<std::
     } else {
         std::string wanted = path.value_or("");
         while (!wanted.empty() && wanted.back() == '/') wanted.pop_back();
+        // Paths are relative to their domain; "/Media" is what a person means by "Media".
+        wanted.erase(0, wanted.find_first_not_of('/') == std::string::npos ? wanted.size() : wanted.find_first_not_of('/'));
         entries = QVManifestCopyEntriesAtPath(manifest, CF::String(*domain).get(), CF::String(wanted).get());
         if (entries.empty()) {
             if (wanted.empty()) throw Failure(kFailure, fmt::format("the backup has no domain {}", Printable(*domain)));

@@ -11,29 +11,16 @@
 
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVManifestCSV.hpp"
+#include "Quiver/Support/ByteReader.hpp"
 #include "Tool.hpp"
 
+namespace fs = std::filesystem;
 using namespace Quiver;
 using nlohmann::json;
 
 namespace QuiverTool {
 
 namespace {
-
-std::string StringValue(const CF::Dictionary& dict, const char* key) {
-    CF::String value = dict.Get<CF::String>(key);
-    return value ? value.utf8() : std::string();
-}
-
-// The backup's date: the host's "Last Backup Date", else the date of the backup's status or manifest.
-std::optional<int64_t> BackupDate(const CF::Dictionary& info, const CF::Dictionary& status,
-                                  const CF::Dictionary& manifest) {
-    for (const auto& [dict, key] : {std::pair{&info, "Last Backup Date"}, {&status, "Date"}, {&manifest, "Date"}}) {
-        CF::Date date = dict->Get<CF::Date>(key);
-        if (date) return static_cast<int64_t>(std::floor(date.UnixTime()));
-    }
-    return std::nullopt;
-}
 
 std::string ManifestVersionText(QVManifestDataVersion version) {
     switch (version) {
@@ -46,98 +33,200 @@ std::string ManifestVersionText(QVManifestDataVersion version) {
     }
 }
 
-std::string IsoTime(int64_t unixSeconds) {
-    std::string text = UtcTimeText(unixSeconds);
-    if (text.size() == 19) text[10] = 'T';
-    return text + "Z";
+// What the key bag's header says of how the password becomes a key. It stands in Manifest.plist
+// unenciphered, so it is read without the password; the class keys stay wrapped.
+struct KeyBagFacts {
+    uint32_t version = 0;
+    uint32_t type = 0;
+    uint32_t iterations = 0;                  // ITER: PBKDF2-HMAC-SHA1
+    std::optional<uint32_t> dpIterations;     // DPIC: PBKDF2-HMAC-SHA256, from iOS 10.2 on
+    int classes = 0;
+};
+
+std::optional<KeyBagFacts> ReadKeyBagFacts(const CF::Dictionary& manifest) {
+    CF::Data blob = manifest.Get<CF::Data>("BackupKeyBag");
+    if (!blob) return std::nullopt;
+    const std::vector<uint8_t> bytes = blob.vector();
+    Support::byte_reader reader(bytes);
+    KeyBagFacts facts;
+    bool sawVersion = false, sawIterations = false;
+    uint64_t offset = 0;
+    while (reader.contains(offset, 8)) {
+        const std::span<const uint8_t> tagBytes = *reader.slice(offset, 4);
+        const std::string tag(tagBytes.begin(), tagBytes.end());
+        const uint64_t length = *reader.be(offset + 4, 4);
+        if (!reader.contains(offset + 8, length)) return std::nullopt;
+        // Header values come before the first class's; the first of each tag is the header's.
+        const bool number = length == 4;
+        const auto value = static_cast<uint32_t>(number ? reader.be(offset + 8, 4).value_or(0) : 0);
+        if (tag == "VERS" && number && !sawVersion) facts.version = value, sawVersion = true;
+        if (tag == "TYPE" && number && facts.classes == 0) facts.type = value;
+        if (tag == "ITER" && number && !sawIterations) facts.iterations = value, sawIterations = true;
+        if (tag == "DPIC" && number && !facts.dpIterations) facts.dpIterations = value;
+        if (tag == "CLAS") ++facts.classes;
+        offset += 8 + length;
+    }
+    if (!sawVersion || !sawIterations) return std::nullopt;
+    return facts;
+}
+
+std::string Thousands(uint64_t n) {
+    std::string digits = std::to_string(n);
+    for (int i = static_cast<int>(digits.size()) - 3; i > 0; i -= 3) digits.insert(static_cast<size_t>(i), ",");
+    return digits;
 }
 
 struct InfoOptions {
     std::string backup;
     bool json = false;
+    bool local = false;
+};
+
+// What only the manifest tells: read when the backup is plain or a password was given.
+struct Contents {
+    int64_t files = 0, directories = 0, symlinks = 0;
+    uint64_t totalSize = 0;
+    size_t domains = 0;
 };
 
 int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
-    OpenBackup open = LoadBackup(o.backup, global);
-    const Backup& backup = open.get();
-    CF::Dictionary info = CF::Dictionary::Adopt(QVBackupContainerCopyInfoDict(backup));
-    CF::Dictionary status = CF::Dictionary::Adopt(QVBackupContainerCopyStatusDict(backup));
-    CF::Dictionary manifestDict = CF::Dictionary::Adopt(QVBackupContainerCopyManifestDict(backup));
-    CF::Dictionary lockdown = manifestDict.Get<CF::Dictionary>("Lockdown");
-
-    auto pick = [](std::string first, const std::string& second) { return first.empty() ? second : first; };
-    const std::string deviceName = pick(StringValue(info, "Device Name"), StringValue(lockdown, "DeviceName"));
-    const std::string productVersion = pick(StringValue(info, "Product Version"), StringValue(lockdown, "ProductVersion"));
-    const std::string buildVersion = pick(StringValue(info, "Build Version"), StringValue(lockdown, "BuildVersion"));
-    const std::string productType = pick(StringValue(info, "Product Type"), StringValue(lockdown, "ProductType"));
-    // A partial copy may lack the version; the library took it from the kind of manifest present.
-    const std::string version = ManifestVersionText(backup->manifestVersion);
-    const bool encrypted = QVBackupContainerIsEncrypted(backup) != 0;
-    const bool enciphered = QVBackupContainerHasEncipheredManifest(backup);
-    const std::vector<std::string> missing = QVBackupContainerCopyMissingMetadata(backup);
-    const std::optional<int64_t> date = BackupDate(info, status, manifestDict);
-
-    int64_t files = 0, directories = 0, symlinks = 0;
-    uint64_t totalSize = 0;
-    Manifest manifest = QVBackupContainerGetManifest(backup);
-    for (const Entry& e : QVManifestGetEntries(manifest)) {
-        if (QVManifestEntryIsDirectory(e)) {
-            ++directories;
-        } else if (QVManifestEntryIsSymlink(e)) {
-            ++symlinks;
-        } else {
-            ++files;
-            totalSize += QVManifestEntryGetFileSize(e);
-        }
+    std::error_code ec;
+    if (!fs::exists(o.backup, ec)) throw Failure(kFailure, fmt::format("{}: no such file or directory", o.backup));
+    RefuseFolderOfBackups(o.backup);
+    // The metadata files say what a person needs to tell backups apart, and say it without the
+    // password. Whatever they cannot be read for, loading the backup says best.
+    QVBackupMetadata metadata;
+    OpenBackup open;
+    CF::Error metadataError;
+    if (std::optional<FoundBackup> found = ReadFoundBackup(o.backup, metadataError)) {
+        metadata = std::move(found->metadata);
+    } else {
+        open = LoadBackup(o.backup, global);
     }
-    CF::Array domains = CF::Array::Adopt(QVManifestCopyDomainsList(manifest));
-    const std::string manifestFile = version == "2.4" ? "Manifest.mbdb" : "Manifest.db";
+    const bool encryptedByMetadata = metadata.manifest.Get<CF::Boolean>("IsEncrypted").value();
+    if (!open.get() && (!encryptedByMetadata || PasswordGiven(global))) open = LoadBackup(o.backup, global);
+
+    std::string version = StringValue(metadata.status, "Version");
+    std::string manifestFile = metadata.manifestFile;
+    bool encrypted = encryptedByMetadata;
+    // The ManifestKey is what enciphers Manifest.db; backups before iOS 10.2 have none.
+    bool enciphered = encrypted && metadata.manifest.Get<CF::Data>("ManifestKey") && manifestFile == "Manifest.db";
+    std::vector<std::string> missing = metadata.missing;
+    std::optional<Contents> contents;
+    if (const Backup& backup = open.get()) {
+        metadata.info = CF::Dictionary::Adopt(QVBackupContainerCopyInfoDict(backup));
+        metadata.status = CF::Dictionary::Adopt(QVBackupContainerCopyStatusDict(backup));
+        metadata.manifest = CF::Dictionary::Adopt(QVBackupContainerCopyManifestDict(backup));
+        // A partial copy may lack the version; the library took it from the kind of manifest present.
+        version = ManifestVersionText(backup->manifestVersion);
+        manifestFile = version == "2.4" ? "Manifest.mbdb" : "Manifest.db";
+        encrypted = QVBackupContainerIsEncrypted(backup) != 0;
+        enciphered = QVBackupContainerHasEncipheredManifest(backup);
+        missing = QVBackupContainerCopyMissingMetadata(backup);
+        Contents c;
+        Manifest manifest = QVBackupContainerGetManifest(backup);
+        for (const Entry& e : QVManifestGetEntries(manifest)) {
+            if (QVManifestEntryIsDirectory(e)) {
+                ++c.directories;
+            } else if (QVManifestEntryIsSymlink(e)) {
+                ++c.symlinks;
+            } else {
+                ++c.files;
+                c.totalSize += QVManifestEntryGetFileSize(e);
+            }
+        }
+        c.domains = CF::Array::Adopt(QVManifestCopyDomainsList(manifest)).size();
+        contents = c;
+    }
+    const DeviceFacts device = DeviceFactsOf(metadata);
+    const std::optional<int64_t> date = BackupDateOf(metadata);
+    const std::string backupID = StringValue(metadata.status, "UUID");
+    const std::string snapshotState = StringValue(metadata.status, "SnapshotState");
+    // Devices set SnapshotState to "finished" when the backup completed.
+    const bool completeKnown = !snapshotState.empty();
+    const bool complete = snapshotState == "finished";
+    const std::optional<KeyBagFacts> keyBag = encrypted ? ReadKeyBagFacts(metadata.manifest) : std::nullopt;
+    auto orNull = [](const std::string& s) { return s.empty() ? json(nullptr) : json(s); };
 
     if (o.json) {
+        json keyBagJson = nullptr;
+        if (keyBag)
+            keyBagJson = {{"version", keyBag->version},
+                          {"type", keyBag->type},
+                          {"classes", keyBag->classes},
+                          {"passes", keyBag->dpIterations ? 2 : 1},
+                          {"iterations", keyBag->iterations},
+                          {"dpIterations", keyBag->dpIterations ? json(*keyBag->dpIterations) : json(nullptr)}};
+        auto count = [&](auto Contents::*field) { return contents ? json((*contents).*field) : json(nullptr); };
         json out = {
             {"path", o.backup},
-            {"deviceName", deviceName},
-            {"productVersion", productVersion},
-            {"buildVersion", buildVersion},
-            {"productType", productType},
-            {"version", version},
-            {"manifestFile", manifestFile},
+            {"deviceName", orNull(device.name)},
+            {"productVersion", orNull(device.productVersion)},
+            {"buildVersion", orNull(device.buildVersion)},
+            {"productType", orNull(device.productType)},
+            {"backupID", orNull(backupID)},
+            {"version", orNull(version)},
+            {"manifestFile", orNull(manifestFile)},
             {"encrypted", encrypted},
             {"manifestEnciphered", enciphered},
+            {"keyBag", keyBagJson},
+            {"complete", completeKnown ? json(complete) : json(nullptr)},
             {"missing", missing},
-            {"date", date ? json(IsoTime(*date)) : json(nullptr)},
-            {"files", files},
-            {"directories", directories},
-            {"symlinks", symlinks},
-            {"totalSize", totalSize},
-            {"domains", domains.size()},
+            {"date", date ? json(IsoTimeText(*date)) : json(nullptr)},
+            {"manifestRead", contents.has_value()},
+            {"files", count(&Contents::files)},
+            {"directories", count(&Contents::directories)},
+            {"symlinks", count(&Contents::symlinks)},
+            {"totalSize", count(&Contents::totalSize)},
+            {"domains", count(&Contents::domains)},
         };
         WriteAll(STDOUT_FILENO, out.dump(2) + "\n");
         return kSuccess;
     }
-    auto orUnknown = [](const std::string& s) { return s.empty() ? std::string("(unknown)") : s; };
+    auto orUnknown = [](const std::string& s) { return s.empty() ? std::string("(unknown)") : Printable(s); };
     std::string text;
     text += fmt::format("Backup:           {}\n", o.backup);
-    text += fmt::format("Device name:      {}\n", orUnknown(deviceName));
-    text += fmt::format("Device type:      {}\n", orUnknown(productType));
-    text += fmt::format("iOS version:      {}{}\n", orUnknown(productVersion),
-                        buildVersion.empty() ? "" : fmt::format(" ({})", buildVersion));
-    text += fmt::format("Manifest version: {} ({})\n", version, manifestFile);
+    text += fmt::format("Device name:      {}\n", orUnknown(device.name));
+    text += fmt::format("Device type:      {}\n", orUnknown(device.productType));
+    text += fmt::format("iOS version:      {}{}\n", orUnknown(device.productVersion),
+                        device.buildVersion.empty() ? "" : fmt::format(" ({})", Printable(device.buildVersion)));
+    if (!backupID.empty()) text += fmt::format("Backup ID:        {}\n", Printable(backupID));
+    text += fmt::format("Manifest version: {}{}\n", orUnknown(version),
+                        manifestFile.empty() ? "" : fmt::format(" ({})", manifestFile));
     // Before iOS 10.2 an encrypted backup kept its manifest plain, with each file's key in its record.
     text += fmt::format("Encrypted:        {}\n", !encrypted ? "no" : enciphered ? "yes" : "yes (manifest not enciphered, as before iOS 10.2)");
+    if (keyBag) {
+        text += fmt::format("Key bag:          version {}, {} classes, ", keyBag->version, keyBag->classes);
+        text += keyBag->dpIterations
+                    ? fmt::format("two passes ({} rounds of PBKDF2-HMAC-SHA256, then {} of PBKDF2-HMAC-SHA1)\n",
+                                  Thousands(*keyBag->dpIterations), Thousands(keyBag->iterations))
+                    : fmt::format("one pass ({} rounds of PBKDF2-HMAC-SHA1, as before iOS 10.2)\n",
+                                  Thousands(keyBag->iterations));
+    }
+    if (completeKnown) {
+        text += fmt::format("Complete:         {}\n", complete ? std::string("yes")
+                                                                : fmt::format("no (it stopped in the state \"{}\")",
+                                                                              Printable(snapshotState)));
+    }
     if (!missing.empty()) {
         std::string list;
         for (const std::string& name : missing) list += (list.empty() ? "" : ", ") + name;
         text += fmt::format("Missing:          {}{}\n", list,
                             missing == std::vector<std::string>{"Info.plist"} ? "" : " (a partial copy: it reads, but is not written out)");
     }
-    text += fmt::format("Date:             {}\n", date ? UtcTimeText(*date) + " UTC" : std::string("(unknown)"));
-    text += fmt::format("Domains:          {}\n", domains.size());
-    text += fmt::format("Files:            {}\n", files);
-    text += fmt::format("Directories:      {}\n", directories);
-    text += fmt::format("Symlinks:         {}\n", symlinks);
-    text += fmt::format("Total size:       {}{}\n", SizeText(totalSize),
-                        totalSize >= 1000 ? fmt::format(" ({} bytes)", totalSize) : std::string());
+    text += fmt::format("Date:             {}\n", date ? LabelledTimeText(*date, o.local) : std::string("(unknown)"));
+    if (!contents) {
+        text += "Contents:         not read: give the password (QUIVER_PASSWORD or --password-file) to count\n"
+                "                  the files and their size\n";
+        WriteAll(STDOUT_FILENO, text);
+        return kSuccess;
+    }
+    text += fmt::format("Domains:          {}\n", contents->domains);
+    text += fmt::format("Files:            {}\n", contents->files);
+    text += fmt::format("Directories:      {}\n", contents->directories);
+    text += fmt::format("Symlinks:         {}\n", contents->symlinks);
+    text += fmt::format("Total size:       {}{}\n", SizeText(contents->totalSize),
+                        contents->totalSize >= 1000 ? fmt::format(" ({} bytes)", contents->totalSize) : std::string());
     WriteAll(STDOUT_FILENO, text);
     return kSuccess;
 }
@@ -148,6 +237,7 @@ struct ListOptions {
     std::optional<std::string> path;
     bool json = false;
     bool longFormat = false;
+    bool local = false;
 };
 
 // A JSON string. Names rarely need escaping, so the JSON library is asked only for those that do.
@@ -222,7 +312,7 @@ int RunList(const ListOptions& o, const GlobalOptions& global) {
             QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
             text += fmt::format("{} {:>5} {:>5} {:>10} {}  {}\t{}", ModeString(mode), uid, gid,
                                 QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0,
-                                UtcTimeText(EntryModifiedUnixTime(e)), domain, name);
+                                LabelledTimeText(EntryModifiedUnixTime(e), o.local), domain, name);
             if (QVManifestEntryIsSymlink(e)) text += " -> " + Printable(std::string(QVManifestEntryGetTargetUTF8(e)));
         } else {
             text += fmt::format("{}\t{}", domain, name);
@@ -277,9 +367,10 @@ int RunCsv(const std::string& database) {
 
 void AddInspectCommands(CLI::App& app, const GlobalOptions& global, Action& action) {
     auto info = std::make_shared<InfoOptions>();
-    CLI::App* infoCommand = app.add_subcommand("info", "Show the device, version, encryption and contents of a backup");
+    CLI::App* infoCommand = app.add_subcommand("info", "Show the device, version, encryption and contents of a backup (the contents need the password of an encrypted one)");
     infoCommand->add_option("BACKUP", info->backup, "Backup directory or zip file")->required();
-    infoCommand->add_flag("--json", info->json, "Print one JSON object");
+    infoCommand->add_flag("--json", info->json, "Print one JSON object (absent values are null)");
+    infoCommand->add_flag("--local", info->local, "The date in local time instead of UTC");
     infoCommand->callback([info, &global, &action] { action = [info, &global] { return RunInfo(*info, global); }; });
 
     auto list = std::make_shared<ListOptions>();
@@ -288,7 +379,8 @@ void AddInspectCommands(CLI::App& app, const GlobalOptions& global, Action& acti
     listCommand->add_option("DOMAIN", list->domain, "Only this domain");
     listCommand->add_option("PATH", list->path, "Only this path and what is below it");
     listCommand->add_flag("--json", list->json, "Print one JSON array of entry objects");
-    listCommand->add_flag("-l,--long", list->longFormat, "Mode, owner, size and date of each entry");
+    listCommand->add_flag("-l,--long", list->longFormat, "Mode, owner, size and date (UTC) of each entry");
+    listCommand->add_flag("--local", list->local, "Dates in local time instead of UTC");
     listCommand->callback([list, &global, &action] { action = [list, &global] { return RunList(*list, global); }; });
 
     auto database = std::make_shared<std::string>();

@@ -21,7 +21,7 @@ void WriteAll(int fd, const void* bytes, size_t length) {
         ssize_t n = write(fd, p, length);
         if (n < 0) {
             if (errno == EINTR) continue;
-            if (errno == EPIPE) throw Failure(kFailure, "");
+            if (errno == EPIPE) throw Failure(kSuccess, "");
             throw Failure(kFailure, fmt::format("cannot write the output: {}", std::strerror(errno)));
         }
         p += n;
@@ -55,6 +55,22 @@ std::string UtcTimeText(int64_t unixSeconds) {
     char text[64];
     if (std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) == 0) return "?";
     return text;
+}
+
+std::string LabelledTimeText(int64_t unixSeconds, bool local) {
+    if (!local) return UtcTimeText(unixSeconds) + " UTC";
+    std::time_t t = static_cast<std::time_t>(unixSeconds);
+    std::tm parts{};
+    if (!localtime_r(&t, &parts)) return "?";
+    char text[64];
+    if (std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %z", &parts) == 0) return "?";
+    return text;
+}
+
+std::string IsoTimeText(int64_t unixSeconds) {
+    std::string text = UtcTimeText(unixSeconds);
+    if (text.size() == 19) text[10] = 'T';
+    return text + "Z";
 }
 
 std::string SizeText(uint64_t bytes) {

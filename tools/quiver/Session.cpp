@@ -183,7 +183,6 @@ std::optional<std::string> PromptForPassword(const std::string& prompt) {
     if (!isatty(STDIN_FILENO)) return std::nullopt;
     termios original{};
     if (tcgetattr(STDIN_FILENO, &original) != 0) return std::nullopt;
-    WriteAll(STDERR_FILENO, prompt);
     termios quiet = original;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     quiet.c_lflag |= ECHONL;
@@ -193,6 +192,8 @@ std::optional<std::string> PromptForPassword(const std::string& prompt) {
         Session().terminalChanged = true;
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
     }
+    // Only now: what is typed once the prompt shows must survive the flush of earlier input.
+    WriteAll(STDERR_FILENO, prompt);
     std::string password;
     bool ended = false;
     char c = 0;

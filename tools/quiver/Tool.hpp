@@ -52,6 +52,7 @@ using Action = std::function<int()>;
 
 // Each command family adds its subcommands; the chosen one stores its work in `action`.
 void AddInspectCommands(CLI::App& app, const GlobalOptions& options, Action& action);  // info, ls, csv
+void AddListCommand(CLI::App& app, const GlobalOptions& options, Action& action);      // list
 void AddReadCommands(CLI::App& app, const GlobalOptions& options, Action& action);     // cat, extract
 void AddWriteCommands(CLI::App& app, const GlobalOptions& options, Action& action);    // export, edit, sample
 
@@ -76,6 +77,39 @@ public:
 private:
     Quiver::Backup backup_;
 };
+
+// Whether --password-file or QUIVER_PASSWORD gives a password (a prompt is not asked here). Throws
+// Failure(3) for a password file that cannot be read.
+bool PasswordGiven(const GlobalOptions& options);
+
+// ---- Finding backups (List.cpp) ----
+
+// A backup found on disk, with what its metadata files say.
+struct FoundBackup {
+    std::string path;
+    Quiver::QVBackupMetadata metadata;
+    uint64_t size = 0;  // bytes on disk: the folder's files, or the zip file
+};
+
+// The metadata of a backup directory or zip file, read without its password or manifest; nullopt
+// when the library cannot read it (`error` then says why).
+std::optional<FoundBackup> ReadFoundBackup(const std::string& path, CF::Error& error);
+// The backups in a folder that is one, or in its subfolders; subfolders that look like backups but
+// cannot be read are named in warnings.
+std::vector<FoundBackup> FindBackups(const std::string& folder);
+// A folder that holds backups rather than being one ends the command (status 4) with their list.
+void RefuseFolderOfBackups(const std::string& path);
+
+// What Info.plist, or else the Lockdown dictionary of Manifest.plist, says of the device.
+struct DeviceFacts {
+    std::string name, productType, productVersion, buildVersion;
+};
+DeviceFacts DeviceFactsOf(const Quiver::QVBackupMetadata& metadata);
+// The backup's date in Unix seconds: the host's "Last Backup Date", else the date of the status or
+// the manifest.
+std::optional<int64_t> BackupDateOf(const Quiver::QVBackupMetadata& metadata);
+// The string under key, or empty.
+std::string StringValue(const CF::Dictionary& dict, const char* key);
 
 // Loads a backup directory or zip file. The password comes from --password-file, QUIVER_PASSWORD or
 // a prompt on the terminal, and only when the backup turns out to need one. Throws Failure with
@@ -124,7 +158,8 @@ void ReadEntryContent(const Quiver::Backup& backup, const Quiver::Entry& entry,
 // ---- Output (Output.cpp) ----
 
 // Writes all of the bytes to a file descriptor, retrying after interruptions and short writes.
-// Throws Failure(1); a reader that went away (EPIPE) ends the command quietly.
+// Throws Failure(1); a reader that went away (EPIPE) ends the command quietly with status 0, as
+// `quiver ls | head` has what it asked for.
 void WriteAll(int fd, const void* bytes, size_t length);
 void WriteAll(int fd, std::string_view text);
 
@@ -132,6 +167,11 @@ void WriteAll(int fd, std::string_view text);
 std::string ModeString(uint16_t mode);
 // "2021-01-01 00:00:00" in UTC, from Unix seconds.
 std::string UtcTimeText(int64_t unixSeconds);
+// The same with what it is in: "2021-01-01 00:00:00 UTC", or local time with its offset
+// ("2021-01-01 09:00:00 +0900").
+std::string LabelledTimeText(int64_t unixSeconds, bool local);
+// "2021-01-01T00:00:00Z" for JSON.
+std::string IsoTimeText(int64_t unixSeconds);
 // "1.5 MB" for people; exact bytes are in --json.
 std::string SizeText(uint64_t bytes);
 // A name from a backup made safe to show on a terminal: control characters become "\xNN".

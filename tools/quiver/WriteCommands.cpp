@@ -6,6 +6,9 @@
 // The library writes an export file by file and leaves what it wrote when one fails. A half-written
 // backup is worse than none, so the tool removes its destination when the export fails or a signal
 // ends the process; the destination never existed before, so nothing of the user's is lost.
+#include <algorithm>
+#include <cctype>
+
 #include <fmt/format.h>
 
 #include "Quiver/QVFile.hpp"
@@ -17,6 +20,16 @@ using namespace Quiver;
 namespace QuiverTool {
 
 namespace {
+
+// A destination named "*.zip" is a zip file whether or not --zip was given: a folder of that name is
+// never what a person asked for.
+bool WantsZip(const std::string& destination, bool zipOption) {
+    if (zipOption) return true;
+    std::string extension = fs::path(destination).extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return extension == ".zip";
+}
 
 void RequireNewDestination(const std::string& destination, bool zip) {
     std::error_code ec;
@@ -53,11 +66,12 @@ struct ExportOptions {
 };
 
 int RunExport(const ExportOptions& o, const GlobalOptions& global) {
-    RequireNewDestination(o.destination, o.zip);
+    const bool zip = WantsZip(o.destination, o.zip);
+    RequireNewDestination(o.destination, zip);
     OpenBackup open = LoadBackup(o.backup, global);
     RequireWholeBackup(open.get(), o.backup);
     CheckStoredFiles(open.get(), global.verbosity);  // a copy of a damaged backup is not written
-    WriteBackup(open.get(), o.destination, o.zip);
+    WriteBackup(open.get(), o.destination, zip);
     return kSuccess;
 }
 
@@ -67,6 +81,7 @@ struct EditOptions {
     std::string backup;
     std::string destination;
     bool zip = false;
+    bool replaceDirectories = false;
     std::vector<std::string> put, remove, mkdir, symlink;
     CLI::Option* putOption = nullptr;
     CLI::Option* removeOption = nullptr;
@@ -154,7 +169,7 @@ void MakeParents(const Backup& backup, const Edit& edit, bool includingPath) {
     }
 }
 
-void ApplyEdit(const Backup& backup, const Edit& edit, const GlobalOptions& global) {
+void ApplyEdit(const Backup& backup, const Edit& edit, bool replaceDirectories, const GlobalOptions& global) {
     CF::String domain(edit.domain);
     CF::String path(edit.path);
     const std::string shown = fmt::format("{} {}", Printable(edit.domain), Printable(edit.path));
@@ -168,6 +183,19 @@ void ApplyEdit(const Backup& backup, const Edit& edit, const GlobalOptions& glob
             CF::Error failure = CF::Error::Adopt(error);
             if (!file) throw Failure(kFailure, fmt::format("cannot read {}: {}", edit.extra, ErrorText(failure)));
             Entry existing = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
+            // A file put over a folder would take the folder and all below it; that is said, not done,
+            // unless asked for.
+            if (existing && QVManifestEntryIsDirectory(existing)) {
+                const size_t below =
+                    QVManifestCopyEntriesAtPath(QVBackupContainerGetManifest(backup), domain.get(), path.get()).size() - 1;
+                if (!replaceDirectories)
+                    throw Failure(kFailure, fmt::format("cannot put {}: it is a folder with {} {} below it; give "
+                                                        "--replace-dir to replace the folder and all below it",
+                                                        shown, below, below == 1 ? "entry" : "entries"));
+                QVBackupContainerRemovePath(backup, domain.get(), path.get());
+                Detail(global.verbosity, fmt::format("removed the folder {} and the {} entries below it", shown, below));
+                existing = nullptr;
+            }
             if (!existing) MakeParents(backup, edit, false);
             // The library gives a new file of an encrypted backup a key under class 4 and refuses to
             // when the file it replaces kept another class. The old entry goes first then, and the new
@@ -215,12 +243,13 @@ int RunEdit(const EditOptions& o, const GlobalOptions& global) {
     std::vector<Edit> edits = EditsInOrder(o);
     // Unsafe names are usage errors, found before the backup is opened or a password asked for.
     for (const Edit& edit : edits) RequireSafeName(edit, edit.kind == EditKind::Put || edit.kind == EditKind::Symlink);
-    RequireNewDestination(o.destination, o.zip);
+    const bool zip = WantsZip(o.destination, o.zip);
+    RequireNewDestination(o.destination, zip);
     OpenBackup open = LoadBackup(o.backup, global);
     RequireWholeBackup(open.get(), o.backup);
-    for (const Edit& edit : edits) ApplyEdit(open.get(), edit, global);
+    for (const Edit& edit : edits) ApplyEdit(open.get(), edit, o.replaceDirectories, global);
     CheckStoredFiles(open.get(), global.verbosity);  // what the edits left of the source
-    WriteBackup(open.get(), o.destination, o.zip);
+    WriteBackup(open.get(), o.destination, zip);
     return kSuccess;
 }
 
@@ -253,7 +282,8 @@ void StoreSampleFile(const Backup& backup, const char* domain, const char* path,
 }
 
 int RunSample(const SampleOptions& o) {
-    RequireNewDestination(o.destination, o.zip);
+    const bool zip = WantsZip(o.destination, o.zip);
+    RequireNewDestination(o.destination, zip);
     CFErrorRef error = nullptr;
     Backup backup = QVBackupContainerCreateEmpty(&error);
     CF::Error failure = CF::Error::Adopt(error);
@@ -328,7 +358,7 @@ int RunSample(const SampleOptions& o) {
         entry->birth = entry->lastModified = entry->lastStatusChange = date.AbsoluteTime();
     }
     OpenBackup hold(std::move(backup));
-    WriteBackup(hold.get(), o.destination, o.zip);
+    WriteBackup(hold.get(), o.destination, zip);
     return kSuccess;
 }
 
@@ -339,7 +369,7 @@ void AddWriteCommands(CLI::App& app, const GlobalOptions& global, Action& action
     CLI::App* exportCommand = app.add_subcommand("export", "Write the backup as a new backup directory or zip file");
     exportCommand->add_option("BACKUP", exportOptions->backup, "Backup directory or zip file")->required();
     exportCommand->add_option("DEST", exportOptions->destination, "New directory or zip file (must not exist)")->required();
-    exportCommand->add_flag("--zip", exportOptions->zip, "Write a zip file");
+    exportCommand->add_flag("--zip", exportOptions->zip, "Write a zip file (also when DEST ends in .zip)");
     exportCommand->callback([exportOptions, &global, &action] {
         action = [exportOptions, &global] { return RunExport(*exportOptions, global); };
     });
@@ -349,7 +379,9 @@ void AddWriteCommands(CLI::App& app, const GlobalOptions& global, Action& action
     edit->command = editCommand;
     editCommand->add_option("BACKUP", edit->backup, "Backup directory or zip file")->required();
     editCommand->add_option("DEST", edit->destination, "New directory or zip file (must not exist)")->required();
-    editCommand->add_flag("--zip", edit->zip, "Write a zip file");
+    editCommand->add_flag("--zip", edit->zip, "Write a zip file (also when DEST ends in .zip)");
+    editCommand->add_flag("--replace-dir", edit->replaceDirectories,
+                          "Let --put replace a folder, and everything below it, with a file");
     edit->putOption = editCommand->add_option("--put", edit->put, "Store LOCALFILE at DOMAIN PATH")
                           ->type_name("DOMAIN PATH LOCALFILE")
                           ->type_size(3)
@@ -375,7 +407,7 @@ void AddWriteCommands(CLI::App& app, const GlobalOptions& global, Action& action
     auto sample = std::make_shared<SampleOptions>();
     CLI::App* sampleCommand = app.add_subcommand("sample", "Write a small plain sample backup");
     sampleCommand->add_option("DEST", sample->destination, "New directory or zip file (must not exist)")->required();
-    sampleCommand->add_flag("--zip", sample->zip, "Write a zip file");
+    sampleCommand->add_flag("--zip", sample->zip, "Write a zip file (also when DEST ends in .zip)");
     sampleCommand->callback([sample, &action] { action = [sample] { return RunSample(*sample); }; });
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -24,6 +25,36 @@ void Report(const std::string& message) {
     }
 }
 
+// The first argument that is neither an option nor an option's value: the command a person meant.
+// The parser would only say that a command is required, without naming what it was given.
+std::optional<std::string> UnknownCommand(const CLI::App& app, int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--") return std::nullopt;
+        if (arg == "--password-file") {
+            ++i;
+            continue;
+        }
+        if (!arg.empty() && arg[0] == '-') continue;
+        for (const CLI::App* command : app.get_subcommands({}))
+            if (command->get_name() == arg) return std::nullopt;
+        return arg;
+    }
+    return std::nullopt;
+}
+
+// Each command's --help ends with the options that every command takes, which the parser lists
+// only in the main help.
+std::string GlobalOptionsFooter(const CLI::App& app) {
+    std::string text = "\nGlobal options (before or after the command):\n";
+    for (const CLI::Option* option : app.get_options()) {
+        std::string name = option->get_name(false, true);
+        if (!option->get_type_name().empty() && option->get_expected_max() > 0) name += " " + option->get_type_name();
+        text += fmt::format("  {:<26}{}\n", name, option->get_description());
+    }
+    return text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -38,13 +69,24 @@ int main(int argc, char** argv) {
     app.add_flag("-v,--verbose", global.verbosity, "Say more, and show the library's log (-vv: all of it)");
     app.add_option("--password-file", global.passwordFile, "Read the backup's password from FILE")
         ->type_name("FILE");
+    app.set_version_flag("--version", std::string("quiver ") + QUIVER_VERSION, "Show the version and exit");
     Action action;
     AddInspectCommands(app, global, action);
+    AddListCommand(app, global, action);
     AddReadCommands(app, global, action);
     AddWriteCommands(app, global, action);
+    const std::string footer = GlobalOptionsFooter(app);
+    for (CLI::App* command : app.get_subcommands({})) command->footer(footer);
 
     if (argc < 2) {
         WriteAll(STDERR_FILENO, app.help());
+        return kUsage;
+    }
+    if (std::optional<std::string> unknown = UnknownCommand(app, argc, argv)) {
+        std::string commands;
+        for (const CLI::App* command : app.get_subcommands({}))
+            commands += (commands.empty() ? "" : ", ") + command->get_name();
+        Report(fmt::format("unknown command \"{}\"; the commands are {} (quiver --help says more)", *unknown, commands));
         return kUsage;
     }
     try {

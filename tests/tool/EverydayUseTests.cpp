@@ -1,0 +1,436 @@
+// The tool as people use it day to day: seeing a backup without its password, finding the backups on
+// a machine, the zip that zipping a backup's folder makes, and the command line's rough edges (help,
+// version, unknown words, passwords typed or read from a file, output cut short by `head`, times and
+// destinations). Grouped by command; every backup is made by the test fixtures.
+#include <minizip/unzip.h>
+#include <minizip/zip.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/BackupBuilder.hpp"
+#include "support/TemporaryPath.hpp"
+#include "tool/ToolRunner.hpp"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using namespace QuiverTest;
+using namespace QuiverToolTest;
+
+namespace {
+
+std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// Packs a folder into a new zip with every member below `prefix`, as zipping the folder itself does;
+// `extra` members are added as they are named.
+void ZipFolder(const fs::path& folder, const fs::path& zip, const std::string& prefix,
+               const std::vector<std::pair<std::string, std::string>>& extra = {}) {
+    zipFile z = zipOpen64(zip.c_str(), APPEND_STATUS_CREATE);
+    ASSERT_NE(z, nullptr);
+    auto add = [&](const std::string& name, const std::string& bytes) {
+        zip_fileinfo info{};
+        ASSERT_EQ(zipOpenNewFileInZip64(z, name.c_str(), &info, nullptr, 0, nullptr, 0, nullptr, Z_DEFLATED, 6, 1), ZIP_OK);
+        ASSERT_EQ(zipWriteInFileInZip(z, bytes.data(), static_cast<unsigned>(bytes.size())), ZIP_OK);
+        ASSERT_EQ(zipCloseFileInZip(z), ZIP_OK);
+    };
+    for (const auto& entry : fs::recursive_directory_iterator(folder))
+        if (entry.is_regular_file()) add(prefix + fs::relative(entry.path(), folder).string(), Bytes(ReadWholeFile(entry.path())));
+    for (const auto& [name, bytes] : extra) add(name, bytes);
+    ASSERT_EQ(zipClose(z, nullptr), ZIP_OK);
+}
+
+class EverydayTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { UseTestTemporaryPath(); }
+
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "quiver-everyday-XXXXXX").string();
+        ASSERT_TRUE(mkdtemp(pattern.data()));
+        work_ = pattern;
+        fs::create_directories(work_ / "tmp");
+    }
+
+    void TearDown() override {
+        EXPECT_TRUE(fs::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
+        std::error_code ec;
+        fs::remove_all(work_, ec);
+    }
+
+    RunResult Run(const std::vector<std::string>& args, const std::string& password = "", Environment env = {}) {
+        env["TMPDIR"] = (work_ / "tmp").string();
+        if (!password.empty()) env["QUIVER_PASSWORD"] = password;
+        return RunTool(args, env);
+    }
+
+    // Without items of its own, a backup holds SampleItems().
+    BuiltBackup Build(const fs::path& where, BackupDescription description) {
+        if (description.items.empty()) description.items = SampleItems();
+        return BuildBackup(where, description);
+    }
+
+    fs::path work_;
+};
+
+// ---- info ----
+
+using Info = EverydayTest;
+
+// The metadata files stand unenciphered beside the manifest: info shows them without the password,
+// and only the counts wait for it.
+TEST_F(Info, AnEncryptedBackupShowsItsMetadataWithoutThePassword) {
+    struct Case {
+        const char* version;
+        bool twoPasses;
+        const char* manifestFile;
+    };
+    for (const Case& c : {Case{"3.3", true, "Manifest.db"}, Case{"2.4", false, "Manifest.mbdb"}}) {
+        SCOPED_TRACE(c.version);
+        BuiltBackup built = Build(work_ / c.version, {.items = SampleItems(), .manifestVersion = c.version, .encrypted = true,
+                                                      .keyBag = {.iterations = 7, .dpIterations = 3, .firstPass = true}});
+        const std::string dir = built.directory.string();
+        RunResult r = Run({"info", dir, "--json"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        json info = json::parse(r.out);
+        EXPECT_EQ(info["deviceName"], "Test Device");
+        EXPECT_EQ(info["productType"], "Device9,3");
+        EXPECT_EQ(info["productVersion"], "14.3");
+        EXPECT_EQ(info["encrypted"], true);
+        EXPECT_EQ(info["manifestEnciphered"], c.twoPasses);
+        EXPECT_EQ(info["version"], c.version);
+        EXPECT_EQ(info["manifestFile"], c.manifestFile);
+        EXPECT_EQ(info["date"], "2021-01-01T00:00:00Z");
+        EXPECT_EQ(info["complete"], true);
+        EXPECT_TRUE(info["backupID"].is_string());
+        EXPECT_EQ(info["keyBag"]["iterations"], 7);
+        EXPECT_EQ(info["keyBag"]["passes"], c.twoPasses ? 2 : 1);
+        EXPECT_EQ(info["keyBag"]["dpIterations"], c.twoPasses ? json(3) : json(nullptr));
+        EXPECT_EQ(info["keyBag"]["classes"], 11);
+        EXPECT_EQ(info["manifestRead"], false);
+        for (const char* count : {"files", "directories", "symlinks", "totalSize", "domains"}) EXPECT_TRUE(info[count].is_null()) << count;
+
+        RunResult text = Run({"info", dir});
+        ASSERT_EQ(text.status, 0) << text.err;
+        EXPECT_TRUE(Contains(text.out, "Device name:      Test Device")) << text.out;
+        EXPECT_TRUE(Contains(text.out, "Contents:         not read")) << text.out;
+        EXPECT_FALSE(Contains(text.out, "Files:")) << text.out;
+
+        RunResult unlocked = Run({"info", dir, "--json"}, "password");
+        ASSERT_EQ(unlocked.status, 0) << unlocked.err;
+        EXPECT_EQ(json::parse(unlocked.out)["files"], 5);
+        EXPECT_EQ(json::parse(unlocked.out)["totalSize"], 0 + 1 + 16 + 17 + 100000);
+        EXPECT_EQ(Run({"info", dir}, "wrong").status, 3);  // a password given is still checked
+    }
+}
+
+TEST_F(Info, AbsentValuesAreNullAndAnUnfinishedBackupIsNotComplete) {
+    BuiltBackup built = Build(work_ / "b", {.items = SampleItems(), .writeInfoPlist = false});
+    // Without Info.plist the device name still comes from Manifest.plist; the model and build do not
+    // when its Lockdown lacks them too.
+    CF::Dictionary manifest = ReadPropertyList(built.directory / "Manifest.plist").MutableCopy();
+    CF::Dictionary lockdown = manifest.Get<CF::Dictionary>("Lockdown").MutableCopy();
+    lockdown.Remove("ProductType");
+    lockdown.Remove("BuildVersion");
+    manifest.Set("Lockdown", lockdown);
+    WritePropertyList(built.directory / "Manifest.plist", manifest.get());
+    CF::Dictionary status = ReadPropertyList(built.directory / "Status.plist").MutableCopy();
+    status.Set("SnapshotState", CF::String("uploading"));
+    WritePropertyList(built.directory / "Status.plist", status.get());
+    RunResult r = Run({"info", built.directory.string(), "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    json info = json::parse(r.out);
+    EXPECT_EQ(info["deviceName"], "Test Device");
+    EXPECT_TRUE(info["productType"].is_null()) << info.dump();
+    EXPECT_TRUE(info["buildVersion"].is_null()) << info.dump();
+    EXPECT_TRUE(info["keyBag"].is_null());  // a plain backup's key bag locks nothing
+    EXPECT_EQ(info["complete"], false);
+    EXPECT_EQ(info["missing"], json::array({"Info.plist"}));
+    EXPECT_EQ(info["files"], 5);
+    RunResult text = Run({"info", built.directory.string()});
+    EXPECT_TRUE(Contains(text.out, "Complete:         no (it stopped in the state \"uploading\")")) << text.out;
+}
+
+// The real iOS 9.3.6 backup, when the real material is there: its metadata needs no password.
+TEST_F(Info, ARealEncryptedBackupShowsWhichPhoneItCameFrom) {
+    const fs::path folder = fs::path(QUIVER_REALDATA) / "hv20-encrypted-mbdb";
+    if (!fs::is_directory(folder / "backup")) GTEST_SKIP() << "no real backups at " << folder;
+    RunResult r = Run({"info", (folder / "backup").string(), "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    json info = json::parse(r.out);
+    EXPECT_EQ(info["deviceName"], "Santas Phone");
+    EXPECT_EQ(info["productVersion"], "9.3.6");
+    EXPECT_EQ(info["version"], "2.4");
+    EXPECT_EQ(info["keyBag"]["passes"], 1);
+    EXPECT_EQ(info["keyBag"]["iterations"], 10000);
+    EXPECT_TRUE(info["files"].is_null());
+    RunResult unlocked = Run({"info", (folder / "backup").string(), "--json"}, "20201225");
+    ASSERT_EQ(unlocked.status, 0) << unlocked.err;
+    EXPECT_GT(json::parse(unlocked.out)["files"], 300);
+
+    RunResult list = Run({"list", folder.string(), "--json"});
+    ASSERT_EQ(list.status, 0) << list.err;
+    ASSERT_EQ(json::parse(list.out).size(), 1u);
+    EXPECT_EQ(json::parse(list.out)[0]["path"], (folder / "backup").string());
+}
+
+// ---- list, and commands pointed at a folder of backups ----
+
+using List = EverydayTest;
+
+TEST_F(List, FindsTheBackupsInAFolderOrTheFolderItself) {
+    const fs::path folder = work_ / "Backup";
+    BuiltBackup plain = Build(folder / "00008030-AAAA", {.items = SampleItems(), .deviceName = "Plain Phone"});
+    BuiltBackup encrypted = Build(folder / "00008030-BBBB", {.items = SampleItems(), .encrypted = true, .deviceName = "Locked Phone",
+                                                             .productVersion = "16.1"});
+    fs::create_directories(folder / "not-a-backup");
+    std::ofstream(folder / "not-a-backup" / "notes.txt") << "x";
+    fs::create_directories(folder / "broken");
+    std::ofstream(folder / "broken" / "Manifest.plist") << "not a property list";
+
+    RunResult r = Run({"list", folder.string(), "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    json list = json::parse(r.out);
+    ASSERT_EQ(list.size(), 2u) << r.out;
+    EXPECT_EQ(list[0]["path"], plain.directory.string());
+    EXPECT_EQ(list[0]["deviceName"], "Plain Phone");
+    EXPECT_EQ(list[0]["encrypted"], false);
+    EXPECT_EQ(list[1]["deviceName"], "Locked Phone");
+    EXPECT_EQ(list[1]["productVersion"], "16.1");
+    EXPECT_EQ(list[1]["encrypted"], true);
+    EXPECT_EQ(list[1]["date"], "2021-01-01T00:00:00Z");
+    uint64_t onDisk = 0;
+    for (const auto& e : fs::recursive_directory_iterator(plain.directory))
+        if (e.is_regular_file()) onDisk += e.file_size();
+    EXPECT_EQ(list[0]["size"], onDisk);
+    EXPECT_TRUE(Contains(r.err, "broken is not a readable backup")) << r.err;
+
+    RunResult text = Run({"list", folder.string()});
+    ASSERT_EQ(text.status, 0) << text.err;
+    ASSERT_EQ(std::count(text.out.begin(), text.out.end(), '\n'), 2) << text.out;
+    const std::string second = text.out.substr(text.out.find('\n') + 1);
+    for (const char* part : {"00008030-BBBB", "Locked Phone", "iOS 16.1", "2021-01-01 00:00:00 UTC", "encrypted"})
+        EXPECT_TRUE(Contains(second, part)) << part << " in " << second;
+
+    RunResult one = Run({"list", plain.directory.string(), "--json"});
+    ASSERT_EQ(one.status, 0) << one.err;
+    EXPECT_EQ(json::parse(one.out).size(), 1u);
+    EXPECT_EQ(Run({"list", (folder / "not-a-backup").string()}).status, 1);
+}
+
+TEST_F(List, WithoutFoldersSearchesTheUsualPlaces) {
+    const fs::path home = work_ / "home", appData = work_ / "roaming", profile = work_ / "profile";
+    Build(home / "Library/Application Support/MobileSync/Backup/mac", {.items = SampleItems(), .deviceName = "From macOS"});
+    Build(appData / "Apple Computer/MobileSync/Backup/win", {.items = SampleItems(), .deviceName = "From AppData"});
+    Build(profile / "Apple/MobileSync/Backup/store", {.items = SampleItems(), .deviceName = "From the profile"});
+    RunResult r = Run({"list", "--json"}, "",
+                      {{"HOME", home.string()}, {"APPDATA", appData.string()}, {"USERPROFILE", profile.string()}});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> names;
+    for (const json& b : json::parse(r.out)) names.push_back(b["deviceName"]);
+    for (const char* name : {"From macOS", "From AppData", "From the profile"})
+        EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
+
+    const fs::path empty = work_ / "empty";
+    fs::create_directories(empty);
+    RunResult none = Run({"list"}, "", {{"HOME", empty.string()}, {"APPDATA", empty.string()}, {"USERPROFILE", empty.string()}});
+    if (!fs::exists("/mnt/c/Users")) {
+        EXPECT_EQ(none.status, 1);
+        EXPECT_TRUE(Contains(none.err, "no backups found")) << none.err;
+    }
+}
+
+// Pointing a command at the folder that holds backups is the commonest slip; each command names the
+// backups there instead of calling a metadata file missing.
+TEST_F(List, EveryCommandGivenAFolderOfBackupsListsThem) {
+    const fs::path folder = work_ / "Backup";
+    Build(folder / "first", {.items = SampleItems(), .deviceName = "First Phone"});
+    Build(folder / "second", {.items = SampleItems(), .encrypted = true, .deviceName = "Second Phone"});
+    const std::string dir = folder.string();
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"info", dir}, {"ls", dir}, {"cat", dir, "HomeDomain", "x"},
+          {"extract", dir, (work_ / "out").string()}, {"export", dir, (work_ / "copy").string()}}) {
+        RunResult r = Run(args);
+        EXPECT_EQ(r.status, 4) << args[0];
+        EXPECT_TRUE(Contains(r.err, dir + " is a folder that holds 2 backups, not a backup")) << r.err;
+        EXPECT_TRUE(Contains(r.err, (folder / "first").string() + "  (First Phone, iOS 14.3")) << r.err;
+        EXPECT_TRUE(Contains(r.err, (folder / "second").string() + "  (Second Phone")) << r.err;
+        EXPECT_FALSE(Contains(r.err, "is missing")) << r.err;
+    }
+    EXPECT_FALSE(fs::exists(work_ / "copy"));
+}
+
+// ---- zip files ----
+
+using Zip = EverydayTest;
+
+// Zipping a backup's folder puts every member below that folder (and a file manager may add its
+// "__MACOSX" folder beside it); such a zip reads like one with the backup at its root, and an export
+// of it is written flat.
+TEST_F(Zip, ABackupBelowOneTopLevelFolderOpens) {
+    for (bool encrypted : {false, true}) {
+        SCOPED_TRACE(encrypted ? "encrypted" : "plain");
+        const std::string password = encrypted ? "password" : "";
+        const std::string name = encrypted ? "enc" : "plain";
+        BuiltBackup built = Build(work_ / name, {.items = SampleItems(), .encrypted = encrypted});
+        const fs::path zip = work_ / (name + "-folder.zip");
+        ZipFolder(built.directory, zip, "00008030-001A/", {{"__MACOSX/00008030-001A/._Manifest.plist", "fork"}});
+
+        RunResult info = Run({"info", zip.string(), "--json"}, password);
+        ASSERT_EQ(info.status, 0) << info.err;
+        EXPECT_EQ(json::parse(info.out)["files"], 5);
+        const BuiltItem& large = built.Item("AppDomain-com.example.notes", "Documents/large.db");
+        RunResult cat = Run({"cat", zip.string(), large.domain, large.relativePath}, password);
+        ASSERT_EQ(cat.status, 0) << cat.err;
+        EXPECT_TRUE(cat.out == Bytes(large.content));
+
+        const fs::path exported = work_ / (name + "-export.zip");
+        ASSERT_EQ(Run({"export", zip.string(), exported.string(), "--zip"}, password).status, 0);
+        unzFile z = unzOpen64(exported.c_str());
+        ASSERT_NE(z, nullptr);
+        for (const char* member : {"Manifest.plist", "Status.plist", "Info.plist"})
+            EXPECT_EQ(unzLocateFile(z, member, 1), UNZ_OK) << member << " is not at the root";
+        EXPECT_NE(unzLocateFile(z, "00008030-001A/Manifest.plist", 1), UNZ_OK);
+        unzClose(z);
+    }
+}
+
+TEST_F(Zip, TwoBackupFoldersInOneZipAreNotOneBackup) {
+    BuiltBackup one = Build(work_ / "one", {});
+    const fs::path zip = work_ / "two.zip";
+    std::vector<std::pair<std::string, std::string>> second;
+    for (const auto& entry : fs::recursive_directory_iterator(one.directory))
+        if (entry.is_regular_file())
+            second.push_back({"other/" + fs::relative(entry.path(), one.directory).string(), Bytes(ReadWholeFile(entry.path()))});
+    ZipFolder(one.directory, zip, "first/", second);
+    RunResult r = Run({"ls", zip.string()});
+    EXPECT_EQ(r.status, 4);
+    EXPECT_TRUE(Contains(r.err, "Manifest.plist could not be read")) << r.err;
+}
+
+// ---- the command line ----
+
+using CommandLine = EverydayTest;
+
+TEST_F(CommandLine, VersionAndUnknownWordsAreNamed) {
+    RunResult version = Run({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out.rfind("quiver ", 0), 0u) << version.out;
+
+    RunResult command = Run({"bogus"});
+    EXPECT_EQ(command.status, 2);
+    EXPECT_TRUE(Contains(command.err, "unknown command \"bogus\"")) << command.err;
+    EXPECT_FALSE(Contains(command.err, "A subcommand is required")) << command.err;
+    RunResult afterOption = Run({"--password-file", "info", "bogus"});  // "info" is the option's value here
+    EXPECT_TRUE(Contains(afterOption.err, "unknown command \"bogus\"")) << afterOption.err;
+
+    RunResult option = Run({"ls", "--bogus", "x"});
+    EXPECT_EQ(option.status, 2);
+    EXPECT_TRUE(Contains(option.err, "--bogus")) << option.err;
+}
+
+TEST_F(CommandLine, EveryCommandsHelpListsTheGlobalOptions) {
+    for (const char* command : {"info", "ls", "list", "csv", "cat", "extract", "export", "edit", "sample"}) {
+        RunResult r = Run({command, "--help"});
+        EXPECT_EQ(r.status, 0) << command;
+        for (const char* option : {"--password-file FILE", "--verbose", "--version"})
+            EXPECT_TRUE(Contains(r.out, option)) << command << " --help lacks " << option;
+    }
+}
+
+TEST_F(CommandLine, PasswordsThatCannotBeUsedSayWhy) {
+    BuiltBackup built = Build(work_ / "enc", {.items = SampleItems(), .encrypted = true});
+    RunResult folder = Run({"--password-file", work_.string(), "ls", built.directory.string()});
+    EXPECT_EQ(folder.status, 3);
+    EXPECT_TRUE(Contains(folder.err, "is a folder, not a file")) << folder.err;
+
+    Environment env{{"TMPDIR", (work_ / "tmp").string()}};
+    RunResult empty = RunToolOnTerminal({"ls", built.directory.string()}, env, "Password for", "\n");
+    EXPECT_EQ(empty.status, 3);
+    EXPECT_TRUE(Contains(empty.err, "the password typed for " + built.directory.string() + " is empty")) << empty.err;
+    EXPECT_FALSE(Contains(empty.err, "on a terminal")) << empty.err;
+
+    RunResult typed = RunToolOnTerminal({"cat", built.directory.string(), "HomeDomain", "Library/Preferences/one.txt"},
+                                        env, "Password for", "password\n");
+    EXPECT_EQ(typed.status, 0) << typed.err;
+    EXPECT_EQ(typed.out, "1");
+}
+
+// `quiver ls --json B | head -1`: the reader has what it wanted, and the tool ends quietly.
+TEST_F(CommandLine, AReaderThatStopsEarlyEndsTheToolWithStatusZero) {
+    std::vector<BackupItem> items;
+    for (int i = 0; i < 1500; ++i) items.push_back(BackupItem::File("HomeDomain", "Library/f" + std::to_string(i), std::string_view("x")));
+    BuiltBackup built = Build(work_ / "many", {.items = items});
+    RunningTool tool({"ls", built.directory.string(), "--json"}, {{"TMPDIR", (work_ / "tmp").string()}});
+    ASSERT_TRUE(tool.WaitForOutput());
+    tool.CloseOutput();
+    RunResult r = tool.Wait();
+    EXPECT_FALSE(r.signaled);
+    EXPECT_EQ(r.status, 0);
+}
+
+// ---- ls ----
+
+using Ls = EverydayTest;
+
+TEST_F(Ls, TimesSayWhereTheyAreFromAndPathsMayStartWithASlash) {
+    BuiltBackup built = Build(work_ / "b", {});
+    const std::string dir = built.directory.string();
+    RunResult utc = Run({"ls", "-l", dir, "AppDomain-com.example.notes", "Documents/large.db"});
+    ASSERT_EQ(utc.status, 0) << utc.err;
+    EXPECT_TRUE(Contains(utc.out, " 2020-09-13 12:26:40 UTC  ")) << utc.out;
+    RunResult local = Run({"ls", "-l", "--local", dir, "AppDomain-com.example.notes", "Documents/large.db"}, "",
+                          {{"TZ", "JST-9"}});
+    ASSERT_EQ(local.status, 0) << local.err;
+    EXPECT_TRUE(Contains(local.out, " 2020-09-13 21:26:40 +0900  ")) << local.out;
+
+    RunResult relative = Run({"ls", dir, "HomeDomain", "Library/Preferences"});
+    RunResult absolute = Run({"ls", dir, "HomeDomain", "/Library/Preferences"});
+    ASSERT_EQ(absolute.status, 0) << absolute.err;
+    EXPECT_EQ(absolute.out, relative.out);
+    EXPECT_EQ(std::count(absolute.out.begin(), absolute.out.end(), '\n'), 5);
+}
+
+// ---- export and edit ----
+
+using Write = EverydayTest;
+
+TEST_F(Write, ADestinationNamedZipIsWrittenAsAZip) {
+    BuiltBackup built = Build(work_ / "b", {});
+    const fs::path exported = work_ / "copy.zip", edited = work_ / "edited.ZIP";
+    ASSERT_EQ(Run({"export", built.directory.string(), exported.string()}).status, 0);
+    ASSERT_EQ(Run({"edit", built.directory.string(), edited.string(), "--mkdir", "HomeDomain", "New"}).status, 0);
+    for (const fs::path& zip : {exported, edited}) {
+        EXPECT_TRUE(fs::is_regular_file(zip)) << zip;
+        RunResult info = Run({"info", zip.string(), "--json"});
+        ASSERT_EQ(info.status, 0) << info.err;
+        EXPECT_GE(json::parse(info.out)["files"], 5);
+    }
+}
+
+// A file put over a folder would take the folder and everything below it; that needs asking for.
+TEST_F(Write, PutOverAFolderIsRefusedUnlessItsReplacementIsAskedFor) {
+    BuiltBackup built = Build(work_ / "b", {});
+    const fs::path local = work_ / "todo.txt", refused = work_ / "refused", replaced = work_ / "replaced";
+    std::ofstream(local) << "todo";
+    RunResult r = Run({"edit", built.directory.string(), refused.string(), "--put", "HomeDomain", "Library/Preferences",
+                       local.string()});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(Contains(r.err, "HomeDomain Library/Preferences: it is a folder with 4 entries below it")) << r.err;
+    EXPECT_TRUE(Contains(r.err, "--replace-dir")) << r.err;
+    EXPECT_FALSE(fs::exists(refused));
+
+    RunResult ok = Run({"edit", built.directory.string(), replaced.string(), "--replace-dir", "--put", "HomeDomain",
+                        "Library/Preferences", local.string()});
+    ASSERT_EQ(ok.status, 0) << ok.err;
+    json list = json::parse(Run({"ls", replaced.string(), "HomeDomain", "Library/Preferences", "--json"}).out);
+    ASSERT_EQ(list.size(), 1u) << list.dump();
+    EXPECT_EQ(list[0]["type"], "file");
+    EXPECT_EQ(Run({"cat", replaced.string(), "HomeDomain", "Library/Preferences"}).out, "todo");
+}
+
+}  // namespace
