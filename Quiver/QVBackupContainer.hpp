@@ -172,6 +172,8 @@ std::shared_ptr<QVFileClass> SourceLoadFileForFileID(const Backup& backup, CFStr
 // The zip source: a member read whole into an appendable file.
 std::shared_ptr<QVFileClass> SourceLoadZipMember(QVBackupContainerClass& backup, const CF::String& name);
 bool ZipSourceHasMember(QVBackupContainerClass& backup, const std::string& name);
+// The names of the backup's members (folders and clutter left out), relative to the backup's root.
+std::vector<std::string> ZipSourceMemberNames(QVBackupContainerClass& backup);
 void CloseZipSource(QVBackupContainerClass& backup);
 void OpenZipSource(QVBackupContainerClass& backup);
 // Loads the three metadata dictionaries, noting what a partial copy lacks; throws CF::Error.

@@ -100,6 +100,25 @@ struct CurrentMember {
 
 }  // namespace
 
+std::vector<std::string> ZipSourceMemberNames(QVBackupContainerClass& backup) {
+    ZipSource* source = SourceOf(backup);
+    std::vector<std::string> names;
+    if (!source) return names;
+    std::vector<char> name;
+    for (int result = unzGoToFirstFile(source->handle); result == UNZ_OK; result = unzGoToNextFile(source->handle)) {
+        unz_file_info64 info{};
+        if (unzGetCurrentFileInfo64(source->handle, &info, nullptr, 0, nullptr, 0, nullptr, 0) != UNZ_OK) break;
+        name.assign(info.size_filename + 1, '\0');
+        if (unzGetCurrentFileInfo64(source->handle, &info, name.data(), static_cast<uLong>(name.size()), nullptr, 0,
+                                    nullptr, 0) != UNZ_OK)
+            break;
+        const std::string_view member(name.data(), info.size_filename);
+        if (IsClutter(member) || member.empty() || member.back() == '/' || !member.starts_with(source->prefix)) continue;
+        names.emplace_back(member.substr(source->prefix.size()));
+    }
+    return names;
+}
+
 bool ZipSourceHasMember(QVBackupContainerClass& backup, const std::string& name) {
     ZipSource* source = SourceOf(backup);
     return source && HasMember(source->handle, source->prefix + name);

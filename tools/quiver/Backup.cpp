@@ -16,9 +16,9 @@
 #include <sstream>
 
 #include <fmt/format.h>
-#include <openssl/evp.h>
 
 #include "Quiver/QVError.hpp"
+#include "Quiver/QVVerify.hpp"
 #include "Tool.hpp"
 
 namespace fs = std::filesystem;
@@ -163,31 +163,6 @@ Backup TryLoad(const std::string& path, bool zip, const std::optional<std::strin
     return backup;
 }
 
-// Whether an enciphered file ends in valid padding: its last block deciphered with the block before
-// it (or the zero initial value) as the chaining value. A file cut at a block boundary ends in
-// garbage that passes for padding once in 256 tries or less; reading 32 bytes tells what deciphering
-// the whole file would tell at its end.
-bool EndsInPadding(const std::string& path, uint64_t length, const std::array<uint8_t, 32>& key) {
-    uint8_t tail[32] = {};
-    const size_t wanted = length >= 32 ? 32 : 16;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const ssize_t got = ::pread(fd, tail, wanted, static_cast<off_t>(length - wanted));
-    ::close(fd);
-    if (got != static_cast<ssize_t>(wanted)) return false;
-    const uint8_t zero[16] = {};
-    const uint8_t* chain = wanted == 32 ? tail : zero;
-    const uint8_t* last = tail + wanted - 16;
-    uint8_t plain[32] = {};
-    int produced = 0;
-    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
-    if (!ctx || EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_cbc(), nullptr, key.data(), chain) != 1 ||
-        EVP_CIPHER_CTX_set_padding(ctx.get(), 0) != 1 || EVP_DecryptUpdate(ctx.get(), plain, &produced, last, 16) != 1 ||
-        produced != 16)
-        return false;
-    const uint8_t pad = plain[15];
-    return pad >= 1 && pad <= 16 && std::all_of(plain + 16 - pad, plain + 16, [pad](uint8_t b) { return b == pad; });
-}
 
 }  // namespace
 
@@ -323,58 +298,29 @@ std::vector<Entry> SelectEntries(const Backup& backup, const std::optional<std::
 }
 
 std::string CheckStoredFile(const Backup& backup, const Entry& entry, std::vector<uint8_t>* deferredDigest) {
-    if (!QVManifestEntryIsFile(entry) || entry->external) return {};
-    // An export checks every file, so names are only put together for a file that fails.
-    auto shown = [&] { return Printable(EntryDomain(entry)) + " " + Printable(EntryPath(entry)); };
-    uint64_t length = 0;
-    auto damaged = [&](const char* what) {
-        return Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) {}", shown(),
-                                               Utf8(QVManifestEntryGetFileID(entry)), length, what));
-    };
-    CFErrorRef error = nullptr;
-    std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(entry, &error);
-    CF::Error failure = CF::Error::Adopt(error);
-    if (!stored) {
-        for (CF::Error e = failure; e; e = e.Underlying())
-            if (e.Code() == QVErrorFileNotFound)
-                throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}) is missing",
-                                                      shown(), Utf8(QVManifestEntryGetFileID(entry))));
-        throw Failure(kFailure, fmt::format("cannot read {}: {}", shown(), ErrorText(failure)));
-    }
-    length = QVFileGetSize(stored);
-    const uint64_t size = QVManifestEntryGetFileSize(entry);
-    const bool encrypted = QVBackupContainerIsEncrypted(backup);
-    // An enciphered file is its plaintext padded to the next whole block.
-    const bool lengthFits = encrypted ? (length % 16 == 0 && length > size && length <= size + 16) || (length == 0 && size == 0)
-                                      : length == size;
-    if (encrypted && length % 16 != 0) throw damaged("is cut short: not a whole number of cipher blocks");
-    // Devices record the SHA-1 of the bytes they store, enciphered or not, as they write them, and
-    // that decides; so does the library for the files it adds.
-    // A reader that hashes as it reads takes the digest along, and the cheap checks below still run.
-    if (CF::Data digest = CF::Data::Retain(QVManifestEntryGetDataHash(entry)); digest.size() == 20) {
-        if (deferredDigest) {
-            *deferredDigest = digest.vector();
-        } else {
-            if (QVFileGetHash(stored) == digest.vector()) return {};
-            throw damaged("is not the one its manifest records");
+    // A reader that hashes as it reads takes the digest along; a copy has it checked here.
+    const std::vector<QVProblem> problems =
+        QVBackupContainerVerifyEntry(backup, entry, deferredDigest ? QVVerifyMode::Quick : QVVerifyMode::Digests,
+                                     deferredDigest);
+    std::string notes;
+    for (const QVProblem& p : problems) {
+        // An export checks every file, so names are only put together for a file that fails.
+        const std::string shown = Printable(p.domain) + " " + Printable(p.path);
+        switch (p.kind) {
+            case QVProblemKind::StoredFileMissing:
+                throw Failure(kBadBackup,
+                              fmt::format("the backup is damaged: the stored file of {} ({}) is missing", shown, p.fileID));
+            case QVProblemKind::Unreadable: throw Failure(kFailure, fmt::format("{} {}", shown, p.detail));
+            case QVProblemKind::KeyDoesNotUnwrap:
+                throw Failure(kBadBackup, fmt::format("the backup is damaged: {} {}", shown, p.detail));
+            default:
+                if (!p.warning)
+                    throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) {}",
+                                                          shown, p.fileID, p.storedLength, p.detail));
+                notes += (notes.empty() ? "" : "; ") + shown + " " + p.detail;
         }
     }
-    if (encrypted && length > 0) {
-        CFErrorRef keyError = nullptr;
-        auto key = QVManifestEntryUnlockFileKey(entry, *backup->manifestEncryption, &keyError);
-        CF::Error keyFailure = CF::Error::Adopt(keyError);
-        if (!key)
-            throw Failure(kBadBackup, fmt::format("the backup is damaged: the key of {} does not unwrap{}", shown(),
-                                                  keyFailure ? ": " + ErrorText(keyFailure) : ""));
-        if (!EndsInPadding(Utf8(QVFileGetLocalPath(stored)), length, *key))
-            throw damaged("does not decipher to its end; it is cut short or altered");
-    }
-    // Without a digest the size is all there is, and devices record it before they copy: a file that
-    // grows or shrinks during the backup keeps its old size (seen in real backups).
-    if (!lengthFits && !encrypted && (!deferredDigest || deferredDigest->empty()))
-        return fmt::format("{} holds {} bytes where its manifest records {}; it changed during the backup or is damaged",
-                           shown(), length, size);
-    return {};
+    return notes;
 }
 
 void CheckStoredFiles(const Backup& backup, int verbosity) {

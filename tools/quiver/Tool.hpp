@@ -55,6 +55,7 @@ void AddInspectCommands(CLI::App& app, const GlobalOptions& options, Action& act
 void AddListCommand(CLI::App& app, const GlobalOptions& options, Action& action);      // list
 void AddReadCommands(CLI::App& app, const GlobalOptions& options, Action& action);     // cat, extract
 void AddWriteCommands(CLI::App& app, const GlobalOptions& options, Action& action);    // export, edit, sample
+void AddVerifyCommand(CLI::App& app, const GlobalOptions& options, Action& action);    // verify
 
 // ---- Backups (Backup.cpp) ----
 
