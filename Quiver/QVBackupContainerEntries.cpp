@@ -39,7 +39,10 @@ CF::String fileIDForLocalFilename(const Backup& backup, CFStringRef localFilenam
 Entry QVBackupContainerGetEntryForPath(const Backup& backup, CFStringRef domain, CFStringRef path) {
     QV_ASSERT(backup);
     CF::String id = CF::String::Adopt(QVManifestEntryCopyFileIDForPath(domain, path));
-    return QVManifestGetEntryForFileID(backup->manifest, id.get());
+    if (Entry entry = QVManifestGetEntryForFileID(backup->manifest, id.get())) return entry;
+    // A damaged manifest may record an entry under a file ID that is not its path's: it is still the
+    // entry at that path (verification reports the ID).
+    return QVManifestGetEntryMatchingPath(backup->manifest, domain, path);
 }
 
 Entry QVBackupContainerGetEntryForLocalFilename(const Backup& backup, CFStringRef localFilename,

@@ -182,8 +182,10 @@ std::vector<QVProblem> QVBackupContainerVerifyEntry(const Backup& backup, const 
     }
     // Without a digest the size is all there is, and devices record it before they copy: a file that
     // grows or shrinks during the backup keeps its old size (seen in real backups).
+    // A caller that takes the recorded digest along checks it as it reads: then the digest decides.
+    const bool digestWillDecide = hasDigest && digest != nullptr;
     const uint64_t compared = plainLength.value_or(length);
-    if (!digestDecided && !hasDigest && compared != size && !(encrypted && length == 0 && size == 0))
+    if (!digestDecided && !digestWillDecide && compared != size && !(encrypted && length == 0 && size == 0))
         report(QVProblemKind::SizeDisagrees,
                fmt::format("holds {} bytes where its manifest records {}; it changed during the backup or is damaged",
                            compared, size),

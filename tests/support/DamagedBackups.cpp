@@ -4,6 +4,9 @@
 #include <functional>
 #include <stdexcept>
 
+#include <SQLiteCpp/SQLiteCpp.h>
+
+#include "Quiver/QVManifestMBDB.hpp"
 #include "Quiver/Support/Cryptor.hpp"
 #include "Quiver/Support/Random.hpp"
 #include "support/BackupBuilder.hpp"
@@ -63,7 +66,7 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
         BuiltBackup built = BuildBackup(root / name, description);
         const BuiltItem& large = built.Item("AppDomain-com.example.notes", "Documents/large.db");
         out.push_back({name, built.directory, encrypted ? description.password : "", large.domain,
-                       large.relativePath, named, false});
+                       large.relativePath, named, false, false, ""});
         return built;
     };
     auto database = [](const BuiltBackup& built) { return built.directory / "Manifest.db"; };
@@ -141,28 +144,79 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
         const char* version;
         bool encrypted;
         bool digests;
+        const char* kind;
         std::function<void(const fs::path&)> damage;
     };
     const StoredFault stored[] = {
-        {"StoredFileMissing", "3.3", false, true, [](const fs::path& p) { fs::remove(p); }},
-        {"StoredFileShorter", "3.3", false, true, [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, 4096); }); }},
-        {"StoredFileLonger", "3.3", false, true,
+        {"StoredFileMissing", "3.3", false, true, "stored-file-missing", [](const fs::path& p) { fs::remove(p); }},
+        {"StoredFileShorter", "3.3", false, true, "digest-mismatch",
+         [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, 4096); }); }},
+        {"StoredFileLonger", "3.3", false, true, "digest-mismatch",
          [](const fs::path& p) { EditFile(p, [](Bytes b) { return b.resize(b.size() + 5, 'x'), b; }); }},
-        {"EncryptedStoredFileMissing", "3.3", true, true, [](const fs::path& p) { fs::remove(p); }},
-        {"EncryptedStoredFileShorter", "3.3", true, true,
+        {"EncryptedStoredFileMissing", "3.3", true, true, "stored-file-missing", [](const fs::path& p) { fs::remove(p); }},
+        {"EncryptedStoredFileShorter", "3.3", true, true, "digest-mismatch",
          [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, b.size() - 32); }); }},
         // Without a digest only the cipher's blocks and padding can tell.
-        {"EncryptedStoredFileCutMidBlock", "3.3", true, false,
+        {"EncryptedStoredFileCutMidBlock", "3.3", true, false, "not-whole-blocks",
          [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, b.size() - 5); }); }},
-        {"EncryptedStoredFileCutAtBlock", "3.3", true, false,
+        {"EncryptedStoredFileCutAtBlock", "3.3", true, false, "bad-padding",
          [](const fs::path& p) { EditFile(p, [](Bytes b) { return Cut(b, b.size() - 32); }); }},
-        {"MbdbStoredFileMissing", "2.4", false, true, [](const fs::path& p) { fs::remove(p); }},
+        {"MbdbStoredFileMissing", "2.4", false, true, "stored-file-missing", [](const fs::path& p) { fs::remove(p); }},
     };
     for (const StoredFault& fault : stored) {
         BuiltBackup built = make(fault.name, fault.version, fault.encrypted, "Documents/large.db", fault.digests);
         const BuiltItem& victim = built.Item(out.back().domain, out.back().relativePath);
         fault.damage(built.directory / victim.localFilename);
         out.back().storedFileFault = true;
+        out.back().kind = fault.kind;
+    }
+
+    // The manifest's structure: every file reads, but a device restoring the backup would miss some.
+    auto structural = [&](const std::string& name, const std::string& version, const char* named, const char* kind) {
+        BuiltBackup built = make(name, version, false, named);
+        out.back().structuralFault = true;
+        out.back().kind = kind;
+        return built;
+    };
+    {
+        BuiltBackup built = structural("OrphanStoredFile", "3.3", "0f/0f1e2d3c4b5a69788796a5b4c3d2e1f00f1e2d3c", "orphan-stored-file");
+        fs::create_directories(built.directory / "0f");
+        WriteWholeFile(built.directory / "0f/0f1e2d3c4b5a69788796a5b4c3d2e1f00f1e2d3c", {'l', 'o', 's', 't'});
+    }
+    {
+        // The row keeps its stored file, under the ID it now wrongly has.
+        BuiltBackup built = structural("WrongFileID", "3.3", "Documents/large.db", "wrong-file-id");
+        const BuiltItem& victim = built.Item(out.back().domain, out.back().relativePath);
+        const std::string wrong = "00" + victim.fileID.substr(2);
+        SQLite::Database db(database(built).string(), SQLite::OPEN_READWRITE);
+        SQLite::Statement update(db, "UPDATE Files SET fileID = ? WHERE fileID = ?");
+        update.bind(1, wrong);
+        update.bind(2, victim.fileID);
+        update.exec();
+        fs::create_directories(built.directory / "00");
+        fs::rename(built.directory / victim.localFilename, built.directory / "00" / wrong);
+    }
+    {
+        BuiltBackup built = structural("MissingParent", "3.3", "Documents/large.db", "missing-parent");
+        SQLite::Database db(database(built).string(), SQLite::OPEN_READWRITE);
+        db.exec("DELETE FROM Files WHERE domain = 'AppDomain-com.example.notes' AND relativePath = 'Documents'");
+    }
+    {
+        // A Manifest.mbdb names its files by domain and path only: two records of one path share an ID.
+        BuiltBackup built = structural("MbdbDuplicateFileID", "2.4", "Documents/large.db", "duplicate-file-id");
+        const fs::path mbdb = built.directory / "Manifest.mbdb";
+        CF::Data data(ReadWholeFile(mbdb));
+        Quiver::Manifest manifest =
+            Quiver::QVManifestCreateFromManifestData(data.get(), QVManifestDataVersion24, nullptr, nullptr);
+        if (!manifest) throw std::logic_error("damaged backups: the built Manifest.mbdb does not read");
+        std::vector<Quiver::Entry> entries = Quiver::QVManifestGetEntries(manifest);
+        for (const Quiver::Entry& e : Quiver::QVManifestGetEntries(manifest))
+            if (Quiver::QVManifestEntryGetPathUTF8(e) == "Documents/large.db")
+                entries.push_back(Quiver::QVManifestEntryCreateCopy(e, nullptr));
+        Quiver::QVManifestUpdateEntries(manifest, entries);
+        CF::Data written = CF::Data::Adopt(
+            Quiver::QVManifestCreateManifestDataRepresentation(manifest, QVManifestDataVersion24, nullptr));
+        WriteWholeFile(mbdb, written.vector());
     }
 
     // A zip cut short.

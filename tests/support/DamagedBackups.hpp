@@ -1,7 +1,8 @@
 // Backups with one fault each, the kind that a failed copy, a full disk or a hostile sender leaves:
 // manifests cut short, emptied, overwritten or altered after decryption; metadata missing or not a
 // property list; key bags and manifest keys cut or garbled; stored files missing or of the wrong
-// length; a zip cut short. Each starts from a sound backup of the builder and changes one thing.
+// length; a stored file that no entry names, file IDs duplicated or wrong, a parent directory missing;
+// a zip cut short. Each starts from a sound backup of the builder and changes one thing.
 #pragma once
 
 #include <filesystem>
@@ -22,6 +23,11 @@ struct DamagedBackup {
     // True when only reading that file's contents can show the fault: the manifest and metadata are
     // sound, so listing the backup succeeds.
     bool storedFileFault = false;
+    // True when the files read whole and only the manifest's structure is wrong (an orphan stored file,
+    // file IDs, missing parents): every command but verify works as on a sound backup.
+    bool structuralFault = false;
+    // What verification reports for a fault that loading does not already refuse ("digest-mismatch"...).
+    std::string kind;
 };
 
 // Writes every damaged backup below root (created when missing). Call UseTestTemporaryPath() first.
