@@ -5,6 +5,11 @@
 #include <fmt/format.h>
 
 const CFStringRef kQVErrorDomain = CFSTR("Quiver.ErrorDomain");
+const CFStringRef kQVErrorBackupFileKey = CFSTR("QVErrorBackupFile");
+const CFStringRef kQVErrorEntryDomainKey = CFSTR("QVErrorEntryDomain");
+const CFStringRef kQVErrorEntryPathKey = CFSTR("QVErrorEntryPath");
+const CFStringRef kQVErrorEntryFileIDKey = CFSTR("QVErrorEntryFileID");
+const CFStringRef kQVErrorCheckKey = CFSTR("QVErrorCheck");
 
 namespace Quiver {
 
@@ -59,6 +64,27 @@ CF::Error Error(QVError code, const CF::Error& underlying, std::string_view reas
     if (underlying) info.Set(kCFErrorUnderlyingErrorKey, underlying.get());
     if (IsFriendlyErrorCode(code)) info.Set(kCFErrorIsFriendlyKey, kCFBooleanTrue);
     return CF::Error::Adopt(CFErrorCreate(kCFAllocatorDefault, kQVErrorDomain, code, info.get()));
+}
+
+CF::Error Error(QVError code, const CF::Error& underlying, std::string_view reason, const ErrorContext& context) {
+    CF::Error plain = Error(code, underlying, reason);
+    CF::Dictionary info = plain.UserInfo().MutableCopy();
+    const std::pair<CFStringRef, const std::string*> values[] = {
+        {kQVErrorBackupFileKey, &context.backupFile}, {kQVErrorEntryDomainKey, &context.domain},
+        {kQVErrorEntryPathKey, &context.path},        {kQVErrorEntryFileIDKey, &context.fileID},
+        {kQVErrorCheckKey, &context.check}};
+    for (const auto& [key, value] : values)
+        if (!value->empty()) info.Set(key, CF::String(*value).get());
+    return CF::Error::Adopt(CFErrorCreate(kCFAllocatorDefault, kQVErrorDomain, code, info.get()));
+}
+
+std::string ErrorContextValue(const CF::Error& error, CFStringRef key) {
+    CF::Error current = error;
+    for (int depth = 0; current && depth < 32; ++depth, current = current.Underlying()) {
+        CF::String value = current.UserInfo().Get<CF::String>(key);
+        if (value && value.length() > 0) return value.utf8();
+    }
+    return {};
 }
 
 CF::Error MakeFilesystemError(const std::exception& e, const std::filesystem::path& p) {

@@ -52,6 +52,21 @@ enum QVError : int32_t {
 // "Quiver.ErrorDomain", set when the library is loaded.
 QV_EXPORT extern const CFStringRef kQVErrorDomain;
 
+// Keys of an error's user information that say what it is about, so that a program can act on an error
+// without reading its text. Each is set where it applies, on the error or on one of its underlying
+// errors (Quiver::ErrorContextValue looks along the chain); values are strings.
+//   kQVErrorBackupFileKey   the file of the backup: "Manifest.plist", "Manifest.db", "ab/ab12...", ...
+//   kQVErrorEntryDomainKey, kQVErrorEntryPathKey, kQVErrorEntryFileIDKey   the entry
+//   kQVErrorCheckKey        what failed: a verification problem ("stored-file-missing", "digest-mismatch",
+//                           "bad-padding", ...), or "password" (the key bag does not open with it),
+//                           "manifest-key" (the manifest key does not unwrap), "missing" (a file the
+//                           backup needs is not there), "not-a-property-list", "zip" (the zip does not open)
+QV_EXPORT extern const CFStringRef kQVErrorBackupFileKey;
+QV_EXPORT extern const CFStringRef kQVErrorEntryDomainKey;
+QV_EXPORT extern const CFStringRef kQVErrorEntryPathKey;
+QV_EXPORT extern const CFStringRef kQVErrorEntryFileIDKey;
+QV_EXPORT extern const CFStringRef kQVErrorCheckKey;
+
 namespace Quiver {
 
 // The fixed description of a code ("Unknown Error" for codes without one).
@@ -62,6 +77,18 @@ QV_EXPORT bool IsFriendlyErrorCode(int32_t code);
 // Makes a new error of the library's domain. `reason`, when not empty, becomes the failure reason;
 // `underlying`, when it holds an error, the underlying error.
 QV_EXPORT CF::Error Error(QVError code, const CF::Error& underlying = CF::Error(), std::string_view reason = {});
+// What an error is about, for the keys above; empty members are left out.
+struct ErrorContext {
+    std::string backupFile;
+    std::string domain;
+    std::string path;
+    std::string fileID;
+    std::string check;
+};
+QV_EXPORT CF::Error Error(QVError code, const CF::Error& underlying, std::string_view reason, const ErrorContext& context);
+// The first value of `key` on the error or, failing that, on its underlying errors; "" when none has one.
+QV_EXPORT std::string ErrorContextValue(const CF::Error& error, CFStringRef key);
+
 // QVErrorFilesystem with the reason "<exception text> (<path>)".
 QV_EXPORT CF::Error MakeFilesystemError(const std::exception& e, const std::filesystem::path& p);
 // QVErrorFilesystem with `reason`; for a non-zero errno value the underlying error is the POSIX error.

@@ -333,14 +333,13 @@ TEST_F(ToolTest, DigestsAreCheckedAsFilesAreReadAndDamageNeverLeavesAWholeFile) 
 
 // ---- Extracting a hostile backup ----
 
-TEST_F(ToolTest, ExtractSkipsNamesThatWouldLeaveTheDestination) {
+// What is refused and why is the library's (ExtractTests); the tool warns of each and ends with 1.
+TEST_F(ToolTest, ExtractWarnsOfEachUnsafeNameAndEndsWithStatusOne) {
     fs::path outside = work_ / "outside";
     fs::create_directories(outside);
     std::vector<BackupItem> items{
         BackupItem::File("HomeDomain", "good.txt", std::string_view("kept")),
         BackupItem::File("HomeDomain", "../climbed.txt", std::string_view("x")),
-        BackupItem::File("HomeDomain", (work_ / "absolute.txt").string(), std::string_view("x")),
-        BackupItem::File("..", "domain-climbed.txt", std::string_view("x")),
         BackupItem::Symlink("HomeDomain", "link", outside.string()),
         BackupItem::File("HomeDomain", "link/through.txt", std::string_view("x")),
     };
@@ -348,13 +347,9 @@ TEST_F(ToolTest, ExtractSkipsNamesThatWouldLeaveTheDestination) {
     fs::path dest = work_ / "dest" / "inner";
     RunResult r = Run({"extract", built.directory.string(), dest.string()});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 5) << r.err;  // four warnings and the summary
-    EXPECT_NE(r.err.find("symbolic link"), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 3) << r.err;  // two warnings and the summary
+    EXPECT_NE(r.err.find("2 entries with unsafe names skipped"), std::string::npos) << r.err;
     EXPECT_EQ(Bytes(ReadWholeFile(dest / "HomeDomain/good.txt")), "kept");
-    EXPECT_EQ(fs::read_symlink(dest / "HomeDomain/link"), outside);
-    EXPECT_FALSE(fs::exists(dest / "climbed.txt"));
-    EXPECT_FALSE(fs::exists(work_ / "absolute.txt"));
-    EXPECT_FALSE(fs::exists(work_ / "dest" / "domain-climbed.txt"));
     EXPECT_TRUE(fs::is_empty(outside));
 }
 

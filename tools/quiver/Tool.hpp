@@ -149,12 +149,6 @@ void CheckStoredFiles(const Quiver::Backup& backup, int verbosity);
 // Refuses (status 4) to write out a partial copy: one without Status.plist or Manifest.plist.
 void RequireWholeBackup(const Quiver::Backup& backup, const std::string& path);
 
-// Streams a file's plaintext to a callback after CheckStoredFile (its note becomes a warning), checking
-// the recorded digest in the same pass; throws Failure(4) when the backup turns out damaged (a file
-// larger than 4 MiB may then have been delivered all but its last megabyte), Failure(1) when the file
-// cannot be read otherwise.
-void ReadEntryContent(const Quiver::Backup& backup, const Quiver::Entry& entry,
-                      const std::function<void(const uint8_t*, size_t)>& sink);
 
 // ---- Output (Output.cpp) ----
 

@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "Quiver/QVFile.hpp"
+#include "Quiver/QVExtract.hpp"
 #include "Tool.hpp"
 
 namespace fs = std::filesystem;
@@ -134,21 +135,8 @@ void RequireSafeName(const Edit& edit, bool pathRequired) {
     auto bad = [&](const std::string& why) {
         return Failure(kUsage, fmt::format("cannot edit {} {}: {}", Printable(edit.domain), Printable(edit.path), why));
     };
-    if (edit.domain.empty() || edit.domain == "." || edit.domain == ".." ||
-        edit.domain.find('/') != std::string::npos)
-        throw bad("the domain must be a plain name such as HomeDomain");
     if (pathRequired && edit.path.empty()) throw bad("a path is needed");
-    if (!edit.path.empty() && edit.path.front() == '/') throw bad("the path must be relative to its domain");
-    if (edit.path.find('\0') != std::string::npos) throw bad("the path holds a NUL character");
-    size_t start = 0;
-    while (start <= edit.path.size()) {
-        size_t end = edit.path.find('/', start);
-        if (end == std::string::npos) end = edit.path.size();
-        std::string part = edit.path.substr(start, end - start);
-        if (part == "..") throw bad("the path must not hold \"..\"");
-        if (part.empty() && !edit.path.empty()) throw bad("the path holds an empty component");
-        start = end + 1;
-    }
+    if (auto problem = QVEntryNameProblem(edit.domain, edit.path, QVNameUse::Write)) throw bad(*problem);
 }
 
 // Folder entries for every parent of path that has none, like `mkdir -p`.
