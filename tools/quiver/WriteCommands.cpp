@@ -3,9 +3,8 @@
 // backup; an encrypted backup stays encrypted, each new file with its own key) and `sample` (the small
 // plain backup that `make run` shows, made from nothing through the library).
 //
-// The library writes an export file by file and leaves what it wrote when one fails. A half-written
-// backup is worse than none, so the tool removes its destination when the export fails or a signal
-// ends the process; the destination never existed before, so nothing of the user's is lost.
+// The library writes an export under a hidden name beside the destination and removes it when the
+// export fails; the tool only removes it when a signal ends the process mid-way.
 #include <algorithm>
 #include <cctype>
 
@@ -41,19 +40,19 @@ void RequireNewDestination(const std::string& destination, bool zip) {
 }
 
 void WriteBackup(const Backup& backup, const std::string& destination, bool zip) {
-    RemoveOnSignal removeIfInterrupted(destination);
-    Progress progress(zip ? "Writing the zip file" : "Writing the backup");
     CF::String target(destination);
+    RemoveOnSignal removeIfInterrupted(QVBackupContainerPartialPath(target.get()));
+    Progress progress(zip ? "Writing the zip file" : "Writing the backup");
     ExportProgress report = [&](double fraction) { progress.Update(fraction); };
-    const bool written = zip ? QVBackupContainerExportToZip(backup, target.get(), report)
-                             : QVBackupContainerExportToDirectory(backup, target.get(), report);
+    CFErrorRef error = nullptr;
+    const bool written = zip ? QVBackupContainerExportToZip(backup, target.get(), report, &error)
+                             : QVBackupContainerExportToDirectory(backup, target.get(), report, &error);
     progress.Finish();
+    CF::Error failure = CF::Error::Adopt(error);
     if (!written) {
-        std::error_code ec;
-        fs::remove_all(destination, ec);
-        throw Failure(kFailure,
-                      fmt::format("could not write {}: some of its files failed (run with -v to see the library's log)",
-                                  destination));
+        // The cause's own words say what went wrong ("No space left on device", a file that failed).
+        CF::Error cause = failure.Underlying() ? failure.Underlying() : failure;
+        throw Failure(kFailure, fmt::format("could not write {}: {}", destination, ErrorText(cause)));
     }
 }
 
