@@ -196,19 +196,9 @@ void ApplyEdit(const Backup& backup, const Edit& edit, bool replaceDirectories, 
                 existing = nullptr;
             }
             if (!existing) MakeParents(backup, edit, false);
-            // The library gives a new file of an encrypted backup a key under class 4 and refuses to
-            // when the file it replaces kept another class. The old entry goes first then, and the new
-            // one takes its attributes but keeps the class its key was made for.
-            const bool rekey = existing && !QVManifestEntryIsDirectory(existing) && QVBackupContainerIsEncrypted(backup) &&
-                               QVManifestEntryGetProtectionClass(existing) != EntryProtectionClassNone;
-            if (rekey) QVBackupContainerRemovePath(backup, domain.get(), path.get());
             Entry stored = QVBackupContainerStoreFileForPath(backup, domain.get(), path.get(), file, &error);
             failure = CF::Error::Adopt(error);
             if (!stored) throw Failure(kFailure, fmt::format("cannot put {}: {}", shown, ErrorText(failure)));
-            if (rekey) {
-                _QVManifestEntryCloneAttributes(stored, existing);
-                stored->protectionClass = EntryProtectionClassNone;
-            }
             Detail(global.verbosity, fmt::format("put {} from {}", shown, edit.extra));
             break;
         }
