@@ -179,6 +179,8 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
             requireComplete(backup);
             requireFree(root);
             std::error_code ec;
+            // The folders above the destination are made as before; only the backup itself is whole or absent.
+            if (const fs::path parent = root.parent_path(); !parent.empty()) fs::create_directories(parent, ec);
             // Refused when it exists: that would be another export of this process to the same place.
             if (!fs::create_directory(QVBackupContainerPartialPath(destination), ec) || ec)
                 throw MakeErrnoError(ec ? ec.value() : EEXIST,
