@@ -7,6 +7,7 @@
 #include <CoreFoundation/CoreFoundation.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -150,12 +151,22 @@ QV_EXPORT unsigned char QVBackupContainerRemovePath(const Backup& backup, CFStri
 
 using ExportProgress = std::function<void(double fraction)>;
 // Writes the container, edits included, as a new backup directory; 1 when every file was written.
-// Never writes into an existing path; failures are logged, and what was written stays.
+// The backup is written under QVBackupContainerPartialPath(destination) and renamed to destination
+// only when whole, so the destination is a whole backup or absent: an existing path is never written
+// into or replaced, and a failure (a file that cannot be read, a full disk) removes what was written.
+// The error, which is also logged, names the destination, with the first failure as its cause.
+QV_EXPORT unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringRef destination,
+                                                           const ExportProgress& progress, CFErrorRef* error);
 QV_EXPORT unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringRef destination,
                                                            const ExportProgress& progress);
 // The same as a new zip file.
 QV_EXPORT unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef destination,
+                                                     const ExportProgress& progress, CFErrorRef* error);
+QV_EXPORT unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef destination,
                                                      const ExportProgress& progress);
+// Where an export of this process to destination writes until it is whole: a hidden name beside it
+// that holds the process ID. A program that may be ended by a signal during an export removes it then.
+QV_EXPORT std::filesystem::path QVBackupContainerPartialPath(CFStringRef destination);
 
 // ---- Internal, shared by the container's parts ----
 

@@ -1,10 +1,20 @@
 // Export: every name of the finished backup (stored files, manifest, metadata), produced by
 // QVBackupContainerCopyFileForLocalFilename, written to a new directory or a new zip file. Contents
 // stream chunk by chunk, so a file of any size costs about one chunk of memory.
+//
+// A backup is whole or absent: everything is written under a hidden name beside the destination and
+// renamed into place only once the last byte is in, so no reader ever takes half a backup for a whole
+// one. A failure removes what was written; an interruption that ends the process leaves at most the
+// hidden name, which carries the writer's process ID.
 #include <minizip/zip.h>
 #include <zlib.h>
 
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <span>
@@ -43,53 +53,94 @@ struct Progress {
     }
 };
 
-// Refuses an existing destination; true when nothing is there.
-bool destinationFree(const fs::path& destination) {
+// The destination as a name in its folder: "out/" is "out".
+fs::path destinationName(const fs::path& destination) {
+    return destination.has_filename() ? destination : destination.parent_path();
+}
+
+// Refuses an existing destination.
+void requireFree(const fs::path& destination) {
     std::error_code ec;
-    auto status = fs::status(destination, ec);
-    if (!ec && fs::exists(status)) {
-        report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
-                     fmt::format("File already exists at path {}", destination.string())));
-        return false;
-    }
-    return true;
+    if (fs::exists(fs::symlink_status(destination, ec)))
+        throw Error(QVErrorWritingExternalRepresentation, CF::Error(),
+                    fmt::format("File already exists at path {}", destination.string()));
 }
 
 // A partial copy lacks what a device needs to restore it; writing one out would pass it off as whole.
-bool completeBackup(const Backup& backup) {
+void requireComplete(const Backup& backup) {
     std::vector<std::string> lacking;
     for (const std::string& name : backup->missingMetadata)
         if (name != "Info.plist") lacking.push_back(name);
-    if (lacking.empty()) return true;
-    report(Error(QVErrorInvalidBackup, CF::Error(),
-                 fmt::format("This backup is a partial copy without {}: it can be read, not written as a backup",
-                             fmt::join(lacking, " or "))));
-    return false;
+    if (lacking.empty()) return;
+    throw Error(QVErrorInvalidBackup, CF::Error(),
+                fmt::format("This backup is a partial copy without {}: it can be read, not written as a backup",
+                            fmt::join(lacking, " or ")));
+}
+
+// Removes the partial write when the export does not finish.
+class PartialWrite {
+public:
+    explicit PartialWrite(fs::path path) : path_(std::move(path)) {}
+    ~PartialWrite() {
+        if (path_.empty()) return;
+        std::error_code ec;
+        fs::remove_all(path_, ec);
+        if (ec) log_fmt(log_level::error, "Failed to remove the unfinished export {}: {}", path_.string(), ec.message());
+    }
+    PartialWrite(const PartialWrite&) = delete;
+    PartialWrite& operator=(const PartialWrite&) = delete;
+    const fs::path& path() const { return path_; }
+    void Keep() { path_.clear(); }
+
+private:
+    fs::path path_;
+};
+
+// Moves the finished export into place; something that appeared at the destination meanwhile is
+// never replaced.
+void moveIntoPlace(const fs::path& partial, const fs::path& destination) {
+    if (::renameat2(AT_FDCWD, partial.c_str(), AT_FDCWD, destination.c_str(), RENAME_NOREPLACE) == 0) return;
+    int err = errno;
+    if (err == EINVAL || err == ENOSYS) {  // a file system without the flag: check, then rename
+        std::error_code ec;
+        if (fs::exists(fs::symlink_status(destination, ec))) {
+            err = EEXIST;
+        } else if (::rename(partial.c_str(), destination.c_str()) == 0) {
+            return;
+        } else {
+            err = errno;
+        }
+    }
+    throw MakeErrnoError(err, fmt::format("Failed to move the finished export {} to {} ({})", partial.string(),
+                                          destination.string(), std::strerror(err)));
+}
+
+// The error that ends an export: it names the destination, and the first failure is the cause.
+CF::Error failedExport(const fs::path& destination, const CF::Error& cause) {
+    return Error(QVErrorWritingExternalRepresentation, cause,
+                 fmt::format("The backup could not be written to {}{}", destination.string(),
+                             cause ? fmt::format(": {}", cause.Reason()) : std::string()));
 }
 
 // Produces every name of the finished backup in order and hands each file to write(name, file,
-// counter); a name that cannot be produced is reported and skipped. False when any name failed.
+// counter), which throws CF::Error on failure. The first name that cannot be produced or written ends
+// the export: its error is thrown.
 template <typename Write>
-bool writeEachName(const Backup& backup, const ExportProgress& progress, const char* destinationKind, Write&& write) {
+void writeEachName(const Backup& backup, const ExportProgress& progress, const char* destinationKind, Write&& write) {
     // "/" is this platform's separator: the two-character directory then holds the file.
     CF::Array names = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
     Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
-    bool failed = false;
     for (CFTypeRef item : names) {
         auto name = CF::String::Retain(static_cast<CFStringRef>(item));
         CFErrorRef loadError = nullptr;
         auto file = QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
-        if (!file) {
-            report(Error(QVErrorLoadingExternalRepresentation, CF::Error::Adopt(loadError),
-                         fmt::format("File {} could not be loaded for writing to {}", name, destinationKind)));
-            failed = true;
-            continue;
-        }
-        if (!write(name, file, counter)) failed = true;
+        if (!file)
+            throw Error(QVErrorLoadingExternalRepresentation, CF::Error::Adopt(loadError),
+                        fmt::format("File {} could not be loaded for writing to {}", name, destinationKind));
+        write(name, file, counter);
         file.reset();
         counter.tick();
     }
-    return !failed;
 }
 
 // Photos, videos, compressed data and every enciphered file are as small as they will get: deflating
@@ -114,147 +165,178 @@ struct ZipWriter {
 
 }  // namespace
 
+fs::path QVBackupContainerPartialPath(CFStringRef destination) {
+    const fs::path name = destinationName(fs::path(CF::String::Retain(destination).utf8()));
+    return name.parent_path() / fmt::format(".{}.{}.partial", name.filename().string(), ::getpid());
+}
+
+unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringRef destination,
+                                                 const ExportProgress& progress, CFErrorRef* error) {
+    QV_ASSERT(backup);
+    const fs::path root = destinationName(fs::path(CF::String::Retain(destination).utf8()));
+    return Boundary(error, [&]() -> unsigned char {
+        try {
+            requireComplete(backup);
+            requireFree(root);
+            std::error_code ec;
+            // The folders above the destination are made as before; only the backup itself is whole or absent.
+            if (const fs::path parent = root.parent_path(); !parent.empty()) fs::create_directories(parent, ec);
+            // Refused when it exists: that would be another export of this process to the same place.
+            if (!fs::create_directory(QVBackupContainerPartialPath(destination), ec) || ec)
+                throw MakeErrnoError(ec ? ec.value() : EEXIST,
+                                     fmt::format("Failed to create directory {} ({})",
+                                                 QVBackupContainerPartialPath(destination).string(),
+                                                 ec ? ec.message() : std::strerror(EEXIST)));
+            PartialWrite partial(QVBackupContainerPartialPath(destination));
+            writeEachName(backup, progress, "directory", [&](const CF::String& name,
+                                                             const std::shared_ptr<QVFileClass>& file,
+                                                             Progress& counter) {
+                const fs::path target = partial.path() / name.utf8();
+                try {
+                    fs::create_directories(target.parent_path());
+                    Support::writable_file out(target, Support::writable_file::mode::exclusive);
+                    QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
+                        for (size_t done = 0; done < chunk.size();) {
+                            const size_t piece = std::min(kWritePiece, chunk.size() - done);
+                            out.write(chunk.data() + done, piece);
+                            done += piece;
+                            counter.written += static_cast<int64_t>(piece);
+                        }
+                        return true;
+                    });
+                    out.close();
+                } catch (const CF::Error& e) {
+                    throw Error(static_cast<QVError>(e.Code()), e, fmt::format("File {} could not be written", name));
+                } catch (const std::system_error& e) {
+                    throw Error(QVErrorFilesystem, MakeErrnoError(e.code().value(), e.what()),
+                                fmt::format("File {} could not be written ({})", name, e.code().message()));
+                } catch (const std::exception& e) {
+                    throw Error(QVErrorFilesystem, CF::Error(), fmt::format("File {} could not be written - {}", name, e.what()));
+                }
+            });
+            moveIntoPlace(partial.path(), root);
+            partial.Keep();
+            return 1;
+        } catch (const CF::Error& e) {
+            CF::Error failure = failedExport(root, e);
+            report(failure);
+            throw failure;
+        }
+    });
+}
+
 unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringRef destination,
                                                  const ExportProgress& progress) {
+    return QVBackupContainerExportToDirectory(backup, destination, progress, nullptr);
+}
+
+unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef destination,
+                                           const ExportProgress& progress, CFErrorRef* error) {
     QV_ASSERT(backup);
-    const fs::path root(CF::String::Retain(destination).utf8());
-    if (!completeBackup(backup) || !destinationFree(root)) return 0;
-    std::error_code ec;
-    fs::create_directories(root, ec);
-    if (ec) {
-        report(Error(QVErrorFilesystem, CF::Error(),
-                     fmt::format("Failed to create containing directory {} - {} ({})", root.string(), ec.message(),
-                                 ec.value())));
-        return 0;
-    }
-    const bool written = writeEachName(backup, progress, "directory", [&](const CF::String& name,
-                                                                      const std::shared_ptr<QVFileClass>& file,
-                                                                      Progress& counter) {
-        const fs::path target = root / name.utf8();
-        CF::Error chunkError;
+    const fs::path target = destinationName(fs::path(CF::String::Retain(destination).utf8()));
+    return Boundary(error, [&]() -> unsigned char {
         try {
-            fs::create_directories(target.parent_path());
-            Support::writable_file out;
-            try {
-                out = Support::writable_file(target, Support::writable_file::mode::append);
-            } catch (const std::system_error& e) {
-                chunkError = Error(QVErrorFilesystem, CF::Error(),
-                                   fmt::format("The file could not be opened for writing: {}", e.code().message()));
-                report(chunkError);
-                return false;
-            }
-            QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
-                for (size_t done = 0; done < chunk.size();) {
-                    size_t piece = std::min(kWritePiece, chunk.size() - done);
-                    try {
-                        out.write(chunk.data() + done, piece);
-                    } catch (const std::exception& e) {
-                        chunkError = Error(QVErrorFilesystem, CF::Error(),
-                                           fmt::format("The file could not be written - {}", e.what()));
-                        return false;
+            requireComplete(backup);
+            requireFree(target);
+            const fs::path partialPath = QVBackupContainerPartialPath(destination);
+            // Made here, exclusively, so that minizip writes into a file of this export alone.
+            Support::writable_file(partialPath, Support::writable_file::mode::exclusive).close();
+            PartialWrite partial(partialPath);
+            ZipWriter writer;
+            writer.zip = zipOpen64(partialPath.c_str(), APPEND_STATUS_CREATE);
+            if (!writer.zip)
+                throw Error(QVErrorWritingExternalRepresentation, CF::Error(),
+                            fmt::format("Failed to create zip file {}", partialPath.string()));
+            // minizip reports a failed write only as ZIP_ERRNO; errno then says why.
+            auto zipFailure = [](const std::string& what, int result) {
+                const int err = errno;
+                return result == ZIP_ERRNO && err != 0
+                           ? Error(QVErrorWritingExternalRepresentation, MakeErrnoError(err, std::strerror(err)),
+                                   fmt::format("{} ({})", what, std::strerror(err)))
+                           : Error(QVErrorWritingExternalRepresentation, CF::Error(), fmt::format("{} ({})", what, result));
+            };
+            writeEachName(backup, progress, "zip", [&](const CF::String& name,
+                                                       const std::shared_ptr<QVFileClass>& file, Progress& counter) {
+                zip_fileinfo info{};
+                CFDateRef date = QVFileGetModifiedDate(file);
+                auto seconds =
+                    static_cast<time_t>(date ? CFDateGetAbsoluteTime(date) + kCFAbsoluteTimeIntervalSince1970 : 0);
+                struct tm local{};
+                localtime_r(&seconds, &local);
+                info.tmz_date.tm_sec = static_cast<uInt>(local.tm_sec);
+                info.tmz_date.tm_min = static_cast<uInt>(local.tm_min);
+                info.tmz_date.tm_hour = static_cast<uInt>(local.tm_hour);
+                info.tmz_date.tm_mday = static_cast<uInt>(local.tm_mday);
+                info.tmz_date.tm_mon = static_cast<uInt>(local.tm_mon);
+                info.tmz_date.tm_year = static_cast<uInt>(local.tm_year + 1900);
+                const int zip64 = QVFileGetSize(file) >= kZip64Threshold ? 1 : 0;
+                const std::string member = name.utf8();
+                const std::string what = fmt::format("File {} could not be written in zip", name);
+                // The member is opened once its first bytes are read, which decide whether it is deflated.
+                bool opened = false;
+                auto open = [&](std::span<const uint8_t> start) {
+                    const bool deflate = worthDeflating(start);
+                    errno = 0;
+                    const int r = zipOpenNewFileInZip3_64(writer.zip, member.c_str(), &info, nullptr, 0, nullptr, 0,
+                                                          nullptr, deflate ? Z_DEFLATED : 0,
+                                                          deflate ? Z_DEFAULT_COMPRESSION : 0, 0, -MAX_WBITS, 8,
+                                                          Z_DEFAULT_STRATEGY, nullptr, 0, zip64);
+                    if (r != ZIP_OK) throw zipFailure(what, r);
+                    opened = true;
+                };
+                auto write = [&](const uint8_t* bytes, size_t length) {
+                    errno = 0;
+                    const int r = zipWriteInFileInZip(writer.zip, bytes, static_cast<unsigned>(length));
+                    if (r != ZIP_OK) throw zipFailure(what, r);
+                    counter.written += static_cast<int64_t>(length);
+                };
+                try {
+                    if (auto whole = QVFileGetDataQuickly(file)) {
+                        open(*whole);
+                        write(whole->data(), whole->size());
+                    } else {
+                        QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
+                            if (!opened) open(chunk);
+                            write(chunk.data(), chunk.size());
+                            return true;
+                        });
+                        if (!opened) open({});  // an empty file
                     }
-                    done += piece;
-                    counter.written += static_cast<int64_t>(piece);
+                } catch (const CF::Error&) {
+                    throw;
+                } catch (const std::exception& e) {
+                    throw Error(QVErrorWritingExternalRepresentation, CF::Error(), fmt::format("{} ({})", what, e.what()));
                 }
-                if (!out.is_open()) {
-                    chunkError = Error(QVErrorFilesystem, CF::Error(), "The file closed unexpectedly");
-                    return false;
-                }
-                return true;
+                errno = 0;
+                if (const int r = zipCloseFileInZip(writer.zip); r != ZIP_OK) throw zipFailure(what, r);
             });
-            out.close();
+            errno = 0;
+            const int closed = zipClose(writer.zip, nullptr);
+            writer.zip = nullptr;
+            if (closed != ZIP_OK) throw zipFailure(fmt::format("Failed to finish zip file {}", partialPath.string()), closed);
+            // The zip is one file: cheap to make durable before it takes the destination's name.
+            if (const int fd = ::open(partialPath.c_str(), O_RDONLY | O_CLOEXEC); fd >= 0) {
+                const bool synced = ::fsync(fd) == 0;
+                const int err = errno;
+                ::close(fd);
+                if (!synced)
+                    throw MakeErrnoError(err, fmt::format("Failed to write zip file {} ({})", partialPath.string(),
+                                                          std::strerror(err)));
+            }
+            moveIntoPlace(partialPath, target);
+            partial.Keep();
+            return 1;
         } catch (const CF::Error& e) {
-            chunkError = e;
-        } catch (const std::exception& e) {
-            chunkError = Error(QVErrorFilesystem, CF::Error(), fmt::format("The file could not be written - {}", e.what()));
+            CF::Error failure = failedExport(target, e);
+            report(failure);
+            throw failure;
         }
-        if (chunkError) {
-            report(Error(static_cast<QVError>(chunkError.Code()), chunkError,
-                         fmt::format("File {} could not be written", name)));
-            return false;
-        }
-        return true;
     });
-    return written ? 1 : 0;
 }
 
 unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef destination,
                                            const ExportProgress& progress) {
-    QV_ASSERT(backup);
-    const fs::path target(CF::String::Retain(destination).utf8());
-    if (!completeBackup(backup) || !destinationFree(target)) return 0;
-    ZipWriter writer;
-    writer.zip = zipOpen64(target.string().c_str(), APPEND_STATUS_CREATE);
-    if (!writer.zip) {
-        report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
-                     fmt::format("Failed to create zip file {}", target.string())));
-        return 0;
-    }
-    bool failed = !writeEachName(backup, progress, "zip", [&](const CF::String& name,
-                                                            const std::shared_ptr<QVFileClass>& file,
-                                                            Progress& counter) {
-        zip_fileinfo info{};
-        CFDateRef date = QVFileGetModifiedDate(file);
-        auto seconds = static_cast<time_t>(date ? CFDateGetAbsoluteTime(date) + kCFAbsoluteTimeIntervalSince1970 : 0);
-        struct tm local{};
-        localtime_r(&seconds, &local);
-        info.tmz_date.tm_sec = static_cast<uInt>(local.tm_sec);
-        info.tmz_date.tm_min = static_cast<uInt>(local.tm_min);
-        info.tmz_date.tm_hour = static_cast<uInt>(local.tm_hour);
-        info.tmz_date.tm_mday = static_cast<uInt>(local.tm_mday);
-        info.tmz_date.tm_mon = static_cast<uInt>(local.tm_mon);
-        info.tmz_date.tm_year = static_cast<uInt>(local.tm_year + 1900);
-        const int zip64 = QVFileGetSize(file) >= kZip64Threshold ? 1 : 0;
-        const std::string member = name.utf8();
-        // The member is opened once its first bytes are read, which decide whether it is deflated.
-        bool opened = false;
-        auto open = [&](std::span<const uint8_t> start) {
-            const bool deflate = worthDeflating(start);
-            opened = zipOpenNewFileInZip3_64(writer.zip, member.c_str(), &info, nullptr, 0, nullptr, 0, nullptr,
-                                             deflate ? Z_DEFLATED : 0, deflate ? Z_DEFAULT_COMPRESSION : 0, 0,
-                                             -MAX_WBITS, 8, Z_DEFAULT_STRATEGY, nullptr, 0, zip64) == ZIP_OK;
-            return opened;
-        };
-        auto write = [&](const uint8_t* bytes, size_t length) {
-            int r = zipWriteInFileInZip(writer.zip, bytes, static_cast<unsigned>(length));
-            if (r != ZIP_OK) {
-                report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
-                             fmt::format("ZipWriteInFile failed ({})", r)));
-                return false;
-            }
-            counter.written += static_cast<int64_t>(length);
-            return true;
-        };
-        bool written = true;
-        try {
-            if (auto whole = QVFileGetDataQuickly(file)) {
-                written = open(*whole) && write(whole->data(), whole->size());
-            } else {
-                QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
-                    written = (opened || open(chunk)) && write(chunk.data(), chunk.size());
-                    return written;
-                });
-                if (written && !opened) written = open({});  // an empty file
-            }
-        } catch (const std::exception& e) {
-            report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
-                         fmt::format("ZipWriteInFile failed ({})", e.what())));
-            written = false;
-        }
-        if (opened && zipCloseFileInZip(writer.zip) != ZIP_OK) written = false;
-        if (!written)
-            report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
-                         fmt::format("File {} could not be written in zip", name)));
-        return written;
-    });
-    int closed = zipClose(writer.zip, nullptr);
-    writer.zip = nullptr;
-    if (closed != ZIP_OK) {
-        report(Error(QVErrorWritingExternalRepresentation, CF::Error(),
-                     fmt::format("Failed to finish zip file {} ({})", target.string(), closed)));
-        failed = true;
-    }
-    return failed ? 0 : 1;
+    return QVBackupContainerExportToZip(backup, destination, progress, nullptr);
 }
 
 }  // namespace Quiver

@@ -63,24 +63,23 @@ void writeAll(Support::writable_file& out, const uint8_t* bytes, size_t length) 
     }
 }
 
+// The bytes go to a cache file without a name: they may be the plaintext of an encrypted backup (its
+// manifest on the way to an export), which must not be left behind when the process is killed.
 std::shared_ptr<QVFileClass> createFromBytes(const uint8_t* bytes, int64_t length, CFErrorRef* error) {
     QV_ASSERT(length >= 0);
     fs::path location;
     return Boundary(
         error,
         [&]() -> std::shared_ptr<QVFileClass> {
-            location = FileManager::GetStorageLocationForFile();
+            location = FileManager::GetStorageDirectory();
             std::vector<uint8_t> digest = Support::Sha1({bytes, static_cast<size_t>(length)});
-            if (auto cached = FileManager::CopyCachedFileReference(location, digest, nullptr)) return cached;
-            Support::writable_file out(location, Support::writable_file::mode::clobber);
+            auto anonymous = std::make_shared<const Support::anonymous_file>(location);
+            Support::writable_file out(anonymous->path(), Support::writable_file::mode::clobber);
             writeAll(out, bytes, static_cast<size_t>(length));
             out.close();
-            CFErrorRef inner = nullptr;
-            auto file = FileManager::CopyCachedFileReference(location, digest, &inner);
-            if (!file) {
-                CF::Error cause = CF::Error::Adopt(inner);
-                throw Error(QVErrorUnknown, cause, "File written but reference could not be created");
-            }
+            auto file = MakeFileReference(anonymous->path(), digest, true);
+            file->anonymous = std::move(anonymous);
+            FileManager::RegisterReferenceForFile(file);
             return file;
         },
         [&](const std::exception& e) { return MakeFilesystemError(e, location); });
@@ -164,6 +163,7 @@ std::shared_ptr<QVFileClass> QVFileCreateCopy(const std::shared_ptr<QVFileClass>
     file->digestPending = other->digestPending;
     file->modifiedDate = other->modifiedDate;
     file->localPath = other->localPath;
+    file->anonymous = other->anonymous;
     file->hasKey = other->hasKey;
     file->key = other->key;
     file->keyAlgorithm = other->keyAlgorithm;

@@ -1,6 +1,9 @@
 // File objects: the contents of one backed-up file. The bytes always lie in a file on disk, either a
 // cache file in the library's storage directory (registered with the file manager, which counts the
-// objects that use each cached content) or a caller's file used in place. A file object records the
+// objects that use each cached content) or a caller's file used in place. Contents made from bytes in
+// memory (the manifests and metadata an export writes, a deciphered manifest among them) go to cache
+// files that have no name: they are freed with the last object that uses them and never outlive the
+// process. A file object records the
 // size, SHA-1 digest, modification date and local path, and may carry a key so that readers receive
 // the plaintext of an encrypted backup's file, or the ciphertext of a plain file being written into
 // an encrypted backup. Appendable file objects grow piece by piece, hashed as they grow, until they are
@@ -43,6 +46,8 @@ public:
     bool digestPending = false;
     CF::Date modifiedDate;
     CF::String localPath;
+    // The nameless cache file that localPath reaches, shared by every copy of this object.
+    std::shared_ptr<const Quiver::Support::anonymous_file> anonymous;
     Quiver::Support::writable_file writer;  // open only while appendable
     Quiver::Support::OpenSSL::DigestContext digestContext;
     uint32_t hasKey = 0;
@@ -80,7 +85,8 @@ QV_EXPORT std::optional<std::vector<uint8_t>> QVFileGetDataQuickly(const std::sh
 // logged, when it can no longer be read).
 QV_EXPORT std::vector<uint8_t> QVFileGetHash(const std::shared_ptr<QVFileClass>& file);
 QV_EXPORT uint64_t QVFileGetSize(const std::shared_ptr<QVFileClass>& file);
-// Borrowed.
+// Borrowed. For a cache file without a name, a path that this process alone can open, and only while
+// the file object lives.
 QV_EXPORT CFStringRef QVFileGetLocalPath(const std::shared_ptr<QVFileClass>& file);
 // Borrowed; NULL when unset.
 QV_EXPORT CFDateRef QVFileGetModifiedDate(const std::shared_ptr<QVFileClass>& file);

@@ -26,8 +26,6 @@ namespace Quiver {
 
 namespace {
 
-// The whole written database is read back into memory at once; this bounds that read.
-constexpr size_t kMaxDatabaseSize = size_t{4} << 30;
 constexpr int32_t kFlagOnlyRecord = 16;
 
 bool versionAccepted(QVManifestDataVersion version) { return version >= 30 && version <= 33; }
@@ -218,13 +216,17 @@ void DatabaseImage::setSize(size_t size) { size_ = std::min(size, capacity_); }
 uint8_t* DatabaseImage::release() { return std::exchange(data_, nullptr); }
 
 void ManifestDatabase::Create(uint32_t userVersion) {
-    Open({});
+    // Built in memory: the rows are the plaintext of what may be an encrypted backup, and a file
+    // holding them could outlive the process (a crash, SIGKILL) where nothing would remove it.
+    try {
+        db_ = std::make_unique<SQLite::Database>(":memory:", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+    } catch (const std::exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to open a database in memory ({})", e.what()));
+    }
     userVersion_ = userVersion;
     // auto_vacuum takes effect only on a database without tables, so it is also set first; the
-    // statements after it are the schema as devices write it, in their order.
-    // The file is private until it is whole, so it is built without a journal or syncs, with a cache
-    // large enough to keep the tree in memory; the indexes and the write-ahead-log mode that devices
-    // use come in Finish, after the rows.
+    // statements after it are the schema as devices write it, in their order. The indexes come in
+    // Finish, after the rows.
     execAll({
         "PRAGMA auto_vacuum='INCREMENTAL';",
         "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);",
@@ -233,8 +235,6 @@ void ManifestDatabase::Create(uint32_t userVersion) {
         "PRAGMA auto_vacuum='INCREMENTAL';",
         "PRAGMA automatic_index=1;",
         "PRAGMA journal_mode=OFF;",
-        "PRAGMA synchronous=OFF;",
-        "PRAGMA cache_size=-65536;",
     });
 }
 
@@ -243,8 +243,22 @@ void ManifestDatabase::Finish() {
         "CREATE INDEX FilesDomainIdx ON Files (domain);",
         "CREATE INDEX FilesFlagsIdx ON Files (flags);",
         "CREATE INDEX FilesRelativePathIdx ON Files (relativePath);",
-        "PRAGMA journal_mode=WAL;",
     });
+}
+
+std::vector<std::byte> ManifestDatabase::Serialize() {
+    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
+    sqlite3_int64 size = 0;
+    unsigned char* image = sqlite3_serialize(db_->getHandle(), "main", &size, 0);
+    if (!image) throw Error(QVErrorDatabaseOperation, CF::Error(), "Failed to serialize the database");
+    std::vector<std::byte> bytes(static_cast<size_t>(size));
+    if (size > 0) std::memcpy(bytes.data(), image, bytes.size());
+    OPENSSL_cleanse(image, static_cast<size_t>(size));
+    sqlite3_free(image);
+    // Devices write Manifest.db in write-ahead-log mode, which the header's bytes 18 and 19 (2 and 2)
+    // record; a database in memory cannot be switched to it, and nothing else in the file differs.
+    if (bytes.size() >= 20) bytes[18] = bytes[19] = std::byte{2};
+    return bytes;
 }
 
 void ManifestDatabase::execAll(std::initializer_list<std::string> statements) {
@@ -451,11 +465,8 @@ std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& 
     std::vector<Entry> sorted = manifest->entries;
     std::stable_sort(sorted.begin(), sorted.end(), DomainPathPairLess);
     ManifestDatabase database;
-    fs::path privatePath;
     try {
         database.Create(2);  // always 2, whatever version was asked for
-        privatePath = database.Path();
-        // One transaction: row by row, SQLite would sync the file for every insert.
         database.BeginTransaction();
         for (const auto& [fileID, flags] : manifest->flagOnlyRecords) {
             auto number = CF::Cast<CF::Number>(flags);
@@ -510,23 +521,7 @@ std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& 
                     "Database initialization failed");
     }
 
-    // Closing checkpoints the write-ahead log into the file, which is then read whole.
-    database.Close();
-    Support::readable_file in;
-    try {
-        in = Support::readable_file(privatePath);
-    } catch (const std::system_error& e) {
-        throw std::system_error(e.code(), fmt::format("Failed to open temporary DB location: {}", privatePath.string()));
-    }
-    std::vector<uint8_t> bytes;
-    try {
-        bytes = in.read_whole_file(kMaxDatabaseSize);
-    } catch (const std::system_error& e) {
-        throw std::system_error(e.code(), fmt::format("Failed to read from temporary DB location: {}", privatePath.string()));
-    }
-    std::vector<std::byte> result(bytes.size());
-    if (!bytes.empty()) std::memcpy(result.data(), bytes.data(), bytes.size());
-    return result;
+    return database.Serialize();
 }
 
 }  // namespace Quiver

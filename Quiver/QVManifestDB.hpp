@@ -104,10 +104,12 @@ public:
     void OpenImage(DatabaseImage image);
     // Reads a database enciphered under `key` where it lies, deciphering pages as they are read.
     void OpenEnciphered(const std::filesystem::path& path, const std::array<uint8_t, 32>& key);
-    // A new database with the Manifest.db tables and the given user version, built without a journal;
-    // Finish adds the indexes and the write-ahead-log mode once the rows are in.
+    // A new database in memory with the Manifest.db tables and the given user version; Finish adds
+    // the indexes once the rows are in, and Serialize gives the file's bytes, marked for the
+    // write-ahead log as devices write it.
     void Create(uint32_t userVersion);
     void Finish();
+    std::vector<std::byte> Serialize();
     // INSERT OR REPLACE of one row; null domain, path or data become NULL columns.
     void InsertRow(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int32_t flags, CFDataRef data);
     void InsertRow(std::string_view fileID, std::optional<std::string_view> domain,

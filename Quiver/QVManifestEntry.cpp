@@ -203,8 +203,11 @@ Entry QVManifestEntryCreateForFile(const std::shared_ptr<QVFileClass>& file, CFS
         entry->fileType = 1;
         entry->protectionClass = EntryProtectionClassNone;
         std::vector<uint8_t> hash = QVFileGetHash(file);
-        auto reference = FileManager::CopyCachedFileReference(
-            std::filesystem::path(CF::String::Retain(QVFileGetLocalPath(file)).utf8()), hash, nullptr);
+        // A cache file without a name is reached through the object that keeps it open, never by path.
+        auto reference = file->anonymous ? QVFileCreateCopy(file)
+                                         : FileManager::CopyCachedFileReference(
+                                               std::filesystem::path(CF::String::Retain(QVFileGetLocalPath(file)).utf8()),
+                                               hash, nullptr);
         if (!reference)
             throw Error(QVErrorCachedFileAccess, CF::Error(),
                         fmt::format("No valid cache reference available for created file ({})",

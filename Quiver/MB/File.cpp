@@ -17,12 +17,6 @@ namespace {
 using namespace Quiver::Support;
 using namespace Quiver::Support::archiver_exceptions;
 
-// One empty value of each kind for every record that has nothing there (most records have no target,
-// many no digest, few any attributes). They live for the whole process.
-
-CF::String shared(CF::String s) { return s.length() == 0 ? CF::EmptyString() : s; }
-CF::Data shared(CF::Data d) { return d.IsEmpty() ? CF::EmptyData() : d; }
-
 // The archive keys of the members, in the order in which they are decoded and written.
 enum Member {
     kRelativePath,

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <string>
 #include <utility>
 
@@ -202,6 +203,44 @@ void writable_file::close() {
     if (::close(fd) != 0 && errno != EINTR) {
         ThrowErrno(errno, "close", path_);
     }
+}
+
+// ---- anonymous_file ---------------------------------------------------------------------------
+
+anonymous_file::anonymous_file(const std::filesystem::path& directory) {
+#ifdef O_TMPFILE
+    fd_ = OpenRetrying(directory, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    // Kernels and file systems without O_TMPFILE say so in several ways; any other failure is real.
+    if (fd_ < 0 && errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) ThrowErrno(errno, "open", directory);
+#endif
+    if (fd_ < 0) {
+        std::string pattern = (directory / ".qv-XXXXXX").string();
+        fd_ = ::mkostemp(pattern.data(), O_CLOEXEC);
+        if (fd_ < 0) ThrowErrno(errno, "create", directory);
+        // The name exists only between these two calls.
+        if (::unlink(pattern.c_str()) != 0) {
+            const int err = errno;
+            ::close(std::exchange(fd_, -1));
+            ThrowErrno(err, "unlink", pattern);
+        }
+    }
+    path_ = "/proc/self/fd/" + std::to_string(fd_);
+}
+
+anonymous_file::~anonymous_file() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+anonymous_file::anonymous_file(anonymous_file&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)), path_(std::move(other.path_)) {}
+
+anonymous_file& anonymous_file::operator=(anonymous_file&& other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = std::exchange(other.fd_, -1);
+        path_ = std::move(other.path_);
+    }
+    return *this;
 }
 
 }  // namespace Quiver::Support

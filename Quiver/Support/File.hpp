@@ -88,4 +88,30 @@ private:
     std::filesystem::path path_;
 };
 
+// A file that has no name from the moment it exists: made with O_TMPFILE where the file system
+// supports it, else created and unlinked at once. Its bytes are reached only through the descriptor
+// it holds, and, in this process, through path() ("/proc/self/fd/N"), which readable_file and
+// writable_file open like any other path. The file is freed when the object goes, and nothing of it
+// outlives the process however that ends, not even after SIGKILL or a power cut: this is where the
+// library keeps what must not rest on disk, such as the plaintext of an encrypted backup.
+class anonymous_file {
+public:
+    // A new empty file (mode 0600) on the file system of directory, which must exist.
+    explicit anonymous_file(const std::filesystem::path& directory);
+    ~anonymous_file();
+
+    anonymous_file(anonymous_file&& other) noexcept;
+    anonymous_file& operator=(anonymous_file&& other) noexcept;
+    anonymous_file(const anonymous_file&) = delete;
+    anonymous_file& operator=(const anonymous_file&) = delete;
+
+    // Valid while this object lives; never hand it to another process.
+    const std::filesystem::path& path() const noexcept { return path_; }
+    int descriptor() const noexcept { return fd_; }
+
+private:
+    int fd_ = -1;
+    std::filesystem::path path_;
+};
+
 }  // namespace Quiver::Support

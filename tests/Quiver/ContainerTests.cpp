@@ -8,6 +8,7 @@
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/Support/Cryptor.hpp"
+#include "Quiver/Support/Hash.hpp"
 #include "support/BackupBuilder.hpp"
 #include "support/TemporaryPath.hpp"
 
@@ -395,4 +396,45 @@ TEST_F(ContainerTest, AddedFileInAnEncryptedBackupGetsItsOwnKey) {
     auto asStored = ReadFileObject(QVBackupContainerCopyFileForLocalFilename(
         backup, CF::String(original->localFilename).get(), nullptr));
     EXPECT_EQ(asStored, ReadWholeFile(built.directory / original->localFilename));
+}
+
+// Devices keep most files under class 3: a file replaced in an encrypted backup keeps its attributes
+// and its class, and gets a key of its own, wrapped under that class, with the digest of what is
+// stored.
+TEST_F(ContainerTest, ReplacingAFileOfAnEncryptedBackupKeepsItsClassWithAFreshKey) {
+    BuiltBackup built = build("3.3", true);
+    Backup backup = open(built.directory, "password");
+    ASSERT_TRUE(backup);
+    const std::vector<uint8_t> plain = {'r', 'e', 'p', 'l', 'a', 'c', 'e', 'd'};
+    for (const char* path : {"Library/Preferences/one.txt", "Documents/large.db"}) {
+        SCOPED_TRACE(path);
+        const BuiltItem& item = built.Item(path[0] == 'L' ? "HomeDomain" : "AppDomain-com.example.notes", path);
+        CF::String domain(item.domain), relativePath(item.relativePath);
+        Entry old = QVBackupContainerGetEntryForPath(backup, domain.get(), relativePath.get());
+        ASSERT_TRUE(old);
+        CFErrorRef error = nullptr;
+        Entry created = QVBackupContainerStoreFileForPath(backup, domain.get(), relativePath.get(),
+                                                          QVFileCreateFromData(plain, nullptr), &error);
+        ASSERT_TRUE(created) << CF::Error::Adopt(error).Text();
+        EXPECT_EQ(QVBackupContainerGetEntryForPath(backup, domain.get(), relativePath.get()), created);
+        EXPECT_EQ(ProtectionClassCode(created->protectionClass), item.protectionClass);
+        EXPECT_EQ(created->mode, old->mode);
+        EXPECT_EQ(created->userID, old->userID);
+        EXPECT_EQ(created->groupID, old->groupID);
+        EXPECT_EQ(created->birth, old->birth);
+        EXPECT_EQ(created->lastModified, old->lastModified);
+        EXPECT_EQ(created->size, plain.size());
+
+        const std::span<const uint8_t> wrapped = QVManifestEntryGetEncryptionDataBytes(created);
+        ASSERT_EQ(wrapped.size(), 44u);
+        EXPECT_EQ(wrapped[0] | wrapped[1] << 8 | wrapped[2] << 16 | wrapped[3] << 24, static_cast<int>(item.protectionClass));
+        EXPECT_NE(std::vector<uint8_t>(wrapped.begin(), wrapped.end()), item.encryptionKey);
+        const auto key = built.encryption->UnlockKey(CF::Data(std::vector<uint8_t>(wrapped.begin(), wrapped.end())));
+        EXPECT_NE(key, built.encryption->UnlockKey(CF::Data(item.encryptionKey)));
+        auto stored = ReadFileObject(QVBackupContainerCopyFileForLocalFilename(backup, CF::String(item.localFilename).get(), nullptr));
+        EXPECT_EQ(Support::Cryptor::Decrypt(Support::Cryptor::Algorithm::AES256, key, {}, stored), plain);
+        const std::span<const uint8_t> digest = QVManifestEntryGetDataHashBytes(created);
+        EXPECT_EQ(std::vector<uint8_t>(digest.begin(), digest.end()), Support::Sha1(stored));
+        EXPECT_EQ(ReadFileObject(QVBackupContainerCopyFileForPath(backup, domain.get(), relativePath.get(), nullptr)), plain);
+    }
 }

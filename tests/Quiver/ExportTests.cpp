@@ -7,6 +7,9 @@
 #include <map>
 #include <utility>
 
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <minizip/unzip.h>
 #include <minizip/zip.h>
 
@@ -114,13 +117,70 @@ TEST_F(ExportTest, ExistingDestinationsAreNeverWrittenIntoAndFilesThatCannotBeLo
     WriteWholeFile(root / "taken.zip", {'x'});
     EXPECT_EQ(QVBackupContainerExportToZip(source, CF::String((root / "taken.zip").string()).get(), nullptr), 0);
     EXPECT_EQ(fs::file_size(root / "taken.zip"), 1u);
-    // A stored file gone after opening: the export fails, but the rest is written.
+    // A stored file gone after opening: the export fails, names the destination and the file, and
+    // leaves nothing, in either form.
     auto victim = std::find_if(built.items.rbegin(), built.items.rend(), [](auto& i) { return i.kind == ItemKind::File; });
     fs::remove(built.directory / victim->localFilename);
-    fs::path out = root / "out";
-    EXPECT_EQ(QVBackupContainerExportToDirectory(source, CF::String(out.string()).get(), nullptr), 0);
-    EXPECT_FALSE(fs::exists(out / victim->localFilename));
-    EXPECT_TRUE(fs::exists(out / "Manifest.db"));
+    // The scratch folder itself changes as names come and go; only what it holds counts.
+    auto contents = [&] {
+        auto tree = SnapshotTree(root);
+        tree.erase("");
+        return tree;
+    };
+    const auto before = contents();
+    for (const char* name : {"out", "out.zip"}) {
+        const fs::path out = root / name;
+        CFErrorRef error = nullptr;
+        const bool zip = fs::path(name).extension() == ".zip";
+        CF::String destination(out.string());
+        EXPECT_EQ(zip ? QVBackupContainerExportToZip(source, destination.get(), nullptr, &error)
+                      : QVBackupContainerExportToDirectory(source, destination.get(), nullptr, &error),
+                  0);
+        CF::Error failure = CF::Error::Adopt(error);
+        EXPECT_EQ(failure.Code(), QVErrorWritingExternalRepresentation);
+        EXPECT_TRUE(failure.Reason().starts_with("The backup could not be written to " + out.string() + ": ")) << failure.Reason();
+        EXPECT_NE(failure.Reason().find(victim->localFilename), std::string::npos) << failure.Reason();
+        EXPECT_EQ(contents(), before) << name;
+    }
+}
+
+// A disk that fills up mid-way (here a file-size limit, in a child process so that the limit ends
+// with it) fails the export with the cause and the destination named, and leaves nothing behind.
+TEST_F(ExportTest, AWriteThatRunsOutOfSpaceLeavesNothing) {
+    std::vector<uint8_t> large(3 << 20);
+    uint64_t state = 7;
+    for (auto& b : large) b = static_cast<uint8_t>((state = state * 6364136223846793005ULL + 1) >> 56);
+    for (bool encrypted : {false, true}) {
+        BuiltBackup built = BuildBackup(root / (encrypted ? "enc" : "plain"),
+                                        {.items = {BackupItem::File("HomeDomain", "large.bin", large),
+                                                   BackupItem::File("HomeDomain", "small.txt", std::string("small"))},
+                                         .encrypted = encrypted});
+        Backup source = open(built.directory, encrypted ? "password" : nullptr, false);
+        ASSERT_TRUE(source);
+        fs::create_directories(root / "dest");
+        for (const char* name : {"out", "out.zip"}) {
+            SCOPED_TRACE(std::string(name) + (encrypted ? " encrypted" : " plain"));
+            const fs::path out = root / "dest" / name;
+            auto exportWithLimit = [&] {
+                signal(SIGXFSZ, SIG_IGN);
+                const rlimit limit{1 << 20, 1 << 20};
+                if (setrlimit(RLIMIT_FSIZE, &limit) != 0) std::_Exit(10);
+                CFErrorRef error = nullptr;
+                CF::String destination(out.string());
+                const bool written = fs::path(name).extension() == ".zip"
+                                         ? QVBackupContainerExportToZip(source, destination.get(), nullptr, &error)
+                                         : QVBackupContainerExportToDirectory(source, destination.get(), nullptr, &error);
+                if (written) std::_Exit(11);
+                const CF::Error failure = CF::Error::Adopt(error);
+                if (!failure.Reason().starts_with("The backup could not be written to " + out.string())) std::_Exit(12);
+                if (failure.Reason().find("File too large") == std::string::npos) std::_Exit(13);
+                if (!fs::is_empty(root / "dest")) std::_Exit(14);
+                std::_Exit(0);
+            };
+            EXPECT_EXIT(exportWithLimit(), ::testing::ExitedWithCode(0), "");
+            EXPECT_TRUE(fs::is_empty(root / "dest"));
+        }
+    }
 }
 
 TEST_F(ExportTest, DamagedZipsFailWithTheirErrors) {

@@ -117,6 +117,7 @@ TEST_F(ManifestDBTest, SchemaAndPragmasAreThoseOfDeviceBackups) {
     EXPECT_EQ(db.execAndGet("PRAGMA user_version;").getInt(), 2);
     EXPECT_EQ(db.execAndGet("PRAGMA journal_mode;").getString(), "wal");
     EXPECT_EQ(db.execAndGet("PRAGMA auto_vacuum;").getInt(), 2);  // incremental
+    EXPECT_EQ(db.execAndGet("PRAGMA integrity_check;").getString(), "ok");
     EXPECT_EQ(db.execAndGet("SELECT COUNT(*) FROM Properties;").getInt(), 0);
     SQLite::Statement flagOnly(db, "SELECT domain, relativePath, flags, file FROM Files WHERE flags = 16;");
     ASSERT_TRUE(flagOnly.executeStep());

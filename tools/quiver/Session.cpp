@@ -130,6 +130,9 @@ void StartSession() {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     // A closed pipe shows up as EPIPE from write(), handled where the output is written.
     std::signal(SIGPIPE, SIG_IGN);
+    // Past a file-size limit, write() then fails with EFBIG and the export says so and cleans up,
+    // instead of the process dying with its work half done.
+    std::signal(SIGXFSZ, SIG_IGN);
 
     const char* base = std::getenv("TMPDIR");
     std::string pattern = (fs::path(base && *base ? base : "/tmp") / "quiver-XXXXXX").string();

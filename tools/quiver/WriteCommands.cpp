@@ -3,9 +3,8 @@
 // backup; an encrypted backup stays encrypted, each new file with its own key) and `sample` (the small
 // plain backup that `make run` shows, made from nothing through the library).
 //
-// The library writes an export file by file and leaves what it wrote when one fails. A half-written
-// backup is worse than none, so the tool removes its destination when the export fails or a signal
-// ends the process; the destination never existed before, so nothing of the user's is lost.
+// The library writes an export under a hidden name beside the destination and removes it when the
+// export fails; the tool only removes it when a signal ends the process mid-way.
 #include <algorithm>
 #include <cctype>
 
@@ -42,19 +41,19 @@ void RequireNewDestination(const std::string& destination, bool zip) {
 }
 
 void WriteBackup(const Backup& backup, const std::string& destination, bool zip) {
-    RemoveOnSignal removeIfInterrupted(destination);
-    Progress progress(zip ? "Writing the zip file" : "Writing the backup");
     CF::String target(destination);
+    RemoveOnSignal removeIfInterrupted(QVBackupContainerPartialPath(target.get()));
+    Progress progress(zip ? "Writing the zip file" : "Writing the backup");
     ExportProgress report = [&](double fraction) { progress.Update(fraction); };
-    const bool written = zip ? QVBackupContainerExportToZip(backup, target.get(), report)
-                             : QVBackupContainerExportToDirectory(backup, target.get(), report);
+    CFErrorRef error = nullptr;
+    const bool written = zip ? QVBackupContainerExportToZip(backup, target.get(), report, &error)
+                             : QVBackupContainerExportToDirectory(backup, target.get(), report, &error);
     progress.Finish();
+    CF::Error failure = CF::Error::Adopt(error);
     if (!written) {
-        std::error_code ec;
-        fs::remove_all(destination, ec);
-        throw Failure(kFailure,
-                      fmt::format("could not write {}: some of its files failed (run with -v to see the library's log)",
-                                  destination));
+        // The cause's own words say what went wrong ("No space left on device", a file that failed).
+        CF::Error cause = failure.Underlying() ? failure.Underlying() : failure;
+        throw Failure(kFailure, fmt::format("could not write {}: {}", destination, ErrorText(cause)));
     }
 }
 
@@ -185,19 +184,9 @@ void ApplyEdit(const Backup& backup, const Edit& edit, bool replaceDirectories, 
                 existing = nullptr;
             }
             if (!existing) MakeParents(backup, edit, false);
-            // The library gives a new file of an encrypted backup a key under class 4 and refuses to
-            // when the file it replaces kept another class. The old entry goes first then, and the new
-            // one takes its attributes but keeps the class its key was made for.
-            const bool rekey = existing && !QVManifestEntryIsDirectory(existing) && QVBackupContainerIsEncrypted(backup) &&
-                               QVManifestEntryGetProtectionClass(existing) != EntryProtectionClassNone;
-            if (rekey) QVBackupContainerRemovePath(backup, domain.get(), path.get());
             Entry stored = QVBackupContainerStoreFileForPath(backup, domain.get(), path.get(), file, &error);
             failure = CF::Error::Adopt(error);
             if (!stored) throw Failure(kFailure, fmt::format("cannot put {}: {}", shown, ErrorText(failure)));
-            if (rekey) {
-                _QVManifestEntryCloneAttributes(stored, existing);
-                stored->protectionClass = EntryProtectionClassNone;
-            }
             Detail(global.verbosity, fmt::format("put {} from {}", shown, edit.extra));
             break;
         }
