@@ -4,6 +4,7 @@
 #include "Quiver/QVBackupContainer.hpp"
 
 #include <algorithm>
+#include <unordered_set>
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -553,8 +554,11 @@ CFArrayRef QVBackupContainerCopyFilesystemPathsList(const Backup& backup, unsign
     QV_ASSERT(backup);
     CF::Array paths = CF::Array::CreateMutable();
     CFArrayRef ids = QVManifestGetFileIDs(backup->manifest);
+    // Two entries of a damaged manifest may share a file ID, and so a stored file: it is named once.
+    std::unordered_set<std::string> seen;
     for (CFIndex i = 0, n = CFArrayGetCount(ids); i < n; ++i) {
         auto id = CF::String::Retain(static_cast<CFStringRef>(CFArrayGetValueAtIndex(ids, i)));
+        if (!seen.insert(id.utf8()).second) continue;
         paths.Append(LocalFilenameForFileID(id, backup->manifestVersion, forwardSlashes != 0));
     }
     if (backup->manifestVersion == QVManifestDataVersion24) {
