@@ -246,7 +246,8 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
                 throw Error(QVErrorInvalidBackup, CF::Error(),
                             "The backup manifest could not be loaded because it is corrupted.");
         } catch (const CF::Error& e) {
-            throw Error(QVErrorLoadingExternalRepresentation, e, "An error ocurred while loading manifest file");
+            throw Error(QVErrorLoadingExternalRepresentation, e, "An error ocurred while loading manifest file",
+                        Quiver::ErrorContext::File("Manifest.mbdb"));
         }
         return;
     }
@@ -295,7 +296,7 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
                                                                backup->manifestVersion, getterFor(backup), progress,
                                                                &slot);
     }
-    if (!backup->manifest) throw CF::Error::Adopt(slot);
+    if (!backup->manifest) throw AddErrorContext(CF::Error::Adopt(slot), Quiver::ErrorContext::File("Manifest.db"));
 }
 
 }  // namespace
@@ -316,7 +317,8 @@ void SourceLoadMetadataDictionaries(const Backup& backup) {
                     missingRequired.push_back(Error(
                         QVErrorInvalidBackup, e,
                         fmt::format("Backup metadata file missing. Are you sure this is a valid backup? ({})",
-                                    record.name)));
+                                    record.name),
+                        Quiver::ErrorContext::File(record.name, "missing")));
                 continue;
             }
             // An unreadable Info.plist (written by the host, not the device) costs nothing that matters.
@@ -324,7 +326,8 @@ void SourceLoadMetadataDictionaries(const Backup& backup) {
                 warn(backup, fmt::format("Info.plist is not a property list and is left out"));
                 continue;
             }
-            throw Error(QVErrorInvalidBackup, e, fmt::format("Failed to load backup metadata file ({})", record.name));
+            throw Error(QVErrorInvalidBackup, e, fmt::format("Failed to load backup metadata file ({})", record.name),
+                        Quiver::ErrorContext::File(record.name, "not-a-property-list"));
         }
     }
     // Forensic copies often hold the manifest alone: without Status.plist or Manifest.plist, a folder

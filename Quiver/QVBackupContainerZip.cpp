@@ -76,7 +76,9 @@ void OpenZipSource(QVBackupContainerClass& backup) {
     CloseZipSource(backup);
     std::string path = backup.path.utf8();
     unzFile zip = unzOpen64(path.c_str());
-    if (!zip) throw Error(QVErrorInvalidBackup, CF::Error(), fmt::format("Failed to open zip file ({})", path));
+    if (!zip)
+        throw Error(QVErrorInvalidBackup, CF::Error(), fmt::format("Failed to open zip file ({})", path),
+                    ErrorContext::File({}, "zip"));
     auto* source = new ZipSource{zip, {}};
     backup.zipFile = source;
     source->prefix = BackupPrefix(zip);

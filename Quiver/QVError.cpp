@@ -66,16 +66,28 @@ CF::Error Error(QVError code, const CF::Error& underlying, std::string_view reas
     return CF::Error::Adopt(CFErrorCreate(kCFAllocatorDefault, kQVErrorDomain, code, info.get()));
 }
 
-CF::Error Error(QVError code, const CF::Error& underlying, std::string_view reason, const ErrorContext& context) {
-    CF::Error plain = Error(code, underlying, reason);
-    CF::Dictionary info = plain.UserInfo().MutableCopy();
+namespace {
+
+CF::Error withContext(const CF::Error& error, const ErrorContext& context) {
+    CF::Dictionary info = error.UserInfo() ? error.UserInfo().MutableCopy() : CF::Dictionary::CreateMutable();
     const std::pair<CFStringRef, const std::string*> values[] = {
         {kQVErrorBackupFileKey, &context.backupFile}, {kQVErrorEntryDomainKey, &context.domain},
         {kQVErrorEntryPathKey, &context.path},        {kQVErrorEntryFileIDKey, &context.fileID},
         {kQVErrorCheckKey, &context.check}};
     for (const auto& [key, value] : values)
-        if (!value->empty()) info.Set(key, CF::String(*value).get());
-    return CF::Error::Adopt(CFErrorCreate(kCFAllocatorDefault, kQVErrorDomain, code, info.get()));
+        if (!value->empty() && !info.Contains(CF::UTF8(key))) info.Set(key, CF::String(*value).get());
+    return CF::Error::Adopt(
+        CFErrorCreate(kCFAllocatorDefault, CFErrorGetDomain(error.get()), CFErrorGetCode(error.get()), info.get()));
+}
+
+}  // namespace
+
+CF::Error Error(QVError code, const CF::Error& underlying, std::string_view reason, const ErrorContext& context) {
+    return withContext(Error(code, underlying, reason), context);
+}
+
+CF::Error AddErrorContext(const CF::Error& error, const ErrorContext& context) {
+    return error ? withContext(error, context) : error;
 }
 
 std::string ErrorContextValue(const CF::Error& error, CFStringRef key) {

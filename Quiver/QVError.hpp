@@ -84,8 +84,15 @@ struct ErrorContext {
     std::string path;
     std::string fileID;
     std::string check;
+
+    // A file of the backup as a whole (metadata, the manifest, the zip), not an entry's.
+    static ErrorContext File(std::string backupFile, std::string check = {}) {
+        return {std::move(backupFile), {}, {}, {}, std::move(check)};
+    }
 };
 QV_EXPORT CF::Error Error(QVError code, const CF::Error& underlying, std::string_view reason, const ErrorContext& context);
+// The same error (domain, code, text, cause) with the context's keys added where it has none.
+QV_EXPORT CF::Error AddErrorContext(const CF::Error& error, const ErrorContext& context);
 // The first value of `key` on the error or, failing that, on its underlying errors; "" when none has one.
 QV_EXPORT std::string ErrorContextValue(const CF::Error& error, CFStringRef key);
 

@@ -270,11 +270,13 @@ void KeyBag::parseFromRaw(const KEKDerivation& derive) {
                 unlockedKeys_.emplace(record.protectionClass, UnlockClassKey(record, kek));
             } catch (const CF::Error& e) {
                 throw Quiver::Error(QVErrorUnlockFailed, e,
-                                    fmt::format("Failed to unlock a key (class {})", record.protectionClass));
+                                    fmt::format("Failed to unlock a key (class {})", record.protectionClass),
+                                    Quiver::ErrorContext::File("Manifest.plist", "password"));
             } catch (const std::exception& e) {
                 throw Quiver::Error(QVErrorUnlockFailed, {},
                                     fmt::format("Failed to unlock a key (class {}): {}", record.protectionClass,
-                                                e.what()));
+                                                e.what()),
+                                    Quiver::ErrorContext::File("Manifest.plist", "password"));
             }
         }
     } catch (...) {

@@ -84,7 +84,8 @@ ManifestEncryption::ManifestEncryption(KeyBag keyBag, const CF::Data& manifestKe
     try {
         manifestKey_ = UnlockKey(manifestKey);
     } catch (const CF::Error& e) {
-        throw Quiver::Error(QVErrorUnlockFailed, e, "Failed to unlock manifest key");
+        throw Quiver::Error(QVErrorUnlockFailed, e, "Failed to unlock manifest key",
+                            Quiver::ErrorContext::File("Manifest.plist", "manifest-key"));
     }
     log_fmt(log_level::debug, "(MB::ManifestEncryption {}) Manifest unlocked", static_cast<const void*>(this));
 }

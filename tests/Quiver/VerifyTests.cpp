@@ -5,6 +5,7 @@
 
 #include <map>
 
+#include "Quiver/QVError.hpp"
 #include "Quiver/QVVerify.hpp"
 #include "support/BackupBuilder.hpp"
 #include "support/DamagedBackups.hpp"
@@ -71,6 +72,46 @@ TEST_F(VerifyTest, EachFaultOfTheCollectionIsReportedAsItsKindAndNothingElseIsDa
         }
     }
     EXPECT_EQ(checked, 12u);
+}
+
+// A program tells load failures apart by the keys of the error, not its text: which file of the backup,
+// and what failed where that is more than the code says.
+TEST_F(VerifyTest, LoadFailuresNameTheFileOfTheBackupAndTheCheckThatFailed) {
+    const std::vector<QuiverTest::DamagedBackup> backups = QuiverTest::BuildDamagedBackups(root / "damaged");
+    const std::map<std::string, std::pair<std::string, std::string>> expected{
+        {"DatabaseTruncated", {"Manifest.db", ""}},
+        {"EncryptedDatabaseTruncated", {"Manifest.db", ""}},
+        {"StatusGarbage", {"Status.plist", "not-a-property-list"}},
+        {"ManifestPlistGarbage", {"Manifest.plist", "not-a-property-list"}},
+        {"ManifestKeyTooShort", {"Manifest.plist", "manifest-key"}},
+        {"MbdbTruncated", {"Manifest.mbdb", ""}},
+    };
+    size_t seen = 0;
+    for (const QuiverTest::DamagedBackup& b : backups) {
+        auto want = expected.find(b.name);
+        if (want == expected.end()) continue;
+        ++seen;
+        CFErrorRef error = nullptr;
+        CF::String pw(b.password);
+        EXPECT_FALSE(QVBackupContainerCreateFromDirectory(CF::String(b.path.string()).get(),
+                                                          b.password.empty() ? nullptr : pw.get(), nullptr, &error));
+        const CF::Error failure = CF::Error::Adopt(error);
+        EXPECT_EQ(ErrorContextValue(failure, kQVErrorBackupFileKey), want->second.first) << b.name;
+        EXPECT_EQ(ErrorContextValue(failure, kQVErrorCheckKey), want->second.second) << b.name;
+    }
+    EXPECT_EQ(seen, expected.size());
+
+    // A wrong password against a sound key bag, and a folder that is no backup at all.
+    const QuiverTest::BackupDescription d{.items = QuiverTest::SampleItems(), .encrypted = true};
+    QuiverTest::BuiltBackup built = QuiverTest::BuildBackup(root / "sound", d);
+    CFErrorRef error = nullptr;
+    EXPECT_FALSE(QVBackupContainerCreateFromDirectory(CF::String(built.directory.string()).get(), CFSTR("wrong"), nullptr, &error));
+    EXPECT_EQ(ErrorContextValue(CF::Error::Adopt(error), kQVErrorCheckKey), "password");
+    fs::create_directories(root / "empty");
+    error = nullptr;
+    EXPECT_FALSE(QVBackupContainerCreateFromDirectory(CF::String((root / "empty").string()).get(), nullptr, nullptr, &error));
+    const CF::Error none = CF::Error::Adopt(error);
+    EXPECT_EQ(ErrorContextValue(none, kQVErrorCheckKey), "missing") << none.Text();
 }
 
 TEST_F(VerifyTest, QuickModeReadsNoFileWholeAndHandsTheDigestToAReaderThatHashes) {

@@ -57,42 +57,24 @@ std::optional<Password> PasswordFromOptions(const GlobalOptions& options) {
     return std::nullopt;
 }
 
+// What failed, as the library names it; "" when it names nothing.
+std::string Check(const CF::Error& error) { return ErrorContextValue(error, kQVErrorCheckKey); }
+
 bool IsWrongPassword(const CF::Error& error) {
-    if (error.Code() == QVErrorIncorrectPassword) return true;
     // The key bag fails to unlock under a wrong password. When the key bag opened but the manifest key
     // does not unwrap, the password was right and the backup is damaged.
-    return error.Code() == QVErrorUnlockFailed && error.Reason() != "Failed to unlock manifest key";
-}
-
-// The name in the trailing "(...)" of a library message, e.g. the metadata file it is about.
-std::string TrailingName(const std::string& reason) {
-    if (reason.empty() || reason.back() != ')') return {};
-    size_t open = reason.rfind('(');
-    if (open == std::string::npos) return {};
-    return reason.substr(open + 1, reason.size() - open - 2);
+    return error.Code() == QVErrorIncorrectPassword || Check(error) == "password";
 }
 
 // The file of the backup that a loading error is about, for the message; empty when unknown.
 std::string DamagedPart(const CF::Error& error) {
-    const std::string reason = error.Reason();
-    switch (error.Code()) {
-        case QVErrorInvalidManifestDatabase:
-        case QVErrorDatabaseOperation:
-        case QVErrorInvalidMBFile:
-            return "Manifest.db";
-        case QVErrorLoadingExternalRepresentation:
-            return reason == "An error ocurred while loading manifest file" ? "Manifest.mbdb" : "";
-        case QVErrorCryptoOperation:
-            return reason.rfind("Failed to decrypt/encrypt", 0) == 0 ? "Manifest.db (enciphered)" : "Manifest.plist";
-        case QVErrorInvalidKeyBag:
-            return "the key bag (BackupKeyBag in Manifest.plist)";
-        case QVErrorUnlockFailed:
-            return "the manifest key (ManifestKey in Manifest.plist)";
-        case QVErrorInvalidMetadata:
-            return "Manifest.plist";
-        default:
-            return "";
-    }
+    if (Check(error) == "manifest-key") return "the manifest key (ManifestKey in Manifest.plist)";
+    if (error.Code() == QVErrorInvalidKeyBag) return "the key bag (BackupKeyBag in Manifest.plist)";
+    std::string file = ErrorContextValue(error, kQVErrorBackupFileKey);
+    if (file == "Manifest.db" && QVErrorCryptoOperation == error.Code()) file += " (enciphered)";
+    if (file.empty() && (error.Code() == QVErrorCryptoOperation || error.Code() == QVErrorInvalidMetadata))
+        return "Manifest.plist";
+    return file;
 }
 
 Failure Damaged(const std::string& path, const CF::Error& error) {
@@ -101,7 +83,6 @@ Failure Damaged(const std::string& path, const CF::Error& error) {
 }
 
 Failure LoadFailure(const std::string& path, const CF::Error& error) {
-    const std::string reason = error.Reason();
     switch (error.Code()) {
         case QVErrorPasswordRequired:
             return Failure(kPasswordProblem,
@@ -115,16 +96,18 @@ Failure LoadFailure(const std::string& path, const CF::Error& error) {
                 return Failure(kPasswordProblem, fmt::format("the password for {} is incorrect", path));
             return Damaged(path, error);
         case QVErrorInvalidBackup:
-            if (reason.find("metadata file missing") != std::string::npos)
-                return Failure(kBadBackup, fmt::format("{} is not a backup: {} is missing", path, TrailingName(reason)));
-            if (reason.rfind("Failed to open zip file", 0) == 0)
+            if (Check(error) == "missing")
+                return Failure(kBadBackup, fmt::format("{} is not a backup: {} is missing", path,
+                                                       ErrorContextValue(error, kQVErrorBackupFileKey)));
+            if (Check(error) == "zip")
                 return Failure(kBadBackup,
                                fmt::format("{} is not a backup: it is neither a backup directory nor a zip file that "
                                            "can be read (it may be cut short)",
                                            path));
-            if (reason.rfind("Failed to load backup metadata file", 0) == 0)
+            if (Check(error) == "not-a-property-list")
                 return Failure(kBadBackup, fmt::format("{} is not a readable backup: {} could not be read ({})", path,
-                                                       TrailingName(reason), ErrorText(error.Underlying())));
+                                                       ErrorContextValue(error, kQVErrorBackupFileKey),
+                                                       ErrorText(error.Underlying())));
             return Failure(kBadBackup, fmt::format("{} is not a readable backup: {}", path, ErrorText(error)));
         case QVErrorUnknownManifestVersion:
         case QVErrorEncryptionNotSupported:
