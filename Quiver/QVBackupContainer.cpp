@@ -208,7 +208,11 @@ std::string manifestVersionText(const Backup& backup) {
     const bool statusMissing = std::find(backup->missingMetadata.begin(), backup->missingMetadata.end(),
                                          "Status.plist") != backup->missingMetadata.end();
     if (!statusMissing) backup->missingMetadata.push_back("Version in Status.plist");
-    const char* why = statusMissing ? "there is no Status.plist" : "Status.plist holds no \"Version\"";
+    const bool statusUnreadable = std::find(backup->unreadableMetadata.begin(), backup->unreadableMetadata.end(),
+                                            "Status.plist") != backup->unreadableMetadata.end();
+    const char* why = statusUnreadable ? "Status.plist is not a property list"
+                      : statusMissing  ? "there is no Status.plist"
+                                       : "Status.plist holds no \"Version\"";
     if (sourceHas(backup, "Manifest.db")) {
         backup->manifestVersion = QVManifestDataVersion33;
         warn(backup, fmt::format("{}: read as a Manifest.db backup (manifest version 3.3)", why));
@@ -277,9 +281,16 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
             if (encrypted)
                 throw Error(QVErrorInvalidMetadata, CF::Error(), "ManifestKey is missing, and Manifest.db is enciphered");
             if (std::find(backup->missingMetadata.begin(), backup->missingMetadata.end(), "Manifest.plist") !=
-                backup->missingMetadata.end())
+                backup->missingMetadata.end()) {
+                const bool unreadable = !backup->unreadableMetadata.empty() &&
+                                        std::find(backup->unreadableMetadata.begin(), backup->unreadableMetadata.end(),
+                                                  "Manifest.plist") != backup->unreadableMetadata.end();
                 throw Error(QVErrorInvalidBackup, CF::Error(),
-                            "Manifest.db is enciphered, and without Manifest.plist (its key bag) it cannot be read");
+                            unreadable ? "Manifest.plist is not a property list, and Manifest.db is enciphered: without "
+                                         "its key bag it cannot be read"
+                                       : "Manifest.db is enciphered, and without Manifest.plist (its key bag) it cannot be read",
+                            Quiver::ErrorContext::File("Manifest.plist", unreadable ? "not-a-property-list" : "missing"));
+            }
         }
     }
     CFErrorRef slot = nullptr;
@@ -304,6 +315,7 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
 void SourceLoadMetadataDictionaries(const Backup& backup) {
     QV_ASSERT(backup);
     backup->missingMetadata.clear();
+    backup->unreadableMetadata.clear();
     backup->loadWarnings.clear();
     std::vector<CF::Error> missingRequired;
     for (const MetadataFile& record : MetadataFileList(*backup)) {
@@ -321,13 +333,22 @@ void SourceLoadMetadataDictionaries(const Backup& backup) {
                         Quiver::ErrorContext::File(record.name, "missing")));
                 continue;
             }
-            // An unreadable Info.plist (written by the host, not the device) costs nothing that matters.
-            if (!record.required && e.Matches(kQVErrorDomain, QVErrorInvalidMetadata)) {
+            // A file that is there but is no property list reads as an empty dictionary, as if it were
+            // missing: what the backup holds may still be read (and is checked as it is), while
+            // verification reports the damage and no copy is written of it. An unreadable Info.plist
+            // (written by the host, not the device) costs nothing that matters.
+            if (!e.Matches(kQVErrorDomain, QVErrorInvalidMetadata)) {
+                throw Error(QVErrorInvalidBackup, e, fmt::format("Failed to load backup metadata file ({})", record.name),
+                            Quiver::ErrorContext::File(record.name, "not-a-property-list"));
+            }
+            replaceContents(*record.dictionary, nullptr);
+            if (!record.required) {
                 warn(backup, fmt::format("Info.plist is not a property list and is left out"));
                 continue;
             }
-            throw Error(QVErrorInvalidBackup, e, fmt::format("Failed to load backup metadata file ({})", record.name),
-                        Quiver::ErrorContext::File(record.name, "not-a-property-list"));
+            backup->missingMetadata.push_back(record.name);
+            backup->unreadableMetadata.push_back(record.name);
+            warn(backup, fmt::format("{} is not a property list: it is read as if it were missing", record.name));
         }
     }
     // Forensic copies often hold the manifest alone: without Status.plist or Manifest.plist, a folder
@@ -352,9 +373,26 @@ void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress)
         backup->manifestEncryption.reset();
         backup->manifestEncryption.emplace(backup->manifestDict, backup->password.utf8());
     } else if (hasPassword) {
+        if (std::find(backup->unreadableMetadata.begin(), backup->unreadableMetadata.end(), "Manifest.plist") !=
+            backup->unreadableMetadata.end())
+            throw Error(QVErrorInvalidBackup, CF::Error(),
+                        "Manifest.plist is not a property list: it cannot say whether the backup is encrypted, nor "
+                        "give the key bag that the password opens",
+                        ErrorContext::File("Manifest.plist", "not-a-property-list"));
         throw Error(QVErrorNotEncrypted);
     }
     loadManifestDatabase(backup, progress);
+    // A Manifest.plist that is no property list leaves an encrypted backup looking plain: entries that
+    // carry wrapped keys tell, and the error names the file at fault rather than the contents.
+    if (!encrypted && std::find(backup->unreadableMetadata.begin(), backup->unreadableMetadata.end(), "Manifest.plist") !=
+                          backup->unreadableMetadata.end()) {
+        for (const Entry& entry : backup->manifest->entries)
+            if (!entry->encryptionKey().empty())
+                throw Error(QVErrorInvalidBackup, CF::Error(),
+                            "Manifest.plist is not a property list, and the manifest's entries carry wrapped keys: "
+                            "without its key bag the encrypted backup cannot be read",
+                            ErrorContext::File("Manifest.plist", "not-a-property-list"));
+    }
 }
 
 // ---- Constructors ----
@@ -410,6 +448,7 @@ bool QVBackupContainerCopyMetadata(CFStringRef path, QVDataSourceType type, QVBa
         metadata->status = backup->statusDict;
         metadata->manifest = backup->manifestDict;
         metadata->missing = backup->missingMetadata;
+        metadata->unreadable = backup->unreadableMetadata;
         metadata->manifestFile = sourceHas(backup, "Manifest.db")     ? "Manifest.db"
                                  : sourceHas(backup, "Manifest.mbdb") ? "Manifest.mbdb"
                                                                       : "";
@@ -451,6 +490,7 @@ Backup QVBackupContainerCreateCopy(const Backup& source) {
     backup->statusDict = source->statusDict.MutableCopy();
     backup->baseDirectory = source->baseDirectory;
     backup->missingMetadata = source->missingMetadata;
+    backup->unreadableMetadata = source->unreadableMetadata;
     backup->loadWarnings = source->loadWarnings;
     if (source->password && source->password.length() > 0 && source->manifestEncryption) {
         backup->password = source->password;
@@ -581,6 +621,11 @@ Manifest QVBackupContainerGetManifest(const Backup& backup) {
 std::vector<std::string> QVBackupContainerCopyMissingMetadata(const Backup& backup) {
     QV_ASSERT(backup);
     return backup->missingMetadata;
+}
+
+std::vector<std::string> QVBackupContainerCopyUnreadableMetadata(const Backup& backup) {
+    QV_ASSERT(backup);
+    return backup->unreadableMetadata;
 }
 
 std::vector<std::string> QVBackupContainerCopyLoadWarnings(const Backup& backup) {

@@ -51,6 +51,8 @@ public:
     // A partial copy (a folder with a manifest but without Status.plist or Manifest.plist, or a
     // Status.plist without "Version"): what is missing, and what loading made of it.
     std::vector<std::string> missingMetadata;
+    // Metadata files that are there but are no property list: read as empty, and counted as missing.
+    std::vector<std::string> unreadableMetadata;
     std::vector<std::string> loadWarnings;
 };
 
@@ -91,6 +93,7 @@ struct QVBackupMetadata {
     CF::Dictionary status;
     CF::Dictionary manifest;
     std::vector<std::string> missing;  // "Manifest.plist", "Info.plist", "Status.plist"
+    std::vector<std::string> unreadable;  // of those, the ones there that are no property list
     std::string manifestFile;          // "Manifest.db", "Manifest.mbdb", or "" when neither is there
 };
 // Fails as loading the same backup fails for what is not a backup, a damaged metadata file, or a zip
@@ -118,6 +121,9 @@ QV_EXPORT Manifest QVBackupContainerGetManifest(const Backup& backup);
 // What a partial copy lacks: "Manifest.plist", "Status.plist", "Info.plist" or "Version in Status.plist";
 // empty for a complete backup. Such a backup reads, but is refused by export.
 QV_EXPORT std::vector<std::string> QVBackupContainerCopyMissingMetadata(const Backup& backup);
+// Of those, the files that are there but are not property lists (damage, where a missing file is a
+// partial copy): each was read as an empty dictionary, and verification reports it.
+QV_EXPORT std::vector<std::string> QVBackupContainerCopyUnreadableMetadata(const Backup& backup);
 // One sentence for each thing that loading had to make up (the manifest version, plain for want of
 // Manifest.plist); also logged as warnings.
 QV_EXPORT std::vector<std::string> QVBackupContainerCopyLoadWarnings(const Backup& backup);

@@ -32,6 +32,7 @@ const char* to_string(QVProblemKind kind) {
         case QVProblemKind::DuplicateFileID: return "duplicate-file-id";
         case QVProblemKind::WrongFileID: return "wrong-file-id";
         case QVProblemKind::MissingParent: return "missing-parent";
+        case QVProblemKind::MetadataUnreadable: return "metadata-not-a-property-list";
     }
     return "unknown";
 }
@@ -202,6 +203,13 @@ std::optional<int64_t> QVBackupContainerVerify(const Backup& backup, QVVerifyMod
             if (!problem.warning) ++damage;
             if (report) report(problem);
         };
+        for (const std::string& name : backup->unreadableMetadata) {
+            QVProblem p;
+            p.kind = QVProblemKind::MetadataUnreadable;
+            p.storedName = name;
+            p.detail = "is not a property list; the backup was read as if it were missing";
+            note(p);
+        }
         const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
         const auto total = static_cast<int64_t>(entries.size());
         int64_t done = 0;

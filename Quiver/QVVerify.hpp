@@ -31,6 +31,7 @@ enum class QVProblemKind : uint32_t {
     DuplicateFileID,        // two entries with one file ID
     WrongFileID,            // an entry whose file ID is not the SHA-1 of "domain-path"
     MissingParent,          // a file or symbolic link whose parent directory has no entry
+    MetadataUnreadable,     // Status.plist or Manifest.plist is there but is no property list
 };
 
 // The name a program or person can use: "stored-file-missing", "digest-mismatch"...

@@ -246,7 +246,8 @@ TEST_F(ContainerTest, PartialCopiesReadAndDamagedMetadataFailsWithTheNamedFile) 
     fs::rename(root / "Manifest.db", built.directory / "Manifest.db");
     fs::rename(root / "Manifest.plist", built.directory / "Manifest.plist");
 
-    // A Status.plist without "Version" is a partial copy as well; one that is not a property list is damage.
+    // A Status.plist without "Version" is a partial copy as well. One that is not a property list is
+    // damage, read as if it were missing: the backup reads, and no copy of it is written.
     WritePropertyList(status, CF::Dictionary::CreateMutable().get());
     Backup noVersion = open(built.directory, nullptr);
     ASSERT_TRUE(noVersion);
@@ -255,10 +256,14 @@ TEST_F(ContainerTest, PartialCopiesReadAndDamagedMetadataFailsWithTheNamedFile) 
         fs::path damaged = built.directory / name;
         auto kept = ReadWholeFile(damaged);
         WriteWholeFile(damaged, {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'});
-        EXPECT_FALSE(open(built.directory, nullptr, &failure));
-        EXPECT_EQ(failure.Code(), QVErrorInvalidBackup);
-        EXPECT_EQ(failure.Reason(), fmt::format("Failed to load backup metadata file ({})", name));
-        EXPECT_EQ(failure.Underlying().Reason(), fmt::format("{} holds no property-list dictionary", name));
+        Backup unreadable = open(built.directory, nullptr);
+        ASSERT_TRUE(unreadable) << name;
+        EXPECT_EQ(QVBackupContainerCopyUnreadableMetadata(unreadable), std::vector<std::string>{name});
+        EXPECT_NE(std::find(missingOf(unreadable).begin(), missingOf(unreadable).end(), name), missingOf(unreadable).end());
+        EXPECT_EQ(QVBackupContainerCopyLoadWarnings(unreadable).front(),
+                  fmt::format("{} is not a property list: it is read as if it were missing", name));
+        EXPECT_EQ(QVBackupContainerExportToDirectory(unreadable, CF::String((root / "out").string()).get(), nullptr), 0);
+        EXPECT_FALSE(fs::exists(root / "out"));
         WriteWholeFile(damaged, kept);
     }
 

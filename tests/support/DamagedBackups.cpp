@@ -66,7 +66,7 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
         BuiltBackup built = BuildBackup(root / name, description);
         const BuiltItem& large = built.Item("AppDomain-com.example.notes", "Documents/large.db");
         out.push_back({name, built.directory, encrypted ? description.password : "", large.domain,
-                       large.relativePath, named, false, false, ""});
+                       large.relativePath, named, false, false, false, ""});
         return built;
     };
     auto database = [](const BuiltBackup& built) { return built.directory / "Manifest.db"; };
@@ -96,6 +96,8 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
     // is not a property list is damage, and so is a copy without the Manifest.plist that deciphers it.
     make("StatusGarbage", "3.3", false, "Status.plist");
     WriteWholeFile(root / "StatusGarbage/Status.plist", Quiver::Support::RandomBytes(300));
+    out.back().metadataFault = true;
+    out.back().kind = "metadata-not-a-property-list";
     {
         BuiltBackup built = make("StatusVersionUnknown", "3.3", false, "'3.4'");
         CF::Dictionary status = ReadPropertyList(built.directory / "Status.plist").MutableCopy();
@@ -106,6 +108,14 @@ std::vector<DamagedBackup> BuildDamagedBackups(const fs::path& root) {
     fs::remove(root / "ManifestPlistMissingEncrypted/Manifest.plist");
     make("ManifestPlistGarbage", "3.3", false, "Manifest.plist");
     EditFile(root / "ManifestPlistGarbage/Manifest.plist", [](Bytes b) { return Cut(b, b.size() / 3); });
+    out.back().metadataFault = true;
+    out.back().kind = "metadata-not-a-property-list";
+    // An encrypted backup whose Manifest.plist is no property list looks plain: its enciphered
+    // manifest, or the wrapped keys in its records, give it away.
+    make("ManifestPlistGarbageEncrypted", "3.3", true, "Manifest.plist");
+    EditFile(root / "ManifestPlistGarbageEncrypted/Manifest.plist", [](Bytes b) { return Cut(b, b.size() / 3); });
+    make("ManifestPlistGarbageEncryptedMbdb", "2.4", true, "Manifest.plist");
+    EditFile(root / "ManifestPlistGarbageEncryptedMbdb/Manifest.plist", [](Bytes b) { return Cut(b, b.size() / 3); });
 
     // The key bag and the manifest key of an encrypted backup.
     EditManifestPlist(make("KeyBagTruncated", "3.3", true, "BackupKeyBag"), "BackupKeyBag",

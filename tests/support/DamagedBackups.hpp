@@ -26,6 +26,9 @@ struct DamagedBackup {
     // True when the files read whole and only the manifest's structure is wrong (an orphan stored file,
     // file IDs, missing parents): every command but verify works as on a sound backup.
     bool structuralFault = false;
+    // True when a metadata file is no property list: the backup reads as if it were missing, so
+    // listing and reading work, but no copy is written and verify reports it.
+    bool metadataFault = false;
     // What verification reports for a fault that loading does not already refuse ("digest-mismatch"...).
     std::string kind;
 };

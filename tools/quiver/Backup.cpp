@@ -168,6 +168,10 @@ std::string ErrorText(const CF::Error& error) {
 }
 
 void RequireWholeBackup(const Backup& backup, const std::string& path) {
+    for (const std::string& name : QVBackupContainerCopyUnreadableMetadata(backup))
+        throw Failure(kBadBackup, fmt::format("{} is damaged: {} is not a property list; the backup can be read and "
+                                              "extracted, not written as a backup",
+                                              path, name));
     std::vector<std::string> lacking;
     for (const std::string& name : QVBackupContainerCopyMissingMetadata(backup))
         if (name != "Info.plist") lacking.push_back(name);

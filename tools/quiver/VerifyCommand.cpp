@@ -23,7 +23,8 @@ struct VerifyOptions {
 
 std::string ProblemLine(const QVProblem& p) {
     std::string subject = p.domain.empty() && p.path.empty()
-                              ? fmt::format("stored file {}", Printable(p.storedName))
+                              ? fmt::format("{} {}", p.kind == QVProblemKind::MetadataUnreadable ? "metadata file" : "stored file",
+                                            Printable(p.storedName))
                               : fmt::format("{} {}", Printable(p.domain), Printable(p.path));
     if (!p.storedName.empty() && !p.domain.empty()) subject += fmt::format(" (stored as {})", p.storedName);
     return fmt::format("{}: {}: {} {}\n", p.warning ? "warning" : "damaged", to_string(p.kind), subject, p.detail);
