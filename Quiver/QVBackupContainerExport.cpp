@@ -134,10 +134,24 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         auto name = CF::String::Retain(static_cast<CFStringRef>(item));
         CFErrorRef loadError = nullptr;
         auto file = QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
+        // A failure says which file of the backup it is about, and which entry when it is a stored file.
+        auto about = [&] {
+            ErrorContext context = ErrorContext::File(name.utf8());
+            if (Entry entry = QVBackupContainerGetEntryForLocalFilename(backup, name.get(), nullptr)) {
+                context.domain = std::string(entry->domainText);
+                context.path = std::string(entry->path());
+                context.fileID = entry->fileID();
+            }
+            return context;
+        };
         if (!file)
             throw Error(QVErrorLoadingExternalRepresentation, CF::Error::Adopt(loadError),
-                        fmt::format("File {} could not be loaded for writing to {}", name, destinationKind));
-        write(name, file, counter);
+                        fmt::format("File {} could not be loaded for writing to {}", name, destinationKind), about());
+        try {
+            write(name, file, counter);
+        } catch (const CF::Error& e) {
+            throw AddErrorContext(e, about());
+        }
         file.reset();
         counter.tick();
     }

@@ -174,6 +174,8 @@ TEST_F(ExportTest, AWriteThatRunsOutOfSpaceLeavesNothing) {
                 const CF::Error failure = CF::Error::Adopt(error);
                 if (!failure.Reason().starts_with("The backup could not be written to " + out.string())) std::_Exit(12);
                 if (failure.Reason().find("File too large") == std::string::npos) std::_Exit(13);
+                // Which file of the backup was being written, for a program to act on.
+                if (ErrorContextValue(failure, kQVErrorBackupFileKey).empty()) std::_Exit(15);
                 if (!fs::is_empty(root / "dest")) std::_Exit(14);
                 std::_Exit(0);
             };
