@@ -109,6 +109,17 @@ bool QVBackupContainerReadEntry(const Backup& backup, const Entry& entry,
         std::shared_ptr<QVFileClass> file = QVBackupContainerCopyFileForPath(
             backup, QVManifestEntryGetDomain(entry), QVManifestEntryGetPath(entry), &slot);
         if (!file) throw CF::Error::Adopt(slot);
+        auto foundWhileReading = [&](QVProblemKind kind, std::string detail) {
+            QVProblem p;
+            p.kind = kind;
+            p.domain = std::string(entry->domainText);
+            p.path = std::string(entry->path());
+            p.fileID = entry->fileID();
+            p.storedName = LocalFilenameForFileID(CF::String(p.fileID), backup->manifestVersion, true).utf8();
+            p.storedLength = QVFileGetSize(file);
+            p.detail = std::move(detail);
+            return p;
+        };
         // A file of up to kCheckedWhole bytes is held whole, a larger one its last piece.
         constexpr size_t kCheckedWhole = size_t{4} << 20;
         constexpr uint64_t kPiece = uint64_t{1} << 20;
@@ -140,28 +151,11 @@ bool QVBackupContainerReadEntry(const Backup& backup, const Entry& entry,
             });
         } catch (const CF::Error& e) {
             if (e.Code() != QVErrorCryptoOperation) throw;
-            QVProblem p;
-            p.kind = QVProblemKind::BadPadding;
-            p.domain = std::string(entry->domainText);
-            p.path = std::string(entry->path());
-            p.fileID = entry->fileID();
-            p.storedName = LocalFilenameForFileID(CF::String(p.fileID), backup->manifestVersion, true).utf8();
-            p.storedLength = QVFileGetSize(file);
-            p.detail = "cannot be deciphered (" + e.Reason() + ")";
-            throw damageError(p);
+            throw damageError(foundWhileReading(QVProblemKind::BadPadding, "cannot be deciphered (" + e.Reason() + ")"));
         }
         if (stopped) return true;
-        if (!recorded.empty() && digest != recorded) {
-            QVProblem p;
-            p.kind = QVProblemKind::DigestMismatch;
-            p.domain = std::string(entry->domainText);
-            p.path = std::string(entry->path());
-            p.fileID = entry->fileID();
-            p.storedName = LocalFilenameForFileID(CF::String(p.fileID), backup->manifestVersion, true).utf8();
-            p.storedLength = QVFileGetSize(file);
-            p.detail = "is not the one its manifest records";
-            throw damageError(p);
-        }
+        if (!recorded.empty() && digest != recorded)
+            throw damageError(foundWhileReading(QVProblemKind::DigestMismatch, "is not the one its manifest records"));
         if (!held.empty()) deliver(held.data(), held.size());
         return true;
     });
