@@ -3,6 +3,8 @@
 // on Apple's systems.
 #pragma once
 
+#include <CoreFoundation/CFSymbolNames.h>
+
 #include <stdarg.h>
 #include <stdbool.h>
 #include <stddef.h>
