@@ -142,6 +142,8 @@ QV_EXPORT uint16_t QVManifestEntryGetFileMode(const Entry& entry);
 QV_EXPORT uint64_t QVManifestEntryGetFileSize(const Entry& entry);
 QV_EXPORT uint8_t QVManifestEntryGetFileType(const Entry& entry);
 QV_EXPORT EntryProtectionClass QVManifestEntryGetProtectionClass(const Entry& entry);
+// The inode number the device recorded; 0 for entries made since loading.
+QV_EXPORT uint64_t QVManifestEntryGetInode(const Entry& entry);
 QV_EXPORT bool QVManifestEntryIsFile(const Entry& entry);
 QV_EXPORT bool QVManifestEntryIsDirectory(const Entry& entry);
 QV_EXPORT bool QVManifestEntryIsSymlink(const Entry& entry);

@@ -120,8 +120,10 @@ TEST_F(DamagedBackupTest, EveryCommandEndsWithOneClearLineAndStatusFour) {
                 }
                 continue;
             }
-            // An extraction warns of the damaged file and sums up; everything else says it in one line.
-            const long lines = args[0] == "extract" && backup.storedFileFault ? 2 : 1;
+            // An extraction warns of the damaged file and sums up, an export or edit lists it before
+            // saying that nothing was written; everything else says it in one line.
+            const bool lists = args[0] == "extract" || args[0] == "export" || args[0] == "edit";
+            const long lines = lists && backup.storedFileFault ? 2 : 1;
             bool prefixed = !r.err.empty();
             for (size_t at = 0; at < r.err.size();) {
                 prefixed = prefixed && r.err.compare(at, 8, "quiver: ") == 0;

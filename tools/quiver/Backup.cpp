@@ -310,15 +310,46 @@ std::string CheckStoredFile(const Backup& backup, const Entry& entry, std::vecto
     return notes;
 }
 
-void CheckStoredFiles(const Backup& backup, int verbosity) {
-    Manifest manifest = QVBackupContainerGetManifest(backup);
-    const std::vector<Entry> entries = QVManifestGetEntries(manifest);
+int CheckStoredFiles(const Backup& backup, bool skipDamaged, int verbosity) {
+    // One pass over every stored file finds all the damage at once, so that a person learns of every
+    // bad file before anything is written, not one run at a time.
+    std::vector<QVProblem> damaged;
     Progress progress("Checking the stored files");
-    size_t done = 0;
-    for (const Entry& entry : entries) {
-        if (std::string note = CheckStoredFile(backup, entry); !note.empty()) Detail(verbosity, note);
-        progress.Update(static_cast<double>(++done) / static_cast<double>(entries.size()));
-    }
+    CFErrorRef error = nullptr;
+    const std::optional<int64_t> walked = QVBackupContainerVerify(
+        backup, QVVerifyMode::Digests,
+        [&](const QVProblem& p) {
+            // Problems of the manifest as a whole (orphans, duplicate IDs, missing parents) do not
+            // keep a file from being copied; only a stored file that cannot be trusted does.
+            const bool ofAStoredFile = !p.path.empty() || !p.domain.empty();
+            if (!ofAStoredFile || p.kind == QVProblemKind::DuplicateFileID || p.kind == QVProblemKind::WrongFileID ||
+                p.kind == QVProblemKind::MissingParent || p.kind == QVProblemKind::OrphanStoredFile ||
+                p.kind == QVProblemKind::MetadataUnreadable)
+                return;
+            if (p.warning) {
+                Detail(verbosity, fmt::format("{} {}: {}", Printable(p.domain), Printable(p.path), p.detail));
+                return;
+            }
+            damaged.push_back(p);
+        },
+        [&](int64_t, int64_t, double fraction) { progress.Update(fraction); }, &error);
+    progress.Finish();
+    CF::Error failure = CF::Error::Adopt(error);
+    if (!walked) throw Failure(kFailure, fmt::format("could not check the stored files: {}", ErrorText(failure)));
+    if (damaged.empty()) return 0;
+    std::string list;
+    for (const QVProblem& p : damaged)
+        list += fmt::format("quiver: damaged: {} {} (stored as {}): {}\n", Printable(p.domain), Printable(p.path),
+                            p.storedName.empty() ? p.fileID : p.storedName, p.detail);
+    WriteAll(STDERR_FILENO, list);
+    const size_t count = damaged.size();
+    if (!skipDamaged)
+        throw Failure(kBadBackup, fmt::format("the backup is damaged: {} {} listed above; nothing was written (give "
+                                              "--skip-damaged to write the rest without {})",
+                                              count, count == 1 ? "file is" : "files are", count == 1 ? "it" : "them"));
+    for (const QVProblem& p : damaged)
+        QVBackupContainerRemovePath(backup, CF::String(p.domain).get(), CF::String(p.path).get());
+    return static_cast<int>(count);
 }
 
 }  // namespace QuiverTool

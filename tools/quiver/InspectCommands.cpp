@@ -1,16 +1,21 @@
 // Commands that look at a backup without writing anything: `info` (what device, which version,
 // encrypted or not, how much is in it), `ls` (the entries, for people or as JSON for scripts) and
-// `csv` (the CSV listing of a Manifest.db file).
+// `csv` (every entry as CSV, from a backup of any kind or a bare Manifest.db).
 #include <unistd.h>
+
+#include <CoreFoundation/CFExtension.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVManifestCSV.hpp"
+#include "Quiver/QVManifestDB.hpp"
 #include "Quiver/Support/ByteReader.hpp"
 #include "Tool.hpp"
 
@@ -236,101 +241,22 @@ struct ListOptions {
     std::optional<std::string> domain;
     std::optional<std::string> path;
     bool json = false;
+    bool jsonLines = false;
     bool longFormat = false;
     bool local = false;
 };
 
-// A JSON string. Names rarely need escaping, so the JSON library is asked only for those that do.
-void AppendJsonString(std::string& out, const std::string& text) {
-    const bool plain = std::none_of(text.begin(), text.end(), [](char c) {
-        return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20;
-    });
-    if (!plain) {
-        out += json(text).dump();
-        return;
-    }
-    out += '"';
-    out += text;
-    out += '"';
-}
-
-// One entry as a JSON object indented inside the listing's array, keys in alphabetical order.
-void AppendEntryJson(std::string& out, const Entry& e) {
-    uint16_t mode = 0;
-    uint32_t uid = 0, gid = 0;
-    QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
-    auto key = [&](const char* name) { fmt::format_to(std::back_inserter(out), "    \"{}\": ", name); };
-    out += "  {\n";
-    key("domain");
-    AppendJsonString(out, EntryDomain(e));
-    out += ",\n";
-    key("fileID");
-    AppendJsonString(out, QVManifestEntryCopyFileIDUTF8(e));
-    fmt::format_to(std::back_inserter(out), ",\n    \"gid\": {},\n    \"mode\": {},\n    \"mtime\": {},\n", gid, mode,
-                   EntryModifiedUnixTime(e));
-    key("path");
-    AppendJsonString(out, EntryPath(e));
-    fmt::format_to(std::back_inserter(out), ",\n    \"protectionClass\": {},\n    \"size\": {},\n",
-                   ProtectionClassCode(QVManifestEntryGetProtectionClass(e)),
-                   QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0);
-    key("target");
-    if (QVManifestEntryIsSymlink(e)) {
-        AppendJsonString(out, std::string(QVManifestEntryGetTargetUTF8(e)));
-    } else {
-        out += "null";
-    }
-    fmt::format_to(std::back_inserter(out), ",\n    \"type\": \"{}\",\n    \"uid\": {}\n  }}", EntryTypeName(e), uid);
-}
-
 int RunList(const ListOptions& o, const GlobalOptions& global) {
+    const ListingFormat format = ListingFormatOf(o.json, o.jsonLines, o.longFormat);
     OpenBackup open = LoadBackup(o.backup, global);
-    std::vector<Entry> entries = SelectEntries(open.get(), o.domain, o.path);
-    if (o.json) {
-        // Written as it goes, entry by entry: a document of every entry would cost more memory than
-        // the manifest itself.
-        std::string text = entries.empty() ? "[]\n" : "[\n";
-        for (size_t i = 0; i < entries.size(); ++i) {
-            AppendEntryJson(text, entries[i]);
-            text += i + 1 < entries.size() ? ",\n" : "\n]\n";
-            if (text.size() >= 65536) {
-                WriteAll(STDOUT_FILENO, text);
-                text.clear();
-            }
-        }
-        WriteAll(STDOUT_FILENO, text);
-        return kSuccess;
-    }
-    std::string text;
-    for (const Entry& e : entries) {
-        // Names come from the backup: control characters are shown escaped, never sent to the terminal.
-        std::string name = Printable(EntryPath(e));
-        const std::string domain = Printable(EntryDomain(e));
-        if (QVManifestEntryIsDirectory(e)) name += "/";
-        if (o.longFormat) {
-            uint16_t mode = 0;
-            uint32_t uid = 0, gid = 0;
-            QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
-            text += fmt::format("{} {:>5} {:>5} {:>10} {}  {}\t{}", ModeString(mode), uid, gid,
-                                QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0,
-                                LabelledTimeText(EntryModifiedUnixTime(e), o.local), domain, name);
-            if (QVManifestEntryIsSymlink(e)) text += " -> " + Printable(std::string(QVManifestEntryGetTargetUTF8(e)));
-        } else {
-            text += fmt::format("{}\t{}", domain, name);
-        }
-        text += '\n';
-        if (text.size() >= 65536) {
-            WriteAll(STDOUT_FILENO, text);
-            text.clear();
-        }
-    }
-    WriteAll(STDOUT_FILENO, text);
+    EntryListing listing(format, o.local);
+    for (const Entry& e : SelectEntries(open.get(), o.domain, o.path)) listing.Add(e);
+    listing.Finish();
     return kSuccess;
 }
 
-int RunCsv(const std::string& database) {
-    std::error_code ec;
-    if (!std::filesystem::is_regular_file(database, ec))
-        throw Failure(kFailure, fmt::format("{}: no such file", database));
+// The library's own listing of a plain Manifest.db, byte for byte.
+int RunExactCsv(const std::string& database) {
     // Written as it is read. The first megabytes are held until the listing ends or outgrows them, so a
     // damaged database of ordinary size leaves nothing on the output; a larger one may leave a listing
     // that the error line calls incomplete.
@@ -363,6 +289,128 @@ int RunCsv(const std::string& database) {
     return kSuccess;
 }
 
+// The same columns as the library's listing, quoted as RFC 4180 says: every field in double quotes,
+// a double quote inside doubled, records ending in CR LF. Line breaks and commas inside a quoted
+// field are data, so every reader that follows the RFC gets each row back whole.
+void AppendCsvField(std::string& out, std::string_view value, bool last = false) {
+    out += '"';
+    for (char c : value) {
+        if (c == '"') out += '"';
+        out += c;
+    }
+    out += last ? "\"\r\n" : "\",";
+}
+
+std::string Base64(std::span<const uint8_t> bytes) {
+    if (bytes.empty()) return {};
+    return CF::String::Adopt(CFDataCopyBase64Representation(CF::Data(bytes).get())).utf8();
+}
+
+void WriteCsv(std::vector<Entry> entries) {
+    // In file-ID order, as the library lists a database.
+    std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+        return QVManifestEntryCopyFileIDUTF8(a) < QVManifestEntryCopyFileIDUTF8(b);
+    });
+    std::string text;
+    for (const char* name : {"fileID", "domain", "relativePath", "fileTypeFlags", "relativePath2", "target", "digest",
+                             "encryptionKey", "mode", "inodeNumber", "userID", "groupID", "lastModified",
+                             "lastStatusChange", "birth", "size", "protectionClass"})
+        AppendCsvField(text, name);
+    AppendCsvField(text, "extendedAttributes", true);
+    auto unix = [](double absolute) {
+        return std::to_string(static_cast<int64_t>(std::floor(absolute + kCFAbsoluteTimeIntervalSince1970)));
+    };
+    for (const Entry& e : entries) {
+        uint16_t mode = 0;
+        uint32_t uid = 0, gid = 0;
+        QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
+        double birth = 0, modified = 0, changed = 0;
+        QVManifestEntryGetTimes(e, &birth, &modified, &changed);
+        CFDictionaryRef attributes = QVManifestEntryGetProperties(e);
+        const std::string path(QVManifestEntryGetPathUTF8(e));
+        AppendCsvField(text, QVManifestEntryCopyFileIDUTF8(e));
+        AppendCsvField(text, QVManifestEntryGetDomainUTF8(e));
+        AppendCsvField(text, path);
+        AppendCsvField(text, std::to_string(QVManifestEntryGetFileType(e)));
+        AppendCsvField(text, path);
+        AppendCsvField(text, QVManifestEntryIsSymlink(e) ? QVManifestEntryGetTargetUTF8(e) : std::string_view());
+        AppendCsvField(text, Base64(QVManifestEntryGetDataHashBytes(e)));
+        AppendCsvField(text, Base64(QVManifestEntryGetEncryptionDataBytes(e)));
+        AppendCsvField(text, std::to_string(mode));
+        AppendCsvField(text, std::to_string(QVManifestEntryGetInode(e)));
+        AppendCsvField(text, std::to_string(uid));
+        AppendCsvField(text, std::to_string(gid));
+        AppendCsvField(text, unix(modified));
+        AppendCsvField(text, unix(changed));
+        AppendCsvField(text, unix(birth));
+        AppendCsvField(text, std::to_string(QVManifestEntryGetFileSize(e)));
+        AppendCsvField(text, std::to_string(ProtectionClassCode(QVManifestEntryGetProtectionClass(e))));
+        AppendCsvField(text,
+                       attributes && CFDictionaryGetCount(attributes) > 0
+                           ? CF::String::Adopt(CFDictionaryCopyDebugDescription(attributes)).utf8()
+                           : std::string(),
+                       true);
+        if (text.size() >= 65536) {
+            WriteAll(STDOUT_FILENO, text);
+            text.clear();
+        }
+    }
+    WriteAll(STDOUT_FILENO, text);
+}
+
+struct CsvOptions {
+    std::string source;
+    bool exact = false;
+};
+
+bool IsSQLiteFile(const std::string& path) {
+    char header[16] = {};
+    FILE* file = std::fopen(path.c_str(), "rb");
+    if (!file) return false;
+    const size_t n = std::fread(header, 1, sizeof header, file);
+    std::fclose(file);
+    return n == sizeof header && std::memcmp(header, "SQLite format 3", 16) == 0;
+}
+
+int RunCsv(const CsvOptions& o, const GlobalOptions& global) {
+    std::error_code ec;
+    const fs::file_status status = fs::status(o.source, ec);
+    if (!fs::exists(status)) throw Failure(kFailure, fmt::format("{}: no such file or directory", o.source));
+    const bool database = fs::is_regular_file(status) && IsSQLiteFile(o.source);
+    if (o.exact) {
+        // The library's listing reads a Manifest.db file as it lies; a backup's is used when it is plain.
+        std::string file = o.source;
+        if (fs::is_directory(status)) {
+            file = (fs::path(o.source) / "Manifest.db").string();
+            CF::Error metadataError;
+            std::optional<FoundBackup> found = ReadFoundBackup(o.source, metadataError);
+            const bool encrypted = found && found->metadata.manifest.Get<CF::Boolean>("IsEncrypted").value();
+            if (encrypted || !IsSQLiteFile(file))
+                throw Failure(kUsage, fmt::format("--exact lists a plain Manifest.db, and {} has none; without --exact "
+                                                  "the listing is made from the backup itself",
+                                                  o.source));
+        } else if (!database) {
+            throw Failure(kUsage, fmt::format("--exact lists a plain Manifest.db or a backup folder holding one; {} is "
+                                              "neither (without --exact a zip is listed too)",
+                                              o.source));
+        }
+        return RunExactCsv(file);
+    }
+    if (database) {
+        CFErrorRef error = nullptr;
+        Manifest manifest = QVManifestCreateFromManifestDatabase(CF::String(o.source).get(), QVManifestDataVersion33, {},
+                                                                 {}, &error);
+        CF::Error failure = CF::Error::Adopt(error);
+        if (!manifest)
+            throw Failure(kBadBackup, fmt::format("{} is not a readable Manifest.db: {}", o.source, ErrorText(failure)));
+        WriteCsv(QVManifestGetEntries(manifest));
+        return kSuccess;
+    }
+    OpenBackup open = LoadBackup(o.source, global);
+    WriteCsv(QVManifestGetEntries(QVBackupContainerGetManifest(open.get())));
+    return kSuccess;
+}
+
 }  // namespace
 
 void AddInspectCommands(CLI::App& app, const GlobalOptions& global, Action& action) {
@@ -379,14 +427,17 @@ void AddInspectCommands(CLI::App& app, const GlobalOptions& global, Action& acti
     listCommand->add_option("DOMAIN", list->domain, "Only this domain");
     listCommand->add_option("PATH", list->path, "Only this path and what is below it");
     listCommand->add_flag("--json", list->json, "Print one JSON array of entry objects");
+    listCommand->add_flag("--jsonl", list->jsonLines, "Print one JSON object per line, as the entries are listed");
     listCommand->add_flag("-l,--long", list->longFormat, "Mode, owner, size and date (UTC) of each entry");
     listCommand->add_flag("--local", list->local, "Dates in local time instead of UTC");
     listCommand->callback([list, &global, &action] { action = [list, &global] { return RunList(*list, global); }; });
 
-    auto database = std::make_shared<std::string>();
-    CLI::App* csvCommand = app.add_subcommand("csv", "Print the CSV listing of a Manifest.db file");
-    csvCommand->add_option("MANIFEST_DB", *database, "An unencrypted Manifest.db")->required();
-    csvCommand->callback([database, &action] { action = [database] { return RunCsv(*database); }; });
+    auto csv = std::make_shared<CsvOptions>();
+    CLI::App* csvCommand = app.add_subcommand("csv", "Print every entry of a backup or a Manifest.db as CSV (RFC 4180)");
+    csvCommand->add_option("SOURCE", csv->source, "Backup directory or zip file (encrypted ones too), or a Manifest.db file")
+        ->required();
+    csvCommand->add_flag("--exact", csv->exact, "The library's own listing of a plain Manifest.db, byte for byte (not RFC 4180)");
+    csvCommand->callback([csv, &global, &action] { action = [csv, &global] { return RunCsv(*csv, global); }; });
 }
 
 }  // namespace QuiverTool

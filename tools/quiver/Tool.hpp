@@ -56,6 +56,7 @@ void AddListCommand(CLI::App& app, const GlobalOptions& options, Action& action)
 void AddReadCommands(CLI::App& app, const GlobalOptions& options, Action& action);     // cat, extract
 void AddWriteCommands(CLI::App& app, const GlobalOptions& options, Action& action);    // export, edit, sample
 void AddVerifyCommand(CLI::App& app, const GlobalOptions& options, Action& action);    // verify
+void AddLookCommands(CLI::App& app, const GlobalOptions& options, Action& action);     // stat, find, domains
 
 // ---- Backups (Backup.cpp) ----
 
@@ -144,8 +145,10 @@ int64_t EntryModifiedUnixTime(const Quiver::Entry& entry);
 // handed back for the caller to check as it reads, instead of costing a pass of its own here.
 std::string CheckStoredFile(const Quiver::Backup& backup, const Quiver::Entry& entry,
                             std::vector<uint8_t>* deferredDigest = nullptr);
-// The same for every entry, with progress; notes go to -v.
-void CheckStoredFiles(const Quiver::Backup& backup, int verbosity);
+// Checks every stored file before a copy is written and lists each damaged one on standard error.
+// Without skipDamaged any damage ends the command (status 4); with it, the damaged entries are taken
+// out of the backup and their number returned. Warnings go to -v.
+int CheckStoredFiles(const Quiver::Backup& backup, bool skipDamaged, int verbosity);
 // Refuses (status 4) to write out a partial copy: one without Status.plist or Manifest.plist.
 void RequireWholeBackup(const Quiver::Backup& backup, const std::string& path);
 
@@ -171,6 +174,35 @@ std::string IsoTimeText(int64_t unixSeconds);
 std::string SizeText(uint64_t bytes);
 // A name from a backup made safe to show on a terminal: control characters become "\xNN".
 std::string Printable(std::string_view name);
+
+// ---- Entry listings (Listing.cpp) ----
+
+enum class ListingFormat { Names, Long, Json, JsonLines };
+
+// What `ls` prints and `find` prints the same way: "DOMAIN<tab>PATH" (folders end in "/"), the same
+// with mode, owner, size and date (-l), one JSON array of objects, or one JSON object per line.
+// Written as it goes, so that memory does not grow with the listing and a reader sees lines at once.
+class EntryListing {
+public:
+    EntryListing(ListingFormat format, bool local) : format_(format), local_(local) {}
+    void Add(const Quiver::Entry& entry);
+    // Writes what is held and, for a JSON array, its end.
+    void Finish();
+
+private:
+    void Flush(size_t atLeast);
+    ListingFormat format_;
+    bool local_;
+    size_t count_ = 0;
+    std::string text_;
+};
+
+// The format that the listing options ask for (JSON has every field -l shows); Failure(2) for
+// --json with --jsonl.
+ListingFormat ListingFormatOf(bool json, bool jsonLines, bool longFormat);
+
+// A JSON string of text that may not be UTF-8: invalid bytes become U+FFFD rather than failing.
+std::string JsonString(std::string_view text);
 
 // ---- Terminal and session (Session.cpp) ----
 

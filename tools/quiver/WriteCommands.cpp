@@ -63,16 +63,24 @@ struct ExportOptions {
     std::string backup;
     std::string destination;
     bool zip = false;
+    bool skipDamaged = false;
 };
+
+// A copy written without the damaged files is not the whole backup: status 1 says so.
+int WrittenWithout(int skipped, const std::string& destination) {
+    if (skipped == 0) return kSuccess;
+    throw Failure(kFailure, fmt::format("wrote {} without the {} damaged {} listed above", destination, skipped,
+                                        skipped == 1 ? "file" : "files"));
+}
 
 int RunExport(const ExportOptions& o, const GlobalOptions& global) {
     const bool zip = WantsZip(o.destination, o.zip);
     RequireNewDestination(o.destination, zip);
     OpenBackup open = LoadBackup(o.backup, global);
     RequireWholeBackup(open.get(), o.backup);
-    CheckStoredFiles(open.get(), global.verbosity);  // a copy of a damaged backup is not written
+    const int skipped = CheckStoredFiles(open.get(), o.skipDamaged, global.verbosity);
     WriteBackup(open.get(), o.destination, zip);
-    return kSuccess;
+    return WrittenWithout(skipped, o.destination);
 }
 
 // ---- edit ----
@@ -82,6 +90,7 @@ struct EditOptions {
     std::string destination;
     bool zip = false;
     bool replaceDirectories = false;
+    bool skipDamaged = false;
     std::vector<std::string> put, remove, mkdir, symlink;
     CLI::Option* putOption = nullptr;
     CLI::Option* removeOption = nullptr;
@@ -225,9 +234,9 @@ int RunEdit(const EditOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
     RequireWholeBackup(open.get(), o.backup);
     for (const Edit& edit : edits) ApplyEdit(open.get(), edit, o.replaceDirectories, global);
-    CheckStoredFiles(open.get(), global.verbosity);  // what the edits left of the source
+    const int skipped = CheckStoredFiles(open.get(), o.skipDamaged, global.verbosity);  // what the edits left of the source
     WriteBackup(open.get(), o.destination, zip);
-    return kSuccess;
+    return WrittenWithout(skipped, o.destination);
 }
 
 // ---- sample ----
@@ -347,6 +356,8 @@ void AddWriteCommands(CLI::App& app, const GlobalOptions& global, Action& action
     exportCommand->add_option("BACKUP", exportOptions->backup, "Backup directory or zip file")->required();
     exportCommand->add_option("DEST", exportOptions->destination, "New directory or zip file (must not exist)")->required();
     exportCommand->add_flag("--zip", exportOptions->zip, "Write a zip file (also when DEST ends in .zip)");
+    exportCommand->add_flag("--skip-damaged", exportOptions->skipDamaged,
+                            "Leave out the damaged files (listed first), write the rest, and end with status 1");
     exportCommand->callback([exportOptions, &global, &action] {
         action = [exportOptions, &global] { return RunExport(*exportOptions, global); };
     });
@@ -357,6 +368,8 @@ void AddWriteCommands(CLI::App& app, const GlobalOptions& global, Action& action
     editCommand->add_option("BACKUP", edit->backup, "Backup directory or zip file")->required();
     editCommand->add_option("DEST", edit->destination, "New directory or zip file (must not exist)")->required();
     editCommand->add_flag("--zip", edit->zip, "Write a zip file (also when DEST ends in .zip)");
+    editCommand->add_flag("--skip-damaged", edit->skipDamaged,
+                          "Leave out the damaged files (listed first), write the rest, and end with status 1");
     editCommand->add_flag("--replace-dir", edit->replaceDirectories,
                           "Let --put replace a folder, and everything below it, with a file");
     edit->putOption = editCommand->add_option("--put", edit->put, "Store LOCALFILE at DOMAIN PATH")

@@ -73,6 +73,7 @@ int main(int argc, char** argv) {
     Action action;
     AddInspectCommands(app, global, action);
     AddListCommand(app, global, action);
+    AddLookCommands(app, global, action);
     AddVerifyCommand(app, global, action);
     AddReadCommands(app, global, action);
     AddWriteCommands(app, global, action);

@@ -1,0 +1,474 @@
+// Looking inside a backup with the tool: `stat` of one entry, `find` by name, kind, size and date,
+// `domains` with the apps that have data, the JSON lines of `ls` and the CSV of `csv`. Grouped by
+// command; every backup is made by the test fixtures.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sstream>
+
+#include "Quiver/QVManifestCSV.hpp"
+#include "support/BackupBuilder.hpp"
+#include "support/TemporaryPath.hpp"
+#include "tool/ToolRunner.hpp"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using namespace QuiverTest;
+using namespace QuiverToolTest;
+
+namespace {
+
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+std::string Hex(const std::vector<uint8_t>& bytes) {
+    std::string text;
+    for (uint8_t b : bytes) text += fmt::format("{:02x}", b);
+    return text;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// The "DOMAIN/PATH" of each object of a JSON listing, in order.
+std::vector<std::string> Names(const json& listing) {
+    std::vector<std::string> names;
+    for (const json& e : listing) names.push_back(e["domain"].get<std::string>() + "/" + e["path"].get<std::string>());
+    return names;
+}
+
+std::vector<uint8_t> BinaryPlist(const CF::Dictionary& dict) {
+    CF::Data data = CF::Data::Adopt(CFPropertyListCreateData(nullptr, dict.get(), kCFPropertyListBinaryFormat_v1_0, 0, nullptr));
+    return data.vector();
+}
+
+// A strict RFC 4180 reader: a field is quoted or holds no quote, a quote inside a quoted field is
+// doubled, and records end in CR LF (the last one may not). Fails the test on anything else.
+std::vector<std::vector<std::string>> ReadCsv(const std::string& text) {
+    std::vector<std::vector<std::string>> rows;
+    std::vector<std::string> row;
+    size_t i = 0;
+    while (i < text.size()) {
+        std::string field;
+        if (text[i] == '"') {
+            ++i;
+            for (;;) {
+                if (i >= text.size()) {
+                    ADD_FAILURE() << "a quoted field runs to the end";
+                    return rows;
+                }
+                if (text[i] == '"') {
+                    if (i + 1 < text.size() && text[i + 1] == '"') {
+                        field += '"';
+                        i += 2;
+                        continue;
+                    }
+                    ++i;
+                    break;
+                }
+                field += text[i++];
+            }
+        } else {
+            while (i < text.size() && text[i] != ',' && text[i] != '\r' && text[i] != '\n') {
+                if (text[i] == '"') {
+                    ADD_FAILURE() << "a quote inside an unquoted field at byte " << i;
+                    return rows;
+                }
+                field += text[i++];
+            }
+        }
+        row.push_back(field);
+        if (i < text.size() && text[i] == ',') {
+            ++i;
+            continue;
+        }
+        if (text.compare(i, 2, "\r\n") == 0) {
+            i += 2;
+        } else if (i < text.size()) {
+            ADD_FAILURE() << "a field is followed by byte " << int(text[i]) << " at " << i;
+            return rows;
+        }
+        rows.push_back(std::move(row));
+        row.clear();
+    }
+    return rows;
+}
+
+// The library's own listing, which quotes every field and leaves quotes inside a value as they are
+// unless they are doubled; for rows whose values hold no quote, fields split at the quoted commas.
+std::vector<std::vector<std::string>> ReadExactListing(const std::string& text) {
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        if (line.size() < 2 || line.front() != '"' || line.back() != '"') continue;
+        std::vector<std::string> row;
+        const std::string inner = line.substr(1, line.size() - 2);
+        size_t start = 0;
+        for (size_t at; (at = inner.find("\",\"", start)) != std::string::npos; start = at + 3) row.push_back(inner.substr(start, at - start));
+        row.push_back(inner.substr(start));
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+class LookingInsideTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { UseTestTemporaryPath(); }
+
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "quiver-look-XXXXXX").string();
+        ASSERT_TRUE(mkdtemp(pattern.data()));
+        work_ = pattern;
+        fs::create_directories(work_ / "tmp");
+    }
+
+    void TearDown() override {
+        EXPECT_TRUE(fs::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
+        std::error_code ec;
+        fs::remove_all(work_, ec);
+    }
+
+    RunResult Run(const std::vector<std::string>& args, const std::string& password = "") {
+        Environment env{{"TMPDIR", (work_ / "tmp").string()}, {"TZ", "UTC"}};
+        if (!password.empty()) env["QUIVER_PASSWORD"] = password;
+        return RunTool(args, env);
+    }
+
+    json RunJson(const std::vector<std::string>& args, const std::string& password = "") {
+        RunResult r = Run(args, password);
+        EXPECT_EQ(r.status, 0) << r.err;
+        return r.status == 0 ? json::parse(r.out) : json();
+    }
+
+    fs::path work_;
+};
+
+// ---- stat ----
+
+using Stat = LookingInsideTest;
+
+// Every field of a file of an encrypted backup: its own times, owner, class, the digest and key the
+// record holds, where its ciphertext is stored and how long that is, and attributes decoded.
+TEST_F(Stat, ShowsEveryFieldOfAnEncryptedFile) {
+    std::vector<BackupItem> items = SampleItems();
+    BackupItem& large = items.back();
+    CF::Dictionary tags = CF::Dictionary::CreateMutable();
+    tags.Set("color", CF::String("green"));
+    large.extendedAttributes["com.example.plist"] = BinaryPlist(tags);
+    large.extendedAttributes["com.example.text"] = {'h', 'i', 0};
+    BuiltBackup built = BuildBackup(work_ / "b", {.items = items, .encrypted = true});
+    const BuiltItem& item = built.Item("AppDomain-com.example.notes", "Documents/large.db");
+
+    json stat = RunJson({"stat", built.directory.string(), "AppDomain-com.example.notes", "Documents/large.db", "--json"},
+                        "password");
+    EXPECT_EQ(stat["type"], "file");
+    EXPECT_EQ(stat["fileID"], item.fileID);
+    EXPECT_EQ(stat["mode"], 0100600);
+    EXPECT_EQ(stat["modeText"], "-rw-------");
+    EXPECT_EQ(stat["size"], 100000);
+    for (const char* time : {"birth", "mtime", "ctime"}) EXPECT_EQ(stat[time], 1600000000) << time;
+    EXPECT_EQ(stat["protectionClass"], 1);
+    EXPECT_EQ(stat["digest"], Hex(item.digest));
+    EXPECT_EQ(stat["hasKey"], true);
+    EXPECT_EQ(stat["storedName"], item.localFilename);
+    EXPECT_EQ(stat["storedSize"], fs::file_size(built.directory / item.localFilename));
+    EXPECT_EQ(stat["storedSize"].get<uint64_t>() % 16, 0u);  // the ciphertext, not the plaintext
+    EXPECT_TRUE(stat["target"].is_null());
+    EXPECT_TRUE(stat["storedProblem"].is_null());
+    EXPECT_EQ(stat["extendedAttributes"]["com.example.tag"], json({{"hex", "0102"}}));
+    EXPECT_EQ(stat["extendedAttributes"]["com.example.text"], json({{"text", "hi"}}));
+    EXPECT_EQ(stat["extendedAttributes"]["com.example.plist"], json({{"plist", {{"color", "green"}}}}));
+
+    json other = RunJson({"stat", built.directory.string(), "HomeDomain", "Library/Preferences/one.txt", "--json"}, "password");
+    EXPECT_NE(other["inode"], 0);
+    EXPECT_NE(other["inode"], stat["inode"]);
+    EXPECT_EQ(other["protectionClass"], 3);
+
+    RunResult text = Run({"stat", built.directory.string(), "AppDomain-com.example.notes", "Documents/large.db"}, "password");
+    ASSERT_EQ(text.status, 0) << text.err;
+    EXPECT_TRUE(Contains(text.out, "2020-09-13 12:26:40 UTC")) << text.out;
+    EXPECT_TRUE(Contains(text.out, item.localFilename)) << text.out;
+    EXPECT_TRUE(Contains(text.out, "com.example.text: \"hi\"")) << text.out;
+    EXPECT_EQ(Run({"stat", built.directory.string(), "HomeDomain", "Library"}).status, 3);  // the password is needed
+}
+
+// Links and folders have no stored file; a file whose stored file is gone still shows its record.
+TEST_F(Stat, LinksFoldersAndMissingStoredFiles) {
+    BuiltBackup built = BuildBackup(work_ / "b", {.items = SampleItems(), .recordDigests = false});
+    const std::string dir = built.directory.string();
+    json link = RunJson({"stat", dir, "HomeDomain", "/Library/Prefs", "--json"});  // a leading "/" is ignored
+    EXPECT_EQ(link["type"], "symlink");
+    EXPECT_EQ(link["target"], "Preferences");
+    EXPECT_TRUE(link["storedName"].is_null());
+    EXPECT_TRUE(link["storedSize"].is_null());
+
+    json folder = RunJson({"stat", dir, "HomeDomain", "Library/", "--json"});
+    EXPECT_EQ(folder["type"], "dir");
+    EXPECT_EQ(folder["modeText"], "drwxr-xr-x");
+    EXPECT_TRUE(folder["digest"].is_null());
+    EXPECT_EQ(folder["hasKey"], false);
+
+    const BuiltItem& one = built.Item("HomeDomain", "Library/Preferences/one.txt");
+    fs::remove(built.directory / one.localFilename);
+    json missing = RunJson({"stat", dir, "HomeDomain", "Library/Preferences/one.txt", "--json"});
+    EXPECT_EQ(missing["storedName"], one.localFilename);
+    EXPECT_TRUE(missing["storedSize"].is_null());
+    EXPECT_TRUE(missing["storedProblem"].is_string());
+    EXPECT_EQ(missing["size"], 1);
+
+    RunResult absent = Run({"stat", dir, "HomeDomain", "Library/nothing"});
+    EXPECT_EQ(absent.status, 1);
+    EXPECT_TRUE(Contains(absent.err, "Library/nothing")) << absent.err;
+}
+
+// ---- find ----
+
+using Find = LookingInsideTest;
+
+TEST_F(Find, PatternsDomainsAndTypes) {
+    BuiltBackup built = BuildBackup(work_ / "b", {.items = SampleItems()});
+    const std::string dir = built.directory.string();
+    auto names = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"find", dir});
+        args.push_back("--json");
+        return Names(RunJson(args));
+    };
+    using V = std::vector<std::string>;
+    EXPECT_EQ(names({"*.bin"}), V({"HomeDomain/Library/Preferences/block-and-one.bin", "HomeDomain/Library/Preferences/block.bin"}));
+    // A pattern is over "domain/path", and an entry matching any of several is listed once.
+    EXPECT_EQ(names({"App*/*.db", "*/large.*"}), V({"AppDomain-com.example.notes/Documents/large.db"}));
+    EXPECT_EQ(names({"*.BIN"}), V());
+    EXPECT_EQ(names({"*.BIN", "-i"}).size(), 2u);
+    EXPECT_EQ(names({"--type", "d", "--domain", "App*"}),
+              V({"AppDomain-com.example.notes/", "AppDomain-com.example.notes/Documents"}));
+    EXPECT_EQ(names({"--type", "l"}), V({"HomeDomain/Library/Prefs"}));
+    EXPECT_EQ(names({"--type", "symlink", "--type", "file", "--domain", "HomeDomain", "*/Pref?"}),
+              V({"HomeDomain/Library/Prefs"}));
+    EXPECT_EQ(names({"--domain", "NoSuchDomain"}), V());
+}
+
+TEST_F(Find, SizesAndDates) {
+    BuiltBackup built = BuildBackup(work_ / "b", {.items = SampleItems()});
+    const std::string dir = built.directory.string();
+    auto names = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {"find", dir});
+        args.push_back("--json");
+        return Names(RunJson(args));
+    };
+    using V = std::vector<std::string>;
+    // Sizes are 0, 1, 16, 17 and 100,000 bytes; bounds are inclusive and only files have a size.
+    EXPECT_EQ(names({"--min-size", "16", "--max-size", "17"}),
+              V({"HomeDomain/Library/Preferences/block-and-one.bin", "HomeDomain/Library/Preferences/block.bin"}));
+    EXPECT_EQ(names({"--min-size", "97k"}), V({"AppDomain-com.example.notes/Documents/large.db"}));
+    EXPECT_EQ(names({"--min-size", "98k"}), V());  // 98 KiB is 100,352 bytes
+    EXPECT_EQ(names({"--max-size", "0"}), V({"HomeDomain/Library/Preferences/empty.plist"}));
+    // The large file was modified on 2020-09-13 12:26:40 UTC, everything else at the backup's date.
+    EXPECT_EQ(names({"--older", "2021-01-01"}), V({"AppDomain-com.example.notes/Documents/large.db"}));
+    EXPECT_EQ(names({"--older", "2020-09-13 12:26"}), V());
+    EXPECT_EQ(names({"--newer", "2020-09-13T12:26:39", "--older", "@1600000001"}),
+              V({"AppDomain-com.example.notes/Documents/large.db"}));
+    EXPECT_EQ(names({"--newer", "@1600000000"}).size(), 10u);
+}
+
+// What find prints is what ls prints, for the same entries, in every format.
+TEST_F(Find, PrintsWhatLsPrints) {
+    std::vector<BackupItem> items = SampleItems();
+    items.push_back(BackupItem::File("HomeDomain", "Library/Preferences/say \"hi\"\nthere.txt", std::string_view("x")));
+    BuiltBackup built = BuildBackup(work_ / "b", {.items = items});
+    const std::string dir = built.directory.string();
+    for (const char* format : {"--json", "--jsonl", "-l"}) {
+        SCOPED_TRACE(format);
+        RunResult ls = Run({"ls", dir, format});
+        RunResult find = Run({"find", dir, format});
+        ASSERT_EQ(ls.status, 0) << ls.err;
+        EXPECT_EQ(find.out, ls.out);
+    }
+    RunResult ls = Run({"ls", dir, "HomeDomain", "Library/Preferences", "-l"});
+    RunResult find = Run({"find", dir, "HomeDomain/Library/Preferences*", "-l"});
+    EXPECT_EQ(find.out, ls.out);
+}
+
+// Conditions are checked before the backup is opened: a mistake costs no password and no load.
+TEST_F(Find, RefusesConditionsItCannotRead) {
+    for (const std::vector<std::string>& options :
+         {std::vector<std::string>{"--type", "socket"}, {"--min-size", "5q"}, {"--max-size", "-1"},
+          {"--newer", "yesterday"}, {"--older", "@soon"}, {"--json", "--jsonl"}}) {
+        std::vector<std::string> args = {"find", (work_ / "no-such-backup").string()};
+        args.insert(args.end(), options.begin(), options.end());
+        RunResult r = Run(args);
+        EXPECT_EQ(r.status, 2) << options[0] << ": " << r.err;
+        EXPECT_TRUE(Contains(r.err, options[0])) << r.err;
+    }
+}
+
+// ---- domains ----
+
+using Domains = LookingInsideTest;
+
+TEST_F(Domains, CountsEachDomainAndTheAppsWithData) {
+    std::vector<BackupItem> items = SampleItems();
+    items.push_back(BackupItem::Directory("AppDomainPlugin-com.example.notes.widget", ""));
+    items.push_back(BackupItem::File("AppDomainPlugin-com.example.notes.widget", "Library/w.plist", std::string_view("12345")));
+    items.push_back(BackupItem::Directory("AppDomain-com.example.empty", ""));
+    items.push_back(BackupItem::Directory("AppDomain-com.example.empty", "Library"));
+    items.push_back(BackupItem::Directory("AppDomainGroup-group.com.example", ""));
+    items.push_back(BackupItem::File("AppDomainGroup-group.com.example", "shared.db", std::string_view("abc")));
+    BuiltBackup built = BuildBackup(work_ / "b", {.items = items, .encrypted = true});
+
+    json out = RunJson({"domains", built.directory.string(), "--json"}, "password");
+    std::map<std::string, json> byName;
+    for (const json& d : out["domains"]) byName[d["domain"]] = d;
+    ASSERT_EQ(byName.size(), 5u);
+    EXPECT_EQ(byName["HomeDomain"], json({{"domain", "HomeDomain"}, {"files", 4}, {"directories", 3}, {"symlinks", 1}, {"size", 34}}));
+    EXPECT_EQ(byName["AppDomain-com.example.notes"]["size"], 100000);
+    EXPECT_EQ(byName["AppDomain-com.example.empty"]["files"], 0);
+    EXPECT_EQ(out["total"]["files"], 7);
+    EXPECT_EQ(out["total"]["size"], 100000 + 34 + 5 + 3);
+
+    // The empty app has no data and the group is no app; the widget counts with its app.
+    ASSERT_EQ(out["apps"].size(), 1u) << out["apps"].dump();
+    const json& notes = out["apps"][0];
+    EXPECT_EQ(notes["bundleID"], "com.example.notes");
+    EXPECT_EQ(notes["files"], 2);
+    EXPECT_EQ(notes["size"], 100005);
+    EXPECT_EQ(notes["domains"], json({"AppDomain-com.example.notes", "AppDomainPlugin-com.example.notes.widget"}));
+
+    RunResult text = Run({"domains", built.directory.string()}, "password");
+    ASSERT_EQ(text.status, 0) << text.err;
+    EXPECT_TRUE(Contains(text.out, "Apps with data: 1")) << text.out;
+    EXPECT_TRUE(Contains(text.out, "5 domains, 7 files")) << text.out;
+}
+
+// ---- ls ----
+
+using LsJsonLines = LookingInsideTest;
+
+// JSON lines hold the same objects as the JSON array, one complete object per line, names with
+// quotes and line breaks escaped.
+TEST_F(LsJsonLines, HoldTheObjectsOfTheArrayOnePerLine) {
+    std::vector<BackupItem> items = SampleItems();
+    items.push_back(BackupItem::File("HomeDomain", "Library/Preferences/say \"hi\"\nthere.txt", std::string_view("x")));
+    BuiltBackup built = BuildBackup(work_ / "b", {.items = items});
+    json array = RunJson({"ls", built.directory.string(), "--json"});
+    RunResult lines = Run({"ls", built.directory.string(), "--jsonl"});
+    ASSERT_EQ(lines.status, 0) << lines.err;
+    std::vector<std::string> each = Lines(lines.out);
+    ASSERT_EQ(each.size(), array.size());
+    for (size_t i = 0; i < each.size(); ++i) EXPECT_EQ(json::parse(each[i]), array[i]) << each[i];
+    EXPECT_TRUE(Contains(lines.out, R"(say \"hi\"\nthere.txt)")) << lines.out;
+
+    RunResult none = Run({"ls", built.directory.string(), "NoSuchDomain", "--jsonl"});
+    EXPECT_EQ(none.status, 1);
+    EXPECT_TRUE(none.out.empty());
+}
+
+// ---- csv ----
+
+using Csv = LookingInsideTest;
+
+std::vector<BackupItem> ItemsWithAwkwardNames() {
+    std::vector<BackupItem> items = SampleItems();
+    items.push_back(BackupItem::File("HomeDomain", "Library/Preferences/say \"hi\", twice\r\nthen \"\"bye\"\".txt", std::string_view("x")));
+    items.push_back(BackupItem::Symlink("HomeDomain", "Library/comma,link", "a \"quoted\" target"));
+    return items;
+}
+
+// Values with quotes, commas and line breaks come back whole from a reader that follows the RFC,
+// from every kind of source: a folder, its Manifest.db, a zip and an encrypted backup.
+TEST_F(Csv, EveryRowReadsBackWholeFromEverySource) {
+    BuiltBackup plain = BuildBackup(work_ / "plain", {.items = ItemsWithAwkwardNames()});
+    BuiltBackup encrypted = BuildBackup(work_ / "enc", {.items = ItemsWithAwkwardNames(), .encrypted = true});
+    const std::string zip = ZipOfBackup(plain).string();
+    RunResult folder = Run({"csv", plain.directory.string()});
+    ASSERT_EQ(folder.status, 0) << folder.err;
+    EXPECT_EQ(Run({"csv", (plain.directory / "Manifest.db").string()}).out, folder.out);
+    EXPECT_EQ(Run({"csv", zip}).out, folder.out);
+
+    for (const BuiltBackup* built : {&plain, &encrypted}) {
+        RunResult r = Run({"csv", built->directory.string()}, built == &encrypted ? "password" : "");
+        ASSERT_EQ(r.status, 0) << r.err;
+        std::vector<std::vector<std::string>> rows = ReadCsv(r.out);
+        ASSERT_EQ(rows.size(), built->items.size() + 1);
+        EXPECT_EQ(rows[0][0], "fileID");
+        EXPECT_EQ(rows[0][17], "extendedAttributes");
+        std::map<std::string, std::vector<std::string>> byID;
+        for (const auto& row : rows) {
+            ASSERT_EQ(row.size(), 18u);
+            byID[row[0]] = row;
+        }
+        const BuiltItem& odd = built->Item("HomeDomain", "Library/Preferences/say \"hi\", twice\r\nthen \"\"bye\"\".txt");
+        ASSERT_TRUE(byID.count(odd.fileID));
+        EXPECT_EQ(byID[odd.fileID][2], odd.relativePath);
+        EXPECT_EQ(byID[odd.fileID][15], "1");
+        EXPECT_EQ(byID[built->Item("HomeDomain", "Library/comma,link").fileID][5], "a \"quoted\" target");
+        EXPECT_EQ(byID[odd.fileID][7].empty(), built == &plain);  // only an encrypted backup's files have keys
+    }
+    EXPECT_EQ(Run({"csv", encrypted.directory.string()}).status, 3);
+}
+
+// --exact is the library's listing byte for byte; the default listing holds the same values.
+TEST_F(Csv, ExactIsTheLibrarysListingAndTheValuesAgree) {
+    BuiltBackup built = BuildBackup(work_ / "plain", {.items = SampleItems()});
+    const fs::path database = built.directory / "Manifest.db";
+    CFErrorRef error = nullptr;
+    CF::String listing = CF::String::Adopt(Quiver::QVManifestDBCopyCSVRepresentation(CF::String(database.string()).get(), &error));
+    ASSERT_TRUE(listing) << CF::Error::Adopt(error).Text();
+    for (const fs::path& source : {database, built.directory}) {
+        RunResult exact = Run({"csv", source.string(), "--exact"});
+        ASSERT_EQ(exact.status, 0) << exact.err;
+        EXPECT_EQ(exact.out, listing.utf8() + "\n");
+    }
+    // Rows whose values hold no quote or line break split plainly in the library's listing; an entry
+    // without attributes is "" in the CSV where the library shows an empty dictionary.
+    std::map<std::string, std::vector<std::string>> rfc;
+    for (const auto& row : ReadCsv(Run({"csv", database.string()}).out)) rfc[row[0]] = row;
+    size_t compared = 0;
+    for (std::vector<std::string> row : ReadExactListing(listing.utf8())) {
+        if (row.size() != 18) continue;
+        if (row[17] == "{}") row[17].clear();
+        EXPECT_EQ(rfc[row[0]], row);
+        ++compared;
+    }
+    EXPECT_EQ(compared, built.items.size());  // the large file's attributes span lines: the header counts instead
+    EXPECT_TRUE(Contains(rfc[built.Item("AppDomain-com.example.notes", "Documents/large.db").fileID][17], "com.example.tag"));
+
+    BuiltBackup encrypted = BuildBackup(work_ / "enc", {.items = SampleItems(), .encrypted = true});
+    RunResult refused = Run({"csv", encrypted.directory.string(), "--exact"}, "password");
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_TRUE(refused.out.empty());
+}
+
+// The real iOS 14 manifest, when it is there: values with double quotes among its 3,721 rows.
+TEST_F(Csv, TheRealManifestReadsRowByRow) {
+    const fs::path database = fs::path(QUIVER_REALDATA) / "mvt-ios-backup" / "backup" / "Manifest.db";
+    if (!fs::is_regular_file(database)) GTEST_SKIP() << "no real manifest at " << database;
+    RunResult r = Run({"csv", database.string()});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::vector<std::string>> rows = ReadCsv(r.out);
+    ASSERT_EQ(rows.size(), 3722u);
+    size_t quoted = 0;
+    for (const auto& row : rows) {
+        ASSERT_EQ(row.size(), 18u);
+        quoted += std::any_of(row.begin(), row.end(), [](const std::string& v) { return Contains(v, "\""); });
+    }
+    EXPECT_GT(quoted, 0u);
+}
+
+// The real iOS 14 manifest, when it is there: every entry's stat reads, and find over it lists what
+// ls lists.
+TEST_F(Find, TheRealManifestListsAsLsDoes) {
+    const fs::path backup = fs::path(QUIVER_REALDATA) / "mvt-ios-backup" / "backup";
+    if (!fs::is_regular_file(backup / "Manifest.db")) GTEST_SKIP() << "no real manifest at " << backup;
+    RunResult ls = Run({"ls", backup.string(), "--jsonl"});
+    RunResult find = Run({"find", backup.string(), "--jsonl", "*"});
+    ASSERT_EQ(ls.status, 0) << ls.err;
+    EXPECT_EQ(Lines(ls.out).size(), 3721u);
+    EXPECT_EQ(find.out, ls.out);
+    json domains = RunJson({"domains", backup.string(), "--json"});
+    EXPECT_GT(domains["apps"].size(), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,138 @@
+// Entry listings shared by `ls` and `find`: one place decides what a line or a JSON object of an
+// entry holds, so that the two commands print the same thing and scripts can feed one's output where
+// the other's went.
+//
+// JSON objects are put together by hand rather than through a document per entry: a listing of a few
+// hundred thousand entries would otherwise cost more memory than the manifest itself.
+#include <unistd.h>
+
+#include <algorithm>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "Tool.hpp"
+
+using namespace Quiver;
+using nlohmann::json;
+
+namespace QuiverTool {
+
+namespace {
+
+constexpr size_t kChunk = 65536;
+
+// Names rarely need escaping, so the JSON library is asked only for those that do.
+void AppendJsonString(std::string& out, std::string_view text) {
+    const bool plain = std::none_of(text.begin(), text.end(), [](char c) {
+        const auto u = static_cast<unsigned char>(c);
+        return c == '"' || c == '\\' || u < 0x20 || u >= 0x80;
+    });
+    if (!plain) {
+        out += JsonString(text);
+        return;
+    }
+    out += '"';
+    out += text;
+    out += '"';
+}
+
+// One entry as a JSON object, keys in alphabetical order: indented inside an array, or on one line.
+void AppendEntryJson(std::string& out, const Entry& e, bool oneLine) {
+    uint16_t mode = 0;
+    uint32_t uid = 0, gid = 0;
+    QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
+    const char* open = oneLine ? "{" : "  {\n";
+    const char* indent = oneLine ? "" : "    ";
+    const char* next = oneLine ? ", " : ",\n";
+    auto key = [&](const char* name) { fmt::format_to(std::back_inserter(out), "{}\"{}\": ", indent, name); };
+    auto number = [&](const char* name, auto value) {
+        key(name);
+        fmt::format_to(std::back_inserter(out), "{}{}", value, next);
+    };
+    out += open;
+    key("domain");
+    AppendJsonString(out, QVManifestEntryGetDomainUTF8(e));
+    out += next;
+    key("fileID");
+    AppendJsonString(out, QVManifestEntryCopyFileIDUTF8(e));
+    out += next;
+    number("gid", gid);
+    number("mode", mode);
+    number("mtime", EntryModifiedUnixTime(e));
+    key("path");
+    AppendJsonString(out, QVManifestEntryGetPathUTF8(e));
+    out += next;
+    number("protectionClass", ProtectionClassCode(QVManifestEntryGetProtectionClass(e)));
+    number("size", QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0);
+    key("target");
+    if (QVManifestEntryIsSymlink(e)) {
+        AppendJsonString(out, QVManifestEntryGetTargetUTF8(e));
+    } else {
+        out += "null";
+    }
+    out += next;
+    fmt::format_to(std::back_inserter(out), "{}\"type\": \"{}\"{}{}\"uid\": {}{}", indent, EntryTypeName(e), next,
+                   indent, uid, oneLine ? "}" : "\n  }");
+}
+
+}  // namespace
+
+std::string JsonString(std::string_view text) {
+    return json(std::string(text)).dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+ListingFormat ListingFormatOf(bool json, bool jsonLines, bool longFormat) {
+    if (json && jsonLines) throw Failure(kUsage, "give --json or --jsonl, not both");
+    if (json) return ListingFormat::Json;
+    if (jsonLines) return ListingFormat::JsonLines;
+    return longFormat ? ListingFormat::Long : ListingFormat::Names;
+}
+
+void EntryListing::Add(const Entry& e) {
+    switch (format_) {
+        case ListingFormat::Json:
+            text_ += count_ == 0 ? "[\n" : ",\n";
+            AppendEntryJson(text_, e, false);
+            break;
+        case ListingFormat::JsonLines:
+            AppendEntryJson(text_, e, true);
+            text_ += '\n';
+            break;
+        case ListingFormat::Names:
+        case ListingFormat::Long: {
+            // Names come from the backup: control characters are shown escaped, never sent to the terminal.
+            std::string name = Printable(QVManifestEntryGetPathUTF8(e));
+            const std::string domain = Printable(QVManifestEntryGetDomainUTF8(e));
+            if (QVManifestEntryIsDirectory(e)) name += "/";
+            if (format_ == ListingFormat::Long) {
+                uint16_t mode = 0;
+                uint32_t uid = 0, gid = 0;
+                QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
+                fmt::format_to(std::back_inserter(text_), "{} {:>5} {:>5} {:>10} {}  {}\t{}", ModeString(mode), uid, gid,
+                               QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0,
+                               LabelledTimeText(EntryModifiedUnixTime(e), local_), domain, name);
+                if (QVManifestEntryIsSymlink(e)) text_ += " -> " + Printable(QVManifestEntryGetTargetUTF8(e));
+            } else {
+                fmt::format_to(std::back_inserter(text_), "{}\t{}", domain, name);
+            }
+            text_ += '\n';
+            break;
+        }
+    }
+    ++count_;
+    Flush(kChunk);
+}
+
+void EntryListing::Flush(size_t atLeast) {
+    if (text_.size() < atLeast) return;
+    WriteAll(STDOUT_FILENO, text_);
+    text_.clear();
+}
+
+void EntryListing::Finish() {
+    if (format_ == ListingFormat::Json) text_ += count_ == 0 ? "[]\n" : "\n]\n";
+    Flush(0);
+}
+
+}  // namespace QuiverTool
