@@ -623,6 +623,11 @@ std::vector<std::string> QVBackupContainerCopyMissingMetadata(const Backup& back
     return backup->missingMetadata;
 }
 
+void QVBackupContainerSetExportPhaseFunction(const Backup& backup, std::function<void(const char* phase)> phase) {
+    QV_ASSERT(backup);
+    backup->exportPhase = std::move(phase);
+}
+
 std::vector<std::string> QVBackupContainerCopyUnreadableMetadata(const Backup& backup) {
     QV_ASSERT(backup);
     return backup->unreadableMetadata;

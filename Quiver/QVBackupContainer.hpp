@@ -54,6 +54,8 @@ public:
     // Metadata files that are there but are no property list: read as empty, and counted as missing.
     std::vector<std::string> unreadableMetadata;
     std::vector<std::string> loadWarnings;
+    // Told what an export of this container turns to: "files", "manifest", then "metadata".
+    std::function<void(const char* phase)> exportPhase;
 };
 
 namespace Quiver {
@@ -156,6 +158,10 @@ QV_EXPORT unsigned char QVBackupContainerRemovePath(const Backup& backup, CFStri
 // ---- Export ----
 
 using ExportProgress = std::function<void(double fraction)>;
+// Tells `phase` what each export of the container turns to, in order: "files" (the stored files, which
+// the fraction counts), "manifest" (the manifest, made and written), "metadata" (the three property
+// lists). Null stops the telling.
+QV_EXPORT void QVBackupContainerSetExportPhaseFunction(const Backup& backup, std::function<void(const char* phase)> phase);
 // Writes the container, edits included, as a new backup directory; 1 when every file was written.
 // The backup is written under QVBackupContainerPartialPath(destination) and renamed to destination
 // only when whole, so the destination is a whole backup or absent: an existing path is never written

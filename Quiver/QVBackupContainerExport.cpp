@@ -130,8 +130,16 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
     // "/" is this platform's separator: the two-character directory then holds the file.
     CF::Array names = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
     Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
+    const char* phase = nullptr;
     for (CFTypeRef item : names) {
         auto name = CF::String::Retain(static_cast<CFStringRef>(item));
+        // Stored files come first, then the manifest (made here, which takes a while), then metadata.
+        const std::string text = name.utf8();
+        const char* now = text == "Manifest.db" || text == "Manifest.mbdb" ? "manifest"
+                          : IsReservedName(name.get())                      ? "metadata"
+                                                                            : "files";
+        if (now != phase && backup->exportPhase) backup->exportPhase(now);
+        phase = now;
         CFErrorRef loadError = nullptr;
         auto file = QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
         // A failure says which file of the backup it is about, and which entry when it is a stored file.

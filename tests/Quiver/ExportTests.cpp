@@ -88,7 +88,11 @@ TEST_F(ExportTest, ZipStoresWhatDoesNotCompressAndDeflatesTheRest) {
     Backup source = open(built.directory, nullptr, false);
     ASSERT_TRUE(source);
     const fs::path zip = root / "out.zip";
+    // The phases come once each, in the order in which the names are written.
+    std::vector<std::string> phases;
+    QVBackupContainerSetExportPhaseFunction(source, [&](const char* phase) { phases.emplace_back(phase); });
     ASSERT_EQ(QVBackupContainerExportToZip(source, CF::String(zip.string()).get(), nullptr), 1);
+    EXPECT_EQ(phases, (std::vector<std::string>{"files", "manifest", "metadata"}));
     std::map<std::string, unsigned long> methods;
     unzFile z = unzOpen64(zip.c_str());
     ASSERT_NE(z, nullptr);

@@ -45,9 +45,17 @@ void WriteBackup(const Backup& backup, const std::string& destination, bool zip)
     RemoveOnSignal removeIfInterrupted(QVBackupContainerPartialPath(target.get()));
     Progress progress(zip ? "Writing the zip file" : "Writing the backup");
     ExportProgress report = [&](double fraction) { progress.Update(fraction); };
+    // The label says what is being written; the manifest of a large backup takes a while at the end.
+    QVBackupContainerSetExportPhaseFunction(backup, [&](const char* phase) {
+        const std::string what = std::string(phase) == "files"      ? "the stored files"
+                                 : std::string(phase) == "manifest" ? "the manifest"
+                                                                    : "the metadata";
+        progress.SetLabel(fmt::format("Writing {} of {}", what, zip ? "the zip file" : "the backup"));
+    });
     CFErrorRef error = nullptr;
     const bool written = zip ? QVBackupContainerExportToZip(backup, target.get(), report, &error)
                              : QVBackupContainerExportToDirectory(backup, target.get(), report, &error);
+    QVBackupContainerSetExportPhaseFunction(backup, nullptr);
     progress.Finish();
     CF::Error failure = CF::Error::Adopt(error);
     if (!written) {
