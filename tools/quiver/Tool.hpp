@@ -56,6 +56,7 @@ void AddListCommand(CLI::App& app, const GlobalOptions& options, Action& action)
 void AddReadCommands(CLI::App& app, const GlobalOptions& options, Action& action);     // cat, extract
 void AddWriteCommands(CLI::App& app, const GlobalOptions& options, Action& action);    // export, edit, sample
 void AddVerifyCommand(CLI::App& app, const GlobalOptions& options, Action& action);    // verify
+void AddConvertCommands(CLI::App& app, const GlobalOptions& options, Action& action);  // passwd, decrypt, encrypt
 
 // ---- Backups (Backup.cpp) ----
 
@@ -82,6 +83,8 @@ private:
 // Whether --password-file or QUIVER_PASSWORD gives a password (a prompt is not asked here). Throws
 // Failure(3) for a password file that cannot be read.
 bool PasswordGiven(const GlobalOptions& options);
+// The password that --password-file or QUIVER_PASSWORD gives, if any; the same failures.
+std::optional<std::string> GivenPassword(const GlobalOptions& options);
 
 // ---- Finding backups (List.cpp) ----
 
