@@ -101,12 +101,11 @@ uint32_t bigEndian32(const std::vector<uint8_t>& value) {
 // that the new key bag says the same of them.
 std::vector<uint32_t> deviceMarkedClasses(const MB::KeyBag& keyBag) {
     std::vector<uint32_t> marked;
-    std::optional<uint32_t> current;
+    uint32_t current = 0;  // no class yet: classes start at 1
     for (const auto& [tag, value] : keyBag.GetRaw()) {
-        if (tag == "UUID") current.reset();
+        if (tag == "UUID") current = 0;
         if (tag == "CLAS") current = bigEndian32(value);
-        if (tag == "WRAP" && current && (bigEndian32(value) & 1u) != 0 && (bigEndian32(value) & 2u) != 0)
-            marked.push_back(*current);
+        if (tag == "WRAP" && current != 0 && bigEndian32(value) == 3) marked.push_back(current);
     }
     return marked;
 }
@@ -362,6 +361,9 @@ bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destinat
         std::vector<Entry> leftOut;
         for (size_t i = 0; i < entries.size(); ++i) {
             const Entry& target = copies[i];
+            // Manifest.mbdb has no type of its own (the mode says it); a Manifest.db row must carry one.
+            if (target->fileType == 0)
+                target->fileType = QVManifestEntryIsFile(target) ? 1 : QVManifestEntryIsDirectory(target) ? 2 : 4;
             if (!QVManifestEntryIsFile(entries[i])) continue;
             if (!plaintexts[i]) {
                 leftOut.push_back(target);

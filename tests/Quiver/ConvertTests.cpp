@@ -112,7 +112,8 @@ protected:
             Entry other = QVBackupContainerGetEntryForPath(b, QVManifestEntryGetDomain(e), QVManifestEntryGetPath(e));
             ASSERT_TRUE(other) << to_string(e);
             EXPECT_EQ(other->mode, e->mode);
-            EXPECT_EQ(other->fileType, e->fileType);
+            EXPECT_EQ(QVManifestEntryIsFile(other), QVManifestEntryIsFile(e));
+            EXPECT_EQ(QVManifestEntryIsDirectory(other), QVManifestEntryIsDirectory(e));
             EXPECT_EQ(other->lastModified, e->lastModified);
             EXPECT_EQ(other->protectionClass, e->protectionClass);
             EXPECT_EQ(other->target(), e->target());
