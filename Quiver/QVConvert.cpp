@@ -173,10 +173,10 @@ void writeCopy(const Backup& copy, CFStringRef destination, const QVConversionOp
     if (!written) throw CF::Error::Adopt(error);
 }
 
-// The check takes the first half of the progress, the writing the second.
-std::function<void(double)> half(const ExportProgress& progress, double start) {
-    return [progress, start](double fraction) {
-        if (progress) progress(start + fraction / 2);
+// One step's share of the progress: from start, width of the whole.
+std::function<void(double)> share(const ExportProgress& progress, double start, double width) {
+    return [progress, start, width](double fraction) {
+        if (progress) progress(start + fraction * width);
     };
 }
 
@@ -276,7 +276,7 @@ bool QVBackupContainerExportDecrypted(const Backup& backup, CFStringRef destinat
             throw Error(QVErrorNotEncrypted, CF::Error(), "The backup is not encrypted; export it instead");
         const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
         size_t failures = 0;
-        const auto plaintexts = readEveryFile(backup, entries, problems, half(progress, 0), failures);
+        const auto plaintexts = readEveryFile(backup, entries, problems, share(progress, 0, 0.5), failures);
         if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
 
         Backup copy = QVBackupContainerCreateCopy(backup);
@@ -317,7 +317,7 @@ bool QVBackupContainerExportDecrypted(const Backup& backup, CFStringRef destinat
         copy->manifestDict.Remove("BackupKeyBag");
         copy->manifestDict.Remove("ManifestKey");
         copy->manifestDict.Set("IsEncrypted", kCFBooleanFalse);
-        writeCopy(copy, destination, options, half(progress, 0.5));
+        writeCopy(copy, destination, options, share(progress, 0.5, 0.5));
         return true;
     });
 }
@@ -336,7 +336,7 @@ bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destinat
                         "The backup is encrypted already; give it a new password instead");
         const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
         size_t failures = 0;
-        const auto plaintexts = readEveryFile(backup, entries, problems, half(progress, 0), failures);
+        const auto plaintexts = readEveryFile(backup, entries, problems, share(progress, 0, 1.0 / 3), failures);
         if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
 
         MB::KeyBag::Parameters shape;
@@ -359,6 +359,9 @@ bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destinat
         const std::vector<Entry> copies = QVManifestGetEntries(copy->manifest);
         QV_ASSERT(copies.size() == entries.size());
         std::vector<Entry> leftOut;
+        const auto keysProgress = share(progress, 1.0 / 3, 1.0 / 3);
+        const double total = std::max<double>(1.0, static_cast<double>(QVManifestGetTotalFileSize(backup->manifest)));
+        double keyed = 0;
         for (size_t i = 0; i < entries.size(); ++i) {
             const Entry& target = copies[i];
             // Manifest.mbdb has no type of its own (the mode says it); a Manifest.db row must carry one.
@@ -379,10 +382,13 @@ bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destinat
             target->external = true;
             target->SetTexts({{QVManifestEntryClass::kEncryptionKey, {}}, {QVManifestEntryClass::kDigest, {}}});
             if (target->protectionClass == EntryProtectionClassNotSet) target->protectionClass = EntryProtectionClassNone;
+            // The new key's ciphertext is read once here for the digest the record keeps.
             if (!QVManifestEntryGenerateFileKey(target, encryption, &fileError)) throw CF::Error::Adopt(fileError);
+            keyed += static_cast<double>(plaintexts[i]->length);
+            keysProgress(std::min(1.0, keyed / total));
         }
         if (!leftOut.empty()) QVManifestRemoveEntries(copy->manifest, leftOut);
-        writeCopy(copy, destination, options, half(progress, 0.5));
+        writeCopy(copy, destination, options, share(progress, 2.0 / 3, 1.0 / 3));
         return true;
     });
 }

@@ -388,6 +388,18 @@ TEST_F(ConvertTest, RealIOS9BackupDecryptsToItsAnswersAndTakesANewPassword) {
     }
     EXPECT_EQ(matched, 320);
 
+    // Encrypted again, it is a backup of the newest generation that reads to the same answers.
+    Backup plainSource = open(root / "plain", nullptr, &failure);
+    ASSERT_TRUE(plainSource) << failure.Text();
+    ASSERT_TRUE(encrypt(plainSource, root / "enc", "again", {}, &failure)) << failure.Text();
+    const IndependentBackup encrypted = ReadBackupIndependently(root / "enc", "again");
+    EXPECT_TRUE(encrypted.manifestEnciphered);
+    EXPECT_EQ(encrypted.manifestName, "Manifest.db");
+    size_t same = 0;
+    for (const IndependentEntry& e : encrypted.entries)
+        if (e.kind == IndependentEntry::Kind::File) same += decrypted.at(e.fileID) == sha256(e.plaintext);
+    EXPECT_EQ(same, 320u);
+
     // A copy outside the project; the real folder is never written.
     fs::copy(real / "backup", root / "copy", fs::copy_options::recursive);
     ASSERT_TRUE(passwd(root / "copy", "20201225", "changed", &failure)) << failure.Text();
