@@ -94,6 +94,12 @@ TEST_F(ConvertToolTest, PasswdChangesNothingWithoutTheRightPasswords) {
     r = Run({"passwd", built.directory.string(), "--new-password", "x"}, {{"QUIVER_PASSWORD", "password"}}, true);
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(SnapshotTree(built.directory), before);
+
+    // A plain backup has no password to change, and none is asked for.
+    const BuiltBackup plain = Build("plain", false);
+    r = Run({"passwd", plain.directory.string()}, {{"QUIVER_NEW_PASSWORD", "x"}}, true);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(Contains(r.err, "not encrypted")) << r.err;
 }
 
 TEST_F(ConvertToolTest, EncryptThenDecryptGivesThePlainFilesBack) {

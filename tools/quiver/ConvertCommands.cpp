@@ -38,8 +38,10 @@ struct PasswordOptions {
 void AddPasswordOptions(CLI::App* command, PasswordOptions& o) {
     command->add_option("--new-password-file", o.newPasswordFile, "Read the new password from FILE")->type_name("FILE");
     command->add_option("--iterations", o.iterations, "Rounds of the first (SHA-256) derivation pass; iOS uses 10000000")
+        ->type_name("N")
         ->check(CLI::Range(1u, 100'000'000u));
     command->add_option("--sha1-iterations", o.sha1Iterations, "Rounds of the second (SHA-1) derivation pass; iOS uses 10000")
+        ->type_name("N")
         ->check(CLI::Range(1u, 100'000'000u));
 }
 
@@ -112,6 +114,13 @@ int RunPasswd(const PasswdOptions& o, const GlobalOptions& global) {
                                             "(export it to one, or decrypt and encrypt it)",
                                             o.backup));
     RefuseFolderOfBackups(o.backup);
+    // Said before any password is asked for, which a plain backup does not have.
+    Quiver::QVBackupMetadata metadata;
+    CFErrorRef metadataError = nullptr;
+    if (QVBackupContainerCopyMetadata(CF::String(o.backup).get(), QVDataSourceTypeDirectory, &metadata, &metadataError) &&
+        metadata.manifest.Get("IsEncrypted") != kCFBooleanTrue)
+        throw Failure(kFailure, fmt::format("{} is not encrypted; `quiver encrypt` writes an encrypted copy", o.backup));
+    if (metadataError) CFRelease(metadataError);
     const std::string current = CurrentPassword(o.backup, global);
     const std::string fresh = NewPassword(o.password);
     Progress progress("Deriving the keys");
