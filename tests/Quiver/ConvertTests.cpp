@@ -11,6 +11,9 @@
 #include <set>
 #include <sstream>
 
+#include <signal.h>
+#include <sys/resource.h>
+
 #include "Quiver/MB/KeyBag.hpp"
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVConvert.hpp"
@@ -174,6 +177,30 @@ TEST_F(ConvertTest, NewPasswordIsRefusedWithoutChangingAnything) {
     const BuiltBackup plain = build("p", "3.3", false);
     EXPECT_FALSE(passwd(plain.directory, "password", "new", &failure));
     EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
+}
+
+// A Manifest.plist that cannot be written whole (here a file-size limit) leaves the old one in place
+// and nothing beside it: the backup still opens with the old password.
+TEST_F(ConvertTest, NewPasswordThatCannotBeWrittenLeavesTheOldManifestPlist) {
+    const BuiltBackup built = build("b", "3.3", true);
+    const auto before = SnapshotTree(built.directory);
+    const auto size = static_cast<rlim_t>(fs::file_size(built.directory / "Manifest.plist"));
+    auto changeWithLimit = [&] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{size / 2, size / 2};
+        if (setrlimit(RLIMIT_FSIZE, &limit) != 0) std::_Exit(10);
+        CF::Error failure;
+        if (passwd(built.directory, "password", "new", &failure)) std::_Exit(11);
+        if (ErrorContextValue(failure, kQVErrorBackupFileKey) != "Manifest.plist") std::_Exit(12);
+        std::_Exit(0);
+    };
+    EXPECT_EXIT(changeWithLimit(), ::testing::ExitedWithCode(0), "");
+    auto after = SnapshotTree(built.directory);
+    after.erase("");  // the folder's time records the temporary file that came and went
+    auto expected = before;
+    expected.erase("");
+    EXPECT_EQ(after, expected);
+    EXPECT_TRUE(open(built.directory, "password"));
 }
 
 // ---- Decrypting ----
