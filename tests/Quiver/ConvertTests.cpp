@@ -240,18 +240,6 @@ TEST_P(EachGeneration, DecryptedBackupIsPlainAsADeviceWritesIt) {
     expectSameEntries(source, reopened);
 }
 
-TEST_F(ConvertTest, DecryptedZipReadsTheSame) {
-    const BuiltBackup built = build("b", "3.3", true);
-    Backup source = open(built.directory, "password");
-    ASSERT_TRUE(source);
-    CF::Error failure;
-    ASSERT_TRUE(decrypt(source, root / "plain.zip", {true, false}, nullptr, &failure)) << failure.Text();
-    Backup reopened = open(root / "plain.zip", nullptr, &failure, true);
-    ASSERT_TRUE(reopened) << failure.Text();
-    EXPECT_FALSE(QVBackupContainerIsEncrypted(reopened));
-    expectSameEntries(source, reopened);
-}
-
 TEST_F(ConvertTest, DamagedFilesStopTheDecryptionUnlessLeftOut) {
     const BuiltBackup built = build("b", "3.3", true);
     const BuiltItem& gone = built.Item("AppDomain-com.example.notes", "Documents/large.db");
@@ -282,16 +270,6 @@ TEST_F(ConvertTest, DamagedFilesStopTheDecryptionUnlessLeftOut) {
     expected.erase("AppDomain-com.example.notes Documents/large.db");
     expected.erase("HomeDomain Library/Preferences/block-and-one.bin");
     EXPECT_EQ(plaintexts(ReadBackupIndependently(root / "plain", "")), expected);
-}
-
-TEST_F(ConvertTest, DecryptingAPlainBackupIsRefused) {
-    const BuiltBackup built = build("b", "3.3", false);
-    Backup source = open(built.directory, nullptr);
-    ASSERT_TRUE(source);
-    CF::Error failure;
-    EXPECT_FALSE(decrypt(source, root / "out", {}, nullptr, &failure));
-    EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
-    EXPECT_FALSE(fs::exists(root / "out"));
 }
 
 // ---- Encrypting, and the round trips ----
@@ -356,13 +334,18 @@ TEST_F(ConvertTest, EncryptThenNewPasswordThenDecryptKeepsThePlaintext) {
     expectSameEntries(plain, back);
 }
 
-TEST_F(ConvertTest, EncryptingAnEncryptedBackupIsRefused) {
-    const BuiltBackup built = build("b", "3.3", true);
-    Backup source = open(built.directory, "password");
-    ASSERT_TRUE(source);
+// Each conversion refuses a backup that is already of the kind it makes, and writes nothing.
+TEST_F(ConvertTest, ConvertingToTheKindABackupIsAlreadyIsRefused) {
+    const BuiltBackup encryptedBuilt = build("e", "3.3", true);
+    const BuiltBackup plainBuilt = build("p", "3.3", false);
+    Backup encrypted = open(encryptedBuilt.directory, "password");
+    Backup plain = open(plainBuilt.directory, nullptr);
+    ASSERT_TRUE(encrypted && plain);
     CF::Error failure;
-    EXPECT_FALSE(encrypt(source, root / "out", "new", {}, &failure));
+    EXPECT_FALSE(encrypt(encrypted, root / "out", "new", {}, &failure));
     EXPECT_EQ(failure.Code(), QVErrorInvalidArgument);
+    EXPECT_FALSE(decrypt(plain, root / "out", {}, nullptr, &failure));
+    EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
     EXPECT_FALSE(fs::exists(root / "out"));
 }
 
