@@ -349,6 +349,45 @@ TEST_F(ConvertTest, ConvertingToTheKindABackupIsAlreadyIsRefused) {
     EXPECT_FALSE(fs::exists(root / "out"));
 }
 
+// ---- Real data ----
+
+// Each class's WRAP and KTYP as a key bag says them, in class order.
+std::map<uint32_t, std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> classMarks(const MB::KeyBag& keyBag) {
+    std::map<uint32_t, std::pair<std::vector<uint8_t>, std::vector<uint8_t>>> marks;
+    uint32_t current = 0;
+    for (const auto& [tag, value] : keyBag.GetRaw()) {
+        if (tag == "CLAS" && value.size() == 4) current = value[3];
+        if (tag == "WRAP" && current) marks[current].first = value;
+        if (tag == "KTYP" && current) marks[current].second = value;
+    }
+    return marks;
+}
+
+// Key bags that devices wrote (iOS 9, one pass) take a new password keeping every class key, its
+// marks and the key bag's version.
+TEST_F(ConvertTest, RealKeyBagsTakeANewPassword) {
+    const fs::path real = kRealData / "john-samples-manifests";
+    if (!fs::exists(real)) GTEST_SKIP() << "no real data at " << real;
+    for (const auto& [name, password] : {std::pair{"Manifest-9-test123.plist", "test123"},
+                                         std::pair{"Manifest-9-123456.plist", "123456"}}) {
+        SCOPED_TRACE(name);
+        const fs::path folder = root / name;
+        fs::create_directories(folder);
+        fs::copy_file(real / name, folder / "Manifest.plist");
+        const MB::KeyBag old(ReadPropertyList(folder / "Manifest.plist").Get<CF::Data>("BackupKeyBag"), password);
+        CF::Error failure;
+        ASSERT_TRUE(passwd(folder, password, "changed", &failure)) << failure.Text();
+        const MB::KeyBag fresh(ReadPropertyList(folder / "Manifest.plist").Get<CF::Data>("BackupKeyBag"), "changed");
+        EXPECT_EQ(fresh.GetUnlockedKeys(), old.GetUnlockedKeys());
+        EXPECT_EQ(classMarks(fresh), classMarks(old));
+        EXPECT_EQ(classMarks(old).size(), old.GetUnlockedKeys().size());
+        EXPECT_EQ(fresh.GetVersion(), old.GetVersion());
+        EXPECT_FALSE(fresh.GetManifestInfo().firstPass);
+        EXPECT_THROW(MB::KeyBag(ReadPropertyList(folder / "Manifest.plist").Get<CF::Data>("BackupKeyBag"), password),
+                     CF::Error);
+    }
+}
+
 // ---- The real iOS 9 backup ----
 
 std::string sha256(const std::vector<uint8_t>& bytes) {
