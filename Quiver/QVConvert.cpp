@@ -147,7 +147,8 @@ std::vector<std::optional<Plaintext>> readEveryFile(const Backup& backup, const 
             ++failures;
             if (problems)
                 problems({std::string(entry->domainText), std::string(entry->path()), entry->fileID(),
-                          ErrorContextValue(failure, kQVErrorCheckKey), failure.Text()});
+                          ErrorContextValue(failure, kQVErrorCheckKey),
+                          failure.Reason().empty() ? failure.Text() : failure.Reason()});
         }
         read += static_cast<double>(entry->size);
         if (progress) progress(std::min(1.0, read / total));
