@@ -2,7 +2,7 @@
 _quiver() {
     local cur prev words cword
     _init_completion || return
-    local commands="list info ls stat find domains cat extract export edit verify csv sample"
+    local commands="list info ls stat find domains cat extract export edit verify passwd decrypt encrypt csv sample"
     local global="-v --verbose --password-file --version --help"
     local command="" i
     for ((i = 1; i < cword; i++)); do
@@ -31,6 +31,9 @@ _quiver() {
         export) options="--zip --skip-damaged" ;;
         edit) options="--zip --replace-dir --skip-damaged --put --rm --mkdir --symlink" ;;
         verify) options="--quick --json" ;;
+        passwd) options="--new-password-file --iterations --sha1-iterations" ;;
+        decrypt) options="--zip --skip-damaged" ;;
+        encrypt) options="--zip --skip-damaged --new-password-file --iterations --sha1-iterations" ;;
         csv) options="--exact" ;;
         sample) options="--zip" ;;
     esac

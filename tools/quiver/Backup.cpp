@@ -202,6 +202,12 @@ void OpenBackup::Release() {
 
 bool PasswordGiven(const GlobalOptions& options) { return PasswordFromOptions(options).has_value(); }
 
+std::optional<std::string> GivenPassword(const GlobalOptions& options) {
+    std::optional<Password> given = PasswordFromOptions(options);
+    if (!given) return std::nullopt;
+    return given->text;
+}
+
 OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
     std::error_code ec;
     fs::file_status status = fs::status(path, ec);

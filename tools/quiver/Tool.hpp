@@ -57,6 +57,7 @@ void AddReadCommands(CLI::App& app, const GlobalOptions& options, Action& action
 void AddWriteCommands(CLI::App& app, const GlobalOptions& options, Action& action);    // export, edit, sample
 void AddVerifyCommand(CLI::App& app, const GlobalOptions& options, Action& action);    // verify
 void AddLookCommands(CLI::App& app, const GlobalOptions& options, Action& action);     // stat, find, domains
+void AddConvertCommands(CLI::App& app, const GlobalOptions& options, Action& action);  // passwd, decrypt, encrypt
 
 // ---- Backups (Backup.cpp) ----
 
@@ -83,6 +84,8 @@ private:
 // Whether --password-file or QUIVER_PASSWORD gives a password (a prompt is not asked here). Throws
 // Failure(3) for a password file that cannot be read.
 bool PasswordGiven(const GlobalOptions& options);
+// The password that --password-file or QUIVER_PASSWORD gives, if any; the same failures.
+std::optional<std::string> GivenPassword(const GlobalOptions& options);
 
 // ---- Finding backups (List.cpp) ----
 

@@ -77,6 +77,7 @@ int main(int argc, char** argv) {
     AddVerifyCommand(app, global, action);
     AddReadCommands(app, global, action);
     AddWriteCommands(app, global, action);
+    AddConvertCommands(app, global, action);
     const std::string footer = GlobalOptionsFooter(app);
     for (CLI::App* command : app.get_subcommands({})) command->footer(footer);
 

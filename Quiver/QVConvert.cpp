@@ -1,0 +1,397 @@
+// Conversions: a new password in place, and a backup written again encrypted or plain.
+//
+// Both conversions that write a new backup take a copy of the container, change its metadata, its
+// encryption and its entries, and hand it to the export, which writes it whole or not at all. Before
+// that, every file is read once through the checked reader: that pass finds what cannot be read before
+// anything is written, and yields each plaintext's length and digest, which a plain manifest records.
+#include "Quiver/QVConvert.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "Quiver/MB/KeyBag.hpp"
+#include "Quiver/MB/ManifestEncryption.hpp"
+#include "Quiver/QVError.hpp"
+#include "Quiver/QVExtract.hpp"
+#include "Quiver/QVLog.hpp"
+#include "Quiver/Support/File.hpp"
+#include "Quiver/Support/Hash.hpp"
+
+namespace fs = std::filesystem;
+
+namespace Quiver {
+
+namespace {
+
+// ---- A new password ----
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+    // Closes now and reports whether the close succeeded; a deferred write error shows only here.
+    bool close() {
+        const int fd = fd_;
+        fd_ = -1;
+        return ::close(fd) == 0;
+    }
+
+private:
+    int fd_;
+};
+
+CF::Error errnoFailure(int err, const std::string& what) {
+    return MakeErrnoError(err, fmt::format("{} ({})", what, std::strerror(err)));
+}
+
+// Replaces the file at path with bytes so that a crash at any moment leaves either the old file or
+// the new one whole: written beside it under another name, flushed, renamed over it, and the folder
+// flushed so that the rename itself survives.
+void replaceFileDurably(const fs::path& path, std::span<const uint8_t> bytes) {
+    struct stat old{};
+    const mode_t mode = ::stat(path.c_str(), &old) == 0 ? (old.st_mode & 07777) : 0644;
+    const fs::path temporary = path.parent_path() / fmt::format(".{}.{}.partial", path.filename().string(), ::getpid());
+    Descriptor out(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    if (out.get() < 0) throw errnoFailure(errno, fmt::format("Failed to create {}", temporary.string()));
+    struct Unlink {
+        const fs::path& path;
+        bool keep = false;
+        ~Unlink() {
+            if (!keep) ::unlink(path.c_str());
+        }
+    } unlinkUnlessDone{temporary};
+    ::fchmod(out.get(), mode);  // the umask must not narrow what the old file allowed
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t n = ::write(out.get(), bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) throw errnoFailure(n < 0 ? errno : EIO, fmt::format("Failed to write {}", temporary.string()));
+        done += static_cast<size_t>(n);
+    }
+    if (::fsync(out.get()) != 0) throw errnoFailure(errno, fmt::format("Failed to write {}", temporary.string()));
+    if (!out.close()) throw errnoFailure(errno, fmt::format("Failed to write {}", temporary.string()));
+    if (::rename(temporary.c_str(), path.c_str()) != 0)
+        throw errnoFailure(errno, fmt::format("Failed to replace {}", path.string()));
+    unlinkUnlessDone.keep = true;
+    const fs::path folder = path.parent_path().empty() ? fs::path(".") : path.parent_path();
+    Descriptor directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.get() >= 0 && ::fsync(directory.get()) != 0)
+        throw errnoFailure(errno, fmt::format("Failed to flush the folder {}", folder.string()));
+}
+
+uint32_t bigEndian32(const std::vector<uint8_t>& value) {
+    if (value.size() != 4) return 0;
+    return (uint32_t{value[0]} << 24) | (uint32_t{value[1]} << 16) | (uint32_t{value[2]} << 8) | uint32_t{value[3]};
+}
+
+// The classes that the key bag marks as wrapped with the device's key as well as the password, so
+// that the new key bag says the same of them.
+std::vector<uint32_t> deviceMarkedClasses(const MB::KeyBag& keyBag) {
+    std::vector<uint32_t> marked;
+    uint32_t current = 0;  // no class yet: classes start at 1
+    for (const auto& [tag, value] : keyBag.GetRaw()) {
+        if (tag == "UUID") current = 0;
+        if (tag == "CLAS") current = bigEndian32(value);
+        if (tag == "WRAP" && current != 0 && bigEndian32(value) == 3) marked.push_back(current);
+    }
+    return marked;
+}
+
+// ---- Writing a converted copy ----
+
+// What the checked read of one file found: its plaintext's length and SHA-1, or nothing when it
+// could not be read (reported).
+struct Plaintext {
+    uint64_t length = 0;
+    std::vector<uint8_t> digest;
+};
+
+std::vector<std::optional<Plaintext>> readEveryFile(const Backup& backup, const std::vector<Entry>& entries,
+                                                    const QVConversionProblemFunction& problems,
+                                                    const std::function<void(double)>& progress, size_t& failures) {
+    std::vector<std::optional<Plaintext>> result(entries.size());
+    const double total = std::max<double>(1.0, static_cast<double>(QVManifestGetTotalFileSize(backup->manifest)));
+    double read = 0;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const Entry& entry = entries[i];
+        if (!QVManifestEntryIsFile(entry)) continue;
+        Support::Hasher hasher(Support::HashAlgorithm::SHA1);
+        Plaintext plain;
+        CFErrorRef error = nullptr;
+        const bool ok = QVBackupContainerReadEntry(
+            backup, entry,
+            [&](const uint8_t* bytes, size_t length) {
+                hasher.Update(bytes, length);
+                plain.length += length;
+                return true;
+            },
+            nullptr, nullptr, &error);
+        if (ok) {
+            plain.digest = hasher.Finalize();
+            result[i] = std::move(plain);
+        } else {
+            const CF::Error failure = CF::Error::Adopt(error);
+            ++failures;
+            if (problems)
+                problems({std::string(entry->domainText), std::string(entry->path()), entry->fileID(),
+                          ErrorContextValue(failure, kQVErrorCheckKey),
+                          failure.Reason().empty() ? failure.Text() : failure.Reason()});
+        }
+        read += static_cast<double>(entry->size);
+        if (progress) progress(std::min(1.0, read / total));
+    }
+    return result;
+}
+
+// The error that stops a conversion before it writes anything because files could not be read.
+CF::Error unreadableFiles(size_t failures) {
+    return Error(QVErrorInvalidBackup, CF::Error(),
+                 fmt::format("{} {} could not be read; nothing was written (leave {} out to write the rest)", failures,
+                             failures == 1 ? "file" : "files", failures == 1 ? "it" : "them"));
+}
+
+void writeCopy(const Backup& copy, CFStringRef destination, const QVConversionOptions& options,
+               const std::function<void(double)>& progress) {
+    CFErrorRef error = nullptr;
+    const ExportProgress report = [&](double fraction) {
+        if (progress) progress(std::min(1.0, fraction));
+    };
+    const bool written = options.zip ? QVBackupContainerExportToZip(copy, destination, report, &error)
+                                     : QVBackupContainerExportToDirectory(copy, destination, report, &error);
+    if (!written) throw CF::Error::Adopt(error);
+}
+
+// One step's share of the progress: from start, width of the whole.
+std::function<void(double)> share(const ExportProgress& progress, double start, double width) {
+    return [progress, start, width](double fraction) {
+        if (progress) progress(start + fraction * width);
+    };
+}
+
+std::string_view asText(std::span<const uint8_t> bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+}  // namespace
+
+bool QVBackupChangePassword(CFStringRef directory, CFStringRef oldPassword, CFStringRef newPassword,
+                            const QVPasswordParameters& parameters, CFErrorRef* error) {
+    QV_ASSERT(directory);
+    return Boundary(error, [&]() -> bool {
+        const fs::path root(CF::UTF8(directory));
+        const std::string password = newPassword ? CF::UTF8(newPassword) : std::string();
+        if (password.empty()) throw Error(QVErrorInvalidArgument, CF::Error(), "The new password is empty");
+        std::error_code ec;
+        if (!fs::is_directory(root, ec))
+            throw Error(QVErrorInvalidArgument, CF::Error(),
+                        fmt::format("{} is not a backup directory; a zip file cannot be changed in place, export it "
+                                    "to a directory first",
+                                    root.string()));
+        const fs::path plistPath = root / "Manifest.plist";
+        if (!fs::is_regular_file(plistPath, ec))
+            throw Error(QVErrorInvalidBackup, CF::Error(), fmt::format("{} has no Manifest.plist", root.string()),
+                        ErrorContext::File("Manifest.plist", "missing"));
+        const std::vector<uint8_t> bytes = Support::readable_file(plistPath).read_whole_file(64u << 20);
+        CF::Data data(bytes);
+        CFPropertyListFormat format = kCFPropertyListBinaryFormat_v1_0;
+        CFErrorRef parseError = nullptr;
+        CFPropertyListRef parsed =
+            CFPropertyListCreateWithData(kCFAllocatorDefault, data.get(), kCFPropertyListImmutable, &format, &parseError);
+        const CF::Error parseFailure = CF::Error::Adopt(parseError);
+        if (!parsed || CFGetTypeID(parsed) != CFDictionaryGetTypeID()) {
+            if (parsed) CFRelease(parsed);
+            throw Error(QVErrorInvalidBackup, parseFailure, "Manifest.plist is not a property list",
+                        ErrorContext::File("Manifest.plist", "not-a-property-list"));
+        }
+        CF::Dictionary manifest = CF::Dictionary::Adopt(static_cast<CFDictionaryRef>(parsed)).MutableCopy();
+        const CFTypeRef encrypted = manifest.Get("IsEncrypted");
+        if (encrypted != kCFBooleanTrue)
+            throw Error(QVErrorNotEncrypted, CF::Error(), "The backup is not encrypted; it has no password to change",
+                        ErrorContext::File("Manifest.plist"));
+        const CF::Data keyBagData = manifest.Get<CF::Data>("BackupKeyBag");
+        if (!keyBagData)
+            throw Error(QVErrorInvalidMetadata, CF::Error(), "Manifest.plist holds no key bag",
+                        ErrorContext::File("Manifest.plist"));
+        const MB::KeyBag old(keyBagData, CF::UTF8(oldPassword ? oldPassword : CFSTR("")));
+        if (!old.GetLockedClasses().empty())
+            throw Error(QVErrorEncryptionNotSupported, CF::Error(),
+                        fmt::format("The key bag holds {} classes that only the device opens; they cannot be "
+                                    "wrapped under a new password",
+                                    old.GetLockedClasses().size()),
+                        ErrorContext::File("Manifest.plist"));
+        // A manifest key that no longer unwraps would be carried over unnoticed; it is damage to report now.
+        const CF::Data manifestKey = manifest.Get<CF::Data>("ManifestKey");
+        const MB::ManifestEncryption check(old, manifestKey);
+
+        MB::KeyBag::Parameters shape;
+        shape.version = old.GetVersion();
+        shape.type = static_cast<uint32_t>(old.GetType());
+        shape.iterations = parameters.sha1Iterations;
+        shape.dpIterations = parameters.iterations;
+        shape.dpwt = old.GetManifestInfo().firstPass && old.GetManifestInfo().dpwt != 0 ? old.GetManifestInfo().dpwt : 1;
+        shape.firstPass = old.GetManifestInfo().firstPass;
+        shape.deviceMarkedClasses = deviceMarkedClasses(old);
+        const MB::KeyBag fresh = MB::KeyBag::Create(password, old.GetUnlockedKeys(), shape);
+        if (fresh.GetUnlockedKeys() != old.GetUnlockedKeys())
+            throw Error(QVErrorCryptoOperation, CF::Error(), "The new key bag does not hold the class keys of the old one");
+        manifest.Set("BackupKeyBag", fresh.CopyData());
+
+        CFErrorRef writeError = nullptr;
+        CF::Data written = CF::Data::Adopt(CFPropertyListCreateData(kCFAllocatorDefault, manifest.get(), format, 0, &writeError));
+        if (!written)
+            throw Error(QVErrorWritingExternalRepresentation, CF::Error::Adopt(writeError),
+                        "Manifest.plist could not be written", ErrorContext::File("Manifest.plist"));
+        if (writeError) CFRelease(writeError);
+        try {
+            replaceFileDurably(plistPath, written.bytes());
+        } catch (const CF::Error& e) {
+            throw Error(QVErrorWritingExternalRepresentation, e,
+                        fmt::format("Manifest.plist could not be replaced: {}", e.Reason()),
+                        ErrorContext::File("Manifest.plist"));
+        }
+        log_fmt(log_level::info, "Changed the password of {}", root.string());
+        return true;
+    });
+}
+
+bool QVBackupContainerExportDecrypted(const Backup& backup, CFStringRef destination, const QVConversionOptions& options,
+                                      const QVConversionProblemFunction& problems, const ExportProgress& progress,
+                                      CFErrorRef* error) {
+    QV_ASSERT(backup);
+    QV_ASSERT(destination);
+    return Boundary(error, [&]() -> bool {
+        if (!backup->manifestEncryption)
+            throw Error(QVErrorNotEncrypted, CF::Error(), "The backup is not encrypted; export it instead");
+        const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
+        size_t failures = 0;
+        const auto plaintexts = readEveryFile(backup, entries, problems, share(progress, 0, 0.5), failures);
+        if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
+
+        Backup copy = QVBackupContainerCreateCopy(backup);
+        copy->manifestEncryption.reset();
+        copy->password = CF::String();
+        const std::vector<Entry> copies = QVManifestGetEntries(copy->manifest);
+        QV_ASSERT(copies.size() == entries.size());
+        std::vector<Entry> leftOut;
+        for (size_t i = 0; i < entries.size(); ++i) {
+            const Entry& source = entries[i];
+            const Entry& target = copies[i];
+            if (!QVManifestEntryIsFile(source)) continue;
+            if (!plaintexts[i]) {
+                leftOut.push_back(target);
+                continue;
+            }
+            CFErrorRef fileError = nullptr;
+            std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(source, &fileError);
+            if (!stored) throw CF::Error::Adopt(fileError);
+            if (fileError) CFRelease(fileError);
+            std::shared_ptr<QVFileClass> plain = stored;
+            // A file put in since loading holds its plaintext already.
+            if (!source->external) {
+                auto key = QVManifestEntryUnlockFileKey(source, *backup->manifestEncryption, &fileError);
+                if (!key) throw CF::Error::Adopt(fileError);
+                plain = QVFileCreateCopy(stored);
+                _QVFileSetDecryptionKey(plain, *key);
+            }
+            target->file = plain;
+            target->getFileFunc = nullptr;
+            // A plain manifest records the digest of the plaintext, where its generation records one.
+            const bool recordsDigest = !source->digest().empty();
+            target->SetTexts({{QVManifestEntryClass::kEncryptionKey, {}},
+                              {QVManifestEntryClass::kDigest, recordsDigest ? asText(plaintexts[i]->digest) : ""}});
+            target->size = plaintexts[i]->length;
+        }
+        if (!leftOut.empty()) QVManifestRemoveEntries(copy->manifest, leftOut);
+        copy->manifestDict.Remove("BackupKeyBag");
+        copy->manifestDict.Remove("ManifestKey");
+        copy->manifestDict.Set("IsEncrypted", kCFBooleanFalse);
+        writeCopy(copy, destination, options, share(progress, 0.5, 0.5));
+        return true;
+    });
+}
+
+bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destination, CFStringRef password,
+                                      const QVPasswordParameters& parameters, const QVConversionOptions& options,
+                                      const QVConversionProblemFunction& problems, const ExportProgress& progress,
+                                      CFErrorRef* error) {
+    QV_ASSERT(backup);
+    QV_ASSERT(destination);
+    return Boundary(error, [&]() -> bool {
+        const std::string text = password ? CF::UTF8(password) : std::string();
+        if (text.empty()) throw Error(QVErrorInvalidArgument, CF::Error(), "The new password is empty");
+        if (backup->manifestEncryption || QVBackupContainerIsEncrypted(backup))
+            throw Error(QVErrorInvalidArgument, CF::Error(),
+                        "The backup is encrypted already; give it a new password instead");
+        const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
+        size_t failures = 0;
+        const auto plaintexts = readEveryFile(backup, entries, problems, share(progress, 0, 1.0 / 3), failures);
+        if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
+
+        MB::KeyBag::Parameters shape;
+        shape.iterations = parameters.sha1Iterations;
+        shape.dpIterations = parameters.iterations;
+        static constexpr uint32_t kClasses[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+        MB::KeyBag keyBag = MB::KeyBag::Create(text, std::span<const uint32_t>(kClasses), shape);
+        MB::ManifestEncryption encryption = MB::ManifestEncryption::Create(keyBag, 4);
+
+        Backup copy = QVBackupContainerCreateCopy(backup);
+        if (copy->manifestVersion == QVManifestDataVersion24) copy->manifestDict.Set("Version", CF::String("10.0"));
+        copy->manifestVersion = QVManifestDataVersion33;
+        copy->statusDict.Set("Version", CF::String("3.3"));
+        copy->manifestDict.Set("IsEncrypted", kCFBooleanTrue);
+        copy->manifestDict.Set("BackupKeyBag", keyBag.CopyData());
+        copy->manifestDict.Set("ManifestKey", encryption.LockKey(4, encryption.GetManifestKey()));
+        copy->manifestEncryption = encryption;
+        copy->password = CF::String(text);
+
+        const std::vector<Entry> copies = QVManifestGetEntries(copy->manifest);
+        QV_ASSERT(copies.size() == entries.size());
+        std::vector<Entry> leftOut;
+        const auto keysProgress = share(progress, 1.0 / 3, 1.0 / 3);
+        const double total = std::max<double>(1.0, static_cast<double>(QVManifestGetTotalFileSize(backup->manifest)));
+        double keyed = 0;
+        for (size_t i = 0; i < entries.size(); ++i) {
+            const Entry& target = copies[i];
+            // Manifest.mbdb has no type of its own (the mode says it); a Manifest.db row must carry one.
+            if (target->fileType == 0)
+                target->fileType = QVManifestEntryIsFile(target) ? 1 : QVManifestEntryIsDirectory(target) ? 2 : 4;
+            if (!QVManifestEntryIsFile(entries[i])) continue;
+            if (!plaintexts[i]) {
+                leftOut.push_back(target);
+                continue;
+            }
+            CFErrorRef fileError = nullptr;
+            std::shared_ptr<QVFileClass> plain = QVManifestEntryGetFile(entries[i], &fileError);
+            if (!plain) throw CF::Error::Adopt(fileError);
+            if (fileError) CFRelease(fileError);
+            // Enciphered as it is written, under a key of its own, like a file put in by an edit.
+            target->file = plain;
+            target->getFileFunc = nullptr;
+            target->external = true;
+            target->SetTexts({{QVManifestEntryClass::kEncryptionKey, {}}, {QVManifestEntryClass::kDigest, {}}});
+            if (target->protectionClass == EntryProtectionClassNotSet) target->protectionClass = EntryProtectionClassNone;
+            // The new key's ciphertext is read once here for the digest the record keeps.
+            if (!QVManifestEntryGenerateFileKey(target, encryption, &fileError)) throw CF::Error::Adopt(fileError);
+            keyed += static_cast<double>(plaintexts[i]->length);
+            keysProgress(std::min(1.0, keyed / total));
+        }
+        if (!leftOut.empty()) QVManifestRemoveEntries(copy->manifest, leftOut);
+        writeCopy(copy, destination, options, share(progress, 2.0 / 3, 1.0 / 3));
+        return true;
+    });
+}
+
+}  // namespace Quiver

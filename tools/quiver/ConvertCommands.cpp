@@ -1,0 +1,239 @@
+// Commands that convert a backup: `passwd` (a new password in place, Manifest.plist alone rewritten),
+// `decrypt` (a plain copy of an encrypted backup) and `encrypt` (an encrypted copy of a plain one).
+//
+// A new password, like the backup's own, never comes from the command line, where other users of
+// the machine can read it: it comes from --new-password-file, QUIVER_NEW_PASSWORD, or a prompt that
+// asks twice so that a typing slip does not lock the owner out of the backup.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include <fmt/format.h>
+
+#include "Quiver/QVConvert.hpp"
+#include "Quiver/QVError.hpp"
+#include "Tool.hpp"
+
+namespace fs = std::filesystem;
+using namespace Quiver;
+
+namespace QuiverTool {
+
+namespace {
+
+struct PasswordOptions {
+    std::string newPasswordFile;
+    uint32_t iterations = QVPasswordParameters{}.iterations;
+    uint32_t sha1Iterations = QVPasswordParameters{}.sha1Iterations;
+
+    QVPasswordParameters parameters() const { return {iterations, sha1Iterations}; }
+};
+
+void AddPasswordOptions(CLI::App* command, PasswordOptions& o) {
+    command->add_option("--new-password-file", o.newPasswordFile, "Read the new password from FILE")->type_name("FILE");
+    command->add_option("--iterations", o.iterations, "Rounds of the first (SHA-256) derivation pass; iOS uses 10000000")
+        ->type_name("N")
+        ->check(CLI::Range(1u, 100'000'000u));
+    command->add_option("--sha1-iterations", o.sha1Iterations, "Rounds of the second (SHA-1) derivation pass; iOS uses 10000")
+        ->type_name("N")
+        ->check(CLI::Range(1u, 100'000'000u));
+}
+
+std::string ReadPasswordFile(const std::string& path) {
+    std::error_code ec;
+    if (fs::is_directory(path, ec))
+        throw Failure(kPasswordProblem, fmt::format("the password file {} is a folder, not a file", path));
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw Failure(kFailure, fmt::format("cannot read the password file {}: {}", path, std::strerror(errno)));
+    std::ostringstream content;
+    content << in.rdbuf();
+    std::string text = content.str();
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    if (!text.empty() && text.back() == '\r') text.pop_back();
+    if (text.empty()) throw Failure(kPasswordProblem, fmt::format("the password file {} is empty", path));
+    return text;
+}
+
+std::string NewPassword(const PasswordOptions& o) {
+    if (!o.newPasswordFile.empty()) return ReadPasswordFile(o.newPasswordFile);
+    if (const char* env = std::getenv("QUIVER_NEW_PASSWORD"); env && *env) return env;
+    std::optional<std::string> first = PromptForPassword("New password: ");
+    if (!first)
+        throw Failure(kPasswordProblem, "no new password was given: set QUIVER_NEW_PASSWORD, use "
+                                        "--new-password-file FILE, or run quiver on a terminal to be asked for it");
+    if (first->empty()) throw Failure(kPasswordProblem, "the new password typed is empty");
+    std::optional<std::string> second = PromptForPassword("The new password again: ");
+    if (!second || *second != *first) throw Failure(kPasswordProblem, "the two new passwords typed differ; nothing was changed");
+    return *first;
+}
+
+// The backup's present password, for a command that does not load the backup.
+std::string CurrentPassword(const std::string& path, const GlobalOptions& global) {
+    if (std::optional<std::string> given = GivenPassword(global)) return *given;
+    std::optional<std::string> typed = PromptForPassword(fmt::format("Password for {}: ", path));
+    if (!typed)
+        throw Failure(kPasswordProblem, fmt::format("no password was given for {}: set QUIVER_PASSWORD, use "
+                                                    "--password-file FILE, or run quiver on a terminal",
+                                                    path));
+    if (typed->empty()) throw Failure(kPasswordProblem, fmt::format("the password typed for {} is empty", path));
+    return *typed;
+}
+
+bool WantsZip(const std::string& destination, bool zipOption) {
+    if (zipOption) return true;
+    std::string extension = fs::path(destination).extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return extension == ".zip";
+}
+
+void RequireNewDestination(const std::string& destination) {
+    std::error_code ec;
+    if (fs::exists(fs::symlink_status(destination, ec)))
+        throw Failure(kFailure, fmt::format("{} already exists; give a new name", destination));
+}
+
+// ---- passwd ----
+
+struct PasswdOptions {
+    std::string backup;
+    PasswordOptions password;
+};
+
+int RunPasswd(const PasswdOptions& o, const GlobalOptions& global) {
+    std::error_code ec;
+    if (!fs::exists(o.backup, ec)) throw Failure(kFailure, fmt::format("{}: no such file or directory", o.backup));
+    if (!fs::is_directory(o.backup, ec))
+        throw Failure(kFailure, fmt::format("{} is a zip file; a password is changed in a backup directory "
+                                            "(export it to one, or decrypt and encrypt it)",
+                                            o.backup));
+    RefuseFolderOfBackups(o.backup);
+    // Said before any password is asked for, which a plain backup does not have.
+    Quiver::QVBackupMetadata metadata;
+    CFErrorRef metadataError = nullptr;
+    if (QVBackupContainerCopyMetadata(CF::String(o.backup).get(), QVDataSourceTypeDirectory, &metadata, &metadataError) &&
+        metadata.manifest.Get("IsEncrypted") != kCFBooleanTrue)
+        throw Failure(kFailure, fmt::format("{} is not encrypted; `quiver encrypt` writes an encrypted copy", o.backup));
+    if (metadataError) CFRelease(metadataError);
+    const std::string current = CurrentPassword(o.backup, global);
+    const std::string fresh = NewPassword(o.password);
+    Progress progress("Deriving the keys");
+    CFErrorRef error = nullptr;
+    const bool changed = QVBackupChangePassword(CF::String(o.backup).get(), CF::String(current).get(),
+                                                CF::String(fresh).get(), o.password.parameters(), &error);
+    progress.Finish();
+    if (changed) {
+        Detail(global.verbosity, fmt::format("{}: Manifest.plist holds the key bag of the new password", o.backup));
+        return kSuccess;
+    }
+    const CF::Error failure = CF::Error::Adopt(error);
+    Detail(global.verbosity, fmt::format("the library reported: {}", failure.Text()));
+    const std::string check = ErrorContextValue(failure, kQVErrorCheckKey);
+    if (failure.Code() == QVErrorIncorrectPassword || check == "password")
+        throw Failure(kPasswordProblem, fmt::format("the password for {} is incorrect; nothing was changed", o.backup));
+    if (failure.Code() == QVErrorNotEncrypted)
+        throw Failure(kFailure, fmt::format("{} is not encrypted; `quiver encrypt` writes an encrypted copy", o.backup));
+    if (failure.Code() == QVErrorInvalidBackup || failure.Code() == QVErrorInvalidKeyBag ||
+        failure.Code() == QVErrorInvalidMetadata || failure.Code() == QVErrorUnlockFailed ||
+        failure.Code() == QVErrorEncryptionNotSupported)
+        throw Failure(kBadBackup, fmt::format("{}: {}; nothing was changed", o.backup, ErrorText(failure)));
+    throw Failure(kFailure, fmt::format("could not change the password of {}: {}", o.backup, ErrorText(failure)));
+}
+
+// ---- decrypt and encrypt ----
+
+struct ConvertOptions {
+    std::string backup;
+    std::string destination;
+    bool zip = false;
+    bool skipDamaged = false;
+    PasswordOptions password;  // encrypt only
+};
+
+// Runs one conversion and turns its outcome into the tool's messages and statuses.
+int Convert(const ConvertOptions& o, const GlobalOptions& global, bool encrypt) {
+    const bool zip = WantsZip(o.destination, o.zip);
+    RequireNewDestination(o.destination);
+    OpenBackup open = LoadBackup(o.backup, global);
+    RequireWholeBackup(open.get(), o.backup);
+    if (encrypt && QVBackupContainerIsEncrypted(open.get()))
+        throw Failure(kFailure, fmt::format("{} is encrypted already; `quiver passwd` gives it a new password", o.backup));
+    if (!encrypt && !QVBackupContainerIsEncrypted(open.get()))
+        throw Failure(kFailure, fmt::format("{} is not encrypted; `quiver export` copies it", o.backup));
+    const std::string fresh = encrypt ? NewPassword(o.password) : std::string();
+
+    size_t unreadable = 0;
+    const QVConversionProblemFunction report = [&](const QVConversionProblem& p) {
+        ++unreadable;
+        Warn(fmt::format("{} {} ({}) cannot be read{}: {}", Printable(p.domain), Printable(p.path), p.fileID,
+                         o.skipDamaged ? " and is left out" : "", p.detail));
+    };
+    const CF::String target(o.destination);
+    RemoveOnSignal removeIfInterrupted(QVBackupContainerPartialPath(target.get()));
+    Progress progress(encrypt ? "Encrypting" : "Decrypting");
+    const ExportProgress update = [&](double fraction) { progress.Update(fraction); };
+    const QVConversionOptions options{zip, o.skipDamaged};
+    CFErrorRef error = nullptr;
+    const bool written =
+        encrypt ? QVBackupContainerExportEncrypted(open.get(), target.get(), CF::String(fresh).get(),
+                                                   o.password.parameters(), options, report, update, &error)
+                : QVBackupContainerExportDecrypted(open.get(), target.get(), options, report, update, &error);
+    progress.Finish();
+    if (!written) {
+        const CF::Error failure = CF::Error::Adopt(error);
+        Detail(global.verbosity, fmt::format("the library reported: {}", failure.Text()));
+        if (unreadable > 0 && !o.skipDamaged)
+            throw Failure(kBadBackup, fmt::format("{} of {} cannot be read; nothing was written (--skip-damaged "
+                                                  "leaves {} out)",
+                                                  unreadable == 1 ? "a file" : fmt::format("{} files", unreadable),
+                                                  o.backup, unreadable == 1 ? "it" : "them"));
+        const CF::Error cause = failure.Underlying() ? failure.Underlying() : failure;
+        throw Failure(kFailure, fmt::format("could not write {}: {}", o.destination, ErrorText(cause)));
+    }
+    if (unreadable > 0) {
+        Warn(fmt::format("{} written without the {} {} that cannot be read", o.destination, unreadable,
+                         unreadable == 1 ? "file" : "files"));
+        return kBadBackup;
+    }
+    return kSuccess;
+}
+
+}  // namespace
+
+void AddConvertCommands(CLI::App& app, const GlobalOptions& global, Action& action) {
+    auto passwd = std::make_shared<PasswdOptions>();
+    CLI::App* passwdCommand =
+        app.add_subcommand("passwd", "Give an encrypted backup directory a new password in place");
+    passwdCommand->add_option("BACKUP", passwd->backup, "Encrypted backup directory")->required();
+    AddPasswordOptions(passwdCommand, passwd->password);
+    passwdCommand->callback([passwd, &global, &action] { action = [passwd, &global] { return RunPasswd(*passwd, global); }; });
+
+    auto decrypt = std::make_shared<ConvertOptions>();
+    CLI::App* decryptCommand = app.add_subcommand("decrypt", "Write an encrypted backup as a plain one");
+    decryptCommand->add_option("BACKUP", decrypt->backup, "Encrypted backup directory or zip file")->required();
+    decryptCommand->add_option("DEST", decrypt->destination, "New directory or zip file (must not exist)")->required();
+    decryptCommand->add_flag("--zip", decrypt->zip, "Write a zip file (also when DEST ends in .zip)");
+    decryptCommand->add_flag("--skip-damaged", decrypt->skipDamaged,
+                             "Leave out the files that cannot be read instead of writing nothing");
+    decryptCommand->callback(
+        [decrypt, &global, &action] { action = [decrypt, &global] { return Convert(*decrypt, global, false); }; });
+
+    auto encrypt = std::make_shared<ConvertOptions>();
+    CLI::App* encryptCommand = app.add_subcommand("encrypt", "Write a plain backup as an encrypted one");
+    encryptCommand->add_option("BACKUP", encrypt->backup, "Plain backup directory or zip file")->required();
+    encryptCommand->add_option("DEST", encrypt->destination, "New directory or zip file (must not exist)")->required();
+    encryptCommand->add_flag("--zip", encrypt->zip, "Write a zip file (also when DEST ends in .zip)");
+    encryptCommand->add_flag("--skip-damaged", encrypt->skipDamaged,
+                             "Leave out the files that cannot be read instead of writing nothing");
+    AddPasswordOptions(encryptCommand, encrypt->password);
+    encryptCommand->callback(
+        [encrypt, &global, &action] { action = [encrypt, &global] { return Convert(*encrypt, global, true); }; });
+}
+
+}  // namespace QuiverTool
