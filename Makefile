@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test run fuzz bench asan werror clean
+.PHONY: all deps build test run fuzz bench asan werror clean install uninstall
 
 all: build
 
@@ -44,6 +44,17 @@ asan: deps
 	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQUIVER_SANITIZE=address,undefined -DQUIVER_BUILD_BENCH=OFF >/dev/null
 	@cmake --build build-asan -j $(JOBS)
 	@cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+# PREFIX (default /usr/local) and DESTDIR as usual; what was installed is listed in
+# build/install_manifest.txt, which `make uninstall` removes.
+PREFIX ?= /usr/local
+install: build
+	@cmake --install build --prefix "$(PREFIX)"
+
+uninstall:
+	@test -f build/install_manifest.txt || { echo "nothing installed from this tree"; exit 1; }
+	@while read -r file; do rm -f "$(DESTDIR)$$file"; done < build/install_manifest.txt
+	@echo "removed the files listed in build/install_manifest.txt"
 
 clean:
 	rm -rf build build-bench build-fuzz build-werror build-asan
