@@ -19,23 +19,8 @@ bool Contains(const std::string& text, const std::string& part) { return text.fi
 
 const std::vector<std::string> kFast = {"--iterations", "1", "--sha1-iterations", "1"};
 
-class ConvertToolTest : public ::testing::Test {
+class ConvertToolTest : public ScratchToolTest {
 protected:
-    static void SetUpTestSuite() { UseTestTemporaryPath(); }
-
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quiver-convert-XXXXXX").string();
-        ASSERT_TRUE(mkdtemp(pattern.data()));
-        work_ = pattern;
-        fs::create_directories(work_ / "tmp");
-    }
-
-    void TearDown() override {
-        EXPECT_TRUE(fs::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
-        std::error_code ec;
-        fs::remove_all(work_, ec);
-    }
-
     RunResult Run(std::vector<std::string> args, Environment env = {}, bool fast = false) {
         env["TMPDIR"] = (work_ / "tmp").string();
         if (fast) args.insert(args.end(), kFast.begin(), kFast.end());
@@ -59,7 +44,6 @@ protected:
         return r.out;
     }
 
-    fs::path work_;
 };
 
 TEST_F(ConvertToolTest, PasswdTakesTheNewPasswordFromAFileOrTheEnvironment) {

@@ -25,23 +25,8 @@ size_t CountOf(const std::string& text, const std::string& part) {
     return count;
 }
 
-class DamagedWriteTest : public ::testing::Test {
+class DamagedWriteTest : public ScratchToolTest {
 protected:
-    static void SetUpTestSuite() { UseTestTemporaryPath(); }
-
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quiver-damaged-write-XXXXXX").string();
-        ASSERT_TRUE(mkdtemp(pattern.data()));
-        work_ = pattern;
-        fs::create_directories(work_ / "tmp");
-    }
-
-    void TearDown() override {
-        EXPECT_TRUE(fs::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
-        std::error_code ec;
-        fs::remove_all(work_, ec);
-    }
-
     RunResult Run(const std::vector<std::string>& args, const std::string& password = "") {
         Environment env{{"TMPDIR", (work_ / "tmp").string()}};
         if (!password.empty()) env["QUIVER_PASSWORD"] = password;
@@ -67,7 +52,6 @@ protected:
         return paths;
     }
 
-    fs::path work_;
 };
 
 using Export = DamagedWriteTest;

@@ -45,23 +45,8 @@ void ZipFolder(const fs::path& folder, const fs::path& zip, const std::string& p
     ASSERT_EQ(zipClose(z, nullptr), ZIP_OK);
 }
 
-class EverydayTest : public ::testing::Test {
+class EverydayTest : public ScratchToolTest {
 protected:
-    static void SetUpTestSuite() { UseTestTemporaryPath(); }
-
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quiver-everyday-XXXXXX").string();
-        ASSERT_TRUE(mkdtemp(pattern.data()));
-        work_ = pattern;
-        fs::create_directories(work_ / "tmp");
-    }
-
-    void TearDown() override {
-        EXPECT_TRUE(fs::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
-        std::error_code ec;
-        fs::remove_all(work_, ec);
-    }
-
     RunResult Run(const std::vector<std::string>& args, const std::string& password = "", Environment env = {}) {
         env["TMPDIR"] = (work_ / "tmp").string();
         if (!password.empty()) env["QUIVER_PASSWORD"] = password;
@@ -74,7 +59,6 @@ protected:
         return BuildBackup(where, description);
     }
 
-    fs::path work_;
 };
 
 // ---- info ----

@@ -114,23 +114,8 @@ std::vector<std::vector<std::string>> ReadExactListing(const std::string& text) 
     return rows;
 }
 
-class LookingInsideTest : public ::testing::Test {
+class LookingInsideTest : public ScratchToolTest {
 protected:
-    static void SetUpTestSuite() { UseTestTemporaryPath(); }
-
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quiver-look-XXXXXX").string();
-        ASSERT_TRUE(mkdtemp(pattern.data()));
-        work_ = pattern;
-        fs::create_directories(work_ / "tmp");
-    }
-
-    void TearDown() override {
-        EXPECT_TRUE(fs::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
-        std::error_code ec;
-        fs::remove_all(work_, ec);
-    }
-
     RunResult Run(const std::vector<std::string>& args, const std::string& password = "") {
         Environment env{{"TMPDIR", (work_ / "tmp").string()}, {"TZ", "UTC"}};
         if (!password.empty()) env["QUIVER_PASSWORD"] = password;
@@ -143,7 +128,6 @@ protected:
         return r.status == 0 ? json::parse(r.out) : json();
     }
 
-    fs::path work_;
 };
 
 // ---- stat ----

@@ -9,10 +9,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
 extern char** environ;
+
+#include "support/TemporaryPath.hpp"
 
 namespace QuiverToolTest {
 
@@ -203,6 +206,21 @@ RunResult RunningTool::Wait() {
     RunResult result = Reap(pid_);
     pid_ = -1;
     return result;
+}
+
+void ScratchToolTest::SetUpTestSuite() { QuiverTest::UseTestTemporaryPath(); }
+
+void ScratchToolTest::SetUp() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "quiver-tool-XXXXXX").string();
+    ASSERT_TRUE(mkdtemp(pattern.data()));
+    work_ = pattern;
+    std::filesystem::create_directories(work_ / "tmp");
+}
+
+void ScratchToolTest::TearDown() {
+    EXPECT_TRUE(std::filesystem::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
+    std::error_code ec;
+    std::filesystem::remove_all(work_, ec);
 }
 
 }  // namespace QuiverToolTest

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 namespace QuiverToolTest {
 
 struct RunResult {
@@ -48,6 +50,17 @@ public:
 private:
     pid_t pid_ = -1;
     int out_ = -1;
+};
+
+// A scratch folder for each test, work_, with a private TMPDIR for the tool at work_/tmp that must be
+// empty again when the test ends: the tool may leave no temporary files behind.
+class ScratchToolTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite();
+    void SetUp() override;
+    void TearDown() override;
+
+    std::filesystem::path work_;
 };
 
 }  // namespace QuiverToolTest

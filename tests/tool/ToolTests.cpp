@@ -24,23 +24,8 @@ namespace {
 
 std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
 
-class ToolTest : public ::testing::Test {
+class ToolTest : public ScratchToolTest {
 protected:
-    static void SetUpTestSuite() { UseTestTemporaryPath(); }
-
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "quiver-tool-test-XXXXXX").string();
-        ASSERT_TRUE(mkdtemp(pattern.data()));
-        work_ = pattern;
-        fs::create_directories(work_ / "tmp");
-    }
-
-    void TearDown() override {
-        EXPECT_TRUE(fs::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
-        std::error_code ec;
-        fs::remove_all(work_, ec);
-    }
-
     RunResult Run(const std::vector<std::string>& args, std::string password = "") {
         Environment env{{"TMPDIR", (work_ / "tmp").string()}};
         if (!password.empty()) env["QUIVER_PASSWORD"] = password;
@@ -55,7 +40,6 @@ protected:
 
     std::string Zip(const BuiltBackup& built, const std::string& password) { return ZipOfBackup(built, password); }
 
-    fs::path work_;
 };
 
 // ---- Every reading command on every kind of backup ----
