@@ -441,18 +441,4 @@ TEST_F(Csv, TheRealManifestReadsRowByRow) {
     EXPECT_GT(quoted, 0u);
 }
 
-// The real iOS 14 manifest, when it is there: every entry's stat reads, and find over it lists what
-// ls lists.
-TEST_F(Find, TheRealManifestListsAsLsDoes) {
-    const fs::path backup = fs::path(QUIVER_REALDATA) / "mvt-ios-backup" / "backup";
-    if (!fs::is_regular_file(backup / "Manifest.db")) GTEST_SKIP() << "no real manifest at " << backup;
-    RunResult ls = Run({"ls", backup.string(), "--jsonl"});
-    RunResult find = Run({"find", backup.string(), "--jsonl", "*"});
-    ASSERT_EQ(ls.status, 0) << ls.err;
-    EXPECT_EQ(Lines(ls.out).size(), 3721u);
-    EXPECT_EQ(find.out, ls.out);
-    json domains = RunJson({"domains", backup.string(), "--json"});
-    EXPECT_GT(domains["apps"].size(), 0u);
-}
-
 }  // namespace

@@ -398,17 +398,6 @@ TEST_F(ToolTest, AFailedEditWritesNothing) {
 
 // ---- csv and sample ----
 
-TEST_F(ToolTest, CsvListsEveryRowOfAManifestDatabase) {
-    BuiltBackup built = Build("plain", "3.3", false);
-    RunResult r = Run({"csv", (built.directory / "Manifest.db").string()});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out.rfind("\"fileID\",\"domain\",\"relativePath\"", 0), 0u);
-    EXPECT_EQ(r.out.back(), '\n');
-    for (const BuiltItem& item : built.items) EXPECT_NE(r.out.find("\n\"" + item.fileID + "\""), std::string::npos);
-    WriteWholeFile(work_ / "junk.db", std::vector<uint8_t>(100, 'j'));
-    EXPECT_EQ(Run({"csv", (work_ / "junk.db").string()}).status, 4);
-}
-
 TEST_F(ToolTest, SampleWritesABackupTheOtherCommandsRead) {
     std::string dest = (work_ / "sample").string();
     ASSERT_EQ(Run({"sample", dest}).status, 0);
