@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test run fuzz bench asan werror clean install uninstall
+.PHONY: all deps build test run fuzz bench asan werror clean install uninstall examples
 
 all: build
 
@@ -15,6 +15,11 @@ build: deps
 
 test: build
 	@cd build && ctest --output-on-failure -j $(JOBS)
+
+# The programs in examples/, built against an installation in a scratch prefix with find_package and
+# with pkg-config, and run on the sample backup.
+examples: build
+	@scripts/check-examples build
 
 # Writes the sample backup afresh and shows what the tool makes of it.
 run: build

@@ -3,8 +3,12 @@
 // out-parameters into plain C++ values and exceptions.
 #include "quiver/Backup.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <mutex>
 #include <ostream>
 
 #include "Quiver/Front/Front.hpp"
@@ -55,6 +59,27 @@ Quiver::QVPasswordParameters ToParameters(const PasswordParameters& p) {
 
 Value Dictionary(CFDictionaryRef dictionary) {
     return dictionary && CFDictionaryGetCount(dictionary) > 0 ? front::FromPropertyList(dictionary) : Value();
+}
+
+// The layer below needs a folder for its private files before it opens or makes anything. A program
+// that chose none gets one under TMPDIR, removed when the process exits normally.
+void EnsureTemporaryFolder() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (CF::String set = CF::String::Adopt(QuiverCopyTemporaryPath())) return;
+        std::error_code ec;
+        std::string pattern = (fs::temp_directory_path(ec) / "quiver-XXXXXX").string();
+        if (ec || !mkdtemp(pattern.data())) return;  // the call that needs it then fails and says why
+        static const fs::path folder = pattern;
+        if (!QuiverSetTemporaryPath(CF::String(pattern).get())) {
+            fs::remove_all(folder, ec);
+            return;
+        }
+        std::atexit([] {
+            std::error_code ignored;
+            fs::remove_all(folder, ignored);
+        });
+    });
 }
 
 // The layer below makes a rejected name its caller's business; the front refuses it as an argument.
@@ -133,6 +158,7 @@ Backup Backup::open(const fs::path& path, const std::optional<std::string>& pass
         throw Error(Error::Details{ErrorCode::NoItemAtPath, "Quiver.ErrorDomain",
                                    {path.string() + ": no such file or directory"}, {}, {}, {}, {}, "missing"});
     const bool zip = !fs::is_directory(status);
+    EnsureTemporaryFolder();
     Quiver::LoadProgress report;
     if (progress) report = [&progress](int64_t, int64_t, double fraction) { progress(fraction); };
     const CF::String pathText = Text(path.string());
@@ -155,6 +181,7 @@ Backup Backup::open(const fs::path& path, const std::optional<std::string>& pass
 }
 
 Backup Backup::create() {
+    EnsureTemporaryFolder();
     Quiver::Backup backup = front::Checked([](CFErrorRef* error) { return Quiver::QVBackupContainerCreateEmpty(error); });
     // An empty container has no manifest format yet; a new backup is of the newest one, on Manifest.db.
     backup->manifestVersion = QVManifestDataVersion33;
@@ -162,6 +189,7 @@ Backup Backup::create() {
 }
 
 Metadata Backup::readMetadata(const fs::path& path) {
+    EnsureTemporaryFolder();
     std::error_code ec;
     const bool zip = !fs::is_directory(path, ec);
     Quiver::QVBackupMetadata metadata;

@@ -276,11 +276,15 @@ private:
     std::shared_ptr<Impl> impl_;
 };
 
-// Where the library keeps its private files (cache files, files being written); set once per
-// process before the first backup is opened. False when another folder was set before.
+// Where the library keeps its private files (cache files, files being written), set once per process
+// before the first backup is opened or made; false when another folder was set before. A program that
+// sets none gets a folder of its own under TMPDIR, removed when the process exits normally.
 QUIVER_API bool setTemporaryFolder(const std::filesystem::path& folder);
 
-// The library's log: 0 silent (the default), 1 information, 2 detail; lines go to standard error.
+// The library's log on standard error: 0 silent, 1 information, 2 detail. Until this is called it
+// shows warnings and errors (or what the environment variable QUIVER_LOG_LEVEL asks for: debug, info,
+// warn, error, off). Failures reach the caller as quiver::Error whatever the level; a program that
+// reports them itself may silence the log.
 QUIVER_API void setLogLevel(int level);
 
 }  // namespace quiver
