@@ -17,8 +17,10 @@
 #include "Quiver/QVExtract.hpp"
 #include "Quiver/QVLog.hpp"
 #include "Quiver/QVManifestCSV.hpp"
+#include "Quiver/QVManifestDB.hpp"
 #include "Quiver/QVTemporaryPath.hpp"
 #include "Quiver/QVVerify.hpp"
+#include "Quiver/Support/ByteReader.hpp"
 
 namespace fs = std::filesystem;
 
@@ -32,8 +34,13 @@ Quiver::Entry Record(const std::shared_ptr<void>& record) {
     return Quiver::Entry(record, static_cast<QVManifestEntryClass*>(record.get()));
 }
 
+// Manifests record whole seconds; an absolute time of 0 is 2001-01-01, a time like any other.
 int64_t UnixSeconds(double absolute) {
-    return absolute == 0 ? 0 : static_cast<int64_t>(std::floor(absolute + kCFAbsoluteTimeIntervalSince1970));
+    return static_cast<int64_t>(std::floor(absolute + kCFAbsoluteTimeIntervalSince1970));
+}
+
+double AbsoluteTime(int64_t unixSeconds) {
+    return static_cast<double>(unixSeconds) - kCFAbsoluteTimeIntervalSince1970;
 }
 
 Problem ToProblem(const Quiver::QVProblem& p) {
@@ -90,6 +97,44 @@ void RequireWritableName(std::string_view domain, std::string_view path) {
 
 }  // namespace
 
+const char* to_string(ProtectionClass protectionClass) {
+    switch (protectionClass) {
+        case ProtectionClass::NotSet: return "NotSet";
+        case ProtectionClass::Complete: return "Complete";
+        case ProtectionClass::WriteOnly: return "WriteOnly";
+        case ProtectionClass::CompleteUntilUnlocked: return "CompleteUntilUnlocked";
+        case ProtectionClass::None: return "None";
+    }
+    return "Unknown";
+}
+
+std::optional<KeyBagInfo> readKeyBagInfo(const Value& manifestProperties) {
+    const Value& blob = manifestProperties["BackupKeyBag"];
+    if (blob.type() != Value::Type::Data) return std::nullopt;
+    // Tag, big-endian length, value. The header's values come before the first class's, so the
+    // first of each tag is the header's; class keys stay wrapped, as no password is at hand.
+    const Quiver::Support::byte_reader reader(blob.asData());
+    KeyBagInfo info;
+    bool sawVersion = false, sawIterations = false;
+    uint64_t offset = 0;
+    while (reader.contains(offset, 8)) {
+        const std::span<const uint8_t> tagBytes = *reader.slice(offset, 4);
+        const std::string_view tag(reinterpret_cast<const char*>(tagBytes.data()), tagBytes.size());
+        const uint64_t length = *reader.be(offset + 4, 4);
+        if (!reader.contains(offset + 8, length)) return std::nullopt;
+        const bool number = length == 4;
+        const auto value = static_cast<uint32_t>(number ? reader.be(offset + 8, 4).value_or(0) : 0);
+        if (tag == "VERS" && number && !sawVersion) info.version = value, sawVersion = true;
+        if (tag == "TYPE" && number && info.classes == 0) info.type = value;
+        if (tag == "ITER" && number && !sawIterations) info.iterations = value, sawIterations = true;
+        if (tag == "DPIC" && number && !info.dpIterations) info.dpIterations = value;
+        if (tag == "CLAS") ++info.classes;
+        offset += 8 + length;
+    }
+    if (!sawVersion || !sawIterations) return std::nullopt;
+    return info;
+}
+
 // ---- Entry ----
 
 std::string_view Entry::domain() const { return Quiver::QVManifestEntryGetDomainUTF8(Record(record_)); }
@@ -100,8 +145,10 @@ EntryKind Entry::kind() const {
     const Quiver::Entry e = Record(record_);
     if (Quiver::QVManifestEntryIsDirectory(e)) return EntryKind::Directory;
     if (Quiver::QVManifestEntryIsSymlink(e)) return EntryKind::Symlink;
-    return EntryKind::File;
+    if (Quiver::QVManifestEntryIsFile(e)) return EntryKind::File;
+    return EntryKind::Other;
 }
+uint8_t Entry::typeFlags() const { return Quiver::QVManifestEntryGetFileType(Record(record_)); }
 uint64_t Entry::size() const { return Quiver::QVManifestEntryGetFileSize(Record(record_)); }
 uint16_t Entry::mode() const { return Quiver::QVManifestEntryGetFileMode(Record(record_)); }
 uint32_t Entry::uid() const {
@@ -128,6 +175,11 @@ std::span<const uint8_t> Entry::wrappedKey() const {
     return Quiver::QVManifestEntryGetEncryptionDataBytes(Record(record_));
 }
 Value Entry::extendedAttributes() const { return Dictionary(Quiver::QVManifestEntryGetProperties(Record(record_))); }
+std::string Entry::describeExtendedAttributes() const {
+    CFDictionaryRef attributes = Quiver::QVManifestEntryGetProperties(Record(record_));
+    if (!attributes || CFDictionaryGetCount(attributes) == 0) return {};
+    return CF::String::Adopt(CFDictionaryCopyDebugDescription(attributes)).utf8();
+}
 
 // ---- EntryRange ----
 
@@ -156,9 +208,12 @@ Backup Backup::open(const fs::path& path, const std::optional<std::string>& pass
     const fs::file_status status = fs::status(path, ec);
     if (!fs::exists(status))
         throw Error(Error::Details{ErrorCode::NoItemAtPath, "Quiver.ErrorDomain",
-                                   {path.string() + ": no such file or directory"}, {}, {}, {}, {}, "missing"});
+                                   {path.string() + ": no such file or directory"}, {}, {}, {}, {}, "missing", {}});
     const bool zip = !fs::is_directory(status);
     EnsureTemporaryFolder();
+    if (password && !password->empty() && !CF::String(*password))
+        throw Error(Error::Details{ErrorCode::InvalidArgument, "Quiver.ErrorDomain",
+                                   {"the password is not valid UTF-8 text"}, {}, {}, {}, {}, "password", {}});
     Quiver::LoadProgress report;
     if (progress) report = [&progress](int64_t, int64_t, double fraction) { progress(fraction); };
     const CF::String pathText = Text(path.string());
@@ -206,7 +261,17 @@ const fs::path& Backup::path() const { return impl_->path; }
 bool Backup::encrypted() const { return Quiver::QVBackupContainerIsEncrypted(impl_->backup) != 0; }
 bool Backup::manifestEnciphered() const { return Quiver::QVBackupContainerHasEncipheredManifest(impl_->backup); }
 std::string Backup::manifestFormat() const {
-    return impl_->backup->manifestVersion == QVManifestDataVersion33 ? "Manifest.db" : "Manifest.mbdb";
+    return impl_->backup->manifestVersion == QVManifestDataVersion24 ? "Manifest.mbdb" : "Manifest.db";
+}
+std::string Backup::manifestVersion() const {
+    switch (impl_->backup->manifestVersion) {
+        case QVManifestDataVersion24: return "2.4";
+        case QVManifestDataVersion30: return "3.0";
+        case QVManifestDataVersion31: return "3.1";
+        case QVManifestDataVersion32: return "3.2";
+        case QVManifestDataVersion33: return "3.3";
+        default: return "";
+    }
 }
 
 Value Backup::info() const {
@@ -291,6 +356,39 @@ std::vector<std::string> Backup::domains() const {
     return names;
 }
 
+EntryRange Backup::readManifestDB(const fs::path& manifestDB) {
+    Quiver::Manifest manifest = front::Checked([&](CFErrorRef* error) {
+        return Quiver::QVManifestCreateFromManifestDatabase(Text(manifestDB.string()).get(), QVManifestDataVersion33, {},
+                                                           {}, error);
+    });
+    return EntryRange(std::make_shared<const EntryRange::Source>(EntryRange::Source{std::move(manifest), {}}));
+}
+
+// ---- Stored files ----
+
+std::string Backup::storedName(const Entry& entry) const {
+    if (!entry.isFile()) return {};
+    std::string name =
+        Quiver::LocalFilenameForFileID(CF::String(entry.fileID()), impl_->backup->manifestVersion, true).utf8();
+    // A file ID too short to have a folder is stored at the root.
+    if (!name.empty() && name.front() == '/') name.erase(0, 1);
+    return name;
+}
+
+uint64_t Backup::storedLength(const Entry& entry) const {
+    if (!entry.isFile())
+        throw front::InvalidArgumentError(std::string(entry.domain()) + " " + std::string(entry.path()) +
+                                          " is not a regular file: it has no stored file");
+    CFErrorRef error = nullptr;
+    std::shared_ptr<QVFileClass> file = Quiver::QVManifestEntryGetFile(Record(entry.record_), &error);
+    if (!file) {
+        if (error) front::Throw(error);
+        throw Error(Error::Details{ErrorCode::FileNotFound, "Quiver.ErrorDomain", {"missing"}, storedName(entry),
+                                   std::string(entry.domain()), std::string(entry.path()), entry.fileID(), "missing", {}});
+    }
+    return Quiver::QVFileGetSize(file);
+}
+
 // ---- Reading and checking ----
 
 void Backup::read(const Entry& entry, const std::function<bool(std::span<const uint8_t>)>& chunk,
@@ -311,7 +409,7 @@ void Backup::read(const Entry& entry, std::ostream& out) const {
         return static_cast<bool>(out);
     });
     if (!out) throw Error(Error::Details{ErrorCode::ReadWrite, "Quiver.ErrorDomain", {"the output stream failed"}, {},
-                                         std::string(entry.domain()), std::string(entry.path()), entry.fileID(), {}});
+                                         std::string(entry.domain()), std::string(entry.path()), entry.fileID(), {}, {}});
 }
 
 std::string Backup::readAll(const Entry& entry) const {
@@ -407,8 +505,13 @@ Entry Backup::putFile(std::string_view domain, std::string_view path, const fs::
     std::error_code ec;
     if (!fs::is_regular_file(source, ec))
         throw front::InvalidArgumentError(source.string() + " is not a file that can be put into a backup");
-    std::shared_ptr<QVFileClass> file = front::Checked(
-        [&](CFErrorRef* error) { return Quiver::QVFileCreateFromFileAtPath(Text(source.string()), 1, error); });
+    std::shared_ptr<QVFileClass> file;
+    try {
+        file = front::Checked(
+            [&](CFErrorRef* error) { return Quiver::QVFileCreateFromFileAtPath(Text(source.string()), 1, error); });
+    } catch (const Error& e) {
+        throw front::WithCheck(e, "source");  // the caller's file, not the backup, is what failed
+    }
     return Entry(Store(impl_->backup, domain, path, file));
 }
 
@@ -438,6 +541,17 @@ Entry Backup::makeSymlink(std::string_view domain, std::string_view path, std::s
         throw front::InvalidArgumentError("cannot make the link " + std::string(domain) + " " + std::string(path) +
                                           ": something other than a link is there");
     return Entry(std::move(link));
+}
+
+void Backup::setTimes(const Entry& entry, const Times& times) {
+    const Quiver::Entry record = Record(entry.record_);
+    record->birth = AbsoluteTime(times.birth);
+    record->lastModified = AbsoluteTime(times.modified);
+    record->lastStatusChange = AbsoluteTime(times.statusChanged);
+}
+
+std::optional<std::string> Backup::nameProblem(std::string_view domain, std::string_view path) {
+    return Quiver::QVEntryNameProblem(domain, path, Quiver::QVNameUse::Write);
 }
 
 bool Backup::remove(std::string_view domain, std::string_view path) {
@@ -504,6 +618,10 @@ void Backup::writeEncrypted(const fs::path& destination, std::string_view passwo
                                                   ToParameters(parameters), ToConversion(options),
                                                   ToProblemFunction(options), progress, &error))
         front::Throw(error);
+}
+
+fs::path Backup::partialPath(const fs::path& destination) {
+    return Quiver::QVBackupContainerPartialPath(Text(destination.string()).get());
 }
 
 void Backup::changePassword(const fs::path& directory, std::string_view oldPassword, std::string_view newPassword,

@@ -22,7 +22,7 @@ Error::Error(Details details) : std::runtime_error(Joined(details.reasons)), det
 
 bool Error::isPasswordProblem() const {
     return code() == ErrorCode::PasswordRequired || code() == ErrorCode::IncorrectPassword ||
-           (code() == ErrorCode::UnlockFailed && check() == "password");
+           ((code() == ErrorCode::UnlockFailed || code() == ErrorCode::InvalidArgument) && check() == "password");
 }
 
 bool Error::isBadBackup() const {
@@ -74,18 +74,24 @@ Error ToError(const CF::Error& error) {
     details.entryPath = Quiver::ErrorContextValue(error, kQVErrorEntryPathKey);
     details.fileID = Quiver::ErrorContextValue(error, kQVErrorEntryFileIDKey);
     details.check = Quiver::ErrorContextValue(error, kQVErrorCheckKey);
+    details.trace = error.Text();
     return Error(std::move(details));
 }
 
 void Throw(CFErrorRef error) { Throw(CF::Error::Adopt(error)); }
 
 void Throw(const CF::Error& error) {
-    if (!error) throw Error(Error::Details{ErrorCode::Unknown, "Quiver.ErrorDomain", {"unknown error"}, {}, {}, {}, {}, {}});
+    if (!error) throw Error(Error::Details{ErrorCode::Unknown, "Quiver.ErrorDomain", {"unknown error"}, {}, {}, {}, {}, {}, {}});
     throw ToError(error);
 }
 
 Error InvalidArgumentError(std::string reason) {
-    return Error(Error::Details{ErrorCode::InvalidArgument, "Quiver.ErrorDomain", {std::move(reason)}, {}, {}, {}, {}, {}});
+    return Error(Error::Details{ErrorCode::InvalidArgument, "Quiver.ErrorDomain", {std::move(reason)}, {}, {}, {}, {}, {}, {}});
+}
+
+Error WithCheck(const Error& error, std::string check) {
+    return Error(Error::Details{error.code(), error.domain(), error.reasons(), error.backupFile(), error.entryDomain(),
+                                error.entryPath(), error.fileID(), std::move(check), error.trace()});
 }
 
 CF::String Text(std::string_view utf8) {

@@ -38,6 +38,8 @@ auto Checked(Call&& call) {
 }
 
 Error InvalidArgumentError(std::string reason);
+// The same error naming another check as what failed.
+Error WithCheck(const Error& error, std::string check);
 
 Value FromPropertyList(CFTypeRef object);
 Ref ToPropertyList(const Value& value);

@@ -31,7 +31,8 @@ namespace quiver {
 // Told the fraction done, from 0 to 1, of a long piece of work.
 using Progress = std::function<void(double fraction)>;
 
-enum class EntryKind { File, Directory, Symlink };
+// Other is a mode of none of the three (a device node, a pipe, or damage): no content to read.
+enum class EntryKind { File, Directory, Symlink, Other };
 
 // How the device protects a file's key; NotSet in plain backups and on folders and links.
 enum class ProtectionClass : uint32_t {
@@ -42,8 +43,11 @@ enum class ProtectionClass : uint32_t {
     None = 4,
 };
 
+// "NotSet", "Complete", "WriteOnly", "CompleteUntilUnlocked" or "None".
+QUIVER_API const char* to_string(ProtectionClass protectionClass);
+
 struct Times {
-    int64_t birth = 0;  // Unix seconds; 0 when the manifest records none
+    int64_t birth = 0;  // Unix seconds, rounded down
     int64_t modified = 0;
     int64_t statusChanged = 0;
 };
@@ -56,6 +60,9 @@ public:
     std::string_view target() const;  // a symbolic link's target; empty otherwise
     std::string fileID() const;       // the stored file's name: 40 lowercase hex digits, as a rule
     EntryKind kind() const;
+    // The type flags as Manifest.db stores them (1 file, 2 folder, 4 link), whatever the mode says;
+    // 0 where the manifest has none (Manifest.mbdb).
+    uint8_t typeFlags() const;
     bool isFile() const { return kind() == EntryKind::File; }
     bool isDirectory() const { return kind() == EntryKind::Directory; }
     bool isSymlink() const { return kind() == EntryKind::Symlink; }
@@ -70,6 +77,9 @@ public:
     std::span<const uint8_t> wrappedKey() const;  // the file's wrapped key (encrypted backups), or empty
     // Extended attributes: a dictionary from each name to its Data; null when there are none.
     Value extendedAttributes() const;
+    // The same as one text for people, as the library's CSV listing of a Manifest.db shows them: in
+    // the order the manifest records them, data as its length and bytes; empty when there are none.
+    std::string describeExtendedAttributes() const;
 
     bool operator==(const Entry& other) const { return record_ == other.record_; }
 
@@ -154,6 +164,19 @@ struct ExtractEvent {
     std::string reason;
 };
 
+// What a key bag's header says of how a password becomes its key, read without the password.
+struct KeyBagInfo {
+    uint32_t version = 0;
+    uint32_t type = 0;
+    uint32_t iterations = 0;               // PBKDF2-HMAC-SHA1 rounds
+    std::optional<uint32_t> dpIterations;  // PBKDF2-HMAC-SHA256 rounds before those, from iOS 10.2 on
+    int classes = 0;                       // the protection classes it holds keys for
+};
+
+// The key bag in Manifest.plist's BackupKeyBag (Backup::manifestProperties(), Metadata::manifest);
+// nothing when there is none or its header cannot be read.
+QUIVER_API std::optional<KeyBagInfo> readKeyBagInfo(const Value& manifestProperties);
+
 struct ExtractSummary {
     uint64_t extracted = 0, unsafe = 0, failed = 0, damaged = 0;
 };
@@ -182,7 +205,8 @@ struct ConvertOptions {
 class QUIVER_API Backup {
 public:
     // Opens a backup directory or zip file. `password` is needed for an encrypted backup only;
-    // Error::isPasswordProblem() tells a missing or wrong one. Progress covers the manifest's load.
+    // Error::isPasswordProblem() tells a missing or wrong one (or one that is not UTF-8 text).
+    // Progress covers the manifest's load.
     static Backup open(const std::filesystem::path& path, const std::optional<std::string>& password = {},
                        const Progress& progress = {});
     // A new backup with no entries and no metadata; give it metadata before writing it.
@@ -195,6 +219,7 @@ public:
     bool encrypted() const;
     bool manifestEnciphered() const;   // a Manifest.db enciphered under the manifest key
     std::string manifestFormat() const;  // "Manifest.db" or "Manifest.mbdb"
+    std::string manifestVersion() const;  // "2.4" (Manifest.mbdb), "3.0" to "3.3" (Manifest.db)
     Value info() const;                  // Info.plist (null when missing)
     Value status() const;                // Status.plist
     Value manifestProperties() const;    // Manifest.plist
@@ -214,6 +239,17 @@ public:
     std::optional<Entry> find(std::string_view domain, std::string_view path) const;
     std::optional<Entry> findByFileID(std::string_view fileID) const;
     std::vector<std::string> domains() const;  // sorted
+    // The entries of a Manifest.db file on its own, outside any backup (a plain one: an enciphered
+    // one needs its backup's password). Their contents cannot be read.
+    static EntryRange readManifestDB(const std::filesystem::path& manifestDB);
+
+    // ---- Stored files ----
+    // Where a regular file's content lies, relative to the backup's root and "/"-separated
+    // ("ab/ab12…"; "ab12…" in a Manifest.mbdb backup); empty for folders and links.
+    std::string storedName(const Entry& entry) const;
+    // The length of a regular file's stored file as the backup holds it (enciphered, in an encrypted
+    // backup). Throws Error when it is missing or cannot be opened.
+    uint64_t storedLength(const Entry& entry) const;
 
     // ---- Reading ----
     // Streams a regular file's plaintext to `chunk` (return false to stop), checked on the way:
@@ -246,6 +282,11 @@ public:
     Entry putData(std::string_view domain, std::string_view path, std::span<const uint8_t> content);
     Entry makeDirectory(std::string_view domain, std::string_view path);
     Entry makeSymlink(std::string_view domain, std::string_view path, std::string_view target);
+    // Sets the times the manifest records for an entry of this backup.
+    void setTimes(const Entry& entry, const Times& times);
+    // Why domain and path cannot name an entry written into a backup (an absolute path, "..", a
+    // domain that is no plain name...); nothing when they can. The edits refuse such names.
+    static std::optional<std::string> nameProblem(std::string_view domain, std::string_view path);
     // Removes the entry and everything below it; false when nothing is there.
     bool remove(std::string_view domain, std::string_view path);
     // Takes out entries whose stored files are damaged, before writing a copy without them.
@@ -253,13 +294,16 @@ public:
 
     // ---- Writing ----
     // Writes the backup as a new directory or zip at destination, whole or not at all: into a partial
-    // file beside it, renamed into place when complete.
+    // file beside it (partialPath), renamed into place when complete. The conversions write so too.
     void write(const std::filesystem::path& destination, const WriteOptions& options = {}) const;
     // Writes an encrypted backup as the plain backup a device would have written.
     void writeDecrypted(const std::filesystem::path& destination, const ConvertOptions& options = {}) const;
     // Writes a plain backup as an encrypted one of the newest generation under a new password.
     void writeEncrypted(const std::filesystem::path& destination, std::string_view password,
                         const PasswordParameters& parameters = {}, const ConvertOptions& options = {}) const;
+    // Where a write to destination by this process lies until it is complete, for a program that
+    // must remove it when a signal ends the process (the library removes it on any failure).
+    static std::filesystem::path partialPath(const std::filesystem::path& destination);
     // Gives the encrypted backup directory a new password in place; only Manifest.plist changes.
     static void changePassword(const std::filesystem::path& directory, std::string_view oldPassword,
                                std::string_view newPassword, const PasswordParameters& parameters = {});

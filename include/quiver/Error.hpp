@@ -53,8 +53,11 @@ public:
         std::string entryPath;
         std::string fileID;
         // What failed, for a program to act on: "password", "manifest-key", "missing",
-        // "not-a-property-list", "zip", or a verification problem's name ("digest-mismatch"...).
+        // "not-a-property-list", "zip", "source" (a file given to put into a backup), or a
+        // verification problem's name ("digest-mismatch"...).
         std::string check;
+        // Every error of the chain with its domain and code, for a log or a report; not for people.
+        std::string trace;
     };
 
     explicit Error(Details details);
@@ -67,8 +70,9 @@ public:
     const std::string& entryPath() const { return details_.entryPath; }
     const std::string& fileID() const { return details_.fileID; }
     const std::string& check() const { return details_.check; }
+    const std::string& trace() const { return details_.trace; }
 
-    // A password that is missing or does not open the backup.
+    // A password that is missing, does not open the backup, or cannot be one (not UTF-8 text).
     bool isPasswordProblem() const;
     // What is not a readable backup: damaged, of an unsupported generation, or not a backup at all.
     bool isBadBackup() const;

@@ -2,14 +2,12 @@
 // when the backup needs one, and a failure explained in one line that says what is wrong and maps to
 // the exit status a script can act on (3 for the password, 4 for what is not a usable backup).
 //
-// The library refuses a password for a plain backup. QUIVER_PASSWORD may well be set in a shell for
-// other backups, so the tool then simply opens the backup without it.
-#include <fcntl.h>
+// A password given for a plain backup is not needed: QUIVER_PASSWORD may well be set in a shell for
+// other backups, and the library opens the backup without it; -v says so.
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -17,12 +15,10 @@
 
 #include <fmt/format.h>
 
-#include "Quiver/QVError.hpp"
-#include "Quiver/QVVerify.hpp"
 #include "Tool.hpp"
 
 namespace fs = std::filesystem;
-using namespace Quiver;
+using quiver::ErrorCode;
 
 namespace QuiverTool {
 
@@ -57,123 +53,109 @@ std::optional<Password> PasswordFromOptions(const GlobalOptions& options) {
     return std::nullopt;
 }
 
-// What failed, as the library names it; "" when it names nothing.
-std::string Check(const CF::Error& error) { return ErrorContextValue(error, kQVErrorCheckKey); }
-
-bool IsWrongPassword(const CF::Error& error) {
+bool IsWrongPassword(const quiver::Error& error) {
     // The key bag fails to unlock under a wrong password. When the key bag opened but the manifest key
     // does not unwrap, the password was right and the backup is damaged.
-    return error.Code() == QVErrorIncorrectPassword || Check(error) == "password";
+    return error.code() == ErrorCode::IncorrectPassword || error.check() == "password";
 }
 
 // The file of the backup that a loading error is about, for the message; empty when unknown.
-std::string DamagedPart(const CF::Error& error) {
-    if (Check(error) == "manifest-key") return "the manifest key (ManifestKey in Manifest.plist)";
-    if (error.Code() == QVErrorInvalidKeyBag) return "the key bag (BackupKeyBag in Manifest.plist)";
-    std::string file = ErrorContextValue(error, kQVErrorBackupFileKey);
-    if (file == "Manifest.db" && QVErrorCryptoOperation == error.Code()) file += " (enciphered)";
-    if (file.empty() && (error.Code() == QVErrorCryptoOperation || error.Code() == QVErrorInvalidMetadata))
+std::string DamagedPart(const quiver::Error& error) {
+    if (error.check() == "manifest-key") return "the manifest key (ManifestKey in Manifest.plist)";
+    if (error.code() == ErrorCode::InvalidKeyBag) return "the key bag (BackupKeyBag in Manifest.plist)";
+    std::string file = error.backupFile();
+    if (file == "Manifest.db" && error.code() == ErrorCode::CryptoOperation) file += " (enciphered)";
+    if (file.empty() && (error.code() == ErrorCode::CryptoOperation || error.code() == ErrorCode::InvalidMetadata))
         return "Manifest.plist";
     return file;
 }
 
-Failure Damaged(const std::string& path, const CF::Error& error) {
+Failure Damaged(const std::string& path, const quiver::Error& error) {
     const std::string part = DamagedPart(error);
-    return Failure(kBadBackup, fmt::format("{} is damaged: {}{}", path, part.empty() ? "" : part + ": ", ErrorText(error)));
+    return Failure(kBadBackup, fmt::format("{} is damaged: {}{}", path, part.empty() ? "" : part + ": ", error.what()));
 }
 
-Failure LoadFailure(const std::string& path, const CF::Error& error) {
-    switch (error.Code()) {
-        case QVErrorPasswordRequired:
+Failure LoadFailure(const std::string& path, const quiver::Error& error) {
+    switch (error.code()) {
+        case ErrorCode::PasswordRequired:
             return Failure(kPasswordProblem,
                            fmt::format("{} is encrypted and no password was given: set QUIVER_PASSWORD, use "
                                        "--password-file FILE, or run quiver on a terminal to be asked for it",
                                        path));
-        case QVErrorIncorrectPassword:
+        case ErrorCode::IncorrectPassword:
             return Failure(kPasswordProblem, fmt::format("the password for {} is incorrect", path));
-        case QVErrorUnlockFailed:
+        case ErrorCode::UnlockFailed:
             if (IsWrongPassword(error))
                 return Failure(kPasswordProblem, fmt::format("the password for {} is incorrect", path));
             return Damaged(path, error);
-        case QVErrorInvalidBackup:
-            if (Check(error) == "missing")
-                return Failure(kBadBackup, fmt::format("{} is not a backup: {} is missing", path,
-                                                       ErrorContextValue(error, kQVErrorBackupFileKey)));
-            if (Check(error) == "zip")
+        case ErrorCode::InvalidBackup:
+            if (error.check() == "missing")
+                return Failure(kBadBackup, fmt::format("{} is not a backup: {} is missing", path, error.backupFile()));
+            if (error.check() == "zip")
                 return Failure(kBadBackup,
                                fmt::format("{} is not a backup: it is neither a backup directory nor a zip file that "
                                            "can be read (it may be cut short)",
                                            path));
-            if (Check(error) == "not-a-property-list")
+            if (error.check() == "not-a-property-list")
                 return Failure(kBadBackup, fmt::format("{} is not a readable backup: {} could not be read ({})", path,
-                                                       ErrorContextValue(error, kQVErrorBackupFileKey),
-                                                       ErrorText(error.Underlying())));
-            return Failure(kBadBackup, fmt::format("{} is not a readable backup: {}", path, ErrorText(error)));
-        case QVErrorUnknownManifestVersion:
-        case QVErrorEncryptionNotSupported:
-            return Failure(kBadBackup, fmt::format("{} is of an unsupported kind: {}", path, ErrorText(error)));
-        case QVErrorInvalidManifestDatabase:
-        case QVErrorDatabaseOperation:
-        case QVErrorLoadingExternalRepresentation:
-        case QVErrorInvalidMBFile:
-        case QVErrorArchiveFile:
-        case QVErrorCryptoOperation:
-        case QVErrorInvalidKeyBag:
-        case QVErrorInvalidMetadata:
+                                                       error.backupFile(), CauseText(error)));
+            return Failure(kBadBackup, fmt::format("{} is not a readable backup: {}", path, error.what()));
+        case ErrorCode::UnknownManifestVersion:
+        case ErrorCode::EncryptionNotSupported:
+            return Failure(kBadBackup, fmt::format("{} is of an unsupported kind: {}", path, error.what()));
+        case ErrorCode::InvalidManifestDatabase:
+        case ErrorCode::DatabaseOperation:
+        case ErrorCode::LoadingExternalRepresentation:
+        case ErrorCode::InvalidMBFile:
+        case ErrorCode::ArchiveFile:
+        case ErrorCode::CryptoOperation:
+        case ErrorCode::InvalidKeyBag:
+        case ErrorCode::InvalidMetadata:
             return Damaged(path, error);
         default:
-            return Failure(kFailure, fmt::format("cannot open {}: {}", path, ErrorText(error)));
+            return Failure(kFailure, fmt::format("cannot open {}: {}", path, error.what()));
     }
 }
 
-Backup TryLoad(const std::string& path, bool zip, const std::optional<std::string>& password, CF::Error& failure) {
+// One attempt to open the backup; nothing, and the error in `failure`, when it fails.
+std::optional<quiver::Backup> TryLoad(const std::string& path, const std::optional<std::string>& password,
+                                      std::optional<quiver::Error>& failure) {
     Progress progress(password ? "Deriving the key from the password" : "Opening the backup");
     bool loading = false;
-    LoadProgress report = [&](int64_t, int64_t, double fraction) {
+    auto report = [&](double fraction) {
         if (!loading) {
             progress.SetLabel("Loading the manifest");
             loading = true;
         }
         progress.Update(fraction);
     };
-    CF::String pathText(path);
-    CF::String passwordText = password ? CF::String(*password) : CF::String();
-    if (password && !passwordText) throw Failure(kPasswordProblem, "the password is not valid UTF-8 text");
-    CFErrorRef error = nullptr;
-    Backup backup = zip ? QVBackupContainerCreateFromZipFile(pathText.get(), passwordText.get(), report, &error)
-                        : QVBackupContainerCreateFromDirectory(pathText.get(), passwordText.get(), report, &error);
-    failure = CF::Error::Adopt(error);
-    return backup;
+    try {
+        return quiver::Backup::open(path, password, report);
+    } catch (const quiver::Error& e) {
+        if (e.code() == ErrorCode::InvalidArgument && e.check() == "password")
+            throw Failure(kPasswordProblem, "the password is not valid UTF-8 text");
+        failure = e;
+        return std::nullopt;
+    }
 }
-
 
 }  // namespace
 
-std::string Utf8(CFStringRef string) { return string ? CF::String::Retain(string).utf8() : std::string(); }
-
-std::string ErrorText(const CF::Error& error) {
-    std::vector<std::string> parts;
-    CF::Error current = error;
-    for (int depth = 0; current && depth < 16; ++depth, current = current.Underlying()) {
-        std::string text = current.Reason();
-        if (text.empty()) text = current.Description();
-        if (!text.empty() && std::find(parts.begin(), parts.end(), text) == parts.end()) parts.push_back(text);
-    }
-    std::string joined;
-    for (const std::string& part : parts) {
-        if (!joined.empty()) joined += ": ";
-        joined += part;
-    }
-    return joined.empty() ? "unknown error" : joined;
+std::string CauseText(const quiver::Error& error) {
+    const std::vector<std::string>& reasons = error.reasons();
+    if (reasons.size() < 2) return error.what();
+    std::string text;
+    for (size_t i = 1; i < reasons.size(); ++i) text += (i > 1 ? ": " : "") + reasons[i];
+    return text;
 }
 
-void RequireWholeBackup(const Backup& backup, const std::string& path) {
-    for (const std::string& name : QVBackupContainerCopyUnreadableMetadata(backup))
+void RequireWholeBackup(const quiver::Backup& backup, const std::string& path) {
+    for (const std::string& name : backup.unreadableMetadata())
         throw Failure(kBadBackup, fmt::format("{} is damaged: {} is not a property list; the backup can be read and "
                                               "extracted, not written as a backup",
                                               path, name));
     std::vector<std::string> lacking;
-    for (const std::string& name : QVBackupContainerCopyMissingMetadata(backup))
+    for (const std::string& name : backup.missingMetadata())
         if (name != "Info.plist") lacking.push_back(name);
     if (lacking.empty()) return;
     std::string list;
@@ -196,8 +178,9 @@ OpenBackup& OpenBackup::operator=(OpenBackup&& other) noexcept {
 // _exit). The library itself frees everything it owns; the tool just never asks it to.
 void OpenBackup::Release() {
     if (!backup_) return;
-    static auto* kept = new std::vector<Backup>;
-    kept->push_back(std::move(backup_));
+    static auto* kept = new std::vector<quiver::Backup>;
+    kept->push_back(std::move(*backup_));
+    backup_.reset();
 }
 
 bool PasswordGiven(const GlobalOptions& options) { return PasswordFromOptions(options).has_value(); }
@@ -212,20 +195,18 @@ OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
     std::error_code ec;
     fs::file_status status = fs::status(path, ec);
     if (!fs::exists(status)) throw Failure(kFailure, fmt::format("{}: no such file or directory", path));
-    const bool zip = !fs::is_directory(status);
-    if (!zip) RefuseFolderOfBackups(path);
+    if (fs::is_directory(status)) RefuseFolderOfBackups(path);
 
     std::optional<Password> given = PasswordFromOptions(options);
     std::optional<std::string> password;
     if (given) password = given->text;
-    CF::Error failure;
-    Backup backup = TryLoad(path, zip, password, failure);
-    if (!backup && failure.Code() == QVErrorNotEncrypted && password) {
+    std::optional<quiver::Error> failure;
+    // The library opens a plain backup without the password it was given.
+    std::optional<quiver::Backup> backup = TryLoad(path, password, failure);
+    if (backup && password && !backup->encrypted())
         Detail(options.verbosity, fmt::format("{} is not encrypted; the password from {} is not needed", path,
                                               given->origin));
-        backup = TryLoad(path, zip, std::nullopt, failure);
-    }
-    if (!backup && failure.Code() == QVErrorPasswordRequired) {
+    if (!backup && failure->code() == ErrorCode::PasswordRequired) {
         for (int attempt = 0; attempt < 3 && !backup; ++attempt) {
             std::optional<std::string> typed = PromptForPassword(fmt::format("Password for {}: ", path));
             if (!typed) {
@@ -234,117 +215,86 @@ OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
                 break;
             }
             if (typed->empty()) throw Failure(kPasswordProblem, fmt::format("the password typed for {} is empty", path));
-            backup = TryLoad(path, zip, typed, failure);
-            if (!backup && !IsWrongPassword(failure)) break;
+            backup = TryLoad(path, typed, failure);
+            if (!backup && !IsWrongPassword(*failure)) break;
             if (!backup && attempt < 2) Warn("incorrect password, try again");
         }
     }
     if (!backup) {
-        Detail(options.verbosity, fmt::format("the library reported: {}", failure.Text()));
-        throw LoadFailure(path, failure);
+        Detail(options.verbosity, fmt::format("the library reported: {}", failure->trace()));
+        throw LoadFailure(path, *failure);
     }
     // A partial copy reads; what the library had to make up is said once, on standard error.
-    for (const std::string& warning : QVBackupContainerCopyLoadWarnings(backup)) Warn(fmt::format("{}: {}", path, warning));
-    return OpenBackup(std::move(backup));
+    for (const std::string& warning : backup->loadWarnings()) Warn(fmt::format("{}: {}", path, warning));
+    return OpenBackup(std::move(*backup));
 }
 
-const char* EntryTypeName(const Entry& entry) {
-    if (QVManifestEntryIsDirectory(entry)) return "dir";
-    if (QVManifestEntryIsSymlink(entry)) return "symlink";
+const char* EntryTypeName(const quiver::Entry& entry) {
+    if (entry.isDirectory()) return "dir";
+    if (entry.isSymlink()) return "symlink";
     return "file";
 }
 
-int64_t EntryModifiedUnixTime(const Entry& entry) {
-    double modified = 0;
-    QVManifestEntryGetTimes(entry, nullptr, &modified, nullptr);
-    return static_cast<int64_t>(std::floor(modified + kCFAbsoluteTimeIntervalSince1970));
-}
-
-Entry RequireEntry(const Backup& backup, const std::string& domain, const std::string& path) {
-    Entry entry = QVBackupContainerGetEntryForPath(backup, CF::String(domain).get(), CF::String(path).get());
+quiver::Entry RequireEntry(const quiver::Backup& backup, const std::string& domain, const std::string& path) {
+    std::optional<quiver::Entry> entry = backup.find(domain, path);
     if (!entry) throw Failure(kFailure, fmt::format("nothing in the backup at {} {}", Printable(domain), Printable(path)));
-    return entry;
+    return *entry;
 }
 
-std::vector<Entry> SelectEntries(const Backup& backup, const std::optional<std::string>& domain,
-                                 const std::optional<std::string>& path) {
-    Manifest manifest = QVBackupContainerGetManifest(backup);
-    std::vector<Entry> entries;
+std::vector<quiver::Entry> SelectEntries(const quiver::Backup& backup, const std::optional<std::string>& domain,
+                                         const std::optional<std::string>& path) {
+    std::vector<quiver::Entry> entries;
     if (!domain) {
-        entries = QVManifestGetEntries(manifest);
+        entries = backup.entries().toVector();
     } else {
         std::string wanted = path.value_or("");
         while (!wanted.empty() && wanted.back() == '/') wanted.pop_back();
         // Paths are relative to their domain; "/Media" is what a person means by "Media".
         wanted.erase(0, wanted.find_first_not_of('/') == std::string::npos ? wanted.size() : wanted.find_first_not_of('/'));
-        entries = QVManifestCopyEntriesAtPath(manifest, CF::String(*domain).get(), CF::String(wanted).get());
+        entries = backup.entriesUnder(*domain, wanted).toVector();
         if (entries.empty()) {
             if (wanted.empty()) throw Failure(kFailure, fmt::format("the backup has no domain {}", Printable(*domain)));
             throw Failure(kFailure, fmt::format("nothing in the backup at {} {}", Printable(*domain), Printable(wanted)));
         }
     }
-    std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-        return std::pair(QVManifestEntryGetDomainUTF8(a), QVManifestEntryGetPathUTF8(a)) <
-               std::pair(QVManifestEntryGetDomainUTF8(b), QVManifestEntryGetPathUTF8(b));
-    });
+    auto before = [](const quiver::Entry& a, const quiver::Entry& b) {
+        return std::pair(a.domain(), a.path()) < std::pair(b.domain(), b.path());
+    };
+    // The manifest keeps this order as a rule; the sort is for the exceptions.
+    if (!std::is_sorted(entries.begin(), entries.end(), before)) std::stable_sort(entries.begin(), entries.end(), before);
     return entries;
 }
 
-std::string CheckStoredFile(const Backup& backup, const Entry& entry, std::vector<uint8_t>* deferredDigest) {
-    // A reader that hashes as it reads takes the digest along; a copy has it checked here.
-    const std::vector<QVProblem> problems =
-        QVBackupContainerVerifyEntry(backup, entry, deferredDigest ? QVVerifyMode::Quick : QVVerifyMode::Digests,
-                                     deferredDigest);
-    std::string notes;
-    for (const QVProblem& p : problems) {
-        // An export checks every file, so names are only put together for a file that fails.
-        const std::string shown = Printable(p.domain) + " " + Printable(p.path);
-        switch (p.kind) {
-            case QVProblemKind::StoredFileMissing:
-                throw Failure(kBadBackup,
-                              fmt::format("the backup is damaged: the stored file of {} ({}) is missing", shown, p.fileID));
-            case QVProblemKind::Unreadable: throw Failure(kFailure, fmt::format("{} {}", shown, p.detail));
-            case QVProblemKind::KeyDoesNotUnwrap:
-                throw Failure(kBadBackup, fmt::format("the backup is damaged: {} {}", shown, p.detail));
-            default:
-                if (!p.warning)
-                    throw Failure(kBadBackup, fmt::format("the backup is damaged: the stored file of {} ({}, {} bytes) {}",
-                                                          shown, p.fileID, p.storedLength, p.detail));
-                notes += (notes.empty() ? "" : "; ") + shown + " " + p.detail;
-        }
-    }
-    return notes;
-}
-
-int CheckStoredFiles(const Backup& backup, bool skipDamaged, int verbosity) {
+int CheckStoredFiles(quiver::Backup& backup, bool skipDamaged, int verbosity) {
     // One pass over every stored file finds all the damage at once, so that a person learns of every
     // bad file before anything is written, not one run at a time.
-    std::vector<QVProblem> damaged;
+    std::vector<quiver::Problem> damaged;
     Progress progress("Checking the stored files");
-    CFErrorRef error = nullptr;
-    const std::optional<int64_t> walked = QVBackupContainerVerify(
-        backup, QVVerifyMode::Digests,
-        [&](const QVProblem& p) {
-            // Problems of the manifest as a whole (orphans, duplicate IDs, missing parents) do not
-            // keep a file from being copied; only a stored file that cannot be trusted does.
-            const bool ofAStoredFile = !p.path.empty() || !p.domain.empty();
-            if (!ofAStoredFile || p.kind == QVProblemKind::DuplicateFileID || p.kind == QVProblemKind::WrongFileID ||
-                p.kind == QVProblemKind::MissingParent || p.kind == QVProblemKind::OrphanStoredFile ||
-                p.kind == QVProblemKind::MetadataUnreadable)
-                return;
-            if (p.warning) {
-                Detail(verbosity, fmt::format("{} {}: {}", Printable(p.domain), Printable(p.path), p.detail));
-                return;
-            }
-            damaged.push_back(p);
-        },
-        [&](int64_t, int64_t, double fraction) { progress.Update(fraction); }, &error);
+    try {
+        backup.verify(
+            quiver::VerifyMode::Digests,
+            [&](const quiver::Problem& p) {
+                // Problems of the manifest as a whole (orphans, duplicate IDs, missing parents) do not
+                // keep a file from being copied; only a stored file that cannot be trusted does.
+                const bool ofAStoredFile = !p.path.empty() || !p.domain.empty();
+                if (!ofAStoredFile || p.kind == "duplicate-file-id" || p.kind == "wrong-file-id" ||
+                    p.kind == "missing-parent" || p.kind == "orphan-stored-file" ||
+                    p.kind == "metadata-not-a-property-list")
+                    return;
+                if (p.warning) {
+                    Detail(verbosity, fmt::format("{} {}: {}", Printable(p.domain), Printable(p.path), p.detail));
+                    return;
+                }
+                damaged.push_back(p);
+            },
+            [&](double fraction) { progress.Update(fraction); });
+    } catch (const quiver::Error& e) {
+        throw Failure(kFailure, fmt::format("could not check the stored files: {}", e.what()));
+    }
     progress.Finish();
-    CF::Error failure = CF::Error::Adopt(error);
-    if (!walked) throw Failure(kFailure, fmt::format("could not check the stored files: {}", ErrorText(failure)));
     if (damaged.empty()) return 0;
     std::string list;
-    for (const QVProblem& p : damaged)
+    for (const quiver::Problem& p : damaged)
         list += fmt::format("quiver: damaged: {} {} (stored as {}): {}\n", Printable(p.domain), Printable(p.path),
                             p.storedName.empty() ? p.fileID : p.storedName, p.detail);
     WriteAll(STDERR_FILENO, list);
@@ -353,8 +303,7 @@ int CheckStoredFiles(const Backup& backup, bool skipDamaged, int verbosity) {
         throw Failure(kBadBackup, fmt::format("the backup is damaged: {} {} listed above; nothing was written (give "
                                               "--skip-damaged to write the rest without {})",
                                               count, count == 1 ? "file is" : "files are", count == 1 ? "it" : "them"));
-    for (const QVProblem& p : damaged)
-        QVBackupContainerRemovePath(backup, CF::String(p.domain).get(), CF::String(p.path).get());
+    for (const quiver::Problem& p : damaged) backup.remove(p.domain, p.path);
     return static_cast<int>(count);
 }
 

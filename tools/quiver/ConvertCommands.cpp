@@ -16,12 +16,10 @@
 
 #include <fmt/format.h>
 
-#include "Quiver/QVConvert.hpp"
-#include "Quiver/QVError.hpp"
 #include "Tool.hpp"
 
 namespace fs = std::filesystem;
-using namespace Quiver;
+using quiver::ErrorCode;
 
 namespace QuiverTool {
 
@@ -29,10 +27,10 @@ namespace {
 
 struct PasswordOptions {
     std::string newPasswordFile;
-    uint32_t iterations = QVPasswordParameters{}.iterations;
-    uint32_t sha1Iterations = QVPasswordParameters{}.sha1Iterations;
+    uint32_t iterations = quiver::PasswordParameters{}.iterations;
+    uint32_t sha1Iterations = quiver::PasswordParameters{}.sha1Iterations;
 
-    QVPasswordParameters parameters() const { return {iterations, sha1Iterations}; }
+    quiver::PasswordParameters parameters() const { return {iterations, sha1Iterations}; }
 };
 
 void AddPasswordOptions(CLI::App* command, PasswordOptions& o) {
@@ -115,35 +113,35 @@ int RunPasswd(const PasswdOptions& o, const GlobalOptions& global) {
                                             o.backup));
     RefuseFolderOfBackups(o.backup);
     // Said before any password is asked for, which a plain backup does not have.
-    Quiver::QVBackupMetadata metadata;
-    CFErrorRef metadataError = nullptr;
-    if (QVBackupContainerCopyMetadata(CF::String(o.backup).get(), QVDataSourceTypeDirectory, &metadata, &metadataError) &&
-        metadata.manifest.Get("IsEncrypted") != kCFBooleanTrue)
+    std::optional<quiver::Metadata> metadata;
+    try {
+        metadata = quiver::Backup::readMetadata(o.backup);
+    } catch (const quiver::Error&) {
+        // Whatever keeps the metadata from being read, changing the password says best.
+    }
+    if (metadata && !metadata->encrypted())
         throw Failure(kFailure, fmt::format("{} is not encrypted; `quiver encrypt` writes an encrypted copy", o.backup));
-    if (metadataError) CFRelease(metadataError);
     const std::string current = CurrentPassword(o.backup, global);
     const std::string fresh = NewPassword(o.password);
     Progress progress("Deriving the keys");
-    CFErrorRef error = nullptr;
-    const bool changed = QVBackupChangePassword(CF::String(o.backup).get(), CF::String(current).get(),
-                                                CF::String(fresh).get(), o.password.parameters(), &error);
-    progress.Finish();
-    if (changed) {
-        Detail(global.verbosity, fmt::format("{}: Manifest.plist holds the key bag of the new password", o.backup));
-        return kSuccess;
+    try {
+        quiver::Backup::changePassword(o.backup, current, fresh, o.password.parameters());
+    } catch (const quiver::Error& failure) {
+        progress.Finish();
+        Detail(global.verbosity, fmt::format("the library reported: {}", failure.trace()));
+        const ErrorCode code = failure.code();
+        if (code == ErrorCode::IncorrectPassword || failure.check() == "password")
+            throw Failure(kPasswordProblem, fmt::format("the password for {} is incorrect; nothing was changed", o.backup));
+        if (code == ErrorCode::NotEncrypted)
+            throw Failure(kFailure, fmt::format("{} is not encrypted; `quiver encrypt` writes an encrypted copy", o.backup));
+        if (code == ErrorCode::InvalidBackup || code == ErrorCode::InvalidKeyBag || code == ErrorCode::InvalidMetadata ||
+            code == ErrorCode::UnlockFailed || code == ErrorCode::EncryptionNotSupported)
+            throw Failure(kBadBackup, fmt::format("{}: {}; nothing was changed", o.backup, failure.what()));
+        throw Failure(kFailure, fmt::format("could not change the password of {}: {}", o.backup, failure.what()));
     }
-    const CF::Error failure = CF::Error::Adopt(error);
-    Detail(global.verbosity, fmt::format("the library reported: {}", failure.Text()));
-    const std::string check = ErrorContextValue(failure, kQVErrorCheckKey);
-    if (failure.Code() == QVErrorIncorrectPassword || check == "password")
-        throw Failure(kPasswordProblem, fmt::format("the password for {} is incorrect; nothing was changed", o.backup));
-    if (failure.Code() == QVErrorNotEncrypted)
-        throw Failure(kFailure, fmt::format("{} is not encrypted; `quiver encrypt` writes an encrypted copy", o.backup));
-    if (failure.Code() == QVErrorInvalidBackup || failure.Code() == QVErrorInvalidKeyBag ||
-        failure.Code() == QVErrorInvalidMetadata || failure.Code() == QVErrorUnlockFailed ||
-        failure.Code() == QVErrorEncryptionNotSupported)
-        throw Failure(kBadBackup, fmt::format("{}: {}; nothing was changed", o.backup, ErrorText(failure)));
-    throw Failure(kFailure, fmt::format("could not change the password of {}: {}", o.backup, ErrorText(failure)));
+    progress.Finish();
+    Detail(global.verbosity, fmt::format("{}: Manifest.plist holds the key bag of the new password", o.backup));
+    return kSuccess;
 }
 
 // ---- decrypt and encrypt ----
@@ -162,40 +160,40 @@ int Convert(const ConvertOptions& o, const GlobalOptions& global, bool encrypt) 
     RequireNewDestination(o.destination);
     OpenBackup open = LoadBackup(o.backup, global);
     RequireWholeBackup(open.get(), o.backup);
-    if (encrypt && QVBackupContainerIsEncrypted(open.get()))
+    if (encrypt && open.get().encrypted())
         throw Failure(kFailure, fmt::format("{} is encrypted already; `quiver passwd` gives it a new password", o.backup));
-    if (!encrypt && !QVBackupContainerIsEncrypted(open.get()))
+    if (!encrypt && !open.get().encrypted())
         throw Failure(kFailure, fmt::format("{} is not encrypted; `quiver export` copies it", o.backup));
     const std::string fresh = encrypt ? NewPassword(o.password) : std::string();
 
     size_t unreadable = 0;
-    const QVConversionProblemFunction report = [&](const QVConversionProblem& p) {
+    RemoveOnSignal removeIfInterrupted(quiver::Backup::partialPath(o.destination));
+    Progress progress(encrypt ? "Encrypting" : "Decrypting");
+    quiver::ConvertOptions options;
+    options.zip = zip;
+    options.skipDamaged = o.skipDamaged;
+    options.progress = [&](double fraction) { progress.Update(fraction); };
+    options.problem = [&](const quiver::Problem& p) {
         ++unreadable;
         Warn(fmt::format("{} {} ({}) cannot be read{}: {}", Printable(p.domain), Printable(p.path), p.fileID,
                          o.skipDamaged ? " and is left out" : "", p.detail));
     };
-    const CF::String target(o.destination);
-    RemoveOnSignal removeIfInterrupted(QVBackupContainerPartialPath(target.get()));
-    Progress progress(encrypt ? "Encrypting" : "Decrypting");
-    const ExportProgress update = [&](double fraction) { progress.Update(fraction); };
-    const QVConversionOptions options{zip, o.skipDamaged};
-    CFErrorRef error = nullptr;
-    const bool written =
-        encrypt ? QVBackupContainerExportEncrypted(open.get(), target.get(), CF::String(fresh).get(),
-                                                   o.password.parameters(), options, report, update, &error)
-                : QVBackupContainerExportDecrypted(open.get(), target.get(), options, report, update, &error);
-    progress.Finish();
-    if (!written) {
-        const CF::Error failure = CF::Error::Adopt(error);
-        Detail(global.verbosity, fmt::format("the library reported: {}", failure.Text()));
+    try {
+        if (encrypt)
+            open.get().writeEncrypted(o.destination, fresh, o.password.parameters(), options);
+        else
+            open.get().writeDecrypted(o.destination, options);
+    } catch (const quiver::Error& failure) {
+        progress.Finish();
+        Detail(global.verbosity, fmt::format("the library reported: {}", failure.trace()));
         if (unreadable > 0 && !o.skipDamaged)
             throw Failure(kBadBackup, fmt::format("{} of {} cannot be read; nothing was written (--skip-damaged "
                                                   "leaves {} out)",
                                                   unreadable == 1 ? "a file" : fmt::format("{} files", unreadable),
                                                   o.backup, unreadable == 1 ? "it" : "them"));
-        const CF::Error cause = failure.Underlying() ? failure.Underlying() : failure;
-        throw Failure(kFailure, fmt::format("could not write {}: {}", o.destination, ErrorText(cause)));
+        throw Failure(kFailure, fmt::format("could not write {}: {}", o.destination, CauseText(failure)));
     }
+    progress.Finish();
     if (unreadable > 0) {
         Warn(fmt::format("{} written without the {} {} that cannot be read", o.destination, unreadable,
                          unreadable == 1 ? "file" : "files"));

@@ -3,77 +3,21 @@
 // `csv` (every entry as CSV, from a backup of any kind or a bare Manifest.db).
 #include <unistd.h>
 
-#include <CoreFoundation/CFExtension.h>
-
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "Quiver/QVError.hpp"
-#include "Quiver/QVManifestCSV.hpp"
-#include "Quiver/QVManifestDB.hpp"
-#include "Quiver/Support/ByteReader.hpp"
 #include "Tool.hpp"
 
 namespace fs = std::filesystem;
-using namespace Quiver;
 using nlohmann::json;
 
 namespace QuiverTool {
 
 namespace {
-
-std::string ManifestVersionText(QVManifestDataVersion version) {
-    switch (version) {
-        case QVManifestDataVersion24: return "2.4";
-        case QVManifestDataVersion30: return "3.0";
-        case QVManifestDataVersion31: return "3.1";
-        case QVManifestDataVersion32: return "3.2";
-        case QVManifestDataVersion33: return "3.3";
-        default: return "";
-    }
-}
-
-// What the key bag's header says of how the password becomes a key. It stands in Manifest.plist
-// unenciphered, so it is read without the password; the class keys stay wrapped.
-struct KeyBagFacts {
-    uint32_t version = 0;
-    uint32_t type = 0;
-    uint32_t iterations = 0;                  // ITER: PBKDF2-HMAC-SHA1
-    std::optional<uint32_t> dpIterations;     // DPIC: PBKDF2-HMAC-SHA256, from iOS 10.2 on
-    int classes = 0;
-};
-
-std::optional<KeyBagFacts> ReadKeyBagFacts(const CF::Dictionary& manifest) {
-    CF::Data blob = manifest.Get<CF::Data>("BackupKeyBag");
-    if (!blob) return std::nullopt;
-    const std::vector<uint8_t> bytes = blob.vector();
-    Support::byte_reader reader(bytes);
-    KeyBagFacts facts;
-    bool sawVersion = false, sawIterations = false;
-    uint64_t offset = 0;
-    while (reader.contains(offset, 8)) {
-        const std::span<const uint8_t> tagBytes = *reader.slice(offset, 4);
-        const std::string tag(tagBytes.begin(), tagBytes.end());
-        const uint64_t length = *reader.be(offset + 4, 4);
-        if (!reader.contains(offset + 8, length)) return std::nullopt;
-        // Header values come before the first class's; the first of each tag is the header's.
-        const bool number = length == 4;
-        const auto value = static_cast<uint32_t>(number ? reader.be(offset + 8, 4).value_or(0) : 0);
-        if (tag == "VERS" && number && !sawVersion) facts.version = value, sawVersion = true;
-        if (tag == "TYPE" && number && facts.classes == 0) facts.type = value;
-        if (tag == "ITER" && number && !sawIterations) facts.iterations = value, sawIterations = true;
-        if (tag == "DPIC" && number && !facts.dpIterations) facts.dpIterations = value;
-        if (tag == "CLAS") ++facts.classes;
-        offset += 8 + length;
-    }
-    if (!sawVersion || !sawIterations) return std::nullopt;
-    return facts;
-}
 
 std::string Thousands(uint64_t n) {
     std::string digits = std::to_string(n);
@@ -100,47 +44,48 @@ int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
     RefuseFolderOfBackups(o.backup);
     // The metadata files say what a person needs to tell backups apart, and say it without the
     // password. Whatever they cannot be read for, loading the backup says best.
-    QVBackupMetadata metadata;
+    quiver::Metadata metadata;
     OpenBackup open;
-    CF::Error metadataError;
+    std::string metadataError;
     if (std::optional<FoundBackup> found = ReadFoundBackup(o.backup, metadataError)) {
         metadata = std::move(found->metadata);
     } else {
         open = LoadBackup(o.backup, global);
     }
-    const bool encryptedByMetadata = metadata.manifest.Get<CF::Boolean>("IsEncrypted").value();
-    if (!open.get() && (!encryptedByMetadata || PasswordGiven(global))) open = LoadBackup(o.backup, global);
+    const bool encryptedByMetadata = metadata.encrypted();
+    if (!open && (!encryptedByMetadata || PasswordGiven(global))) open = LoadBackup(o.backup, global);
 
     std::string version = StringValue(metadata.status, "Version");
     std::string manifestFile = metadata.manifestFile;
     bool encrypted = encryptedByMetadata;
     // The ManifestKey is what enciphers Manifest.db; backups before iOS 10.2 have none.
-    bool enciphered = encrypted && metadata.manifest.Get<CF::Data>("ManifestKey") && manifestFile == "Manifest.db";
+    bool enciphered = encrypted && metadata.manifest["ManifestKey"].type() == quiver::Value::Type::Data &&
+                      manifestFile == "Manifest.db";
     std::vector<std::string> missing = metadata.missing;
     std::optional<Contents> contents;
-    if (const Backup& backup = open.get()) {
-        metadata.info = CF::Dictionary::Adopt(QVBackupContainerCopyInfoDict(backup));
-        metadata.status = CF::Dictionary::Adopt(QVBackupContainerCopyStatusDict(backup));
-        metadata.manifest = CF::Dictionary::Adopt(QVBackupContainerCopyManifestDict(backup));
+    if (open) {
+        const quiver::Backup& backup = open.get();
+        metadata.info = backup.info();
+        metadata.status = backup.status();
+        metadata.manifest = backup.manifestProperties();
         // A partial copy may lack the version; the library took it from the kind of manifest present.
-        version = ManifestVersionText(backup->manifestVersion);
+        version = backup.manifestVersion();
         manifestFile = version == "2.4" ? "Manifest.mbdb" : "Manifest.db";
-        encrypted = QVBackupContainerIsEncrypted(backup) != 0;
-        enciphered = QVBackupContainerHasEncipheredManifest(backup);
-        missing = QVBackupContainerCopyMissingMetadata(backup);
+        encrypted = backup.encrypted();
+        enciphered = backup.manifestEnciphered();
+        missing = backup.missingMetadata();
         Contents c;
-        Manifest manifest = QVBackupContainerGetManifest(backup);
-        for (const Entry& e : QVManifestGetEntries(manifest)) {
-            if (QVManifestEntryIsDirectory(e)) {
+        for (const quiver::Entry e : backup.entries()) {
+            if (e.isDirectory()) {
                 ++c.directories;
-            } else if (QVManifestEntryIsSymlink(e)) {
+            } else if (e.isSymlink()) {
                 ++c.symlinks;
             } else {
                 ++c.files;
-                c.totalSize += QVManifestEntryGetFileSize(e);
+                c.totalSize += e.size();
             }
         }
-        c.domains = CF::Array::Adopt(QVManifestCopyDomainsList(manifest)).size();
+        c.domains = backup.domains().size();
         contents = c;
     }
     const DeviceFacts device = DeviceFactsOf(metadata);
@@ -150,7 +95,14 @@ int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
     // Devices set SnapshotState to "finished" when the backup completed.
     const bool completeKnown = !snapshotState.empty();
     const bool complete = snapshotState == "finished";
-    const std::optional<KeyBagFacts> keyBag = encrypted ? ReadKeyBagFacts(metadata.manifest) : std::nullopt;
+    // A copy rather than the optional: GCC warns that an optional filled by a call into the library
+    // may be unset where it is read.
+    quiver::KeyBagInfo keyBagInfo;
+    bool keyBagRead = false;
+    if (encrypted)
+        if (std::optional<quiver::KeyBagInfo> read = quiver::readKeyBagInfo(metadata.manifest))
+            keyBagInfo = *read, keyBagRead = true;
+    const quiver::KeyBagInfo* keyBag = keyBagRead ? &keyBagInfo : nullptr;
     auto orNull = [](const std::string& s) { return s.empty() ? json(nullptr) : json(s); };
 
     if (o.json) {
@@ -250,7 +202,7 @@ int RunList(const ListOptions& o, const GlobalOptions& global) {
     const ListingFormat format = ListingFormatOf(o.json, o.jsonLines, o.longFormat);
     OpenBackup open = LoadBackup(o.backup, global);
     EntryListing listing(format, o.local);
-    for (const Entry& e : SelectEntries(open.get(), o.domain, o.path)) listing.Add(e);
+    for (const quiver::Entry& e : SelectEntries(open.get(), o.domain, o.path)) listing.Add(e);
     listing.Finish();
     return kSuccess;
 }
@@ -263,10 +215,8 @@ int RunExactCsv(const std::string& database) {
     constexpr size_t kHeld = size_t{4} << 20;
     std::string held;
     bool streaming = false;
-    CFErrorRef error = nullptr;
-    const bool listed = QVManifestDBWriteCSVRepresentation(
-        CF::String(database).get(),
-        [&](std::string_view text) {
+    try {
+        quiver::Backup::writeManifestCSV(database, [&](std::string_view text) {
             held += text;
             if (streaming || held.size() > kHeld) {
                 WriteAll(STDOUT_FILENO, held);
@@ -274,14 +224,13 @@ int RunExactCsv(const std::string& database) {
                 streaming = true;
             }
             return true;
-        },
-        &error);
-    CF::Error failure = CF::Error::Adopt(error);
-    if (!listed) {
-        const bool damaged = failure.Code() == QVErrorInvalidManifestDatabase ||
-                             failure.Code() == QVErrorDatabaseOperation || failure.Code() == QVErrorInvalidMBFile;
+        });
+    } catch (const quiver::Error& failure) {
+        const bool damaged = failure.code() == quiver::ErrorCode::InvalidManifestDatabase ||
+                             failure.code() == quiver::ErrorCode::DatabaseOperation ||
+                             failure.code() == quiver::ErrorCode::InvalidMBFile;
         throw Failure(damaged ? kBadBackup : kFailure,
-                      fmt::format("{} is not a readable Manifest.db: {}{}", database, ErrorText(failure),
+                      fmt::format("{} is not a readable Manifest.db: {}{}", database, failure.what(),
                                   streaming ? "; the listing written is incomplete" : ""));
     }
     held += '\n';
@@ -301,55 +250,55 @@ void AppendCsvField(std::string& out, std::string_view value, bool last = false)
     out += last ? "\"\r\n" : "\",";
 }
 
+// Standard alphabet, padded, on one line.
 std::string Base64(std::span<const uint8_t> bytes) {
-    if (bytes.empty()) return {};
-    return CF::String::Adopt(CFDataCopyBase64Representation(CF::Data(bytes).get())).utf8();
+    static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    out.reserve((bytes.size() + 2) / 3 * 4);
+    for (size_t i = 0; i < bytes.size(); i += 3) {
+        const size_t n = std::min<size_t>(3, bytes.size() - i);
+        uint32_t v = uint32_t{bytes[i]} << 16;
+        if (n > 1) v |= uint32_t{bytes[i + 1]} << 8;
+        if (n > 2) v |= bytes[i + 2];
+        out += kAlphabet[v >> 18];
+        out += kAlphabet[(v >> 12) & 63];
+        out += n > 1 ? kAlphabet[(v >> 6) & 63] : '=';
+        out += n > 2 ? kAlphabet[v & 63] : '=';
+    }
+    return out;
 }
 
-void WriteCsv(std::vector<Entry> entries) {
+void WriteCsv(std::vector<quiver::Entry> entries) {
     // In file-ID order, as the library lists a database.
-    std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-        return QVManifestEntryCopyFileIDUTF8(a) < QVManifestEntryCopyFileIDUTF8(b);
-    });
+    std::sort(entries.begin(), entries.end(),
+              [](const quiver::Entry& a, const quiver::Entry& b) { return a.fileID() < b.fileID(); });
     std::string text;
     for (const char* name : {"fileID", "domain", "relativePath", "fileTypeFlags", "relativePath2", "target", "digest",
                              "encryptionKey", "mode", "inodeNumber", "userID", "groupID", "lastModified",
                              "lastStatusChange", "birth", "size", "protectionClass"})
         AppendCsvField(text, name);
     AppendCsvField(text, "extendedAttributes", true);
-    auto unix = [](double absolute) {
-        return std::to_string(static_cast<int64_t>(std::floor(absolute + kCFAbsoluteTimeIntervalSince1970)));
-    };
-    for (const Entry& e : entries) {
-        uint16_t mode = 0;
-        uint32_t uid = 0, gid = 0;
-        QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
-        double birth = 0, modified = 0, changed = 0;
-        QVManifestEntryGetTimes(e, &birth, &modified, &changed);
-        CFDictionaryRef attributes = QVManifestEntryGetProperties(e);
-        const std::string path(QVManifestEntryGetPathUTF8(e));
-        AppendCsvField(text, QVManifestEntryCopyFileIDUTF8(e));
-        AppendCsvField(text, QVManifestEntryGetDomainUTF8(e));
+    for (const quiver::Entry& e : entries) {
+        const quiver::Times times = e.times();
+        const std::string_view path = e.path();
+        AppendCsvField(text, e.fileID());
+        AppendCsvField(text, e.domain());
         AppendCsvField(text, path);
-        AppendCsvField(text, std::to_string(QVManifestEntryGetFileType(e)));
+        AppendCsvField(text, std::to_string(e.typeFlags()));
         AppendCsvField(text, path);
-        AppendCsvField(text, QVManifestEntryIsSymlink(e) ? QVManifestEntryGetTargetUTF8(e) : std::string_view());
-        AppendCsvField(text, Base64(QVManifestEntryGetDataHashBytes(e)));
-        AppendCsvField(text, Base64(QVManifestEntryGetEncryptionDataBytes(e)));
-        AppendCsvField(text, std::to_string(mode));
-        AppendCsvField(text, std::to_string(QVManifestEntryGetInode(e)));
-        AppendCsvField(text, std::to_string(uid));
-        AppendCsvField(text, std::to_string(gid));
-        AppendCsvField(text, unix(modified));
-        AppendCsvField(text, unix(changed));
-        AppendCsvField(text, unix(birth));
-        AppendCsvField(text, std::to_string(QVManifestEntryGetFileSize(e)));
-        AppendCsvField(text, std::to_string(ProtectionClassCode(QVManifestEntryGetProtectionClass(e))));
-        AppendCsvField(text,
-                       attributes && CFDictionaryGetCount(attributes) > 0
-                           ? CF::String::Adopt(CFDictionaryCopyDebugDescription(attributes)).utf8()
-                           : std::string(),
-                       true);
+        AppendCsvField(text, e.isSymlink() ? e.target() : std::string_view());
+        AppendCsvField(text, Base64(e.digest()));
+        AppendCsvField(text, Base64(e.wrappedKey()));
+        AppendCsvField(text, std::to_string(e.mode()));
+        AppendCsvField(text, std::to_string(e.inode()));
+        AppendCsvField(text, std::to_string(e.uid()));
+        AppendCsvField(text, std::to_string(e.gid()));
+        AppendCsvField(text, std::to_string(times.modified));
+        AppendCsvField(text, std::to_string(times.statusChanged));
+        AppendCsvField(text, std::to_string(times.birth));
+        AppendCsvField(text, std::to_string(e.size()));
+        AppendCsvField(text, std::to_string(static_cast<uint32_t>(e.protectionClass())));
+        AppendCsvField(text, e.describeExtendedAttributes(), true);
         if (text.size() >= 65536) {
             WriteAll(STDOUT_FILENO, text);
             text.clear();
@@ -382,9 +331,9 @@ int RunCsv(const CsvOptions& o, const GlobalOptions& global) {
         std::string file = o.source;
         if (fs::is_directory(status)) {
             file = (fs::path(o.source) / "Manifest.db").string();
-            CF::Error metadataError;
+            std::string metadataError;
             std::optional<FoundBackup> found = ReadFoundBackup(o.source, metadataError);
-            const bool encrypted = found && found->metadata.manifest.Get<CF::Boolean>("IsEncrypted").value();
+            const bool encrypted = found && found->metadata.encrypted();
             if (encrypted || !IsSQLiteFile(file))
                 throw Failure(kUsage, fmt::format("--exact lists a plain Manifest.db, and {} has none; without --exact "
                                                   "the listing is made from the backup itself",
@@ -397,17 +346,17 @@ int RunCsv(const CsvOptions& o, const GlobalOptions& global) {
         return RunExactCsv(file);
     }
     if (database) {
-        CFErrorRef error = nullptr;
-        Manifest manifest = QVManifestCreateFromManifestDatabase(CF::String(o.source).get(), QVManifestDataVersion33, {},
-                                                                 {}, &error);
-        CF::Error failure = CF::Error::Adopt(error);
-        if (!manifest)
-            throw Failure(kBadBackup, fmt::format("{} is not a readable Manifest.db: {}", o.source, ErrorText(failure)));
-        WriteCsv(QVManifestGetEntries(manifest));
+        std::vector<quiver::Entry> entries;
+        try {
+            entries = quiver::Backup::readManifestDB(o.source).toVector();
+        } catch (const quiver::Error& failure) {
+            throw Failure(kBadBackup, fmt::format("{} is not a readable Manifest.db: {}", o.source, failure.what()));
+        }
+        WriteCsv(std::move(entries));
         return kSuccess;
     }
     OpenBackup open = LoadBackup(o.source, global);
-    WriteCsv(QVManifestGetEntries(QVBackupContainerGetManifest(open.get())));
+    WriteCsv(open.get().entries().toVector());
     return kSuccess;
 }
 

@@ -16,18 +16,14 @@
 #include "Tool.hpp"
 
 namespace fs = std::filesystem;
-using namespace Quiver;
 using nlohmann::json;
 
 namespace QuiverTool {
 
-std::string StringValue(const CF::Dictionary& dict, const char* key) {
-    CF::String value = dict.Get<CF::String>(key);
-    return value ? value.utf8() : std::string();
-}
+std::string StringValue(const quiver::Value& dict, const char* key) { return std::string(dict[key].asString()); }
 
-DeviceFacts DeviceFactsOf(const QVBackupMetadata& metadata) {
-    CF::Dictionary lockdown = metadata.manifest.Get<CF::Dictionary>("Lockdown");
+DeviceFacts DeviceFactsOf(const quiver::Metadata& metadata) {
+    const quiver::Value& lockdown = metadata.manifest["Lockdown"];
     auto pick = [&](const char* infoKey, const char* lockdownKey) {
         std::string value = StringValue(metadata.info, infoKey);
         return value.empty() ? StringValue(lockdown, lockdownKey) : value;
@@ -36,11 +32,11 @@ DeviceFacts DeviceFactsOf(const QVBackupMetadata& metadata) {
             pick("Product Version", "ProductVersion"), pick("Build Version", "BuildVersion")};
 }
 
-std::optional<int64_t> BackupDateOf(const QVBackupMetadata& metadata) {
+std::optional<int64_t> BackupDateOf(const quiver::Metadata& metadata) {
     for (const auto& [dict, key] : {std::pair{&metadata.info, "Last Backup Date"}, {&metadata.status, "Date"},
                                     {&metadata.manifest, "Date"}}) {
-        CF::Date date = dict->Get<CF::Date>(key);
-        if (date) return static_cast<int64_t>(std::floor(date.UnixTime()));
+        const quiver::Value& date = (*dict)[key];
+        if (date.type() == quiver::Value::Type::Date) return static_cast<int64_t>(std::floor(date.asDate()));
     }
     return std::nullopt;
 }
@@ -97,7 +93,7 @@ std::string OrUnknown(const std::string& text) { return text.empty() ? "?" : tex
 
 json OrNull(const std::string& text) { return text.empty() ? json(nullptr) : json(text); }
 
-bool IsEncrypted(const QVBackupMetadata& metadata) { return metadata.manifest.Get<CF::Boolean>("IsEncrypted").value(); }
+bool IsEncrypted(const quiver::Metadata& metadata) { return metadata.encrypted(); }
 
 struct ListOptions {
     std::vector<std::string> folders;
@@ -119,11 +115,11 @@ int RunListBackups(const ListOptions& o) {
         if (fs::is_directory(place, ec)) {
             here = FindBackups(place);
         } else {
-            CF::Error error;
+            std::string error;
             if (std::optional<FoundBackup> zip = ReadFoundBackup(place, error))
                 here.push_back(std::move(*zip));
             else
-                Warn(fmt::format("{} is not a readable backup: {}", place, ErrorText(error)));
+                Warn(fmt::format("{} is not a readable backup: {}", place, error));
         }
         for (FoundBackup& backup : here) found.push_back(std::move(backup));
     }
@@ -186,15 +182,13 @@ int RunListBackups(const ListOptions& o) {
 
 }  // namespace
 
-std::optional<FoundBackup> ReadFoundBackup(const std::string& path, CF::Error& error) {
-    std::error_code ec;
-    const bool zip = !fs::is_directory(path, ec);
+std::optional<FoundBackup> ReadFoundBackup(const std::string& path, std::string& error) {
     FoundBackup found;
     found.path = path;
-    CFErrorRef slot = nullptr;
-    if (!QVBackupContainerCopyMetadata(CF::String(path).get(), zip ? QVDataSourceTypeZip : QVDataSourceTypeDirectory,
-                                       &found.metadata, &slot)) {
-        error = CF::Error::Adopt(slot);
+    try {
+        found.metadata = quiver::Backup::readMetadata(path);
+    } catch (const quiver::Error& e) {
+        error = e.what();
         return std::nullopt;
     }
     found.size = SizeOnDisk(path);
@@ -215,11 +209,11 @@ std::vector<FoundBackup> FindBackups(const std::string& folder) {
         std::sort(candidates.begin(), candidates.end());
     }
     for (const fs::path& candidate : candidates) {
-        CF::Error error;
+        std::string error;
         if (std::optional<FoundBackup> backup = ReadFoundBackup(candidate.string(), error))
             found.push_back(std::move(*backup));
         else
-            Warn(fmt::format("{} is not a readable backup: {}", Printable(candidate.string()), ErrorText(error)));
+            Warn(fmt::format("{} is not a readable backup: {}", Printable(candidate.string()), error));
     }
     return found;
 }
@@ -236,7 +230,7 @@ void RefuseFolderOfBackups(const std::string& path) {
     std::sort(backups.begin(), backups.end());
     std::string list;
     for (const fs::path& backup : backups) {
-        CF::Error error;
+        std::string error;
         std::optional<FoundBackup> found = ReadFoundBackup(backup.string(), error);
         list += "\n  " + Printable(backup.string());
         if (!found) {

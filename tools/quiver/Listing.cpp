@@ -13,7 +13,6 @@
 
 #include "Tool.hpp"
 
-using namespace Quiver;
 using nlohmann::json;
 
 namespace QuiverTool {
@@ -38,10 +37,7 @@ void AppendJsonString(std::string& out, std::string_view text) {
 }
 
 // One entry as a JSON object, keys in alphabetical order: indented inside an array, or on one line.
-void AppendEntryJson(std::string& out, const Entry& e, bool oneLine) {
-    uint16_t mode = 0;
-    uint32_t uid = 0, gid = 0;
-    QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
+void AppendEntryJson(std::string& out, const quiver::Entry& e, bool oneLine) {
     const char* open = oneLine ? "{" : "  {\n";
     const char* indent = oneLine ? "" : "    ";
     const char* next = oneLine ? ", " : ",\n";
@@ -52,28 +48,28 @@ void AppendEntryJson(std::string& out, const Entry& e, bool oneLine) {
     };
     out += open;
     key("domain");
-    AppendJsonString(out, QVManifestEntryGetDomainUTF8(e));
+    AppendJsonString(out, e.domain());
     out += next;
     key("fileID");
-    AppendJsonString(out, QVManifestEntryCopyFileIDUTF8(e));
+    AppendJsonString(out, e.fileID());
     out += next;
-    number("gid", gid);
-    number("mode", mode);
+    number("gid", e.gid());
+    number("mode", e.mode());
     number("mtime", EntryModifiedUnixTime(e));
     key("path");
-    AppendJsonString(out, QVManifestEntryGetPathUTF8(e));
+    AppendJsonString(out, e.path());
     out += next;
-    number("protectionClass", ProtectionClassCode(QVManifestEntryGetProtectionClass(e)));
-    number("size", QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0);
+    number("protectionClass", static_cast<uint32_t>(e.protectionClass()));
+    number("size", e.isFile() ? e.size() : 0);
     key("target");
-    if (QVManifestEntryIsSymlink(e)) {
-        AppendJsonString(out, QVManifestEntryGetTargetUTF8(e));
+    if (e.isSymlink()) {
+        AppendJsonString(out, e.target());
     } else {
         out += "null";
     }
     out += next;
     fmt::format_to(std::back_inserter(out), "{}\"type\": \"{}\"{}{}\"uid\": {}{}", indent, EntryTypeName(e), next,
-                   indent, uid, oneLine ? "}" : "\n  }");
+                   indent, e.uid(), oneLine ? "}" : "\n  }");
 }
 
 }  // namespace
@@ -89,7 +85,7 @@ ListingFormat ListingFormatOf(bool json, bool jsonLines, bool longFormat) {
     return longFormat ? ListingFormat::Long : ListingFormat::Names;
 }
 
-void EntryListing::Add(const Entry& e) {
+void EntryListing::Add(const quiver::Entry& e) {
     switch (format_) {
         case ListingFormat::Json:
             text_ += count_ == 0 ? "[\n" : ",\n";
@@ -102,17 +98,14 @@ void EntryListing::Add(const Entry& e) {
         case ListingFormat::Names:
         case ListingFormat::Long: {
             // Names come from the backup: control characters are shown escaped, never sent to the terminal.
-            std::string name = Printable(QVManifestEntryGetPathUTF8(e));
-            const std::string domain = Printable(QVManifestEntryGetDomainUTF8(e));
-            if (QVManifestEntryIsDirectory(e)) name += "/";
+            std::string name = Printable(e.path());
+            const std::string domain = Printable(e.domain());
+            if (e.isDirectory()) name += "/";
             if (format_ == ListingFormat::Long) {
-                uint16_t mode = 0;
-                uint32_t uid = 0, gid = 0;
-                QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
-                fmt::format_to(std::back_inserter(text_), "{} {:>5} {:>5} {:>10} {}  {}\t{}", ModeString(mode), uid, gid,
-                               QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0,
-                               LabelledTimeText(EntryModifiedUnixTime(e), local_), domain, name);
-                if (QVManifestEntryIsSymlink(e)) text_ += " -> " + Printable(QVManifestEntryGetTargetUTF8(e));
+                fmt::format_to(std::back_inserter(text_), "{} {:>5} {:>5} {:>10} {}  {}\t{}", ModeString(e.mode()), e.uid(),
+                               e.gid(), e.isFile() ? e.size() : 0, LabelledTimeText(EntryModifiedUnixTime(e), local_),
+                               domain, name);
+                if (e.isSymlink()) text_ += " -> " + Printable(e.target());
             } else {
                 fmt::format_to(std::back_inserter(text_), "{}\t{}", domain, name);
             }

@@ -13,20 +13,13 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "Quiver/QVManifest.hpp"
 #include "Tool.hpp"
 
-using namespace Quiver;
 using nlohmann::json;
 
 namespace QuiverTool {
 
 namespace {
-
-// Manifest times count from 2001-01-01 UTC.
-constexpr double kAbsoluteTimeEpoch = 978307200.0;
-
-int64_t UnixSeconds(double absoluteTime) { return static_cast<int64_t>(std::floor(absoluteTime + kAbsoluteTimeEpoch)); }
 
 std::string Hex(std::span<const uint8_t> bytes) {
     std::string text;
@@ -58,62 +51,43 @@ bool IsUtf8Text(std::span<const uint8_t> bytes) {
     return true;
 }
 
-// A property list as JSON: dates as ISO text, data as hexadecimal, keys that are not strings as
-// their description.
-json PropertyListJson(CFTypeRef value) {
-    if (!value) return nullptr;
-    const CFTypeID type = CFGetTypeID(value);
-    if (type == CFStringGetTypeID()) return json::parse(JsonString(CF::String::Retain(static_cast<CFStringRef>(value)).utf8()));
-    if (type == CFBooleanGetTypeID()) return CFBooleanGetValue(static_cast<CFBooleanRef>(value)) != 0;
-    if (type == CFNumberGetTypeID()) {
-        const auto number = static_cast<CFNumberRef>(value);
-        if (CFNumberIsFloatType(number)) {
-            double d = 0;
-            CFNumberGetValue(number, kCFNumberDoubleType, &d);
-            return d;
+// A property list as JSON: dates as ISO text, data as hexadecimal.
+json PropertyListJson(const quiver::Value& value) {
+    using Type = quiver::Value::Type;
+    switch (value.type()) {
+        case Type::Null: return nullptr;
+        case Type::String: return json::parse(JsonString(value.asString()));
+        case Type::Boolean: return value.asBoolean();
+        case Type::Integer: return value.asInteger();
+        case Type::Real: return value.asReal();
+        case Type::Date: return IsoTimeText(static_cast<int64_t>(std::floor(value.asDate())));
+        case Type::Data: return Hex(value.asData());
+        case Type::Array: {
+            json out = json::array();
+            for (size_t i = 0; i < value.size(); ++i) out.push_back(PropertyListJson(value[i]));
+            return out;
         }
-        int64_t n = 0;
-        CFNumberGetValue(number, kCFNumberSInt64Type, &n);
-        return n;
-    }
-    if (type == CFDateGetTypeID())
-        return IsoTimeText(UnixSeconds(CFDateGetAbsoluteTime(static_cast<CFDateRef>(value))));
-    if (type == CFDataGetTypeID()) {
-        const auto data = static_cast<CFDataRef>(value);
-        return Hex({CFDataGetBytePtr(data), static_cast<size_t>(CFDataGetLength(data))});
-    }
-    if (type == CFArrayGetTypeID()) {
-        json out = json::array();
-        const auto array = static_cast<CFArrayRef>(value);
-        for (CFIndex i = 0; i < CFArrayGetCount(array); ++i) out.push_back(PropertyListJson(CFArrayGetValueAtIndex(array, i)));
-        return out;
-    }
-    if (type == CFDictionaryGetTypeID()) {
-        json out = json::object();
-        for (const auto& [key, item] : CF::Dictionary::Retain(static_cast<CFDictionaryRef>(value)).Entries()) {
-            const std::string name = key && CFGetTypeID(key) == CFStringGetTypeID()
-                                         ? CF::String::Retain(static_cast<CFStringRef>(key)).utf8()
-                                         : PropertyListJson(key).dump();
-            out[json::parse(JsonString(name)).get<std::string>()] = PropertyListJson(item);
+        case Type::Dictionary: {
+            json out = json::object();
+            for (size_t i = 0; i < value.size(); ++i)
+                out[json::parse(JsonString(value.keyAt(i))).get<std::string>()] = PropertyListJson(value[i]);
+            return out;
         }
-        return out;
     }
     return nullptr;
 }
 
 // An extended attribute as people can read it: a property list decoded, text as text, anything else
 // in hexadecimal. One key says which it is.
-json AttributeJson(CFTypeRef value) {
-    if (!value || CFGetTypeID(value) != CFDataGetTypeID()) return {{"plist", PropertyListJson(value)}};
-    const auto data = static_cast<CFDataRef>(value);
-    const std::span<const uint8_t> bytes(CFDataGetBytePtr(data), static_cast<size_t>(CFDataGetLength(data)));
-    if (bytes.size() >= 6 && (std::string_view(reinterpret_cast<const char*>(bytes.data()), 6) == "bplist" ||
-                              bytes[0] == '<')) {
-        CFPropertyListRef plist = CFPropertyListCreateWithData(nullptr, data, 0, nullptr, nullptr);
-        if (plist) {
-            json decoded = PropertyListJson(plist);
-            CFRelease(plist);
-            return {{"plist", decoded}};
+json AttributeJson(const quiver::Value& value) {
+    if (value.type() != quiver::Value::Type::Data) return {{"plist", PropertyListJson(value)}};
+    const std::span<const uint8_t> bytes(value.asData());
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    if (bytes.size() >= 6 && (text.substr(0, 6) == "bplist" || bytes[0] == '<')) {
+        try {
+            return {{"plist", PropertyListJson(quiver::Value::fromXML(text))}};
+        } catch (const quiver::Error&) {
+            // Not a property list after all: shown as text or bytes below.
         }
     }
     if (!bytes.empty() && IsUtf8Text(bytes)) {
@@ -134,70 +108,56 @@ struct StatOptions {
 
 int RunStat(const StatOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
-    const Backup& backup = open.get();
+    const quiver::Backup& backup = open.get();
     std::string wanted = o.path;
     wanted.erase(0, std::min(wanted.find_first_not_of('/'), wanted.size()));
     while (!wanted.empty() && wanted.back() == '/') wanted.pop_back();
-    const Entry e = RequireEntry(backup, o.domain, wanted);
+    const quiver::Entry e = RequireEntry(backup, o.domain, wanted);
 
-    uint16_t mode = 0;
-    uint32_t uid = 0, gid = 0;
-    QVManifestEntryCopyFilesystemAttributes(e, &mode, &uid, &gid, nullptr, nullptr, nullptr);
-    double birth = 0, modified = 0, changed = 0;
-    QVManifestEntryGetTimes(e, &birth, &modified, &changed);
-    const std::span<const uint8_t> digest = QVManifestEntryGetDataHashBytes(e);
-    const std::span<const uint8_t> key = QVManifestEntryGetEncryptionDataBytes(e);
-    const uint32_t protectionClass = ProtectionClassCode(QVManifestEntryGetProtectionClass(e));
-    const std::string fileID = QVManifestEntryCopyFileIDUTF8(e);
+    const uint16_t mode = e.mode();
+    const quiver::Times times = e.times();
+    const std::span<const uint8_t> digest = e.digest();
+    const std::span<const uint8_t> key = e.wrappedKey();
+    const auto protectionClass = static_cast<uint32_t>(e.protectionClass());
+    const std::string fileID = e.fileID();
 
-    // Only regular files have a stored file: flat in the oldest layout, below the ID's first two
-    // hexadecimal digits since.
+    // Only regular files have a stored file.
     std::optional<std::string> storedName;
     std::optional<uint64_t> storedSize;
     std::string storedProblem;
-    if (QVManifestEntryIsFile(e)) {
-        storedName = backup->manifestVersion == QVManifestDataVersion24 || fileID.size() < 2
-                         ? fileID
-                         : fileID.substr(0, 2) + "/" + fileID;
-        CFErrorRef error = nullptr;
-        std::shared_ptr<QVFileClass> file = QVManifestEntryGetFile(e, &error);
-        CF::Error failure = CF::Error::Adopt(error);
-        if (file) {
-            storedSize = QVFileGetSize(file);
-        } else {
-            storedProblem = failure ? ErrorText(failure) : "missing";
+    if (e.isFile()) {
+        storedName = backup.storedName(e);
+        try {
+            storedSize = backup.storedLength(e);
+        } catch (const quiver::Error& failure) {
+            storedProblem = failure.what();
         }
     }
     json attributes = json::object();
-    if (CFDictionaryRef properties = QVManifestEntryGetProperties(e)) {
-        for (const auto& [name, value] : CF::Dictionary::Retain(properties).Entries()) {
-            std::string attributeName = name && CFGetTypeID(name) == CFStringGetTypeID()
-                                            ? CF::String::Retain(static_cast<CFStringRef>(name)).utf8()
-                                            : std::string("?");
-            attributes[json::parse(JsonString(attributeName)).get<std::string>()] = AttributeJson(value);
-        }
-    }
+    const quiver::Value properties = e.extendedAttributes();
+    for (size_t i = 0; i < properties.size(); ++i)
+        attributes[json::parse(JsonString(properties.keyAt(i))).get<std::string>()] = AttributeJson(properties[i]);
 
     if (o.json) {
         auto orNull = [](auto&& optional) { return optional ? json(*optional) : json(nullptr); };
         json out = {
-            {"domain", json::parse(JsonString(QVManifestEntryGetDomainUTF8(e)))},
-            {"path", json::parse(JsonString(QVManifestEntryGetPathUTF8(e)))},
+            {"domain", json::parse(JsonString(e.domain()))},
+            {"path", json::parse(JsonString(e.path()))},
             {"type", EntryTypeName(e)},
             {"fileID", fileID},
             {"mode", mode},
             {"modeText", ModeString(mode)},
-            {"uid", uid},
-            {"gid", gid},
-            {"inode", QVManifestEntryGetInode(e)},
-            {"size", QVManifestEntryIsFile(e) ? QVManifestEntryGetFileSize(e) : 0},
-            {"birth", UnixSeconds(birth)},
-            {"mtime", UnixSeconds(modified)},
-            {"ctime", UnixSeconds(changed)},
+            {"uid", e.uid()},
+            {"gid", e.gid()},
+            {"inode", e.inode()},
+            {"size", e.isFile() ? e.size() : 0},
+            {"birth", times.birth},
+            {"mtime", times.modified},
+            {"ctime", times.statusChanged},
             {"protectionClass", protectionClass},
             {"digest", digest.empty() ? json(nullptr) : json(Hex(digest))},
             {"hasKey", !key.empty()},
-            {"target", QVManifestEntryIsSymlink(e) ? json::parse(JsonString(QVManifestEntryGetTargetUTF8(e))) : json(nullptr)},
+            {"target", e.isSymlink() ? json::parse(JsonString(e.target())) : json(nullptr)},
             {"storedName", orNull(storedName)},
             {"storedSize", orNull(storedSize)},
             {"storedProblem", storedProblem.empty() ? json(nullptr) : json(storedProblem)},
@@ -206,23 +166,23 @@ int RunStat(const StatOptions& o, const GlobalOptions& global) {
         WriteAll(STDOUT_FILENO, out.dump(2, ' ', false, json::error_handler_t::replace) + "\n");
         return kSuccess;
     }
-    auto time = [&](double t) { return fmt::format("{} ({})", LabelledTimeText(UnixSeconds(t), o.local), UnixSeconds(t)); };
+    auto time = [&](int64_t t) { return fmt::format("{} ({})", LabelledTimeText(t, o.local), t); };
     std::string text;
-    text += fmt::format("Domain:      {}\n", Printable(QVManifestEntryGetDomainUTF8(e)));
-    text += fmt::format("Path:        {}\n", Printable(QVManifestEntryGetPathUTF8(e)));
+    text += fmt::format("Domain:      {}\n", Printable(e.domain()));
+    text += fmt::format("Path:        {}\n", Printable(e.path()));
     text += fmt::format("Type:        {}\n", EntryTypeName(e));
-    if (QVManifestEntryIsSymlink(e)) text += fmt::format("Target:      {}\n", Printable(QVManifestEntryGetTargetUTF8(e)));
+    if (e.isSymlink()) text += fmt::format("Target:      {}\n", Printable(e.target()));
     text += fmt::format("File ID:     {}\n", Printable(fileID));
     text += fmt::format("Mode:        {} ({:o})\n", ModeString(mode), mode);
-    text += fmt::format("Owner:       uid {}, gid {}\n", uid, gid);
-    text += fmt::format("Inode:       {}\n", QVManifestEntryGetInode(e));
-    if (QVManifestEntryIsFile(e))
-        text += fmt::format("Size:        {}{}\n", SizeText(QVManifestEntryGetFileSize(e)),
-                            QVManifestEntryGetFileSize(e) >= 1000 ? fmt::format(" ({} bytes)", QVManifestEntryGetFileSize(e)) : "");
-    text += fmt::format("Modified:    {}\n", time(modified));
-    text += fmt::format("Changed:     {}\n", time(changed));
-    text += fmt::format("Born:        {}\n", time(birth));
-    text += fmt::format("Protection:  class {} ({})\n", protectionClass, to_string(QVManifestEntryGetProtectionClass(e)));
+    text += fmt::format("Owner:       uid {}, gid {}\n", e.uid(), e.gid());
+    text += fmt::format("Inode:       {}\n", e.inode());
+    if (e.isFile())
+        text += fmt::format("Size:        {}{}\n", SizeText(e.size()),
+                            e.size() >= 1000 ? fmt::format(" ({} bytes)", e.size()) : "");
+    text += fmt::format("Modified:    {}\n", time(times.modified));
+    text += fmt::format("Changed:     {}\n", time(times.statusChanged));
+    text += fmt::format("Born:        {}\n", time(times.birth));
+    text += fmt::format("Protection:  class {} ({})\n", protectionClass, quiver::to_string(e.protectionClass()));
     text += fmt::format("Digest:      {}\n", digest.empty() ? std::string("none recorded") : "SHA-1 " + Hex(digest));
     text += fmt::format("Key:         {}\n", key.empty() ? std::string("none") : fmt::format("yes, {} bytes wrapped", key.size()));
     if (storedName)
@@ -323,11 +283,11 @@ int RunFind(const FindOptions& o, const GlobalOptions& global) {
     const int flags = o.ignoreCase ? FNM_CASEFOLD : 0;
 
     OpenBackup open = LoadBackup(o.backup, global);
-    std::vector<Entry> entries = SelectEntries(open.get(), std::nullopt, std::nullopt);
+    std::vector<quiver::Entry> entries = SelectEntries(open.get(), std::nullopt, std::nullopt);
     EntryListing listing(format, o.local);
     std::string name;
-    for (const Entry& e : entries) {
-        const std::string_view domain = QVManifestEntryGetDomainUTF8(e);
+    for (const quiver::Entry& e : entries) {
+        const std::string_view domain = e.domain();
         if (!o.domains.empty()) {
             const bool inDomain = std::any_of(o.domains.begin(), o.domains.end(), [&](const std::string& pattern) {
                 return fnmatch(pattern.c_str(), std::string(domain).c_str(), flags) == 0;
@@ -336,8 +296,8 @@ int RunFind(const FindOptions& o, const GlobalOptions& global) {
         }
         if (!types.empty() && std::find(types.begin(), types.end(), EntryTypeName(e)) == types.end()) continue;
         if (bySize) {
-            if (!QVManifestEntryIsFile(e)) continue;
-            const uint64_t size = QVManifestEntryGetFileSize(e);
+            if (!e.isFile()) continue;
+            const uint64_t size = e.size();
             if (size < minSize || size > maxSize) continue;
         }
         const int64_t modified = EntryModifiedUnixTime(e);
@@ -345,7 +305,7 @@ int RunFind(const FindOptions& o, const GlobalOptions& global) {
         if (!o.patterns.empty()) {
             name.assign(domain);
             name += '/';
-            name += QVManifestEntryGetPathUTF8(e);
+            name += e.path();
             const bool matches = std::any_of(o.patterns.begin(), o.patterns.end(), [&](const std::string& pattern) {
                 return fnmatch(pattern.c_str(), name.c_str(), flags) == 0;
             });
@@ -395,16 +355,16 @@ int RunDomains(const DomainsOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
     std::map<std::string, Tally> domains;
     Tally total;
-    for (const Entry& e : QVManifestGetEntries(QVBackupContainerGetManifest(open.get()))) {
-        Tally& t = domains[std::string(QVManifestEntryGetDomainUTF8(e))];
+    for (const quiver::Entry e : open.get().entries()) {
+        Tally& t = domains[std::string(e.domain())];
         for (Tally* tally : {&t, &total}) {
-            if (QVManifestEntryIsDirectory(e)) {
+            if (e.isDirectory()) {
                 ++tally->directories;
-            } else if (QVManifestEntryIsSymlink(e)) {
+            } else if (e.isSymlink()) {
                 ++tally->symlinks;
             } else {
                 ++tally->files;
-                tally->size += QVManifestEntryGetFileSize(e);
+                tally->size += e.size();
             }
         }
     }

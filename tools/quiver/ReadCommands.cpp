@@ -9,12 +9,9 @@
 
 #include <fmt/format.h>
 
-#include "Quiver/QVError.hpp"
-#include "Quiver/QVExtract.hpp"
 #include "Tool.hpp"
 
 namespace fs = std::filesystem;
-using namespace Quiver;
 
 namespace QuiverTool {
 
@@ -29,31 +26,41 @@ struct CatOptions {
 };
 
 // A damaged stored file ends the command with status 4, anything else that stops the read with 1.
-Failure ReadFailure(const Entry& entry, const CF::Error& error, uint64_t delivered) {
-    if (!ErrorContextValue(error, kQVErrorCheckKey).empty())
-        return Failure(kBadBackup, "the backup is damaged: " + Printable(error.Reason()) +
+Failure ReadFailure(const quiver::Entry& entry, const quiver::Error& error, uint64_t delivered) {
+    if (!error.check().empty())
+        return Failure(kBadBackup, "the backup is damaged: " + Printable(error.reasons().empty() ? "" : error.reasons().front()) +
                                        (delivered > 0 ? "; what was written of it is incomplete" : ""));
-    return Failure(kFailure, fmt::format("cannot read {} {}: {}", Printable(EntryDomain(entry)), Printable(EntryPath(entry)),
-                                         Printable(ErrorText(error))));
+    return Failure(kFailure, fmt::format("cannot read {} {}: {}", Printable(entry.domain()), Printable(entry.path()),
+                                         Printable(error.what())));
 }
 
 int RunCat(const CatOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
-    Entry entry = RequireEntry(open.get(), o.domain, o.path);
-    if (!QVManifestEntryIsFile(entry))
+    const quiver::Entry entry = RequireEntry(open.get(), o.domain, o.path);
+    if (!entry.isFile())
         throw Failure(kFailure, fmt::format("{} {} is a {}, not a file", Printable(o.domain), Printable(o.path),
-                                            QVManifestEntryIsDirectory(entry) ? "directory" : "symbolic link"));
-    CFErrorRef error = nullptr;
+                                            entry.isDirectory() ? "directory" : "symbolic link"));
     uint64_t delivered = 0;
-    if (!QVBackupContainerReadEntry(
-            open.get(), entry,
-            [](const uint8_t* bytes, size_t length) {
-                WriteAll(STDOUT_FILENO, bytes, length);
+    // An output that fails (or a reader that went away) stops the read; the library does not see why.
+    std::optional<Failure> written;
+    try {
+        open.get().read(
+            entry,
+            [&](std::span<const uint8_t> chunk) {
+                try {
+                    WriteAll(STDOUT_FILENO, chunk.data(), chunk.size());
+                } catch (const Failure& f) {
+                    written = f;
+                    return false;
+                }
+                delivered += chunk.size();
                 return true;
             },
-            [&](const QVProblem& p) { Warn(Printable(p.domain) + " " + Printable(p.path) + " " + p.detail); }, &delivered,
-            &error))
-        throw ReadFailure(entry, CF::Error::Adopt(error), delivered);
+            [](const quiver::Problem& p) { Warn(Printable(p.domain) + " " + Printable(p.path) + " " + p.detail); });
+    } catch (const quiver::Error& e) {
+        throw ReadFailure(entry, e, delivered);
+    }
+    if (written) throw *written;
     return kSuccess;
 }
 
@@ -68,30 +75,29 @@ struct ExtractOptions {
 
 int RunExtract(const ExtractOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
-    std::vector<Entry> entries = SelectEntries(open.get(), o.domain, o.path);
-    std::optional<QVExtractSummary> summary;
+    std::vector<quiver::Entry> entries = SelectEntries(open.get(), o.domain, o.path);
+    std::optional<quiver::ExtractSummary> summary;
     {
         Progress progress("Extracting");
-        CFErrorRef error = nullptr;
-        summary = QVBackupContainerExtractEntries(
-            open.get(), entries, o.destination,
-            [](const QVExtractEvent& event) {
-                const std::string shown = Printable(EntryDomain(event.entry)) + " " + Printable(EntryPath(event.entry));
-                if (event.result == QVExtractResult::Extracted)
-                    Warn(shown + " " + event.reason);
-                else if (event.result == QVExtractResult::Unsafe)
-                    Warn(fmt::format("skipped {}: {}", shown, event.reason));
-                else
-                    Warn(fmt::format("could not extract {}: {}", shown, Printable(event.reason)));
-            },
-            [&](double fraction) {
-                StopIfInterrupted();
-                progress.Update(fraction);
-                return true;
-            },
-            &error);
-        if (!summary)
-            throw Failure(kFailure, fmt::format("cannot extract into {}: {}", o.destination, ErrorText(CF::Error::Adopt(error))));
+        try {
+            summary = open.get().extract(
+                entries, o.destination,
+                [](const quiver::ExtractEvent& event) {
+                    const std::string shown = Printable(event.entry.domain()) + " " + Printable(event.entry.path());
+                    if (event.result == quiver::ExtractEvent::Result::Extracted)
+                        Warn(shown + " " + event.reason);
+                    else if (event.result == quiver::ExtractEvent::Result::Unsafe)
+                        Warn(fmt::format("skipped {}: {}", shown, event.reason));
+                    else
+                        Warn(fmt::format("could not extract {}: {}", shown, Printable(event.reason)));
+                },
+                [&](double fraction) {
+                    StopIfInterrupted();
+                    progress.Update(fraction);
+                });
+        } catch (const quiver::Error& e) {
+            throw Failure(kFailure, fmt::format("cannot extract into {}: {}", o.destination, e.what()));
+        }
     }
     Detail(global.verbosity, fmt::format("extracted {} of {} entries into {}", summary->extracted, entries.size(), o.destination));
     const uint64_t broken = summary->failed + summary->damaged;

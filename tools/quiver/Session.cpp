@@ -25,10 +25,7 @@
 #include <thread>
 
 #include <fmt/format.h>
-#include <spdlog/spdlog.h>
 
-#include "Quiver/QVLog.hpp"
-#include "Quiver/QVTemporaryPath.hpp"
 #include "Tool.hpp"
 
 namespace fs = std::filesystem;
@@ -144,7 +141,7 @@ void StartSession() {
         Session().temporaryFolder = pattern;
     }
     SignalThreadHandle() = std::thread(SignalThread, signals);
-    if (!QuiverSetTemporaryPath(CF::String(pattern).get()))
+    if (!quiver::setTemporaryFolder(pattern))
         throw Failure(kFailure, fmt::format("cannot use the temporary folder {}", pattern));
 }
 
@@ -306,15 +303,7 @@ void Progress::Finish() {
 
 // ---- Messages and the library's log ----
 
-void ConfigureLogging(int verbosity) {
-    spdlog::logger& logger = Quiver::Logger();
-    if (verbosity >= 2)
-        logger.set_level(spdlog::level::debug);
-    else if (verbosity == 1)
-        logger.set_level(spdlog::level::info);
-    else
-        logger.set_level(spdlog::level::off);
-}
+void ConfigureLogging(int verbosity) { quiver::setLogLevel(verbosity); }
 
 void Detail(int verbosity, const std::string& line) {
     if (verbosity > 0) WriteAll(STDERR_FILENO, fmt::format("quiver: {}\n", line));

@@ -4,9 +4,10 @@
 //
 // A command is a function that returns an exit status or throws Failure; main() turns anything else
 // that escapes into status 1, so every path out of the program passes through the cleanup.
+//
+// The tool reaches the library through its C++ front alone, as any other program would: what it
+// needed that the front lacked was added to the front, not reached for below it.
 #pragma once
-
-#include <CoreFoundation/CoreFoundation.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -19,9 +20,7 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
-
-#include "Quiver/CF/CF.hpp"
-#include "Quiver/QVBackupContainer.hpp"
+#include <quiver/quiver.hpp>
 
 namespace QuiverTool {
 
@@ -61,24 +60,24 @@ void AddConvertCommands(CLI::App& app, const GlobalOptions& options, Action& act
 
 // ---- Backups (Backup.cpp) ----
 
-// A loaded container, released with everything it owns (the decrypted manifest copy among them) when
-// the command is done with it. The manifest goes first, so that no entry is left reading through a
-// container that is gone.
+// A loaded backup, handed on when the command is done with it (see Release in Backup.cpp).
 class OpenBackup {
 public:
     OpenBackup() = default;
-    explicit OpenBackup(Quiver::Backup backup) : backup_(std::move(backup)) {}
+    explicit OpenBackup(quiver::Backup backup) : backup_(std::move(backup)) {}
     OpenBackup(OpenBackup&&) noexcept = default;
     OpenBackup& operator=(OpenBackup&& other) noexcept;
     OpenBackup(const OpenBackup&) = delete;
     OpenBackup& operator=(const OpenBackup&) = delete;
     ~OpenBackup() { Release(); }
 
-    const Quiver::Backup& get() const { return backup_; }
+    explicit operator bool() const { return backup_.has_value(); }
+    quiver::Backup& get() { return *backup_; }
+    const quiver::Backup& get() const { return *backup_; }
     void Release();
 
 private:
-    Quiver::Backup backup_;
+    std::optional<quiver::Backup> backup_;
 };
 
 // Whether --password-file or QUIVER_PASSWORD gives a password (a prompt is not asked here). Throws
@@ -92,13 +91,13 @@ std::optional<std::string> GivenPassword(const GlobalOptions& options);
 // A backup found on disk, with what its metadata files say.
 struct FoundBackup {
     std::string path;
-    Quiver::QVBackupMetadata metadata;
+    quiver::Metadata metadata;
     uint64_t size = 0;  // bytes on disk: the folder's files, or the zip file
 };
 
 // The metadata of a backup directory or zip file, read without its password or manifest; nullopt
 // when the library cannot read it (`error` then says why).
-std::optional<FoundBackup> ReadFoundBackup(const std::string& path, CF::Error& error);
+std::optional<FoundBackup> ReadFoundBackup(const std::string& path, std::string& error);
 // The backups in a folder that is one, or in its subfolders; subfolders that look like backups but
 // cannot be read are named in warnings.
 std::vector<FoundBackup> FindBackups(const std::string& folder);
@@ -109,51 +108,41 @@ void RefuseFolderOfBackups(const std::string& path);
 struct DeviceFacts {
     std::string name, productType, productVersion, buildVersion;
 };
-DeviceFacts DeviceFactsOf(const Quiver::QVBackupMetadata& metadata);
+DeviceFacts DeviceFactsOf(const quiver::Metadata& metadata);
 // The backup's date in Unix seconds: the host's "Last Backup Date", else the date of the status or
 // the manifest.
-std::optional<int64_t> BackupDateOf(const Quiver::QVBackupMetadata& metadata);
+std::optional<int64_t> BackupDateOf(const quiver::Metadata& metadata);
 // The string under key, or empty.
-std::string StringValue(const CF::Dictionary& dict, const char* key);
+std::string StringValue(const quiver::Value& dict, const char* key);
 
 // Loads a backup directory or zip file. The password comes from --password-file, QUIVER_PASSWORD or
 // a prompt on the terminal, and only when the backup turns out to need one. Throws Failure with
 // status 3 for a missing or wrong password, 4 for what is not a readable backup, 1 otherwise.
 OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options);
 
-// The error's reasons from the outermost to the innermost cause, in plain words, joined by ": ".
-std::string ErrorText(const CF::Error& error);
+// The causes of an error without its outermost reason (what a failure to write names as its cause);
+// the whole text when there is no cause.
+std::string CauseText(const quiver::Error& error);
 
 // The entry of (domain, path) or Failure(1) naming what is missing.
-Quiver::Entry RequireEntry(const Quiver::Backup& backup, const std::string& domain, const std::string& path);
+quiver::Entry RequireEntry(const quiver::Backup& backup, const std::string& domain, const std::string& path);
 
 // Every entry, a domain's, or those at and below a path, sorted by domain and path. Throws Failure(1)
 // when a domain or path was asked for and nothing is there.
-std::vector<Quiver::Entry> SelectEntries(const Quiver::Backup& backup, const std::optional<std::string>& domain,
+std::vector<quiver::Entry> SelectEntries(const quiver::Backup& backup, const std::optional<std::string>& domain,
                                          const std::optional<std::string>& path);
 
-std::string Utf8(CFStringRef string);
-inline std::string EntryDomain(const Quiver::Entry& e) { return std::string(Quiver::QVManifestEntryGetDomainUTF8(e)); }
-inline std::string EntryPath(const Quiver::Entry& e) { return std::string(Quiver::QVManifestEntryGetPathUTF8(e)); }
 // "file", "dir" or "symlink".
-const char* EntryTypeName(const Quiver::Entry& entry);
-// Unix seconds of the entry's last modification, 0 when it has none.
-int64_t EntryModifiedUnixTime(const Quiver::Entry& entry);
+const char* EntryTypeName(const quiver::Entry& entry);
+// Unix seconds of the entry's last modification.
+inline int64_t EntryModifiedUnixTime(const quiver::Entry& entry) { return entry.times().modified; }
 
-// Checks an entry's stored file against its manifest before anything is read or written: Failure(4)
-// when it is missing, is not the file whose SHA-1 the manifest records, or is an enciphered file
-// whose key does not unwrap or whose last block does not decipher to padding. A size that disagrees where no digest can decide is not damage for certain, as
-// devices record sizes before they copy; the text returned then says so (empty otherwise).
-// Directories, links and files put in by an edit pass. With deferredDigest, a recorded digest is
-// handed back for the caller to check as it reads, instead of costing a pass of its own here.
-std::string CheckStoredFile(const Quiver::Backup& backup, const Quiver::Entry& entry,
-                            std::vector<uint8_t>* deferredDigest = nullptr);
 // Checks every stored file before a copy is written and lists each damaged one on standard error.
 // Without skipDamaged any damage ends the command (status 4); with it, the damaged entries are taken
 // out of the backup and their number returned. Warnings go to -v.
-int CheckStoredFiles(const Quiver::Backup& backup, bool skipDamaged, int verbosity);
+int CheckStoredFiles(quiver::Backup& backup, bool skipDamaged, int verbosity);
 // Refuses (status 4) to write out a partial copy: one without Status.plist or Manifest.plist.
-void RequireWholeBackup(const Quiver::Backup& backup, const std::string& path);
+void RequireWholeBackup(const quiver::Backup& backup, const std::string& path);
 
 
 // ---- Output (Output.cpp) ----
@@ -188,7 +177,7 @@ enum class ListingFormat { Names, Long, Json, JsonLines };
 class EntryListing {
 public:
     EntryListing(ListingFormat format, bool local) : format_(format), local_(local) {}
-    void Add(const Quiver::Entry& entry);
+    void Add(const quiver::Entry& entry);
     // Writes what is held and, for a JSON array, its end.
     void Finish();
 

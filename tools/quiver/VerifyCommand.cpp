@@ -3,16 +3,15 @@
 // the backup is sound, warnings or not, and 4 when anything is damaged.
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "Quiver/QVVerify.hpp"
 #include "Tool.hpp"
 
 namespace QuiverTool {
 
 namespace {
 
-using namespace Quiver;
 using json = nlohmann::json;
 
 struct VerifyOptions {
@@ -21,18 +20,18 @@ struct VerifyOptions {
     bool json = false;
 };
 
-std::string ProblemLine(const QVProblem& p) {
+std::string ProblemLine(const quiver::Problem& p) {
     std::string subject = p.domain.empty() && p.path.empty()
-                              ? fmt::format("{} {}", p.kind == QVProblemKind::MetadataUnreadable ? "metadata file" : "stored file",
+                              ? fmt::format("{} {}", p.kind == "metadata-not-a-property-list" ? "metadata file" : "stored file",
                                             Printable(p.storedName))
                               : fmt::format("{} {}", Printable(p.domain), Printable(p.path));
     if (!p.storedName.empty() && !p.domain.empty()) subject += fmt::format(" (stored as {})", p.storedName);
-    return fmt::format("{}: {}: {} {}\n", p.warning ? "warning" : "damaged", to_string(p.kind), subject, p.detail);
+    return fmt::format("{}: {}: {} {}\n", p.warning ? "warning" : "damaged", p.kind, subject, p.detail);
 }
 
-json ProblemJson(const QVProblem& p) {
+json ProblemJson(const quiver::Problem& p) {
     auto orNull = [](const std::string& s) { return s.empty() ? json(nullptr) : json(s); };
-    return json{{"kind", to_string(p.kind)},
+    return json{{"kind", p.kind},
                 {"warning", p.warning},
                 {"domain", orNull(p.domain)},
                 {"path", orNull(p.path)},
@@ -45,20 +44,30 @@ json ProblemJson(const QVProblem& p) {
 
 int RunVerify(const VerifyOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
-    const Backup& backup = open.get();
+    const quiver::Backup& backup = open.get();
     int64_t warnings = 0;
-    std::optional<int64_t> damaged;
+    std::optional<uint64_t> damaged;
     {
         Progress progress(o.quick ? "Checking (quick)" : "Checking every stored byte");
-        CFErrorRef error = nullptr;
-        damaged = QVBackupContainerVerify(
-            backup, o.quick ? QVVerifyMode::Quick : QVVerifyMode::Full,
-            [&](const QVProblem& p) {
-                if (p.warning) ++warnings;
-                WriteAll(STDOUT_FILENO, o.json ? ProblemJson(p).dump() + "\n" : ProblemLine(p));
-            },
-            [&](int64_t, int64_t, double fraction) { progress.Update(fraction); }, &error);
-        if (!damaged) throw Failure(kFailure, "cannot verify the backup: " + ErrorText(CF::Error::Adopt(error)));
+        // A failed write ends the walk; the library is not told why.
+        std::optional<Failure> written;
+        try {
+            damaged = backup.verify(
+                o.quick ? quiver::VerifyMode::Quick : quiver::VerifyMode::Full,
+                [&](const quiver::Problem& p) {
+                    if (p.warning) ++warnings;
+                    if (written) return;
+                    try {
+                        WriteAll(STDOUT_FILENO, o.json ? ProblemJson(p).dump() + "\n" : ProblemLine(p));
+                    } catch (const Failure& f) {
+                        written = f;
+                    }
+                },
+                [&](double fraction) { progress.Update(fraction); });
+        } catch (const quiver::Error& e) {
+            throw Failure(kFailure, "cannot verify the backup: " + std::string(e.what()));
+        }
+        if (written) throw *written;
     }
     if (*damaged > 0)
         throw Failure(kBadBackup, fmt::format("the backup is damaged: {} problem{} found{}", *damaged,

@@ -10,12 +10,9 @@
 
 #include <fmt/format.h>
 
-#include "Quiver/QVFile.hpp"
-#include "Quiver/QVExtract.hpp"
 #include "Tool.hpp"
 
 namespace fs = std::filesystem;
-using namespace Quiver;
 
 namespace QuiverTool {
 
@@ -40,28 +37,22 @@ void RequireNewDestination(const std::string& destination, bool zip) {
         throw Failure(kFailure, fmt::format("the folder {} does not exist", parent.string()));
 }
 
-void WriteBackup(const Backup& backup, const std::string& destination, bool zip) {
-    CF::String target(destination);
-    RemoveOnSignal removeIfInterrupted(QVBackupContainerPartialPath(target.get()));
+void WriteBackup(const quiver::Backup& backup, const std::string& destination, bool zip) {
+    RemoveOnSignal removeIfInterrupted(quiver::Backup::partialPath(destination));
     Progress progress(zip ? "Writing the zip file" : "Writing the backup");
-    ExportProgress report = [&](double fraction) { progress.Update(fraction); };
+    quiver::WriteOptions options;
+    options.zip = zip;
+    options.progress = [&](double fraction) { progress.Update(fraction); };
     // The label says what is being written; the manifest of a large backup takes a while at the end.
-    QVBackupContainerSetExportPhaseFunction(backup, [&](const char* phase) {
-        const std::string what = std::string(phase) == "files"      ? "the stored files"
-                                 : std::string(phase) == "manifest" ? "the manifest"
-                                                                    : "the metadata";
+    options.phase = [&](std::string_view phase) {
+        const std::string what = phase == "files" ? "the stored files" : phase == "manifest" ? "the manifest" : "the metadata";
         progress.SetLabel(fmt::format("Writing {} of {}", what, zip ? "the zip file" : "the backup"));
-    });
-    CFErrorRef error = nullptr;
-    const bool written = zip ? QVBackupContainerExportToZip(backup, target.get(), report, &error)
-                             : QVBackupContainerExportToDirectory(backup, target.get(), report, &error);
-    QVBackupContainerSetExportPhaseFunction(backup, nullptr);
-    progress.Finish();
-    CF::Error failure = CF::Error::Adopt(error);
-    if (!written) {
+    };
+    try {
+        backup.write(destination, options);
+    } catch (const quiver::Error& failure) {
         // The cause's own words say what went wrong ("No space left on device", a file that failed).
-        CF::Error cause = failure.Underlying() ? failure.Underlying() : failure;
-        throw Failure(kFailure, fmt::format("could not write {}: {}", destination, ErrorText(cause)));
+        throw Failure(kFailure, fmt::format("could not write {}: {}", destination, CauseText(failure)));
     }
 }
 
@@ -152,81 +143,64 @@ void RequireSafeName(const Edit& edit, bool pathRequired) {
         return Failure(kUsage, fmt::format("cannot edit {} {}: {}", Printable(edit.domain), Printable(edit.path), why));
     };
     if (pathRequired && edit.path.empty()) throw bad("a path is needed");
-    if (auto problem = QVEntryNameProblem(edit.domain, edit.path, QVNameUse::Write)) throw bad(*problem);
+    if (auto problem = quiver::Backup::nameProblem(edit.domain, edit.path)) throw bad(*problem);
 }
 
-// Folder entries for every parent of path that has none, like `mkdir -p`.
-void MakeParents(const Backup& backup, const Edit& edit, bool includingPath) {
-    CF::String domain(edit.domain);
-    std::string prefix;
-    size_t start = 0;
-    while (start < edit.path.size()) {
-        size_t end = edit.path.find('/', start);
-        const bool last = end == std::string::npos;
-        if (last && !includingPath) break;
-        if (last) end = edit.path.size();
-        prefix = edit.path.substr(0, end);
-        if (!QVBackupContainerCreateDirectoryAtPath(backup, domain.get(), CF::String(prefix).get()))
-            throw Failure(kFailure, fmt::format("cannot make the folder {} {}: something else is there",
-                                                Printable(edit.domain), Printable(prefix)));
-        start = end + 1;
-    }
-}
+// The library refuses an edit that something in the backup is in the way of (a folder that would
+// have to be made where a file is, a link where something else is) with words that name both.
+Failure InTheWay(const quiver::Error& error) { return Failure(kFailure, Printable(error.what())); }
 
-void ApplyEdit(const Backup& backup, const Edit& edit, bool replaceDirectories, const GlobalOptions& global) {
-    CF::String domain(edit.domain);
-    CF::String path(edit.path);
+void ApplyEdit(quiver::Backup& backup, const Edit& edit, bool replaceDirectories, const GlobalOptions& global) {
     const std::string shown = fmt::format("{} {}", Printable(edit.domain), Printable(edit.path));
     switch (edit.kind) {
         case EditKind::Put: {
             std::error_code ec;
             if (!fs::is_regular_file(edit.extra, ec))
                 throw Failure(kFailure, fmt::format("{} is not a file that can be put into the backup", edit.extra));
-            CFErrorRef error = nullptr;
-            std::shared_ptr<QVFileClass> file = QVFileCreateFromFileAtPath(CF::String(edit.extra), 1, &error);
-            CF::Error failure = CF::Error::Adopt(error);
-            if (!file) throw Failure(kFailure, fmt::format("cannot read {}: {}", edit.extra, ErrorText(failure)));
-            Entry existing = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
+            std::optional<quiver::Entry> existing = backup.find(edit.domain, edit.path);
             // A file put over a folder would take the folder and all below it; that is said, not done,
             // unless asked for.
-            if (existing && QVManifestEntryIsDirectory(existing)) {
-                const size_t below =
-                    QVManifestCopyEntriesAtPath(QVBackupContainerGetManifest(backup), domain.get(), path.get()).size() - 1;
+            if (existing && existing->isDirectory()) {
+                const size_t below = backup.entriesUnder(edit.domain, edit.path).size() - 1;
                 if (!replaceDirectories)
                     throw Failure(kFailure, fmt::format("cannot put {}: it is a folder with {} {} below it; give "
                                                         "--replace-dir to replace the folder and all below it",
                                                         shown, below, below == 1 ? "entry" : "entries"));
-                QVBackupContainerRemovePath(backup, domain.get(), path.get());
+                backup.remove(edit.domain, edit.path);
                 Detail(global.verbosity, fmt::format("removed the folder {} and the {} entries below it", shown, below));
-                existing = nullptr;
             }
-            if (!existing) MakeParents(backup, edit, false);
-            Entry stored = QVBackupContainerStoreFileForPath(backup, domain.get(), path.get(), file, &error);
-            failure = CF::Error::Adopt(error);
-            if (!stored) throw Failure(kFailure, fmt::format("cannot put {}: {}", shown, ErrorText(failure)));
+            try {
+                backup.putFile(edit.domain, edit.path, edit.extra);
+            } catch (const quiver::Error& failure) {
+                if (failure.check() == "source")
+                    throw Failure(kFailure, fmt::format("cannot read {}: {}", edit.extra, failure.what()));
+                if (failure.code() == quiver::ErrorCode::InvalidArgument) throw InTheWay(failure);
+                throw Failure(kFailure, fmt::format("cannot put {}: {}", shown, failure.what()));
+            }
             Detail(global.verbosity, fmt::format("put {} from {}", shown, edit.extra));
             break;
         }
         case EditKind::Remove:
-            if (!QVBackupContainerRemovePath(backup, domain.get(), path.get()))
+            if (!backup.remove(edit.domain, edit.path))
                 throw Failure(kFailure, fmt::format("cannot remove {}: nothing is there", shown));
             Detail(global.verbosity, fmt::format("removed {}", shown));
             break;
         case EditKind::Mkdir:
-            if (edit.path.empty()) {
-                if (!QVBackupContainerCreateDirectoryAtPath(backup, domain.get(), path.get()))
-                    throw Failure(kFailure, fmt::format("cannot make the folder {}", shown));
-            } else {
-                MakeParents(backup, edit, true);
+            try {
+                backup.makeDirectory(edit.domain, edit.path);
+            } catch (const quiver::Error& failure) {
+                if (edit.path.empty()) throw Failure(kFailure, fmt::format("cannot make the folder {}", shown));
+                throw InTheWay(failure);
             }
             Detail(global.verbosity, fmt::format("made the folder {}", shown));
             break;
         case EditKind::Symlink: {
             if (edit.extra.empty()) throw Failure(kUsage, fmt::format("the link {} needs a target", shown));
-            Entry existing = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
-            if (!existing) MakeParents(backup, edit, false);
-            if (!QVBackupContainerCreateSymlinkAtPath(backup, domain.get(), path.get(), CF::String(edit.extra).get()))
-                throw Failure(kFailure, fmt::format("cannot make the link {}: something other than a link is there", shown));
+            try {
+                backup.makeSymlink(edit.domain, edit.path, edit.extra);
+            } catch (const quiver::Error& failure) {
+                throw InTheWay(failure);
+            }
             Detail(global.verbosity, fmt::format("made the link {} -> {}", shown, Printable(edit.extra)));
             break;
         }
@@ -256,78 +230,59 @@ struct SampleOptions {
 
 constexpr int64_t kSampleDate = 1710498600;  // 2024-03-15 10:30:00 UTC
 
-CF::Data XmlPlist(const CF::Dictionary& dict) {
-    return CF::Data::Adopt(CFPropertyListCreateData(nullptr, dict.get(), kCFPropertyListXMLFormat_v1_0, 0, nullptr));
-}
+std::string XmlPlist(const quiver::Value& dict) { return dict.toXML(); }
 
-CF::Data Text(std::string_view text) {
-    return CF::Data(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
-}
+std::string_view Text(std::string_view text) { return text; }
 
-void StoreSampleFile(const Backup& backup, const char* domain, const char* path, const CF::Data& content) {
-    CFErrorRef error = nullptr;
-    std::shared_ptr<QVFileClass> file = QVFileCreateFromData(content.get(), &error);
-    if (file) {
-        Entry entry = QVBackupContainerStoreFileForPath(backup, CF::String(domain).get(), CF::String(path).get(), file, &error);
-        if (entry) return;
+void StoreSampleFile(quiver::Backup& backup, const char* domain, const char* path, std::string_view content) {
+    try {
+        backup.putData(domain, path, std::span(reinterpret_cast<const uint8_t*>(content.data()), content.size()));
+    } catch (const quiver::Error& failure) {
+        throw Failure(kFailure, fmt::format("cannot make the sample file {} {}: {}", domain, path, failure.what()));
     }
-    CF::Error failure = CF::Error::Adopt(error);
-    throw Failure(kFailure, fmt::format("cannot make the sample file {} {}: {}", domain, path, ErrorText(failure)));
 }
 
 int RunSample(const SampleOptions& o) {
+    using quiver::Value;
     const bool zip = WantsZip(o.destination, o.zip);
     RequireNewDestination(o.destination, zip);
-    CFErrorRef error = nullptr;
-    Backup backup = QVBackupContainerCreateEmpty(&error);
-    CF::Error failure = CF::Error::Adopt(error);
-    if (!backup) throw Failure(kFailure, fmt::format("cannot make a new backup: {}", ErrorText(failure)));
-    // An empty container has no manifest format yet; the sample is a current one, with Manifest.db.
-    backup->manifestVersion = QVManifestDataVersion33;
+    quiver::Backup backup = quiver::Backup::create();
 
-    const CF::Date date = CF::Date::FromUnixTime(static_cast<double>(kSampleDate));
-    CF::Dictionary lockdown = CF::Dictionary::CreateMutable();
-    lockdown.Set("DeviceName", CF::String("Sample iPhone"));
-    lockdown.Set("ProductType", CF::String("iPhone14,2"));
-    lockdown.Set("ProductVersion", CF::String("17.4"));
-    lockdown.Set("BuildVersion", CF::String("21E219"));
-    CF::Dictionary notesApp = CF::Dictionary::CreateMutable();
-    notesApp.Set("CFBundleIdentifier", CF::String("com.example.notes"));
-    notesApp.Set("CFBundleVersion", CF::String("3.2"));
-    CF::Dictionary applications = CF::Dictionary::CreateMutable();
-    applications.Set("com.example.notes", notesApp);
+    const Value date = Value::date(static_cast<double>(kSampleDate));
+    const Value lockdown = Value::dictionary({{"DeviceName", Value::string("Sample iPhone")},
+                                              {"ProductType", Value::string("iPhone14,2")},
+                                              {"ProductVersion", Value::string("17.4")},
+                                              {"BuildVersion", Value::string("21E219")}});
+    const Value notesApp = Value::dictionary(
+        {{"CFBundleIdentifier", Value::string("com.example.notes")}, {"CFBundleVersion", Value::string("3.2")}});
+    const Value applications = Value::dictionary({{"com.example.notes", notesApp}});
 
-    CF::Dictionary manifest = CF::Dictionary::CreateMutable();
-    manifest.Set("Version", CF::String("10.0"));
-    manifest.Set("Date", date);
-    manifest.Set("IsEncrypted", CF::Boolean(false));
-    manifest.Set("WasPasscodeSet", CF::Boolean(false));
-    manifest.Set("Lockdown", lockdown);
-    manifest.Set("Applications", applications);
-    CF::Dictionary status = CF::Dictionary::CreateMutable();
-    status.Set("Version", CF::String("3.3"));
-    status.Set("Date", date);
-    status.Set("BackupState", CF::String("new"));
-    status.Set("SnapshotState", CF::String("finished"));
-    status.Set("IsFullBackup", CF::Boolean(false));
-    status.Set("UUID", CF::String("9F0C3A52-5D4B-4E0A-9C37-2B8E8F6A1D04"));
-    CF::Dictionary info = CF::Dictionary::CreateMutable();
-    info.Set("Device Name", CF::String("Sample iPhone"));
-    info.Set("Display Name", CF::String("Sample iPhone"));
-    info.Set("Product Type", CF::String("iPhone14,2"));
-    info.Set("Product Version", CF::String("17.4"));
-    info.Set("Build Version", CF::String("21E219"));
-    info.Set("Last Backup Date", date);
-    info.Set("Target Type", CF::String("Device"));
-    QVBackupContainerSetDictionaries(backup, info.get(), status.get(), manifest.get());
+    const Value manifest = Value::dictionary({{"Version", Value::string("10.0")},
+                                              {"Date", date},
+                                              {"IsEncrypted", Value::boolean(false)},
+                                              {"WasPasscodeSet", Value::boolean(false)},
+                                              {"Lockdown", lockdown},
+                                              {"Applications", applications}});
+    const Value status = Value::dictionary({{"Version", Value::string("3.3")},
+                                            {"Date", date},
+                                            {"BackupState", Value::string("new")},
+                                            {"SnapshotState", Value::string("finished")},
+                                            {"IsFullBackup", Value::boolean(false)},
+                                            {"UUID", Value::string("9F0C3A52-5D4B-4E0A-9C37-2B8E8F6A1D04")}});
+    const Value info = Value::dictionary({{"Device Name", Value::string("Sample iPhone")},
+                                          {"Display Name", Value::string("Sample iPhone")},
+                                          {"Product Type", Value::string("iPhone14,2")},
+                                          {"Product Version", Value::string("17.4")},
+                                          {"Build Version", Value::string("21E219")},
+                                          {"Last Backup Date", date},
+                                          {"Target Type", Value::string("Device")}});
+    backup.setMetadata(info, status, manifest);
 
-    CF::Dictionary settings = CF::Dictionary::CreateMutable();
-    settings.Set("AutoLock", CF::Number(int64_t{120}));
-    settings.Set("Wallpaper", CF::String("Blue Hour"));
-    settings.Set("ShowBatteryPercentage", CF::Boolean(true));
-    CF::Dictionary notesSettings = CF::Dictionary::CreateMutable();
-    notesSettings.Set("SortOrder", CF::String("modified"));
-    notesSettings.Set("DefaultFolder", CF::String("Notes"));
+    const Value settings = Value::dictionary({{"AutoLock", Value::integer(120)},
+                                              {"Wallpaper", Value::string("Blue Hour")},
+                                              {"ShowBatteryPercentage", Value::boolean(true)}});
+    const Value notesSettings =
+        Value::dictionary({{"SortOrder", Value::string("modified")}, {"DefaultFolder", Value::string("Notes")}});
 
     StoreSampleFile(backup, "HomeDomain", "Library/Preferences/com.example.settings.plist", XmlPlist(settings));
     StoreSampleFile(backup, "HomeDomain", "Library/Notes/welcome.txt",
@@ -340,17 +295,15 @@ int RunSample(const SampleOptions& o) {
                     XmlPlist(notesSettings));
     StoreSampleFile(backup, "CameraRollDomain", "Media/DCIM/100APPLE/IMG_0001.txt",
                     Text("(a photo would be here)\n"));
-    CF::String notesDomain("AppDomain-com.example.notes");
-    if (!QVBackupContainerCreateSymlinkAtPath(backup, notesDomain.get(), CF::String("Documents/latest.txt").get(),
-                                              CF::String("shopping.txt").get()) ||
-        !QVBackupContainerCreateDirectoryAtPath(backup, CF::String("MediaDomain").get(), CF::String("").get()) ||
-        !QVBackupContainerCreateDirectoryAtPath(backup, CF::String("MediaDomain").get(), CF::String("Media").get()))
+    try {
+        backup.makeSymlink("AppDomain-com.example.notes", "Documents/latest.txt", "shopping.txt");
+        backup.makeDirectory("MediaDomain", "Media");
+    } catch (const quiver::Error&) {
         throw Failure(kFailure, "cannot make the sample's folders and links");
+    }
 
     // Every entry carries the sample's date, so that two samples list alike.
-    for (const Entry& entry : QVManifestGetEntries(QVBackupContainerGetManifest(backup))) {
-        entry->birth = entry->lastModified = entry->lastStatusChange = date.AbsoluteTime();
-    }
+    for (const quiver::Entry entry : backup.entries()) backup.setTimes(entry, {kSampleDate, kSampleDate, kSampleDate});
     OpenBackup hold(std::move(backup));
     WriteBackup(hold.get(), o.destination, zip);
     return kSuccess;

@@ -108,9 +108,6 @@ int main(int argc, char** argv) {
     } catch (const Failure& f) {
         Report(f.what());
         status = f.status();
-    } catch (const CF::Error& e) {
-        Report(ErrorText(e));
-        status = kFailure;
     } catch (const std::exception& e) {
         Report(e.what());
         status = kFailure;
