@@ -136,7 +136,9 @@ TEST_F(FrontTest, EditsMakeParentsAndRefuseUnsafeNames) {
     EXPECT_THROW(backup.putData("HomeDomain", "../escape", {}), quiver::Error);
     EXPECT_THROW(backup.putData("HomeDomain", "Library/New", {}), quiver::Error);  // a folder is there
 
-    backup.write(root / "written.zip", {.zip = true});
+    quiver::WriteOptions zip;
+    zip.zip = true;
+    backup.write(root / "written.zip", zip);
     quiver::Backup reopened = quiver::Backup::open(root / "written.zip");
     EXPECT_EQ(reopened.readAll(*reopened.find("HomeDomain", "Library/New/deep/file.txt")), text);
     EXPECT_EQ(reopened.find("HomeDomain", "Library/Link")->target(), "New/deep/file.txt");
