@@ -18,6 +18,7 @@
 #include <system_error>
 #include <unordered_map>
 
+#include "Quiver/MB/File.hpp"
 #include "Quiver/QVEntryPool.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVLog.hpp"
@@ -620,30 +621,48 @@ std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& 
                                static_cast<int32_t>(number.Int64Or(kFlagOnlyRecord)), nullptr);
         }
         std::vector<Entry> failed;
-        // The records are encoded a batch ahead on a second thread while SQLite stores the batch before:
-        // the two take about as long as each other. Each thread reads only its own entries.
+        // The records are encoded a batch ahead on a second thread while SQLite stores the batch before.
+        // Each thread reads only its own entries.
         constexpr size_t kBatch = 2048;
+        static constexpr size_t kFailed = SIZE_MAX;
+        struct Blobs {
+            std::vector<uint8_t> bytes;
+            std::vector<std::pair<size_t, size_t>> spans;  // offset and length; kFailed as offset for none
+        };
         auto encode = [&sorted](size_t begin) {
-            std::vector<CF::Data> blobs;
+            Blobs blobs;
+            MB::FileWriter writer;
             const size_t end = std::min(sorted.size(), begin + kBatch);
-            blobs.reserve(end - begin);
-            for (size_t i = begin; i < end; ++i) blobs.push_back(QVManifestEntryCreateMBFileDataRepresentation(sorted[i]));
+            blobs.spans.reserve(end - begin);
+            blobs.bytes.reserve((end - begin) * 512);
+            for (size_t i = begin; i < end; ++i) {
+                const size_t offset = blobs.bytes.size();
+                try {
+                    AppendMBFileData(writer, *sorted[i], blobs.bytes);
+                    blobs.spans.emplace_back(offset, blobs.bytes.size() - offset);
+                } catch (const std::exception& e) {
+                    log_fmt(log_level::warning, "Failed to serialize MBFile -- {}", e.what());
+                    blobs.bytes.resize(offset);
+                    blobs.spans.emplace_back(kFailed, 0);
+                }
+            }
             return blobs;
         };
-        std::future<std::vector<CF::Data>> ahead;
+        std::future<Blobs> ahead;
         if (!sorted.empty()) ahead = std::async(std::launch::async, encode, 0);
         for (size_t begin = 0; begin < sorted.size(); begin += kBatch) {
-            const std::vector<CF::Data> blobs = ahead.get();
+            const Blobs blobs = ahead.get();
             if (begin + kBatch < sorted.size()) ahead = std::async(std::launch::async, encode, begin + kBatch);
-            for (size_t i = 0; i < blobs.size(); ++i) {
+            for (size_t i = 0; i < blobs.spans.size(); ++i) {
                 const Entry& entry = sorted[begin + i];
-                if (!blobs[i]) {
+                const auto [offset, length] = blobs.spans[i];
+                if (offset == kFailed) {
                     failed.push_back(entry);
                     continue;
                 }
                 try {
                     database.InsertRow(entry->fileID(), entry->domainText, entry->path(), entry->fileType,
-                                       blobs[i].bytes());
+                                       std::span<const uint8_t>(blobs.bytes.data() + offset, length));
                 } catch (const CF::Error& e) {
                     LogErrorFmt(log_level::error, e.get(), "Failed to insert {}", entry);
                     failed.push_back(entry);

@@ -14,6 +14,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -22,6 +23,8 @@
 #include "Quiver/QVFile.hpp"
 
 namespace MB {
+class File;
+class FileWriter;
 class ManifestEncryption;
 }
 
@@ -184,6 +187,12 @@ QV_EXPORT Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFString
                                                     int flags, CFDataRef fileData, QVGetFileFunction getFileFunc);
 // The MBFile blob of an entry; empty data when it cannot be made (logged).
 QV_EXPORT CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry);
+
+// The MBFile record of an entry, for the general archiver (MB::File::Encode).
+MB::File MBFileRecordForEntry(const QVManifestEntryClass& entry);
+// The same record's blob appended to `out`, written straight from the entry: the bytes that
+// MBFileRecordForEntry(entry).Encode() holds. Throws what that throws.
+void AppendMBFileData(MB::FileWriter& writer, const QVManifestEntryClass& entry, std::vector<uint8_t>& out);
 
 // 40 lower-case hexadecimal digits: SHA-1 of "<domain>-<relativePath>", as raw bytes.
 std::array<uint8_t, 20> FileIDBytesForPath(std::string_view domain, std::string_view relativePath);
