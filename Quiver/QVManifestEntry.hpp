@@ -201,6 +201,9 @@ bool FileIDBytesFromText(std::string_view text, std::array<uint8_t, 20>& bytes);
 
 // Whether a's "<domain>-<path>" sorts before b's (bytewise), without making either text.
 QV_EXPORT bool DomainPathPairLess(const Entry& a, const Entry& b);
+// The same for the domains and paths as texts.
+bool DomainPathTextLess(std::string_view aDomain, std::string_view aPath, std::string_view bDomain,
+                        std::string_view bPath);
 
 QV_EXPORT std::string to_string(const Entry& entry);
 
