@@ -510,7 +510,8 @@ struct FileWriter::Plist {
         size_t i = hash & mask;
         for (; strings[i] != 0; i = (i + 1) & mask) {
             const Node& n = nodes[strings[i] - 1];
-            if (n.hash == hash && n.length == text.size() && std::memcmp(n.bytes, text.data(), text.size()) == 0)
+            if (n.hash == hash && n.length == text.size() &&
+                (text.empty() || std::memcmp(n.bytes, text.data(), text.size()) == 0))
                 return strings[i] - 1;
         }
         Node node{kASCII, static_cast<uint32_t>(text.size()), text.data(), 0, hash, text.size()};
