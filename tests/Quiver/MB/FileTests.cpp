@@ -247,7 +247,8 @@ TEST(MBFileWriter, WritesTheBytesOfTheGeneralArchiver) {
     Entry manyAttributes = entry(1, "many attributes");
     manyAttributes->properties = CF::Dictionary::CreateMutable();
     for (int i = 0; i < 40; ++i)
-        manyAttributes->properties.Set(CF::String("name" + std::to_string(i)).get(), CF::Data(Range(0, i % 3 == 0 ? 70000 : 3)).get());
+        manyAttributes->properties.Set(CF::String("name" + std::to_string(i)).get(),
+                                       CF::Data(Range(0, i % 3 == 0 ? 70000 : 3)).get());
     entries.push_back(manyAttributes);
     Entry extras = withBytes(entry(1, "kept"), Range(1, 20), Range(9, 44));
     extras->archiveExtras = Dict({{"Generation", 7}, {"Negative", int64_t{-3}}, {"Note", "kept"}, {"Blob", Bytes{9, 8}},
@@ -258,12 +259,17 @@ TEST(MBFileWriter, WritesTheBytesOfTheGeneralArchiver) {
     extras->archiveExtras.Set("First", shared.get());
     extras->archiveExtras.Set("Second", shared.get());
     extras->archiveExtras.Set("Empty", CF::EmptyString().get());
+    extras->archiveExtras.Set("", CF::String("").get());  // the empty text twice, as key and as value
     entries.push_back(extras);
-    Entry manyExtras = entry(1, "not \xfe UTF-8 either");  // archived as the shared empty string
+    // More than 255 objects and UIDs; the path is archived as the shared empty string.
+    Entry manyExtras = entry(1, "not \xfe UTF-8 either");
     manyExtras->archiveExtras = CF::Dictionary::CreateMutable();
     manyExtras->archiveExtras.Set("Empty", CF::EmptyString().get());
-    for (int i = 0; i < 150; ++i) manyExtras->archiveExtras.Set(CF::String("k" + std::to_string(i)).get(), CF::Number(int64_t{i}).get());
-    for (int i = 0; i < 150; ++i) manyExtras->archiveExtras.Set(CF::String("s" + std::to_string(i)).get(), CF::String("v" + std::to_string(i % 7)).get());
+    for (int i = 0; i < 300; ++i) {
+        const std::string n = std::to_string(i);
+        manyExtras->archiveExtras.Set(CF::String("k" + n).get(), CF::Number(int64_t{i}).get());
+        manyExtras->archiveExtras.Set(CF::String("s" + n).get(), CF::String("v" + std::to_string(i % 7)).get());
+    }
     entries.push_back(manyExtras);
     // Records that neither may write.
     entries.push_back(entry(1, std::string_view("a\0b", 3)));
