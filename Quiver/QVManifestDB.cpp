@@ -18,6 +18,7 @@
 #include <system_error>
 #include <unordered_map>
 
+#include "Quiver/MB/File.hpp"
 #include "Quiver/QVEntryPool.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVLog.hpp"
@@ -243,7 +244,9 @@ void ManifestDatabase::Create(uint32_t userVersion) {
 }
 
 void ManifestDatabase::Finish() {
+    // Each index is built by sorting every row: a second thread may take half of each sort.
     execAll({
+        "PRAGMA threads=2;",
         "CREATE INDEX FilesDomainIdx ON Files (domain);",
         "CREATE INDEX FilesFlagsIdx ON Files (flags);",
         "CREATE INDEX FilesRelativePathIdx ON Files (relativePath);",
@@ -255,8 +258,12 @@ std::vector<std::byte> ManifestDatabase::Serialize() {
     sqlite3_int64 size = 0;
     unsigned char* image = sqlite3_serialize(db_->getHandle(), "main", &size, 0);
     if (!image) throw Error(QVErrorDatabaseOperation, CF::Error(), "Failed to serialize the database");
-    std::vector<std::byte> bytes(static_cast<size_t>(size));
-    if (size > 0) std::memcpy(bytes.data(), image, bytes.size());
+    // Copied in one pass, without first filling the vector with zeros: a database of a large backup
+    // holds hundreds of megabytes.
+    std::vector<std::byte> bytes;
+    bytes.reserve(static_cast<size_t>(size));
+    const auto* begin = reinterpret_cast<const std::byte*>(image);
+    bytes.insert(bytes.end(), begin, begin + size);
     OPENSSL_cleanse(image, static_cast<size_t>(size));
     sqlite3_free(image);
     // Devices write Manifest.db in write-ahead-log mode, which the header's bytes 18 and 19 (2 and 2)
@@ -288,43 +295,47 @@ void ManifestDatabase::InsertRow(CFStringRef fileID, CFStringRef domain, CFStrin
                    : std::nullopt);
 }
 
+void ManifestDatabase::StatementFinalizer::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+
 void ManifestDatabase::InsertRow(std::string_view fileID, std::optional<std::string_view> domain,
                                  std::optional<std::string_view> relativePath, int32_t flags,
                                  std::optional<std::span<const uint8_t>> data) {
     if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
-    try {
-        if (!insert_) {
-            insert_ = std::make_unique<SQLite::Statement>(
-                *db_, "INSERT OR REPLACE INTO Files (fileID,domain,relativePath,flags,file)VALUES (?,?,?,?,?)");
-        }
-        SQLite::Statement& insert = *insert_;
-        insert.reset();
-        insert.clearBindings();
-        // The statement reads the bound text when it runs: it lives in buffers reused from row to row.
-        bindText_[0].assign(fileID);
-        insert.bindNoCopy(1, bindText_[0]);
-        if (domain) {
-            bindText_[1].assign(*domain);
-            insert.bindNoCopy(2, bindText_[1]);
-        } else {
-            insert.bind(2);
-        }
-        if (relativePath) {
-            bindText_[2].assign(*relativePath);
-            insert.bindNoCopy(3, bindText_[2]);
-        } else {
-            insert.bind(3);
-        }
-        insert.bind(4, flags);
-        if (data) {
-            insert.bindNoCopy(5, data->data(), static_cast<int>(data->size()));
-        } else {
-            insert.bind(5);
-        }
-        insert.exec();
-    } catch (const SQLite::Exception& e) {
-        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to insert row ({})", e.what()));
+    // SQLite's own interface: a writer inserts hundreds of thousands of rows through this statement.
+    sqlite3* handle = db_->getHandle();
+    auto failed = [handle](const char* what) {
+        return Error(QVErrorDatabaseOperation, CF::Error(),
+                     fmt::format("Failed to insert row ({}: {})", what, sqlite3_errmsg(handle)));
+    };
+    if (!insert_) {
+        sqlite3_stmt* statement = nullptr;
+        if (sqlite3_prepare_v3(handle, "INSERT OR REPLACE INTO Files (fileID,domain,relativePath,flags,file)VALUES (?,?,?,?,?)",
+                               -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) != SQLITE_OK)
+            throw failed("prepare");
+        insert_.reset(statement);
     }
+    sqlite3_stmt* insert = insert_.get();
+    sqlite3_reset(insert);
+    // The values are read while the statement runs, here, while the caller's views are still valid.
+    auto bindText = [insert](int index, std::optional<std::string_view> text) {
+        // A view of nothing has no address, which SQLite would take for NULL rather than empty text.
+        return text ? sqlite3_bind_text64(insert, index, text->empty() ? "" : text->data(), text->size(), SQLITE_STATIC,
+                                          SQLITE_UTF8)
+                    : sqlite3_bind_null(insert, index);
+    };
+    int rc = bindText(1, fileID);
+    if (rc == SQLITE_OK) rc = bindText(2, domain);
+    if (rc == SQLITE_OK) rc = bindText(3, relativePath);
+    if (rc == SQLITE_OK) rc = sqlite3_bind_int(insert, 4, flags);
+    if (rc == SQLITE_OK)
+        rc = data ? sqlite3_bind_blob64(insert, 5, data->empty() ? "" : static_cast<const void*>(data->data()),
+                                        data->size(), SQLITE_STATIC)
+                  : sqlite3_bind_null(insert, 5);
+    if (rc != SQLITE_OK) throw failed("bind");
+    rc = sqlite3_step(insert);
+    sqlite3_reset(insert);
+    sqlite3_clear_bindings(insert);
+    if (rc != SQLITE_DONE) throw failed("step");
 }
 
 void ManifestDatabase::QueryAllRows(const RowFunction& each, const char* orderBy) {
@@ -604,12 +615,86 @@ Manifest QVManifestCreateFromManifestDatabaseImage(DatabaseImage image, QVManife
                         std::move(getFile), std::move(progress), error);
 }
 
+namespace {
+
+// The entries in the order of their "<domain>-<path>" texts, as keys that hold those texts so that
+// sorting does not reach into every entry. Where no domain followed by "-" begins another domain, that
+// order is the domains' order and then the paths': each domain is ranked once and the rows compare by
+// rank and path. A manifest already in order (one loaded from a database written here) is left as it
+// is; a large one is sorted in two halves on two threads, then merged.
+struct SortKey {
+    uint32_t rank;
+    std::string_view domain, path;
+    const Entry* entry;
+};
+
+std::vector<SortKey> sortedForWriting(const std::vector<Entry>& entries) {
+    std::vector<SortKey> keys;
+    keys.reserve(entries.size());
+    std::unordered_map<std::string_view, uint32_t> ranks;
+    std::string_view lastDomain;
+    uint32_t lastRank = 0;
+    bool first = true;
+    for (const Entry& entry : entries) {
+        const std::string_view domain = entry->domainText;
+        // Entries of one domain share its text, and come mostly one after another.
+        if (first || domain.data() != lastDomain.data() || domain.size() != lastDomain.size()) {
+            first = false;
+            lastRank = ranks.emplace(domain, static_cast<uint32_t>(ranks.size())).first->second;
+            lastDomain = domain;
+        }
+        keys.push_back({lastRank, domain, entry->path(), &entry});
+    }
+    std::vector<std::string> prefixes;
+    prefixes.reserve(ranks.size());
+    for (const auto& [domain, rank] : ranks) prefixes.push_back(std::string(domain) + "-");
+    std::sort(prefixes.begin(), prefixes.end());
+    // A prefix that begins other prefixes comes right before the first of them.
+    bool ranked = true;
+    for (size_t i = 1; i < prefixes.size() && ranked; ++i) ranked = !prefixes[i].starts_with(prefixes[i - 1]);
+    if (ranked) {
+        std::vector<uint32_t> order(ranks.size());
+        for (uint32_t i = 0; i < prefixes.size(); ++i) {
+            const std::string_view domain(prefixes[i].data(), prefixes[i].size() - 1);
+            order[ranks.find(domain)->second] = i;
+        }
+        for (SortKey& key : keys) key.rank = order[key.rank];
+    }
+    auto less = [ranked](const SortKey& a, const SortKey& b) {
+        if (ranked) return a.rank != b.rank ? a.rank < b.rank : a.path < b.path;
+        return DomainPathTextLess(a.domain, a.path, b.domain, b.path);
+    };
+    if (std::is_sorted(keys.begin(), keys.end(), less)) return keys;
+    const auto middle = keys.begin() + static_cast<std::ptrdiff_t>(keys.size() / 2);
+    if (keys.size() < 16384) {
+        std::stable_sort(keys.begin(), keys.end(), less);
+    } else {
+        auto firstHalf = std::async(std::launch::async, [&] { std::stable_sort(keys.begin(), middle, less); });
+        std::stable_sort(middle, keys.end(), less);
+        firstHalf.get();
+        std::inplace_merge(keys.begin(), middle, keys.end(), less);
+    }
+    return keys;
+}
+
+// An entry's file ID as text, written into `hex` when it is kept as bytes.
+std::string_view fileIDText(const QVManifestEntryClass& entry, char (&hex)[40]) {
+    if (!entry.fileIDIsHex) return entry.text(QVManifestEntryClass::kFileIDText);
+    static constexpr char kDigits[] = "0123456789abcdef";
+    for (size_t i = 0; i < entry.fileIDBytes.size(); ++i) {
+        hex[2 * i] = kDigits[entry.fileIDBytes[i] >> 4];
+        hex[2 * i + 1] = kDigits[entry.fileIDBytes[i] & 0xF];
+    }
+    return {hex, sizeof hex};
+}
+
+}  // namespace
+
 std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& manifest,
                                                                 QVManifestDataVersion version) {
     QV_ASSERT(manifest);
     if (!versionAccepted(version)) throw badVersion(version);
-    std::vector<Entry> sorted = manifest->entries;
-    std::stable_sort(sorted.begin(), sorted.end(), DomainPathPairLess);
+    const std::vector<SortKey> sorted = sortedForWriting(manifest->entries);
     ManifestDatabase database;
     try {
         database.Create(2);  // always 2, whatever version was asked for
@@ -620,30 +705,49 @@ std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& 
                                static_cast<int32_t>(number.Int64Or(kFlagOnlyRecord)), nullptr);
         }
         std::vector<Entry> failed;
-        // The records are encoded a batch ahead on a second thread while SQLite stores the batch before:
-        // the two take about as long as each other. Each thread reads only its own entries.
+        // The records are encoded a batch ahead on a second thread while SQLite stores the batch before.
+        // Each thread reads only its own entries.
         constexpr size_t kBatch = 2048;
+        static constexpr size_t kFailed = SIZE_MAX;
+        struct Blobs {
+            std::vector<uint8_t> bytes;
+            std::vector<std::pair<size_t, size_t>> spans;  // offset and length; kFailed as offset for none
+        };
         auto encode = [&sorted](size_t begin) {
-            std::vector<CF::Data> blobs;
+            Blobs blobs;
+            MB::FileWriter writer;
             const size_t end = std::min(sorted.size(), begin + kBatch);
-            blobs.reserve(end - begin);
-            for (size_t i = begin; i < end; ++i) blobs.push_back(QVManifestEntryCreateMBFileDataRepresentation(sorted[i]));
+            blobs.spans.reserve(end - begin);
+            blobs.bytes.reserve((end - begin) * 512);
+            for (size_t i = begin; i < end; ++i) {
+                const size_t offset = blobs.bytes.size();
+                try {
+                    AppendMBFileData(writer, **sorted[i].entry, blobs.bytes);
+                    blobs.spans.emplace_back(offset, blobs.bytes.size() - offset);
+                } catch (const std::exception& e) {
+                    log_fmt(log_level::warning, "Failed to serialize MBFile -- {}", e.what());
+                    blobs.bytes.resize(offset);
+                    blobs.spans.emplace_back(kFailed, 0);
+                }
+            }
             return blobs;
         };
-        std::future<std::vector<CF::Data>> ahead;
+        char hex[40];
+        std::future<Blobs> ahead;
         if (!sorted.empty()) ahead = std::async(std::launch::async, encode, 0);
         for (size_t begin = 0; begin < sorted.size(); begin += kBatch) {
-            const std::vector<CF::Data> blobs = ahead.get();
+            const Blobs blobs = ahead.get();
             if (begin + kBatch < sorted.size()) ahead = std::async(std::launch::async, encode, begin + kBatch);
-            for (size_t i = 0; i < blobs.size(); ++i) {
-                const Entry& entry = sorted[begin + i];
-                if (!blobs[i]) {
+            for (size_t i = 0; i < blobs.spans.size(); ++i) {
+                const Entry& entry = *sorted[begin + i].entry;
+                const auto [offset, length] = blobs.spans[i];
+                if (offset == kFailed) {
                     failed.push_back(entry);
                     continue;
                 }
                 try {
-                    database.InsertRow(entry->fileID(), entry->domainText, entry->path(), entry->fileType,
-                                       blobs[i].bytes());
+                    database.InsertRow(fileIDText(*entry, hex), entry->domainText, entry->path(), entry->fileType,
+                                       std::span<const uint8_t>(blobs.bytes.data() + offset, length));
                 } catch (const CF::Error& e) {
                     LogErrorFmt(log_level::error, e.get(), "Failed to insert {}", entry);
                     failed.push_back(entry);

@@ -27,6 +27,8 @@
 #include "Quiver/QVCipherVFS.hpp"
 #include "Quiver/QVManifest.hpp"
 
+struct sqlite3_stmt;
+
 namespace SQLite {
 class Database;
 class Statement;
@@ -129,8 +131,10 @@ private:
 
     std::unique_ptr<CipheredDatabase> cipher_;  // outlives the connection that reads through it
     std::unique_ptr<SQLite::Database> db_;
-    std::unique_ptr<SQLite::Statement> insert_;  // prepared once, reset per row
-    std::string bindText_[3];
+    struct StatementFinalizer {
+        void operator()(sqlite3_stmt* statement) const;
+    };
+    std::unique_ptr<sqlite3_stmt, StatementFinalizer> insert_;  // prepared once, reset per row
     std::filesystem::path path_;
     uint32_t userVersion_ = 0;
 };

@@ -453,7 +453,10 @@ std::optional<std::array<uint8_t, 32>> QVManifestEntryUnlockFileKey(const Entry&
 }
 
 bool DomainPathPairLess(const Entry& a, const Entry& b) {
-    const std::string_view ad = a->domainText, bd = b->domainText, ap = a->path(), bp = b->path();
+    return DomainPathTextLess(a->domainText, a->path(), b->domainText, b->path());
+}
+
+bool DomainPathTextLess(std::string_view ad, std::string_view ap, std::string_view bd, std::string_view bp) {
     if (ad == bd) return ap < bp;  // the pairs share "domain-"
     auto at = [](std::string_view domain, std::string_view path, size_t i) -> int {
         if (i < domain.size()) return static_cast<unsigned char>(domain[i]);

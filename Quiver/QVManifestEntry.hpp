@@ -14,6 +14,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -22,6 +23,8 @@
 #include "Quiver/QVFile.hpp"
 
 namespace MB {
+class File;
+class FileWriter;
 class ManifestEncryption;
 }
 
@@ -185,6 +188,12 @@ QV_EXPORT Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFString
 // The MBFile blob of an entry; empty data when it cannot be made (logged).
 QV_EXPORT CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry);
 
+// The MBFile record of an entry, for the general archiver (MB::File::Encode).
+MB::File MBFileRecordForEntry(const QVManifestEntryClass& entry);
+// The same record's blob appended to `out`, written straight from the entry: the bytes that
+// MBFileRecordForEntry(entry).Encode() holds. Throws what that throws.
+void AppendMBFileData(MB::FileWriter& writer, const QVManifestEntryClass& entry, std::vector<uint8_t>& out);
+
 // 40 lower-case hexadecimal digits: SHA-1 of "<domain>-<relativePath>", as raw bytes.
 std::array<uint8_t, 20> FileIDBytesForPath(std::string_view domain, std::string_view relativePath);
 // The raw bytes of a file ID written as 40 lower-case hexadecimal digits; false for any other text.
@@ -192,6 +201,9 @@ bool FileIDBytesFromText(std::string_view text, std::array<uint8_t, 20>& bytes);
 
 // Whether a's "<domain>-<path>" sorts before b's (bytewise), without making either text.
 QV_EXPORT bool DomainPathPairLess(const Entry& a, const Entry& b);
+// The same for the domains and paths as texts.
+bool DomainPathTextLess(std::string_view aDomain, std::string_view aPath, std::string_view bDomain,
+                        std::string_view bPath);
 
 QV_EXPORT std::string to_string(const Entry& entry);
 

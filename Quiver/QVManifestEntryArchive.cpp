@@ -92,27 +92,56 @@ Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFStringRef domain
     }
 }
 
+MB::File MBFileRecordForEntry(const QVManifestEntryClass& entry) {
+    MB::File record;
+    record.RelativePath = CF::String(entry.path());
+    if (!entry.target().empty()) record.Target = CF::String(entry.target());
+    if (!entry.digest().empty()) record.Digest = CF::Data(entry.digest());
+    if (!entry.encryptionKey().empty()) record.EncryptionKey = CF::Data(entry.encryptionKey());
+    record.Mode = entry.mode;
+    record.UserID = entry.userID;
+    record.GroupID = entry.groupID;
+    record.InodeNumber = entry.inode;
+    record.Size = entry.size;
+    record.LastModified = unixFromAbsolute(entry.lastModified);
+    record.LastStatusChange = unixFromAbsolute(entry.lastStatusChange);
+    record.Birth = unixFromAbsolute(entry.birth);
+    record.ProtectionClass = ProtectionClassCode(entry.protectionClass);
+    if (entry.properties && entry.properties.size() > 0) record.ExtendedAttributes = entry.properties;
+    record.Flags = entry.archiveFlags;
+    if (entry.archiveExtras && entry.archiveExtras.size() > 0) record.Unmodelled = entry.archiveExtras;
+    return record;
+}
+
+void AppendMBFileData(MB::FileWriter& writer, const QVManifestEntryClass& entry, std::vector<uint8_t>& out) {
+    // The record of MBFileRecordForEntry, as views of the entry's own texts.
+    MB::FileView record;
+    record.RelativePath = entry.path();
+    record.Target = entry.target();
+    record.Digest = entry.digest();
+    record.EncryptionKey = entry.encryptionKey();
+    record.Mode = entry.mode;
+    record.UserID = entry.userID;
+    record.GroupID = entry.groupID;
+    record.InodeNumber = entry.inode;
+    record.Size = entry.size;
+    record.LastModified = unixFromAbsolute(entry.lastModified);
+    record.LastStatusChange = unixFromAbsolute(entry.lastStatusChange);
+    record.Birth = unixFromAbsolute(entry.birth);
+    record.ProtectionClass = ProtectionClassCode(entry.protectionClass);
+    if (entry.properties && entry.properties.size() > 0) record.ExtendedAttributes = entry.properties;
+    record.Flags = entry.archiveFlags;
+    if (entry.archiveExtras && entry.archiveExtras.size() > 0) record.Unmodelled = entry.archiveExtras;
+    writer.Append(record, out);
+}
+
 CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry) {
     QV_ASSERT(entry);
     try {
-        MB::File record;
-        record.RelativePath = CF::String(entry->path());
-        if (!entry->target().empty()) record.Target = CF::String(entry->target());
-        if (!entry->digest().empty()) record.Digest = CF::Data(entry->digest());
-        if (!entry->encryptionKey().empty()) record.EncryptionKey = CF::Data(entry->encryptionKey());
-        record.Mode = entry->mode;
-        record.UserID = entry->userID;
-        record.GroupID = entry->groupID;
-        record.InodeNumber = entry->inode;
-        record.Size = entry->size;
-        record.LastModified = unixFromAbsolute(entry->lastModified);
-        record.LastStatusChange = unixFromAbsolute(entry->lastStatusChange);
-        record.Birth = unixFromAbsolute(entry->birth);
-        record.ProtectionClass = ProtectionClassCode(entry->protectionClass);
-        if (entry->properties && entry->properties.size() > 0) record.ExtendedAttributes = entry->properties;
-        record.Flags = entry->archiveFlags;
-        if (entry->archiveExtras && entry->archiveExtras.size() > 0) record.Unmodelled = entry->archiveExtras;
-        return record.Encode();
+        MB::FileWriter writer;
+        std::vector<uint8_t> blob;
+        AppendMBFileData(writer, *entry, blob);
+        return CF::Data(std::span<const uint8_t>(blob));
     } catch (const std::exception& e) {
         log_fmt(log_level::warning, "Failed to serialize MBFile -- {}", e.what());
         return CF::Data();

@@ -18,10 +18,12 @@
 #include <CoreFoundation/CoreFoundation.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Quiver/CF/Data.hpp"
 #include "Quiver/CF/Dictionary.hpp"
@@ -102,6 +104,30 @@ public:
     // The root object's other keys (not "$class"): numbers and booleans stored in the object, strings and
     // data stored by UID. Devices may add keys; a record read and written again keeps them.
     CF::Dictionary Unmodelled;
+};
+
+// Writes records straight from views to the bytes that File::Encode makes of the same record through
+// the general keyed archiver and CFPropertyListCreateData: the same objects in the same order, strings
+// and UIDs shared the same way, the same reference and offset sizes. A manifest writer encodes hundreds
+// of thousands of records, and the archiver's CF objects cost most of its time. Texts that are not
+// UTF-8 are written as File::Encode writes a record whose CF string could not be made of them: as
+// absent. One writer per thread; it keeps its buffers from record to record.
+class QV_EXPORT FileWriter {
+public:
+    FileWriter();
+    ~FileWriter();
+    FileWriter(const FileWriter&) = delete;
+    FileWriter& operator=(const FileWriter&) = delete;
+
+    // Appends the blob of `record` to `out`; `out` is left as it was when the record throws what
+    // File::Encode throws for it (the same archive_error and message).
+    void Append(const FileView& record, std::vector<uint8_t>& out);
+
+private:
+    struct Plist;
+    std::unique_ptr<Plist> archive_;
+    std::unique_ptr<Plist> attributes_;
+    std::vector<uint8_t> attributeBytes_;
 };
 
 }  // namespace MB

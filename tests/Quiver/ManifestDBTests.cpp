@@ -111,6 +111,35 @@ TEST_F(ManifestDBTest, WrittenManifestReadsBackInDomainPathOrder) {
     EXPECT_EQ(QVManifestGetEntries(original)[0]->fileType, 4);  // the source keeps its order
 }
 
+// Rows follow the whole "<domain>-<path>" text, also where one domain followed by "-" begins another
+// (so that domain order alone would be wrong) and in manifests large enough to be sorted on two threads;
+// a manifest read back in that order writes the same file again.
+TEST_F(ManifestDBTest, RowsFollowTheWholeDomainPathTextWhateverTheDomains) {
+    for (bool prefixDomains : {false, true}) {
+        std::vector<std::string> domains = {"HomeDomain", "AppDomainGroup-x", "MediaDomain", "AppDomain-com.b", ""};
+        if (prefixDomains) domains.insert(domains.end(), {"AppDomain", "AppDomain-com"});
+        Manifest m = QVManifestCreateEmpty();
+        std::vector<Entry> entries;
+        std::vector<std::string> expected;
+        for (int i = 0; i < 20000; ++i) {
+            const std::string& domain = domains[static_cast<size_t>(i) % domains.size()];
+            const std::string path = (i % 3 ? "com.b-" : "") + std::to_string((i * 7919) % 20011);
+            entries.push_back(QVManifestEntryCreateForDirectory(CF::String(domain).get(), CF::String(path).get()));
+            expected.push_back(domain + "-" + path);
+        }
+        QVManifestUpdateEntries(m, entries);
+        std::sort(expected.begin(), expected.end());
+        const auto bytes = QVManifestCreateManifestDBRepresentation(m, QVManifestDataVersion33);
+        Manifest back = read(save(bytes));
+        ASSERT_TRUE(back);
+        std::vector<std::string> order;
+        for (const Entry& e : QVManifestGetEntries(back))
+            order.push_back(std::string(e->domainText) + "-" + std::string(e->path()));
+        EXPECT_EQ(order, expected) << prefixDomains;
+        EXPECT_TRUE(QVManifestCreateManifestDBRepresentation(back, QVManifestDataVersion33) == bytes);
+    }
+}
+
 TEST_F(ManifestDBTest, SchemaAndPragmasAreThoseOfDeviceBackups) {
     fs::path p = save(QVManifestCreateManifestDBRepresentation(sample(), QVManifestDataVersion30));
     SQLite::Database db(p.string(), SQLite::OPEN_READONLY);

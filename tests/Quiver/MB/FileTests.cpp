@@ -13,7 +13,9 @@
 #include <string>
 #include <typeinfo>
 
+#include "Quiver/CF/Empty.hpp"
 #include "Quiver/MB/File.hpp"
+#include "Quiver/QVManifestEntry.hpp"
 #include "Quiver/Support/KeyedArchiver.hpp"
 #include "Quiver/Support/PlistValues.hpp"
 
@@ -173,6 +175,146 @@ TEST(MBFileRoundTrip, RecordsThatCouldNotBeReadBackAreNotWritten) {
     EXPECT_THROW(f.Encode(), ax::archive_error);
     f.Unmodelled = Dict({{"Text", std::string_view("a\0b", 3)}});
     EXPECT_THROW(f.Encode(), ax::archive_error);
+}
+
+// The writer that encodes records straight from entries must make the very bytes of the general
+// archiver, or fail with its message: every kind of entry, members present and absent, numbers at each
+// width boundary, texts that repeat archive keys or each other, UTF-16 and malformed text, attributes and
+// unmodelled keys, and records big enough for wider references and offsets.
+TEST(MBFileWriter, WritesTheBytesOfTheGeneralArchiver) {
+    using Entry = std::shared_ptr<QVManifestEntryClass>;
+    auto entry = [](uint8_t type, std::string_view path, std::string_view target = {}) {
+        auto e = std::make_shared<QVManifestEntryClass>();
+        e->SetDomain(CF::String("HomeDomain"));
+        e->fileType = type;
+        e->mode = type == 1 ? 0100644 : type == 2 ? 040755 : 0120755;
+        e->SetTexts({{QVManifestEntryClass::kPath, path}, {QVManifestEntryClass::kTarget, target}});
+        return e;
+    };
+    auto withBytes = [](Entry e, Bytes digest, Bytes key) {
+        const std::string path(e->path()), target(e->target());
+        const std::string d(digest.begin(), digest.end()), k(key.begin(), key.end());
+        e->SetTexts({{QVManifestEntryClass::kPath, path},
+                     {QVManifestEntryClass::kTarget, target},
+                     {QVManifestEntryClass::kDigest, d},
+                     {QVManifestEntryClass::kEncryptionKey, k}});
+        return e;
+    };
+    std::vector<Entry> entries = {
+        entry(2, ""),
+        entry(2, "Library"),
+        entry(1, "Library/SMS/sms.db"),
+        entry(4, "Library/link", "../Library/SMS/sms.db"),
+        entry(4, "same", "same"),
+        entry(1, "Mode"),  // the text of a key
+        entry(1, "$null"),
+        entry(4, "MBFile", "NSObject"),
+        entry(1, "Médias/photo ☃.jpg"),
+        entry(1, "emoji 😀 outside the basic plane"),
+        entry(4, "日本語", "日本語"),
+        entry(1, std::string(14, 'a')),
+        entry(1, std::string(15, 'b')),
+        entry(1, std::string(300, 'c')),
+        entry(1, std::string(70000, 'd')),
+        entry(1, "not \xff UTF-8"),
+        entry(4, "target not UTF-8", "\xc3"),
+        withBytes(entry(1, "digest only"), Range(1, 20), {}),
+        withBytes(entry(1, "key only"), {}, Range(50, 44)),
+        withBytes(entry(1, "both"), Range(1, 20), Range(50, 44)),
+        withBytes(entry(1, "key equal to digest"), Range(1, 20), Range(1, 20)),
+    };
+    const uint64_t numbers[] = {0, 1, 255, 256, 65535, 65536, 0xFFFFFFFFULL, 0x100000000ULL, 1ULL << 40,
+                                0x7FFFFFFFFFFFFFFFULL, 0x8000000000000001ULL, ~0ULL};
+    for (size_t i = 0; i < std::size(numbers); ++i) {
+        Entry e = withBytes(entry(1, "numbers " + std::to_string(i)), Range(static_cast<uint8_t>(i), 20), {});
+        e->size = numbers[i];
+        e->inode = numbers[(i + 3) % std::size(numbers)];
+        e->userID = static_cast<uint32_t>(numbers[(i + 5) % std::size(numbers)]);
+        e->groupID = 0xFFFFFFFE;
+        e->lastModified = static_cast<double>(i) * 1e8 - 5e8 + 0.75;
+        e->lastStatusChange = -978307200.0 - static_cast<double>(i);
+        e->birth = 4e9;
+        e->protectionClass = static_cast<EntryProtectionClass>(i % 5);
+        e->archiveFlags = i % 2 ? -1 : static_cast<int64_t>(numbers[i]);
+        entries.push_back(e);
+    }
+    Entry attributes = entry(1, "attributes");
+    attributes->properties = Dict({{"com.apple.TextEncoding", Bytes{'u', 't', 'f'}},
+                                   {"empty", Bytes{}},
+                                   {"attributes", Bytes{1}},  // the path's text
+                                   {"clé", Bytes(20, 7)}});
+    entries.push_back(attributes);
+    Entry manyAttributes = entry(1, "many attributes");
+    manyAttributes->properties = CF::Dictionary::CreateMutable();
+    for (int i = 0; i < 40; ++i)
+        manyAttributes->properties.Set(CF::String("name" + std::to_string(i)).get(),
+                                       CF::Data(Range(0, i % 3 == 0 ? 70000 : 3)).get());
+    entries.push_back(manyAttributes);
+    Entry extras = withBytes(entry(1, "kept"), Range(1, 20), Range(9, 44));
+    extras->archiveExtras = Dict({{"Generation", 7}, {"Negative", int64_t{-3}}, {"Note", "kept"}, {"Blob", Bytes{9, 8}},
+                                  {"Wide", "ü"}, {"Ratio", CF::Number(0.5)}, {"Mode2", "Mode"}});
+    extras->archiveExtras.Set("Hidden", kCFBooleanTrue);
+    extras->archiveExtras.Set("Shown", kCFBooleanFalse);
+    const CF::String shared("one object under two keys");
+    extras->archiveExtras.Set("First", shared.get());
+    extras->archiveExtras.Set("Second", shared.get());
+    extras->archiveExtras.Set("Empty", CF::EmptyString().get());
+    extras->archiveExtras.Set("", CF::String("").get());  // the empty text twice, as key and as value
+    entries.push_back(extras);
+    // More than 255 objects and UIDs; the path is archived as the shared empty string.
+    Entry manyExtras = entry(1, "not \xfe UTF-8 either");
+    manyExtras->archiveExtras = CF::Dictionary::CreateMutable();
+    manyExtras->archiveExtras.Set("Empty", CF::EmptyString().get());
+    for (int i = 0; i < 300; ++i) {
+        const std::string n = std::to_string(i);
+        manyExtras->archiveExtras.Set(CF::String("k" + n).get(), CF::Number(int64_t{i}).get());
+        manyExtras->archiveExtras.Set(CF::String("s" + n).get(), CF::String("v" + std::to_string(i % 7)).get());
+    }
+    entries.push_back(manyExtras);
+    // Records that neither may write.
+    entries.push_back(entry(1, std::string_view("a\0b", 3)));
+    entries.push_back(entry(4, "link", std::string_view("a\0b", 3)));
+    Entry badAttributes = entry(1, "bad attributes");
+    badAttributes->properties = Dict({{"name", "a string, not data"}});
+    entries.push_back(badAttributes);
+    for (const char* key : {"Flags", "$class"}) {
+        Entry badExtras = entry(1, "bad extras");
+        badExtras->archiveExtras = Dict({{key, 1}});
+        entries.push_back(badExtras);
+    }
+    Entry listExtra = entry(1, "list");
+    listExtra->archiveExtras = Dict({{"List", Arr({1})}});
+    entries.push_back(listExtra);
+
+    MB::FileWriter writer;  // one writer for all, as the manifest writer uses it
+    size_t written = 0, refused = 0;
+    for (const Entry& e : entries) {
+        SCOPED_TRACE(std::string(e->path().substr(0, 40)));
+        std::string expectedError, error;
+        Bytes expected, direct{0xEE};  // what was in the buffer before stays
+        try {
+            const CF::Data blob = Quiver::MBFileRecordForEntry(*e).Encode();
+            expected.assign(blob.begin(), blob.end());
+        } catch (const ax::archive_error& x) {
+            expectedError = x.what();
+        }
+        try {
+            Quiver::AppendMBFileData(writer, *e, direct);
+        } catch (const ax::archive_error& x) {
+            error = x.what();
+        }
+        EXPECT_EQ(error, expectedError);
+        if (expectedError.empty()) {
+            ++written;
+            ASSERT_EQ(direct.size(), expected.size() + 1);
+            EXPECT_TRUE(std::equal(expected.begin(), expected.end(), direct.begin() + 1));
+        } else {
+            ++refused;
+            EXPECT_EQ(direct, Bytes{0xEE});
+        }
+    }
+    EXPECT_EQ(refused, 6u);
+    EXPECT_EQ(written, entries.size() - refused);
 }
 
 // Archives written by Python's plistlib in the layouts devices use.
@@ -420,6 +562,7 @@ TEST(MBFileRealData, EveryRowOfEveryManifestDatabaseDecodes) {
     const fs::path root(QUIVER_REALDATA);
     if (!fs::is_directory(root)) GTEST_SKIP() << "no real data at " << root;
     size_t rows = 0, databases = 0;
+    MB::FileWriter writer;
     for (const auto& item : fs::recursive_directory_iterator(root)) {
         if (!item.is_regular_file() || item.path().filename() != "Manifest.db" || item.file_size() == 0) continue;
         std::unique_ptr<SQLite::Database> db;
@@ -442,8 +585,15 @@ TEST(MBFileRealData, EveryRowOfEveryManifestDatabaseDecodes) {
             const int flags = query.getColumn(2).getInt();
             EXPECT_EQ(f->Mode & 0xE000, flags == 1 ? 0x8000u : flags == 2 ? 0x4000u : 0xA000u);
             EXPECT_LE(f->ProtectionClass, 4u);
-            // What we write reads back the same.
-            auto again = MB::File::Decode(f->Encode().get());
+            // What we write reads back the same, and the direct writer writes the same bytes.
+            const CF::Data encoded = f->Encode();
+            MB::FileView view;
+            const Bytes blob(p, p + column.getBytes());
+            ASSERT_TRUE(MB::File::DecodeView(blob, view));
+            Bytes direct;
+            writer.Append(view, direct);
+            EXPECT_TRUE(std::equal(direct.begin(), direct.end(), encoded.begin(), encoded.end()));
+            auto again = MB::File::Decode(encoded.get());
             ASSERT_TRUE(again.has_value());
             EXPECT_TRUE(*again == *f);
             ++rows;
