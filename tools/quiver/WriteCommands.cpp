@@ -230,10 +230,6 @@ struct SampleOptions {
 
 constexpr int64_t kSampleDate = 1710498600;  // 2024-03-15 10:30:00 UTC
 
-std::string XmlPlist(const quiver::Value& dict) { return dict.toXML(); }
-
-std::string_view Text(std::string_view text) { return text; }
-
 void StoreSampleFile(quiver::Backup& backup, const char* domain, const char* path, std::string_view content) {
     try {
         backup.putData(domain, path, std::span(reinterpret_cast<const uint8_t*>(content.data()), content.size()));
@@ -284,17 +280,17 @@ int RunSample(const SampleOptions& o) {
     const Value notesSettings =
         Value::dictionary({{"SortOrder", Value::string("modified")}, {"DefaultFolder", Value::string("Notes")}});
 
-    StoreSampleFile(backup, "HomeDomain", "Library/Preferences/com.example.settings.plist", XmlPlist(settings));
+    StoreSampleFile(backup, "HomeDomain", "Library/Preferences/com.example.settings.plist", settings.toXML());
     StoreSampleFile(backup, "HomeDomain", "Library/Notes/welcome.txt",
-                    Text("Welcome to Quiver.\n\nThis file lives in the HomeDomain of a sample backup that the quiver\n"
-                         "tool wrote through the library: `quiver cat build/sample HomeDomain Library/Notes/welcome.txt`\n"
-                         "printed it.\n"));
+                    "Welcome to Quiver.\n\nThis file lives in the HomeDomain of a sample backup that the quiver\n"
+                    "tool wrote through the library: `quiver cat build/sample HomeDomain Library/Notes/welcome.txt`\n"
+                    "printed it.\n");
     StoreSampleFile(backup, "AppDomain-com.example.notes", "Documents/shopping.txt",
-                    Text("- apples\n- bread\n- coffee\n"));
+                    "- apples\n- bread\n- coffee\n");
     StoreSampleFile(backup, "AppDomain-com.example.notes", "Library/Preferences/com.example.notes.plist",
-                    XmlPlist(notesSettings));
+                    notesSettings.toXML());
     StoreSampleFile(backup, "CameraRollDomain", "Media/DCIM/100APPLE/IMG_0001.txt",
-                    Text("(a photo would be here)\n"));
+                    "(a photo would be here)\n");
     try {
         backup.makeSymlink("AppDomain-com.example.notes", "Documents/latest.txt", "shopping.txt");
         backup.makeDirectory("MediaDomain", "Media");
