@@ -666,7 +666,7 @@ std::vector<SortKey> sortedForWriting(const std::vector<Entry>& entries) {
     };
     if (std::is_sorted(keys.begin(), keys.end(), less)) return keys;
     const auto middle = keys.begin() + static_cast<std::ptrdiff_t>(keys.size() / 2);
-    if (keys.size() < 16384) {
+    if (keys.size() < 4096) {
         std::stable_sort(keys.begin(), keys.end(), less);
     } else {
         auto firstHalf = std::async(std::launch::async, [&] { std::stable_sort(keys.begin(), middle, less); });

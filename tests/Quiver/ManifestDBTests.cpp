@@ -121,9 +121,9 @@ TEST_F(ManifestDBTest, RowsFollowTheWholeDomainPathTextWhateverTheDomains) {
         Manifest m = QVManifestCreateEmpty();
         std::vector<Entry> entries;
         std::vector<std::string> expected;
-        for (int i = 0; i < 20000; ++i) {
+        for (int i = 0; i < 5000; ++i) {
             const std::string& domain = domains[static_cast<size_t>(i) % domains.size()];
-            const std::string path = (i % 3 ? "com.b-" : "") + std::to_string((i * 7919) % 20011);
+            const std::string path = (i % 3 ? "com.b-" : "") + std::to_string((i * 7919) % 5003);
             entries.push_back(QVManifestEntryCreateForDirectory(CF::String(domain).get(), CF::String(path).get()));
             expected.push_back(domain + "-" + path);
         }
