@@ -22,6 +22,7 @@
 
 #include "Quiver/CF/CF.hpp"
 #include "Quiver/QVBackupContainer.hpp"
+#include "Quiver/QVConvert.hpp"
 
 namespace QuiverTool {
 
@@ -58,6 +59,18 @@ void AddWriteCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 void AddVerifyCommand(CLI::App& app, const GlobalOptions& options, Action& action);    // verify
 void AddLookCommands(CLI::App& app, const GlobalOptions& options, Action& action);     // stat, find, domains
 void AddConvertCommands(CLI::App& app, const GlobalOptions& options, Action& action);  // passwd, decrypt, encrypt
+
+// ---- Conversions (ConvertCommands.cpp) ----
+
+// --iterations and --sha1-iterations: the rounds of the two passes of a new key bag's derivation.
+void AddIterationOptions(CLI::App* command, uint32_t& iterations, uint32_t& sha1Iterations);
+// `export --manifest db`: the loaded backup written with a Manifest.db manifest (an encrypted one
+// keeping its keys, under a two-pass key bag made with `parameters`), files that cannot be read named
+// on standard error as `decrypt` names them. The exit status: 1, as `export` ends, for a copy written
+// without some of them.
+int WriteWithManifestDB(const Quiver::Backup& backup, const std::string& source, const std::string& destination,
+                        bool zip, bool skipDamaged, const Quiver::QVPasswordParameters& parameters,
+                        const GlobalOptions& global);
 
 // ---- Backups (Backup.cpp) ----
 
