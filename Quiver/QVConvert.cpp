@@ -1,6 +1,7 @@
-// Conversions: a new password in place, and a backup written again encrypted or plain.
+// Conversions: a new password in place, and a backup written again encrypted, plain, or with a
+// Manifest.db manifest.
 //
-// Both conversions that write a new backup take a copy of the container, change its metadata, its
+// The conversions that write a new backup take a copy of the container, change its metadata, its
 // encryption and its entries, and hand it to the export, which writes it whole or not at all. Before
 // that, every file is read once through the checked reader: that pass finds what cannot be read before
 // anything is written, and yields each plaintext's length and digest, which a plain manifest records.
@@ -110,6 +111,36 @@ std::vector<uint32_t> deviceMarkedClasses(const MB::KeyBag& keyBag) {
     return marked;
 }
 
+// Classes that only the device opens could not be wrapped under a password again.
+void refuseDeviceOnlyClasses(const MB::KeyBag& keyBag) {
+    if (!keyBag.GetLockedClasses().empty())
+        throw Error(QVErrorEncryptionNotSupported, CF::Error(),
+                    fmt::format("The key bag holds {} classes that only the device opens; they cannot be "
+                                "wrapped under a new password",
+                                keyBag.GetLockedClasses().size()),
+                    ErrorContext::File("Manifest.plist"));
+}
+
+// The class keys of `old`, wrapped again under the key derived from `password`, with `old`'s version,
+// type and device marks: in two derivation passes (`parameters.iterations`, then
+// `parameters.sha1Iterations`) or, without firstPass, in the one pass of devices before iOS 10.2.
+MB::KeyBag wrapAgain(const MB::KeyBag& old, const std::string& password, const QVPasswordParameters& parameters,
+                     bool firstPass) {
+    refuseDeviceOnlyClasses(old);
+    MB::KeyBag::Parameters shape;
+    shape.version = old.GetVersion();
+    shape.type = static_cast<uint32_t>(old.GetType());
+    shape.iterations = parameters.sha1Iterations;
+    shape.dpIterations = parameters.iterations;
+    shape.dpwt = old.GetManifestInfo().firstPass && old.GetManifestInfo().dpwt != 0 ? old.GetManifestInfo().dpwt : 1;
+    shape.firstPass = firstPass;
+    shape.deviceMarkedClasses = deviceMarkedClasses(old);
+    MB::KeyBag fresh = MB::KeyBag::Create(password, old.GetUnlockedKeys(), shape);
+    if (fresh.GetUnlockedKeys() != old.GetUnlockedKeys())
+        throw Error(QVErrorCryptoOperation, CF::Error(), "The new key bag does not hold the class keys of the old one");
+    return fresh;
+}
+
 // ---- Writing a converted copy ----
 
 // What the checked read of one file found: its plaintext's length and SHA-1, or nothing when it
@@ -174,6 +205,53 @@ void writeCopy(const Backup& copy, CFStringRef destination, const QVConversionOp
     if (!written) throw CF::Error::Adopt(error);
 }
 
+// Hands each file that the check could read to its entry in the copy as the file the source stores
+// (fetched through the source, as the copy may name its stored files otherwise), lets `each` change
+// that entry further, and takes the files that could not be read out of the copy.
+using CarriedFileFunction =
+    std::function<void(size_t index, const Entry& target, const std::shared_ptr<QVFileClass>& stored)>;
+void carryFiles(const Backup& copy, const std::vector<Entry>& entries,
+                const std::vector<std::optional<Plaintext>>& plaintexts, const CarriedFileFunction& each) {
+    const std::vector<Entry> copies = QVManifestGetEntries(copy->manifest);
+    QV_ASSERT(copies.size() == entries.size());
+    std::vector<Entry> leftOut;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const Entry& target = copies[i];
+        if (!QVManifestEntryIsFile(entries[i])) continue;
+        if (!plaintexts[i]) {
+            leftOut.push_back(target);
+            continue;
+        }
+        CFErrorRef fileError = nullptr;
+        std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(entries[i], &fileError);
+        if (!stored) throw CF::Error::Adopt(fileError);
+        if (fileError) CFRelease(fileError);
+        target->file = stored;
+        target->getFileFunc = nullptr;
+        if (each) each(i, target, stored);
+    }
+    if (!leftOut.empty()) QVManifestRemoveEntries(copy->manifest, leftOut);
+}
+
+// Moves the copy to the newest generation: Status "Version" 3.3 with Manifest.db in the two-digit
+// layout, Manifest.plist "Version" as devices write it beside Manifest.db, and a type on every entry
+// (Manifest.mbdb has none of its own, the mode says it; a Manifest.db row must carry one). Given a key
+// bag, the copy is encrypted under it, with Manifest.db enciphered under a new "ManifestKey".
+void moveToNewestGeneration(const Backup& copy, const std::optional<MB::KeyBag>& keyBag) {
+    if (copy->manifestVersion == QVManifestDataVersion24) copy->manifestDict.Set("Version", CF::String("10.0"));
+    copy->manifestVersion = QVManifestDataVersion33;
+    copy->statusDict.Set("Version", CF::String("3.3"));
+    for (const Entry& entry : QVManifestGetEntries(copy->manifest))
+        if (entry->fileType == 0)
+            entry->fileType = QVManifestEntryIsFile(entry) ? 1 : QVManifestEntryIsDirectory(entry) ? 2 : 4;
+    if (!keyBag) return;
+    MB::ManifestEncryption encryption = MB::ManifestEncryption::Create(*keyBag, 4);
+    copy->manifestDict.Set("IsEncrypted", kCFBooleanTrue);
+    copy->manifestDict.Set("BackupKeyBag", keyBag->CopyData());
+    copy->manifestDict.Set("ManifestKey", encryption.LockKey(4, encryption.GetManifestKey()));
+    copy->manifestEncryption = std::move(encryption);
+}
+
 // One step's share of the progress: from start, width of the whole.
 std::function<void(double)> share(const ExportProgress& progress, double start, double width) {
     return [progress, start, width](double fraction) {
@@ -226,27 +304,11 @@ bool QVBackupChangePassword(CFStringRef directory, CFStringRef oldPassword, CFSt
             throw Error(QVErrorInvalidMetadata, CF::Error(), "Manifest.plist holds no key bag",
                         ErrorContext::File("Manifest.plist"));
         const MB::KeyBag old(keyBagData, CF::UTF8(oldPassword ? oldPassword : CFSTR("")));
-        if (!old.GetLockedClasses().empty())
-            throw Error(QVErrorEncryptionNotSupported, CF::Error(),
-                        fmt::format("The key bag holds {} classes that only the device opens; they cannot be "
-                                    "wrapped under a new password",
-                                    old.GetLockedClasses().size()),
-                        ErrorContext::File("Manifest.plist"));
+        refuseDeviceOnlyClasses(old);
         // A manifest key that no longer unwraps would be carried over unnoticed; it is damage to report now.
         const CF::Data manifestKey = manifest.Get<CF::Data>("ManifestKey");
         const MB::ManifestEncryption check(old, manifestKey);
-
-        MB::KeyBag::Parameters shape;
-        shape.version = old.GetVersion();
-        shape.type = static_cast<uint32_t>(old.GetType());
-        shape.iterations = parameters.sha1Iterations;
-        shape.dpIterations = parameters.iterations;
-        shape.dpwt = old.GetManifestInfo().firstPass && old.GetManifestInfo().dpwt != 0 ? old.GetManifestInfo().dpwt : 1;
-        shape.firstPass = old.GetManifestInfo().firstPass;
-        shape.deviceMarkedClasses = deviceMarkedClasses(old);
-        const MB::KeyBag fresh = MB::KeyBag::Create(password, old.GetUnlockedKeys(), shape);
-        if (fresh.GetUnlockedKeys() != old.GetUnlockedKeys())
-            throw Error(QVErrorCryptoOperation, CF::Error(), "The new key bag does not hold the class keys of the old one");
+        const MB::KeyBag fresh = wrapAgain(old, password, parameters, old.GetManifestInfo().firstPass);
         manifest.Set("BackupKeyBag", fresh.CopyData());
 
         CFErrorRef writeError = nullptr;
@@ -283,38 +345,23 @@ bool QVBackupContainerExportDecrypted(const Backup& backup, CFStringRef destinat
         Backup copy = QVBackupContainerCreateCopy(backup);
         copy->manifestEncryption.reset();
         copy->password = CF::String();
-        const std::vector<Entry> copies = QVManifestGetEntries(copy->manifest);
-        QV_ASSERT(copies.size() == entries.size());
-        std::vector<Entry> leftOut;
-        for (size_t i = 0; i < entries.size(); ++i) {
+        carryFiles(copy, entries, plaintexts, [&](size_t i, const Entry& target, const auto& stored) {
             const Entry& source = entries[i];
-            const Entry& target = copies[i];
-            if (!QVManifestEntryIsFile(source)) continue;
-            if (!plaintexts[i]) {
-                leftOut.push_back(target);
-                continue;
-            }
-            CFErrorRef fileError = nullptr;
-            std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(source, &fileError);
-            if (!stored) throw CF::Error::Adopt(fileError);
-            if (fileError) CFRelease(fileError);
-            std::shared_ptr<QVFileClass> plain = stored;
             // A file put in since loading holds its plaintext already.
             if (!source->external) {
-                auto key = QVManifestEntryUnlockFileKey(source, *backup->manifestEncryption, &fileError);
-                if (!key) throw CF::Error::Adopt(fileError);
-                plain = QVFileCreateCopy(stored);
+                CFErrorRef keyError = nullptr;
+                auto key = QVManifestEntryUnlockFileKey(source, *backup->manifestEncryption, &keyError);
+                if (!key) throw CF::Error::Adopt(keyError);
+                std::shared_ptr<QVFileClass> plain = QVFileCreateCopy(stored);
                 _QVFileSetDecryptionKey(plain, *key);
+                target->file = plain;
             }
-            target->file = plain;
-            target->getFileFunc = nullptr;
             // A plain manifest records the digest of the plaintext, where its generation records one.
             const bool recordsDigest = !source->digest().empty();
             target->SetTexts({{QVManifestEntryClass::kEncryptionKey, {}},
                               {QVManifestEntryClass::kDigest, recordsDigest ? asText(plaintexts[i]->digest) : ""}});
             target->size = plaintexts[i]->length;
-        }
-        if (!leftOut.empty()) QVManifestRemoveEntries(copy->manifest, leftOut);
+        });
         copy->manifestDict.Remove("BackupKeyBag");
         copy->manifestDict.Remove("ManifestKey");
         copy->manifestDict.Set("IsEncrypted", kCFBooleanFalse);
@@ -344,52 +391,57 @@ bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destinat
         shape.iterations = parameters.sha1Iterations;
         shape.dpIterations = parameters.iterations;
         static constexpr uint32_t kClasses[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
-        MB::KeyBag keyBag = MB::KeyBag::Create(text, std::span<const uint32_t>(kClasses), shape);
-        MB::ManifestEncryption encryption = MB::ManifestEncryption::Create(keyBag, 4);
-
         Backup copy = QVBackupContainerCreateCopy(backup);
-        if (copy->manifestVersion == QVManifestDataVersion24) copy->manifestDict.Set("Version", CF::String("10.0"));
-        copy->manifestVersion = QVManifestDataVersion33;
-        copy->statusDict.Set("Version", CF::String("3.3"));
-        copy->manifestDict.Set("IsEncrypted", kCFBooleanTrue);
-        copy->manifestDict.Set("BackupKeyBag", keyBag.CopyData());
-        copy->manifestDict.Set("ManifestKey", encryption.LockKey(4, encryption.GetManifestKey()));
-        copy->manifestEncryption = encryption;
+        moveToNewestGeneration(copy, MB::KeyBag::Create(text, std::span<const uint32_t>(kClasses), shape));
         copy->password = CF::String(text);
+        const MB::ManifestEncryption& encryption = *copy->manifestEncryption;
 
-        const std::vector<Entry> copies = QVManifestGetEntries(copy->manifest);
-        QV_ASSERT(copies.size() == entries.size());
-        std::vector<Entry> leftOut;
         const auto keysProgress = share(progress, 1.0 / 3, 1.0 / 3);
         const double total = std::max<double>(1.0, static_cast<double>(QVManifestGetTotalFileSize(backup->manifest)));
         double keyed = 0;
-        for (size_t i = 0; i < entries.size(); ++i) {
-            const Entry& target = copies[i];
-            // Manifest.mbdb has no type of its own (the mode says it); a Manifest.db row must carry one.
-            if (target->fileType == 0)
-                target->fileType = QVManifestEntryIsFile(target) ? 1 : QVManifestEntryIsDirectory(target) ? 2 : 4;
-            if (!QVManifestEntryIsFile(entries[i])) continue;
-            if (!plaintexts[i]) {
-                leftOut.push_back(target);
-                continue;
-            }
-            CFErrorRef fileError = nullptr;
-            std::shared_ptr<QVFileClass> plain = QVManifestEntryGetFile(entries[i], &fileError);
-            if (!plain) throw CF::Error::Adopt(fileError);
-            if (fileError) CFRelease(fileError);
+        carryFiles(copy, entries, plaintexts, [&](size_t i, const Entry& target, const std::shared_ptr<QVFileClass>&) {
             // Enciphered as it is written, under a key of its own, like a file put in by an edit.
-            target->file = plain;
-            target->getFileFunc = nullptr;
             target->external = true;
             target->SetTexts({{QVManifestEntryClass::kEncryptionKey, {}}, {QVManifestEntryClass::kDigest, {}}});
             if (target->protectionClass == EntryProtectionClassNotSet) target->protectionClass = EntryProtectionClassNone;
             // The new key's ciphertext is read once here for the digest the record keeps.
-            if (!QVManifestEntryGenerateFileKey(target, encryption, &fileError)) throw CF::Error::Adopt(fileError);
+            CFErrorRef keyError = nullptr;
+            if (!QVManifestEntryGenerateFileKey(target, encryption, &keyError)) throw CF::Error::Adopt(keyError);
             keyed += static_cast<double>(plaintexts[i]->length);
             keysProgress(std::min(1.0, keyed / total));
-        }
-        if (!leftOut.empty()) QVManifestRemoveEntries(copy->manifest, leftOut);
+        });
         writeCopy(copy, destination, options, share(progress, 2.0 / 3, 1.0 / 3));
+        return true;
+    });
+}
+
+bool QVBackupContainerExportWithManifestDB(const Backup& backup, CFStringRef destination,
+                                          const QVPasswordParameters& parameters, const QVConversionOptions& options,
+                                          const QVConversionProblemFunction& problems, const ExportProgress& progress,
+                                          CFErrorRef* error) {
+    QV_ASSERT(backup);
+    QV_ASSERT(destination);
+    return Boundary(error, [&]() -> bool {
+        const bool upgrade = backup->manifestVersion == QVManifestDataVersion24;
+        // The same class keys under the same password, derived in two passes as devices now do; made
+        // first, so that a key bag that cannot be wrapped again fails before the files are read.
+        std::optional<MB::KeyBag> keyBag;
+        if (upgrade && (backup->manifestEncryption || backup->manifestDict.Get("IsEncrypted") == kCFBooleanTrue)) {
+            if (!backup->manifestEncryption || !backup->password || backup->password.length() == 0)
+                throw Error(QVErrorPasswordRequired, CF::Error(), "The backup is encrypted: open it with its password");
+            keyBag = wrapAgain(backup->manifestEncryption->GetKeyBag(), backup->password.utf8(), parameters, true);
+        }
+        const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
+        size_t failures = 0;
+        const auto plaintexts = readEveryFile(backup, entries, problems, share(progress, 0, 0.5), failures);
+        if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
+
+        // Every stored file is written as it is, under its own wrapped key where it has one.
+        Backup copy = QVBackupContainerCreateCopy(backup);
+        if (upgrade) moveToNewestGeneration(copy, keyBag);
+        carryFiles(copy, entries, plaintexts, nullptr);
+        writeCopy(copy, destination, options, share(progress, 0.5, 0.5));
+        if (!upgrade) log_fmt(log_level::info, "The backup had a Manifest.db manifest already; it was written as is");
         return true;
     });
 }

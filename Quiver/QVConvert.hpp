@@ -1,12 +1,13 @@
-// Conversions between encrypted and plain backups, and a new password for an encrypted one.
+// Conversions between encrypted and plain backups, a new password for an encrypted one, and a
+// Manifest.mbdb backup moved to Manifest.db.
 //
 // A new password touches Manifest.plist alone: the class keys stay as they are and are wrapped again
 // under the key derived from the new password, so no stored file and no wrapped per-file key changes,
 // and the work costs the two derivations whatever the backup's size.
 //
-// Decrypting and encrypting write a new backup, whole or absent as an export is: each file is read
-// and checked first, and a file that cannot be read makes the conversion write nothing, unless the
-// caller asks for such files to be left out. The source is never changed.
+// Decrypting, encrypting and moving to Manifest.db write a new backup, whole or absent as an export
+// is: each file is read and checked first, and a file that cannot be read makes the conversion write
+// nothing, unless the caller asks for such files to be left out. The source is never changed.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -75,5 +76,20 @@ QV_EXPORT bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRe
                                                 const QVConversionOptions& options,
                                                 const QVConversionProblemFunction& problems,
                                                 const ExportProgress& progress, CFErrorRef* error);
+
+// Writes the Manifest.mbdb backup (iOS 4 to 9) as a backup with a Manifest.db manifest, laid out as
+// devices of iOS 10.2 and later write one: stored files in two-hex-digit folders, Status "Version" 3.3,
+// Manifest.plist "Version" 10.0. Every entry is carried over with its attributes, times, size, digest,
+// protection class, extended attributes, link target and wrapped key, and every stored file byte for
+// byte. An encrypted backup, opened with its password, stays encrypted under the same class keys and
+// per-file keys: its key bag is written again for the same password with two derivation passes (DPSL
+// and DPIC, `parameters`), and Manifest.db is enciphered under a new "ManifestKey". A backup with a
+// Manifest.db manifest already is written as it is. Damaged files as for
+// QVBackupContainerExportDecrypted; the source is never changed.
+QV_EXPORT bool QVBackupContainerExportWithManifestDB(const Backup& backup, CFStringRef destination,
+                                                    const QVPasswordParameters& parameters,
+                                                    const QVConversionOptions& options,
+                                                    const QVConversionProblemFunction& problems,
+                                                    const ExportProgress& progress, CFErrorRef* error);
 
 }  // namespace Quiver

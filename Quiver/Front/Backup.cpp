@@ -583,6 +583,12 @@ void Backup::write(const fs::path& destination, const WriteOptions& options) con
 
 namespace {
 
+Quiver::ExportProgress ToExportProgress(const Progress& progress) {
+    return [&progress](double fraction) {
+        if (progress) progress(fraction);
+    };
+}
+
 Quiver::QVConversionOptions ToConversion(const ConvertOptions& options) {
     Quiver::QVConversionOptions conversion;
     conversion.zip = options.zip;
@@ -600,9 +606,7 @@ Quiver::QVConversionProblemFunction ToProblemFunction(const ConvertOptions& opti
 
 void Backup::writeDecrypted(const fs::path& destination, const ConvertOptions& options) const {
     CFErrorRef error = nullptr;
-    Quiver::ExportProgress progress = [&options](double fraction) {
-        if (options.progress) options.progress(fraction);
-    };
+    const Quiver::ExportProgress progress = ToExportProgress(options.progress);
     if (!Quiver::QVBackupContainerExportDecrypted(impl_->backup, Text(destination.string()).get(), ToConversion(options),
                                                   ToProblemFunction(options), progress, &error))
         front::Throw(error);
@@ -611,9 +615,7 @@ void Backup::writeDecrypted(const fs::path& destination, const ConvertOptions& o
 void Backup::writeEncrypted(const fs::path& destination, std::string_view password, const PasswordParameters& parameters,
                             const ConvertOptions& options) const {
     CFErrorRef error = nullptr;
-    Quiver::ExportProgress progress = [&options](double fraction) {
-        if (options.progress) options.progress(fraction);
-    };
+    const Quiver::ExportProgress progress = ToExportProgress(options.progress);
     if (!Quiver::QVBackupContainerExportEncrypted(impl_->backup, Text(destination.string()).get(), Text(password).get(),
                                                   ToParameters(parameters), ToConversion(options),
                                                   ToProblemFunction(options), progress, &error))
@@ -622,6 +624,16 @@ void Backup::writeEncrypted(const fs::path& destination, std::string_view passwo
 
 fs::path Backup::partialPath(const fs::path& destination) {
     return Quiver::QVBackupContainerPartialPath(Text(destination.string()).get());
+}
+
+void Backup::writeWithManifestDB(const fs::path& destination, const PasswordParameters& parameters,
+                                 const ConvertOptions& options) const {
+    CFErrorRef error = nullptr;
+    const Quiver::ExportProgress progress = ToExportProgress(options.progress);
+    if (!Quiver::QVBackupContainerExportWithManifestDB(impl_->backup, Text(destination.string()).get(),
+                                                      ToParameters(parameters), ToConversion(options),
+                                                      ToProblemFunction(options), progress, &error))
+        front::Throw(error);
 }
 
 void Backup::changePassword(const fs::path& directory, std::string_view oldPassword, std::string_view newPassword,

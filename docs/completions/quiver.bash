@@ -15,6 +15,7 @@ _quiver() {
     case "$prev" in
         --password-file|--put) _filedir; return ;;
         --type) COMPREPLY=($(compgen -W "file dir symlink" -- "$cur")); return ;;
+        --manifest) COMPREPLY=($(compgen -W "db mbdb" -- "$cur")); return ;;
         --domain|--min-size|--max-size|--newer|--older) return ;;
     esac
     if [[ -z "$command" ]]; then
@@ -28,7 +29,7 @@ _quiver() {
         stat) options="--json --local" ;;
         find) options="--domain --type --min-size --max-size --newer --older -i --ignore-case -l --long --json --jsonl --local" ;;
         domains) options="--json" ;;
-        export) options="--zip --skip-damaged" ;;
+        export) options="--zip --skip-damaged --manifest --iterations --sha1-iterations" ;;
         edit) options="--zip --replace-dir --skip-damaged --put --rm --mkdir --symlink" ;;
         verify) options="--quick --json" ;;
         passwd) options="--new-password-file --iterations --sha1-iterations" ;;

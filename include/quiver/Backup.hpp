@@ -301,6 +301,13 @@ public:
     // Writes a plain backup as an encrypted one of the newest generation under a new password.
     void writeEncrypted(const std::filesystem::path& destination, std::string_view password,
                         const PasswordParameters& parameters = {}, const ConvertOptions& options = {}) const;
+    // Writes a Manifest.mbdb backup (iOS 4 to 9) with a Manifest.db manifest in the layout of iOS 10.2
+    // and later, every entry, attribute, stored byte and wrapped key carried over. An encrypted backup
+    // keeps its password and keys, its key bag written again with two derivation passes (`parameters`)
+    // and Manifest.db enciphered under a new manifest key. A backup on Manifest.db already is written
+    // as it is.
+    void writeWithManifestDB(const std::filesystem::path& destination, const PasswordParameters& parameters = {},
+                             const ConvertOptions& options = {}) const;
     // Where a write to destination by this process lies until it is complete, for a program that
     // must remove it when a signal ends the process (the library removes it on any failure).
     static std::filesystem::path partialPath(const std::filesystem::path& destination);

@@ -1,10 +1,12 @@
-// Conversions: a new password in place, decrypting and encrypting into new backups, and the round
-// trips between them, on every generation the builder writes. Each result is also read by the
-// independent reader, so that a conversion the library alone can read back is caught.
+// Conversions: a new password in place, decrypting and encrypting into new backups, the round trips
+// between them on every generation the builder writes, and Manifest.mbdb backups moved to Manifest.db.
+// Each result is also read by the independent reader, so that a conversion the library alone can read
+// back is caught.
 #include <gtest/gtest.h>
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -83,6 +85,25 @@ protected:
         return ok;
     }
 
+    static bool withManifestDB(const Backup& backup, const fs::path& destination, QVConversionOptions options = {},
+                               std::vector<QVConversionProblem>* problems = nullptr, CF::Error* failure = nullptr) {
+        CFErrorRef error = nullptr;
+        std::vector<double> fractions;
+        const bool ok = QVBackupContainerExportWithManifestDB(
+            backup, CF::String(destination.string()).get(), kFast, options,
+            [&](const QVConversionProblem& p) {
+                if (problems) problems->push_back(p);
+            },
+            [&](double fraction) { fractions.push_back(fraction); }, &error);
+        CF::Error e = CF::Error::Adopt(error);
+        if (failure) *failure = e;
+        if (ok) {
+            EXPECT_FALSE(fractions.empty());
+            EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end())) << "the progress went back";
+        }
+        return ok;
+    }
+
     static bool passwd(const fs::path& directory, const char* old, const char* fresh, CF::Error* failure = nullptr) {
         CFErrorRef error = nullptr;
         const bool ok = QVBackupChangePassword(CF::String(directory.string()).get(), CF::String(old).get(),
@@ -107,8 +128,10 @@ protected:
         return files;
     }
 
-    // Entry for entry: kind, mode, times, class, target and, for files, size and plaintext.
-    static void expectSameEntries(const Backup& a, const Backup& b) {
+    // Entry for entry: kind, mode, times, class, target and, for files, size and plaintext; with
+    // sameRecords also everything else the record holds (owner, inode, the other two times, digest,
+    // wrapped key, extended attributes).
+    static void expectSameEntries(const Backup& a, const Backup& b, bool sameRecords = false) {
         const std::vector<Entry> entries = QVManifestGetEntries(a->manifest);
         ASSERT_EQ(entries.size(), QVManifestGetEntries(b->manifest).size());
         for (const Entry& e : entries) {
@@ -120,6 +143,16 @@ protected:
             EXPECT_EQ(other->lastModified, e->lastModified);
             EXPECT_EQ(other->protectionClass, e->protectionClass);
             EXPECT_EQ(other->target(), e->target());
+            if (sameRecords) {
+                EXPECT_EQ(other->birth, e->birth);
+                EXPECT_EQ(other->lastStatusChange, e->lastStatusChange);
+                EXPECT_EQ(other->userID, e->userID);
+                EXPECT_EQ(other->groupID, e->groupID);
+                EXPECT_EQ(other->inode, e->inode);
+                EXPECT_TRUE(std::ranges::equal(other->digest(), e->digest())) << e->path();
+                EXPECT_TRUE(std::ranges::equal(other->encryptionKey(), e->encryptionKey())) << e->path();
+                EXPECT_EQ(other->properties, e->properties) << e->path();
+            }
             if (!QVManifestEntryIsFile(e)) continue;
             EXPECT_EQ(other->size, e->size) << e->path();
             CFErrorRef error = nullptr;
@@ -349,6 +382,96 @@ TEST_F(ConvertTest, ConvertingToTheKindABackupIsAlreadyIsRefused) {
     EXPECT_FALSE(fs::exists(root / "out"));
 }
 
+// ---- Moving a Manifest.mbdb backup to Manifest.db ----
+
+class EachEncryption : public ConvertTest, public ::testing::WithParamInterface<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, EachEncryption, ::testing::Bool(),
+                         [](const auto& info) { return std::string(info.param ? "Encrypted" : "Plain"); });
+
+// The layout and metadata of the newest generation, every record and stored byte as it was; an
+// encrypted backup keeps its password, class keys and file keys, under a key bag of two passes and
+// with its manifest enciphered.
+TEST_P(EachEncryption, ManifestMbdbBackupMovesToManifestDBAndReadsTheSame) {
+    const bool encrypted = GetParam();
+    const char* password = encrypted ? "password" : nullptr;
+    const BuiltBackup built = build("b", "2.4", encrypted);
+    const auto before = SnapshotTree(built.directory);
+    Backup source = open(built.directory, password);
+    ASSERT_TRUE(source);
+    const fs::path out = root / "db";
+    CF::Error failure;
+    ASSERT_TRUE(withManifestDB(source, out, {}, nullptr, &failure)) << failure.Text();
+    EXPECT_EQ(SnapshotTree(built.directory), before);
+
+    EXPECT_TRUE(fs::is_regular_file(out / "Manifest.db"));
+    EXPECT_FALSE(fs::exists(out / "Manifest.mbdb"));
+    for (const BuiltItem& item : built.items) {
+        if (item.kind != ItemKind::File) continue;
+        EXPECT_EQ(ReadWholeFile(out / LocalFilename(item.fileID, "3.3")),
+                  ReadWholeFile(built.directory / item.localFilename))
+            << item.relativePath;
+    }
+    EXPECT_EQ(ReadPropertyList(out / "Status.plist").Get<CF::String>("Version").utf8(), "3.3");
+    const CF::Dictionary manifest = ReadPropertyList(out / "Manifest.plist");
+    EXPECT_EQ(manifest.Get<CF::String>("Version").utf8(), "10.0");
+    EXPECT_EQ(manifest.Get("IsEncrypted"), encrypted ? kCFBooleanTrue : kCFBooleanFalse);
+    EXPECT_EQ(manifest.Contains("ManifestKey"), encrypted);
+
+    const IndependentBackup independent = ReadBackupIndependently(out, encrypted ? "password" : "");
+    EXPECT_EQ(independent.manifestName, "Manifest.db");
+    EXPECT_EQ(independent.encrypted, encrypted);
+    EXPECT_EQ(independent.manifestEnciphered, encrypted);
+    EXPECT_EQ(plaintexts(independent), plaintexts(built));
+    for (const IndependentEntry& e : independent.entries) {
+        if (e.kind != IndependentEntry::Kind::File) continue;
+        const BuiltItem& item = built.Item(e.domain, e.relativePath);
+        EXPECT_EQ(e.protectionClass, item.protectionClass) << e.relativePath;
+        EXPECT_EQ(e.digest, item.digest) << e.relativePath;
+        EXPECT_TRUE(e.digestMatches) << e.relativePath;
+    }
+
+    Backup upgraded = open(out, password, &failure);
+    ASSERT_TRUE(upgraded) << failure.Text();
+    EXPECT_EQ(upgraded->manifestVersion, QVManifestDataVersion33);
+    expectSameEntries(source, upgraded, true);
+    if (!encrypted) return;
+    const MB::KeyBag& keyBag = upgraded->manifestEncryption->GetKeyBag();
+    EXPECT_TRUE(keyBag.GetManifestInfo().firstPass);
+    EXPECT_EQ(keyBag.GetManifestInfo().dpic, kFast.iterations);
+    EXPECT_EQ(keyBag.GetUnlockedKeys(), built.encryption->GetKeyBag().GetUnlockedKeys());
+    EXPECT_FALSE(open(out, "not the password"));
+}
+
+// A backup with Manifest.db already is written as it is; damaged files as for the other conversions.
+TEST_F(ConvertTest, ManifestDBBackupIsWrittenAsItIsAndDamageStopsTheMove) {
+    const BuiltBackup db = build("db", "3.0", true);
+    Backup source = open(db.directory, "password");
+    ASSERT_TRUE(source);
+    CF::Error failure;
+    ASSERT_TRUE(withManifestDB(source, root / "same", {}, nullptr, &failure)) << failure.Text();
+    EXPECT_EQ(ReadPropertyList(root / "same" / "Status.plist").Get<CF::String>("Version").utf8(), "3.0");
+    EXPECT_EQ(plaintexts(ReadBackupIndependently(root / "same", "password")), plaintexts(db));
+
+    const BuiltBackup mbdb = build("mbdb", "2.4", true);
+    const BuiltItem& gone = mbdb.Item("HomeDomain", "Library/Preferences/block.bin");
+    fs::remove(mbdb.directory / gone.localFilename);
+    source = open(mbdb.directory, "password");
+    ASSERT_TRUE(source);
+    std::vector<QVConversionProblem> problems;
+    EXPECT_FALSE(withManifestDB(source, root / "out.zip", {true, false}, &problems, &failure));
+    EXPECT_EQ(failure.Code(), QVErrorInvalidBackup);
+    EXPECT_FALSE(fs::exists(root / "out.zip"));
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0].fileID, gone.fileID);
+    ASSERT_TRUE(withManifestDB(source, root / "out.zip", {true, true}, nullptr, &failure)) << failure.Text();
+    Backup zipped = open(root / "out.zip", "password", &failure, true);
+    ASSERT_TRUE(zipped) << failure.Text();
+    EXPECT_EQ(zipped->manifestVersion, QVManifestDataVersion33);
+    EXPECT_FALSE(QVBackupContainerGetEntryForPath(zipped, CFSTR("HomeDomain"), CFSTR("Library/Preferences/block.bin")));
+    EXPECT_EQ(QVManifestGetEntries(zipped->manifest).size(), QVManifestGetEntries(source->manifest).size() - 1);
+}
+
 // ---- Real data ----
 
 // Each class's WRAP and KTYP as a key bag says them, in class order.
@@ -398,8 +521,8 @@ std::string sha256(const std::vector<uint8_t>& bytes) {
 }
 
 // The backup lacks one stored file: decrypting names it and writes nothing, and with the file left
-// out every other decrypted file matches the answer key. Its one-pass key bag takes a new password
-// (in a copy) and stays one-pass.
+// out every other decrypted file matches the answer key. Moved to Manifest.db it reads the same. Its
+// one-pass key bag takes a new password (in a copy) and stays one-pass.
 TEST_F(ConvertTest, RealIOS9BackupDecryptsToItsAnswersAndTakesANewPassword) {
     const fs::path real = kRealData / "hv20-encrypted-mbdb";
     if (!fs::exists(real / "answer_key.tsv")) GTEST_SKIP() << "no real data at " << real;
@@ -446,6 +569,28 @@ TEST_F(ConvertTest, RealIOS9BackupDecryptsToItsAnswersAndTakesANewPassword) {
     EXPECT_EQ(encrypted.manifestName, "Manifest.db");
     size_t same = 0;
     for (const IndependentEntry& e : encrypted.entries)
+        if (e.kind == IndependentEntry::Kind::File) same += decrypted.at(e.fileID) == sha256(e.plaintext);
+    EXPECT_EQ(same, 320u);
+
+    // Moved to Manifest.db (without the file it lacks), it reads the same under the same password, and
+    // to the same answers in the independent reader.
+    source = open(real / "backup", "20201225");
+    ASSERT_TRUE(source);
+    ASSERT_TRUE(withManifestDB(source, root / "db", {false, true}, nullptr, &failure)) << failure.Text();
+    Backup upgraded = open(root / "db", "20201225", &failure);
+    ASSERT_TRUE(upgraded) << failure.Text();
+    EXPECT_TRUE(QVBackupContainerHasEncipheredManifest(upgraded));
+    EXPECT_TRUE(upgraded->manifestEncryption->GetKeyBag().GetManifestInfo().firstPass);
+    const Entry lacking = QVManifestGetEntryForFileID(source->manifest, CF::String(absent).get());
+    QVManifestRemoveEntries(source->manifest, {lacking});
+    expectSameEntries(source, upgraded, true);
+    source.reset();
+    upgraded.reset();
+    const IndependentBackup db = ReadBackupIndependently(root / "db", "20201225");
+    EXPECT_EQ(db.manifestName, "Manifest.db");
+    EXPECT_TRUE(db.manifestEnciphered);
+    same = 0;
+    for (const IndependentEntry& e : db.entries)
         if (e.kind == IndependentEntry::Kind::File) same += decrypted.at(e.fileID) == sha256(e.plaintext);
     EXPECT_EQ(same, 320u);
 

@@ -1,6 +1,7 @@
 // The conversion commands as people run them: `passwd` with the new password from a file or the
-// environment (never the command line), `encrypt` and `decrypt` round trips, and a damaged backup
-// that is refused or written without its damaged files. Backups come from the test fixtures.
+// environment (never the command line), `encrypt` and `decrypt` round trips, a damaged backup that is
+// refused or written without its damaged files, and `export --manifest db`. Backups come from the test
+// fixtures.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -130,6 +131,41 @@ TEST_F(ConvertToolTest, DecryptOfADamagedBackupWritesNothingUnlessToldToSkip) {
     EXPECT_EQ(status, 1);
     EXPECT_EQ(Cat(work_ / "out", "", "HomeDomain", "Library/Preferences/one.txt", &status), "1");
     EXPECT_EQ(status, 0);
+}
+
+// `export --manifest db` moves a Manifest.mbdb backup to Manifest.db, keeping its password; a backup
+// on Manifest.db already is exported as it is, and none is moved back.
+TEST_F(ConvertToolTest, ExportWithManifestDBMovesAManifestMbdbBackup) {
+    const BuiltBackup built = Build("old", true, "2.4");
+    const auto before = SnapshotTree(built.directory);
+    const fs::path moved = work_ / "new";
+    RunResult r = Run({"export", built.directory.string(), moved.string(), "--manifest", "db"},
+                      {{"QUIVER_PASSWORD", "password"}}, true);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(SnapshotTree(built.directory), before);
+    EXPECT_TRUE(fs::is_regular_file(moved / "Manifest.db"));
+    EXPECT_FALSE(fs::exists(moved / "Manifest.mbdb"));
+    r = Run({"info", moved.string()});
+    EXPECT_TRUE(Contains(r.out, "3.3")) << r.out;
+    for (const BuiltItem& item : built.items) {
+        if (item.kind != ItemKind::File) continue;
+        int status = -1;
+        EXPECT_EQ(Cat(moved, "password", item.domain, item.relativePath, &status),
+                  std::string(item.content.begin(), item.content.end()))
+            << item.relativePath;
+        EXPECT_EQ(status, 0);
+    }
+
+    r = Run({"export", moved.string(), (work_ / "again.zip").string(), "--manifest", "db"},
+            {{"QUIVER_PASSWORD", "password"}});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(Contains(r.err, "already")) << r.err;
+    EXPECT_TRUE(fs::is_regular_file(work_ / "again.zip"));
+    r = Run({"export", moved.string(), (work_ / "back").string(), "--manifest", "mbdb"},
+            {{"QUIVER_PASSWORD", "password"}});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(Contains(r.err, "not supported")) << r.err;
+    EXPECT_FALSE(fs::exists(work_ / "back"));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Commands that convert a backup: `passwd` (a new password in place, Manifest.plist alone rewritten),
-// `decrypt` (a plain copy of an encrypted backup) and `encrypt` (an encrypted copy of a plain one).
+// `decrypt` (a plain copy of an encrypted backup) and `encrypt` (an encrypted copy of a plain one), and
+// the writing that `export --manifest db` asks for (a Manifest.mbdb backup with a Manifest.db manifest).
 //
 // A new password, like the backup's own, never comes from the command line, where other users of
 // the machine can read it: it comes from --new-password-file, QUIVER_NEW_PASSWORD, or a prompt that
@@ -35,12 +36,7 @@ struct PasswordOptions {
 
 void AddPasswordOptions(CLI::App* command, PasswordOptions& o) {
     command->add_option("--new-password-file", o.newPasswordFile, "Read the new password from FILE")->type_name("FILE");
-    command->add_option("--iterations", o.iterations, "Rounds of the first (SHA-256) derivation pass; iOS uses 10000000")
-        ->type_name("N")
-        ->check(CLI::Range(1u, 100'000'000u));
-    command->add_option("--sha1-iterations", o.sha1Iterations, "Rounds of the second (SHA-1) derivation pass; iOS uses 10000")
-        ->type_name("N")
-        ->check(CLI::Range(1u, 100'000'000u));
+    AddIterationOptions(command, o.iterations, o.sha1Iterations);
 }
 
 std::string ReadPasswordFile(const std::string& path) {
@@ -154,7 +150,45 @@ struct ConvertOptions {
     PasswordOptions password;  // encrypt only
 };
 
-// Runs one conversion and turns its outcome into the tool's messages and statuses.
+// Runs one conversion of a loaded backup and turns its outcome into the tool's messages and statuses;
+// `leftOutStatus` is the status of a backup written without the files that cannot be read.
+int WriteConverted(const std::string& backup, const std::string& destination, bool zip, bool skipDamaged,
+                   int leftOutStatus, const std::string& label,
+                   const std::function<void(const quiver::ConvertOptions&)>& convert, const GlobalOptions& global) {
+    size_t unreadable = 0;
+    RemoveOnSignal removeIfInterrupted(quiver::Backup::partialPath(destination));
+    Progress progress(label);
+    quiver::ConvertOptions options;
+    options.zip = zip;
+    options.skipDamaged = skipDamaged;
+    options.progress = [&](double fraction) { progress.Update(fraction); };
+    options.problem = [&](const quiver::Problem& p) {
+        ++unreadable;
+        Warn(fmt::format("{} {} ({}) cannot be read{}: {}", Printable(p.domain), Printable(p.path), p.fileID,
+                         skipDamaged ? " and is left out" : "", p.detail));
+    };
+    try {
+        convert(options);
+    } catch (const quiver::Error& failure) {
+        progress.Finish();
+        Detail(global.verbosity, fmt::format("the library reported: {}", failure.trace()));
+        if (unreadable > 0 && !skipDamaged)
+            throw Failure(kBadBackup, fmt::format("{} of {} cannot be read; nothing was written (--skip-damaged "
+                                                  "leaves {} out)",
+                                                  unreadable == 1 ? "a file" : fmt::format("{} files", unreadable),
+                                                  backup, unreadable == 1 ? "it" : "them"));
+        throw Failure(kFailure, fmt::format("could not write {}: {}", destination, CauseText(failure)));
+    }
+    progress.Finish();
+    if (unreadable > 0) {
+        Warn(fmt::format("{} written without the {} {} that cannot be read", destination, unreadable,
+                         unreadable == 1 ? "file" : "files"));
+        return leftOutStatus;
+    }
+    return kSuccess;
+}
+
+// `decrypt` or `encrypt`: the backup loaded, checked to be of the kind the command converts, and written.
 int Convert(const ConvertOptions& o, const GlobalOptions& global, bool encrypt) {
     const bool zip = WantsZip(o.destination, o.zip);
     RequireNewDestination(o.destination);
@@ -165,44 +199,36 @@ int Convert(const ConvertOptions& o, const GlobalOptions& global, bool encrypt) 
     if (!encrypt && !open.get().encrypted())
         throw Failure(kFailure, fmt::format("{} is not encrypted; `quiver export` copies it", o.backup));
     const std::string fresh = encrypt ? NewPassword(o.password) : std::string();
-
-    size_t unreadable = 0;
-    RemoveOnSignal removeIfInterrupted(quiver::Backup::partialPath(o.destination));
-    Progress progress(encrypt ? "Encrypting" : "Decrypting");
-    quiver::ConvertOptions options;
-    options.zip = zip;
-    options.skipDamaged = o.skipDamaged;
-    options.progress = [&](double fraction) { progress.Update(fraction); };
-    options.problem = [&](const quiver::Problem& p) {
-        ++unreadable;
-        Warn(fmt::format("{} {} ({}) cannot be read{}: {}", Printable(p.domain), Printable(p.path), p.fileID,
-                         o.skipDamaged ? " and is left out" : "", p.detail));
-    };
-    try {
-        if (encrypt)
-            open.get().writeEncrypted(o.destination, fresh, o.password.parameters(), options);
-        else
-            open.get().writeDecrypted(o.destination, options);
-    } catch (const quiver::Error& failure) {
-        progress.Finish();
-        Detail(global.verbosity, fmt::format("the library reported: {}", failure.trace()));
-        if (unreadable > 0 && !o.skipDamaged)
-            throw Failure(kBadBackup, fmt::format("{} of {} cannot be read; nothing was written (--skip-damaged "
-                                                  "leaves {} out)",
-                                                  unreadable == 1 ? "a file" : fmt::format("{} files", unreadable),
-                                                  o.backup, unreadable == 1 ? "it" : "them"));
-        throw Failure(kFailure, fmt::format("could not write {}: {}", o.destination, CauseText(failure)));
-    }
-    progress.Finish();
-    if (unreadable > 0) {
-        Warn(fmt::format("{} written without the {} {} that cannot be read", o.destination, unreadable,
-                         unreadable == 1 ? "file" : "files"));
-        return kBadBackup;
-    }
-    return kSuccess;
+    return WriteConverted(
+        o.backup, o.destination, zip, o.skipDamaged, kBadBackup, encrypt ? "Encrypting" : "Decrypting",
+        [&](const quiver::ConvertOptions& options) {
+            if (encrypt)
+                open.get().writeEncrypted(o.destination, fresh, o.password.parameters(), options);
+            else
+                open.get().writeDecrypted(o.destination, options);
+        },
+        global);
 }
 
 }  // namespace
+
+void AddIterationOptions(CLI::App* command, uint32_t& iterations, uint32_t& sha1Iterations) {
+    command->add_option("--iterations", iterations, "Rounds of the first (SHA-256) derivation pass; iOS uses 10000000")
+        ->type_name("N")
+        ->check(CLI::Range(1u, 100'000'000u));
+    command->add_option("--sha1-iterations", sha1Iterations, "Rounds of the second (SHA-1) derivation pass; iOS uses 10000")
+        ->type_name("N")
+        ->check(CLI::Range(1u, 100'000'000u));
+}
+
+int WriteWithManifestDB(const quiver::Backup& backup, const std::string& source, const std::string& destination, bool zip,
+                        bool skipDamaged, const quiver::PasswordParameters& parameters, const GlobalOptions& global) {
+    // Status 1 for a copy without some files, as `export` ends.
+    return WriteConverted(
+        source, destination, zip, skipDamaged, kFailure, "Writing with Manifest.db",
+        [&](const quiver::ConvertOptions& options) { backup.writeWithManifestDB(destination, parameters, options); },
+        global);
+}
 
 void AddConvertCommands(CLI::App& app, const GlobalOptions& global, Action& action) {
     auto passwd = std::make_shared<PasswdOptions>();

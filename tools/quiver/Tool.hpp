@@ -58,6 +58,18 @@ void AddVerifyCommand(CLI::App& app, const GlobalOptions& options, Action& actio
 void AddLookCommands(CLI::App& app, const GlobalOptions& options, Action& action);     // stat, find, domains
 void AddConvertCommands(CLI::App& app, const GlobalOptions& options, Action& action);  // passwd, decrypt, encrypt
 
+// ---- Conversions (ConvertCommands.cpp) ----
+
+// --iterations and --sha1-iterations: the rounds of the two passes of a new key bag's derivation.
+void AddIterationOptions(CLI::App* command, uint32_t& iterations, uint32_t& sha1Iterations);
+// `export --manifest db`: the loaded backup written with a Manifest.db manifest (an encrypted one
+// keeping its keys, under a two-pass key bag made with `parameters`), files that cannot be read named
+// on standard error as `decrypt` names them. The exit status: 1, as `export` ends, for a copy written
+// without some of them.
+int WriteWithManifestDB(const quiver::Backup& backup, const std::string& source, const std::string& destination,
+                        bool zip, bool skipDamaged, const quiver::PasswordParameters& parameters,
+                        const GlobalOptions& global);
+
 // ---- Backups (Backup.cpp) ----
 
 // A loaded backup, handed on when the command is done with it (see Release in Backup.cpp).

@@ -1,7 +1,8 @@
-// Commands that write a new backup: `export` (the backup as it is, to a directory or zip), `edit`
-// (files put, paths removed, folders and links made, in the order given, then written as a new
-// backup; an encrypted backup stays encrypted, each new file with its own key) and `sample` (the small
-// plain backup that `make run` shows, made from nothing through the library).
+// Commands that write a new backup: `export` (the backup as it is, to a directory or zip, or with
+// `--manifest db` a Manifest.mbdb backup moved to Manifest.db), `edit` (files put, paths removed,
+// folders and links made, in the order given, then written as a new backup; an encrypted backup stays
+// encrypted, each new file with its own key) and `sample` (the small plain backup that `make run`
+// shows, made from nothing through the library).
 //
 // The library writes an export under a hidden name beside the destination and removes it when the
 // export fails; the tool only removes it when a signal ends the process mid-way.
@@ -63,6 +64,9 @@ struct ExportOptions {
     std::string destination;
     bool zip = false;
     bool skipDamaged = false;
+    std::string manifest;  // "db", "mbdb", or empty for the backup's own
+    uint32_t iterations = quiver::PasswordParameters{}.iterations;
+    uint32_t sha1Iterations = quiver::PasswordParameters{}.sha1Iterations;
 };
 
 // A copy written without the damaged files is not the whole backup: status 1 says so.
@@ -77,6 +81,16 @@ int RunExport(const ExportOptions& o, const GlobalOptions& global) {
     RequireNewDestination(o.destination, zip);
     OpenBackup open = LoadBackup(o.backup, global);
     RequireWholeBackup(open.get(), o.backup);
+    const bool mbdb = open.get().manifestFormat() == "Manifest.mbdb";
+    if (o.manifest == "db" && mbdb)
+        return WriteWithManifestDB(open.get(), o.backup, o.destination, zip, o.skipDamaged,
+                                   {o.iterations, o.sha1Iterations}, global);
+    if (o.manifest == "db")
+        Warn(fmt::format("{} has a Manifest.db manifest already; it is written as it is", o.backup));
+    if (o.manifest == "mbdb" && !mbdb)
+        throw Failure(kFailure, fmt::format("{} has a Manifest.db manifest; writing it with Manifest.mbdb (iOS 9 "
+                                            "and earlier) is not supported",
+                                            o.backup));
     const int skipped = CheckStoredFiles(open.get(), o.skipDamaged, global.verbosity);
     WriteBackup(open.get(), o.destination, zip);
     return WrittenWithout(skipped, o.destination);
@@ -315,6 +329,11 @@ void AddWriteCommands(CLI::App& app, const GlobalOptions& global, Action& action
     exportCommand->add_flag("--zip", exportOptions->zip, "Write a zip file (also when DEST ends in .zip)");
     exportCommand->add_flag("--skip-damaged", exportOptions->skipDamaged,
                             "Leave out the damaged files (listed first), write the rest, and end with status 1");
+    exportCommand->add_option("--manifest", exportOptions->manifest,
+                              "Write the manifest as KIND: db moves a Manifest.mbdb backup to Manifest.db")
+        ->type_name("KIND")
+        ->check(CLI::IsMember({"db", "mbdb"}));
+    AddIterationOptions(exportCommand, exportOptions->iterations, exportOptions->sha1Iterations);
     exportCommand->callback([exportOptions, &global, &action] {
         action = [exportOptions, &global] { return RunExport(*exportOptions, global); };
     });
