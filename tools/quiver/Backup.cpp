@@ -103,16 +103,9 @@ Failure LoadFailure(const std::string& path, const quiver::Error& error) {
         case ErrorCode::UnknownManifestVersion:
         case ErrorCode::EncryptionNotSupported:
             return Failure(kBadBackup, fmt::format("{} is of an unsupported kind: {}", path, error.what()));
-        case ErrorCode::InvalidManifestDatabase:
-        case ErrorCode::DatabaseOperation:
-        case ErrorCode::LoadingExternalRepresentation:
-        case ErrorCode::InvalidMBFile:
-        case ErrorCode::ArchiveFile:
-        case ErrorCode::CryptoOperation:
-        case ErrorCode::InvalidKeyBag:
-        case ErrorCode::InvalidMetadata:
-            return Damaged(path, error);
         default:
+            // What the library counts as a bad backup beyond the cases above is damage.
+            if (error.isBadBackup()) return Damaged(path, error);
             return Failure(kFailure, fmt::format("cannot open {}: {}", path, error.what()));
     }
 }
