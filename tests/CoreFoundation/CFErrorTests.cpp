@@ -39,29 +39,6 @@ TEST(ErrorConstants, UsableFromStaticInitialisers) {
     EXPECT_EQ(gStartup.errorDescription, "at startup");
 }
 
-TEST(ErrorConstants, HaveTheirDocumentedTexts) {
-    const std::pair<CFStringRef, const char*> constants[] = {
-        {kCFErrorDomainPOSIX, "NSPOSIXErrorDomain"},
-        {kCFErrorDomainOSStatus, "NSOSStatusErrorDomain"},
-        {kCFErrorDomainMach, "NSMachErrorDomain"},
-        {kCFErrorDomainCocoa, "NSCocoaErrorDomain"},
-        {kCFErrorLocalizedDescriptionKey, "NSLocalizedDescription"},
-        {kCFErrorLocalizedFailureReasonKey, "NSLocalizedFailureReason"},
-        {kCFErrorLocalizedFailureKey, "NSLocalizedFailure"},
-        {kCFErrorLocalizedRecoverySuggestionKey, "NSLocalizedRecoverySuggestion"},
-        {kCFErrorDescriptionKey, "NSDescription"},
-        {kCFErrorUnderlyingErrorKey, "NSUnderlyingError"},
-        {kCFErrorURLKey, "NSURL"},
-        {kCFErrorFilePathKey, "NSFilePath"},
-        {kCFErrorIsFriendlyKey, "IsFriendly"},
-    };
-    for (auto [constant, expected] : constants) {
-        EXPECT_EQ(text(constant), expected);
-        EXPECT_TRUE(CFEqual(constant, str(expected).get()));
-        EXPECT_EQ(CFHash(constant), CFHash(str(expected).get()));
-    }
-}
-
 class ErrorTest : public ::testing::Test {
 protected:
     Ref<CFStringRef> domain = str("Quiver.ErrorDomain");

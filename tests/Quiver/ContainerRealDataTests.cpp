@@ -14,7 +14,6 @@
 #include "Quiver/QVError.hpp"
 #include "Quiver/Support/Encoding.hpp"
 #include "support/BackupBuilder.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
@@ -24,22 +23,8 @@ namespace {
 
 const fs::path kRealData = QUIVER_REALDATA;
 
-class ContainerRealData : public QuiverTest::ScratchDirectoryTest {
+class ContainerRealData : public QuiverTest::ScratchBackupTest {
 protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        QuiverTest::UseTestTemporaryPath();
-    }
-
-    static Backup Open(const fs::path& dir, const char* password, CF::Error* failure = nullptr) {
-        CFErrorRef error = nullptr;
-        CF::String pw = password ? CF::String(password) : CF::String();
-        Backup backup = QVBackupContainerCreateFromDirectory(CF::String(dir.string()).get(), pw.get(), nullptr, &error);
-        CF::Error e = CF::Error::Adopt(error);
-        if (failure) *failure = e;
-        return backup;
-    }
-
     static std::vector<uint8_t> Read(const Backup& backup, const std::string& domain, const std::string& path,
                                      CF::Error* failure = nullptr) {
         CFErrorRef error = nullptr;
@@ -69,7 +54,7 @@ TEST_F(ContainerRealData, EncryptedIOS9BackupReadsEveryFileToItsAnswer) {
     REQUIRE_REAL("hv20-encrypted-mbdb/answer_key.tsv");
     const fs::path dir = kRealData / "hv20-encrypted-mbdb" / "backup";
     CF::Error failure;
-    Backup backup = Open(dir, "20201225", &failure);
+    Backup backup = OpenBackup(dir, "20201225", &failure);
     ASSERT_TRUE(backup) << failure.Text();
     EXPECT_TRUE(QVBackupContainerIsEncrypted(backup));
     EXPECT_FALSE(QVBackupContainerHasEncipheredManifest(backup));
@@ -106,10 +91,10 @@ TEST_F(ContainerRealData, EncryptedIOS9BackupReadsEveryFileToItsAnswer) {
     EXPECT_EQ(absent, 1);
     EXPECT_EQ(sizeDiffers, 7);
 
-    EXPECT_FALSE(Open(dir, "20201224", &failure));
+    EXPECT_FALSE(OpenBackup(dir, "20201224", &failure));
     EXPECT_EQ(failure.Code(), QVErrorUnlockFailed);
     EXPECT_TRUE(failure.Underlying().Reason().starts_with("RFC3394Unwrap failed")) << failure.Text();
-    EXPECT_FALSE(Open(dir, nullptr, &failure));
+    EXPECT_FALSE(OpenBackup(dir, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorPasswordRequired);
 }
 
@@ -121,7 +106,7 @@ TEST_F(ContainerRealData, SyntheticBackupsOfBothErasReadTheirFile) {
         SCOPED_TRACE(folder);
         const fs::path dir = kRealData / "pyiosbackup-synthetic" / folder;
         CF::Error failure;
-        Backup backup = Open(dir, "0000", &failure);
+        Backup backup = OpenBackup(dir, "0000", &failure);
         ASSERT_TRUE(backup) << failure.Text();
         EXPECT_EQ(QVBackupContainerCopyMissingMetadata(backup), std::vector<std::string>{"Version in Status.plist"});
         EXPECT_EQ(QVBackupContainerHasEncipheredManifest(backup), std::string(folder) == "sqlite-backup");
@@ -129,7 +114,7 @@ TEST_F(ContainerRealData, SyntheticBackupsOfBothErasReadTheirFile) {
         EXPECT_EQ(std::string(plain.begin(), plain.end()), "Test data") << failure.Text();
     }
     CF::Error failure;
-    EXPECT_FALSE(Open(kRealData / "pyiosbackup-synthetic" / "mbdb-backup", "0001", &failure));
+    EXPECT_FALSE(OpenBackup(kRealData / "pyiosbackup-synthetic" / "mbdb-backup", "0001", &failure));
     EXPECT_EQ(failure.Code(), QVErrorUnlockFailed);
 }
 
@@ -137,7 +122,7 @@ TEST_F(ContainerRealData, SyntheticBackupsOfBothErasReadTheirFile) {
 TEST_F(ContainerRealData, PartialIOS14CopyReadsAsAPlainBackup) {
     REQUIRE_REAL("mvt-ios-backup/backup/Manifest.db");
     CF::Error failure;
-    Backup backup = Open(kRealData / "mvt-ios-backup" / "backup", nullptr, &failure);
+    Backup backup = OpenBackup(kRealData / "mvt-ios-backup" / "backup", nullptr, &failure);
     ASSERT_TRUE(backup) << failure.Text();
     EXPECT_EQ(QVBackupContainerCopyMissingMetadata(backup), (std::vector<std::string>{"Manifest.plist", "Status.plist"}));
     EXPECT_EQ(QVBackupContainerCopyLoadWarnings(backup).size(), 2u);
@@ -154,7 +139,7 @@ TEST_F(ContainerRealData, LoneIOS5ManifestReadsAsAPartialCopy) {
     REQUIRE_REAL("yielding-mbdb/5_Manifest.mbdb");
     fs::create_symlink(kRealData / "yielding-mbdb" / "5_Manifest.mbdb", root / "Manifest.mbdb");
     CF::Error failure;
-    Backup backup = Open(root, nullptr, &failure);
+    Backup backup = OpenBackup(root, nullptr, &failure);
     ASSERT_TRUE(backup) << failure.Text();
     EXPECT_EQ(backup->manifestVersion, QVManifestDataVersion24);
     EXPECT_EQ(QVManifestGetEntries(QVBackupContainerGetManifest(backup)).size(), 4715u);

@@ -1,5 +1,5 @@
-// The backup container end to end on backups made by the test builder: loading plain and encrypted
-// backups with either manifest, reading every file back, the loading failures, and the edits.
+// The backup container on backups made by the test builder: metadata and names, partial copies, the
+// loading failures, and the edits. Every generation read back whole is in GenerationTests.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 #include "Quiver/Support/Cryptor.hpp"
 #include "Quiver/Support/Hash.hpp"
 #include "support/BackupBuilder.hpp"
-#include "support/TemporaryPath.hpp"
+#include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
 using namespace QuiverTest;
@@ -20,84 +20,22 @@ namespace {
 
 std::string text(CFStringRef s) { return CF::String::Retain(s).utf8(); }
 
-class ContainerTest : public ::testing::Test {
+class ContainerTest : public ScratchBackupTest {
 protected:
-    void SetUp() override {
-        UseTestTemporaryPath();
-        root = fs::temp_directory_path() / ("quiver-container-" + std::to_string(::getpid()) + "-" +
-                                            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(root);
-        fs::create_directories(root);
-    }
-    void TearDown() override { fs::remove_all(root); }
-
     BuiltBackup build(const std::string& version, bool encrypted, const char* name = "backup") {
-        BackupDescription description;
-        description.items = SampleItems();
-        description.manifestVersion = version;
-        description.encrypted = encrypted;
-        return BuildBackup(root / name, description);
+        return BuildBackup(root / name, {.items = SampleItems(), .manifestVersion = version, .encrypted = encrypted});
     }
-
-    Backup open(const fs::path& dir, const char* password, CF::Error* failure = nullptr) {
-        CFErrorRef error = nullptr;
-        CF::String pw = password ? CF::String(password) : CF::String();
-        Backup b = QVBackupContainerCreateFromDirectory(CF::String(dir.string()).get(), pw.get(), nullptr, &error);
-        if (failure) *failure = CF::Error::Adopt(error);
-        else if (error) CFRelease(error);
-        return b;
-    }
-
-    // Every item of the built backup is in the container, and every file reads back as its plaintext.
-    void expectAllItems(const Backup& backup, const BuiltBackup& built) {
-        for (const BuiltItem& item : built.items) {
-            SCOPED_TRACE(item.domain + "/" + item.relativePath);
-            CF::String domain(item.domain), path(item.relativePath);
-            Entry entry = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
-            ASSERT_TRUE(entry);
-            EXPECT_EQ(text(QVManifestEntryGetFileID(entry)), item.fileID);
-            if (item.kind != ItemKind::File) continue;
-            CFErrorRef error = nullptr;
-            auto file = QVBackupContainerCopyFileForPath(backup, domain.get(), path.get(), &error);
-            ASSERT_TRUE(file) << CF::Error::Adopt(error).Text();
-            EXPECT_EQ(ReadFileObject(file), item.content);
-        }
-    }
-
-    fs::path root;
 };
 
 }  // namespace
 
-TEST_F(ContainerTest, PlainAndEncryptedBackupsOfBothManifestsGiveBackEveryFile) {
-    struct Case {
-        const char* version;
-        bool encrypted;
-    };
-    for (Case c : {Case{"3.3", false}, Case{"3.2", true}, Case{"2.4", false}, Case{"3.0", false}}) {
-        SCOPED_TRACE(std::string(c.version) + (c.encrypted ? " encrypted" : " plain"));
-        std::string name = std::string("b") + c.version + (c.encrypted ? "e" : "p");
-        BuiltBackup built = build(c.version, c.encrypted, name.c_str());
-        auto before = SnapshotTree(built.directory);
-        CF::Error failure;
-        std::vector<double> fractions;
-        CFErrorRef error = nullptr;
-        CF::String pw = c.encrypted ? CF::String("password") : CF::String();
-        Backup backup = QVBackupContainerCreateFromDirectory(
-            CF::String(built.directory.string()).get(), pw.get(),
-            [&](int64_t, int64_t, double f) { fractions.push_back(f); }, &error);
-        ASSERT_TRUE(backup) << CF::Error::Adopt(error).Text();
-        EXPECT_EQ(QVBackupContainerIsEncrypted(backup), c.encrypted ? 1 : 0);
-        EXPECT_FALSE(fractions.empty());
-        expectAllItems(backup, built);
-        EXPECT_EQ(SnapshotTree(built.directory), before);  // loading and reading never write
-    }
-}
-
 TEST_F(ContainerTest, MetadataAndNamesOfALoadedBackup) {
     BuiltBackup built = build("3.3", false);
-    Backup backup = open(built.directory, nullptr);
+    std::vector<double> fractions;
+    Backup backup = QVBackupContainerCreateFromDirectory(CF::String(built.directory.string()).get(), nullptr,
+                                                         [&](int64_t, int64_t, double f) { fractions.push_back(f); }, nullptr);
     ASSERT_TRUE(backup);
+    EXPECT_FALSE(fractions.empty());
     EXPECT_EQ(backup->manifestVersion, QVManifestDataVersion33);
     CF::Dictionary status = CF::Dictionary::Adopt(QVBackupContainerCopyStatusDict(backup));
     EXPECT_EQ(status.Get<CF::String>("Version").utf8(), "3.3");
@@ -148,12 +86,12 @@ TEST_F(ContainerTest, PasswordRulesAndWrongPasswords) {
     BuiltBackup encrypted = build("3.3", true, "enc");
     BuiltBackup plain = build("3.3", false, "plain");
     CF::Error failure;
-    EXPECT_FALSE(open(encrypted.directory, nullptr, &failure));
+    EXPECT_FALSE(OpenBackup(encrypted.directory, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorPasswordRequired);
     EXPECT_TRUE(failure.IsFriendly());
-    EXPECT_FALSE(open(encrypted.directory, "wrong", &failure));
+    EXPECT_FALSE(OpenBackup(encrypted.directory, "wrong", &failure));
     EXPECT_EQ(failure.Code(), QVErrorUnlockFailed);
-    EXPECT_FALSE(open(plain.directory, "password", &failure));
+    EXPECT_FALSE(OpenBackup(plain.directory, "password", &failure));
     EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
 }
 
@@ -171,7 +109,7 @@ TEST_F(ContainerTest, FilesOfADeviceOnlyClassFailAloneNamingTheClass) {
     manifest.Set("BackupKeyBag", CF::Data(keyBag));
     WritePropertyList(built.directory / "Manifest.plist", manifest.get());
 
-    Backup backup = open(built.directory, "password");
+    Backup backup = OpenBackup(built.directory, "password");
     ASSERT_TRUE(backup);
     for (const BuiltItem& item : built.items) {
         if (item.kind != ItemKind::File) continue;
@@ -200,14 +138,14 @@ TEST_F(ContainerTest, PartialCopiesReadAndDamagedMetadataFailsWithTheNamedFile) 
     auto missingOf = [](const Backup& b) { return QVBackupContainerCopyMissingMetadata(b); };
 
     fs::remove(built.directory / "Info.plist");
-    Backup withoutInfo = open(built.directory, nullptr);
+    Backup withoutInfo = OpenBackup(built.directory, nullptr);
     ASSERT_TRUE(withoutInfo);
     EXPECT_EQ(CF::Dictionary::Adopt(QVBackupContainerCopyInfoDict(withoutInfo)).size(), 0);
     EXPECT_EQ(missingOf(withoutInfo), std::vector<std::string>{"Info.plist"});
     EXPECT_TRUE(QVBackupContainerCopyLoadWarnings(withoutInfo).empty());
 
     fs::remove(status);
-    Backup noStatus = open(built.directory, nullptr);
+    Backup noStatus = OpenBackup(built.directory, nullptr);
     ASSERT_TRUE(noStatus);
     EXPECT_EQ(noStatus->manifestVersion, QVManifestDataVersion33);
     EXPECT_EQ(missingOf(noStatus), (std::vector<std::string>{"Info.plist", "Status.plist"}));
@@ -225,20 +163,20 @@ TEST_F(ContainerTest, PartialCopiesReadAndDamagedMetadataFailsWithTheNamedFile) 
 
     // Without Manifest.plist a copy cannot be decrypted: it reads as plain.
     fs::rename(built.directory / "Manifest.plist", root / "Manifest.plist");
-    Backup bare = open(built.directory, nullptr);
+    Backup bare = OpenBackup(built.directory, nullptr);
     ASSERT_TRUE(bare);
     EXPECT_EQ(missingOf(bare), (std::vector<std::string>{"Manifest.plist", "Info.plist", "Status.plist"}));
     EXPECT_EQ(QVBackupContainerCopyLoadWarnings(bare).size(), 2u);
     // And without a manifest either, it is no backup at all.
     fs::rename(built.directory / "Manifest.db", root / "Manifest.db");
     CF::Error failure;
-    EXPECT_FALSE(open(built.directory, nullptr, &failure));
+    EXPECT_FALSE(OpenBackup(built.directory, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorInvalidBackup);
     EXPECT_EQ(failure.Reason(), "Backup metadata file missing. Are you sure this is a valid backup? (Manifest.plist)");
     // iOS 3 and earlier kept .mdinfo/.mddata pairs: the message says which generation that is.
     WriteWholeFile(built.directory / "0123.mdinfo", {1});
     WriteWholeFile(built.directory / "0123.mddata", {1});
-    EXPECT_FALSE(open(built.directory, nullptr, &failure));
+    EXPECT_FALSE(OpenBackup(built.directory, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorUnknownManifestVersion);
     EXPECT_TRUE(failure.Reason().starts_with("This backup was made by iOS 3 or earlier")) << failure.Text();
     fs::remove(built.directory / "0123.mdinfo");
@@ -249,14 +187,14 @@ TEST_F(ContainerTest, PartialCopiesReadAndDamagedMetadataFailsWithTheNamedFile) 
     // A Status.plist without "Version" is a partial copy as well. One that is not a property list is
     // damage, read as if it were missing: the backup reads, and no copy of it is written.
     WritePropertyList(status, CF::Dictionary::CreateMutable().get());
-    Backup noVersion = open(built.directory, nullptr);
+    Backup noVersion = OpenBackup(built.directory, nullptr);
     ASSERT_TRUE(noVersion);
     EXPECT_EQ(missingOf(noVersion), (std::vector<std::string>{"Info.plist", "Version in Status.plist"}));
     for (const char* name : {"Status.plist", "Manifest.plist"}) {
         fs::path damaged = built.directory / name;
         auto kept = ReadWholeFile(damaged);
         WriteWholeFile(damaged, {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'});
-        Backup unreadable = open(built.directory, nullptr);
+        Backup unreadable = OpenBackup(built.directory, nullptr);
         ASSERT_TRUE(unreadable) << name;
         EXPECT_EQ(QVBackupContainerCopyUnreadableMetadata(unreadable), std::vector<std::string>{name});
         EXPECT_NE(std::find(missingOf(unreadable).begin(), missingOf(unreadable).end(), name), missingOf(unreadable).end());
@@ -270,7 +208,7 @@ TEST_F(ContainerTest, PartialCopiesReadAndDamagedMetadataFailsWithTheNamedFile) 
     CF::Dictionary newer = CF::Dictionary::CreateMutable();
     newer.Set("Version", CF::String("3.4"));
     WritePropertyList(status, newer.get());
-    EXPECT_FALSE(open(built.directory, nullptr, &failure));
+    EXPECT_FALSE(OpenBackup(built.directory, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorUnknownManifestVersion);
     EXPECT_EQ(failure.Reason(), "Unsupported version '3.4' specified");
     EXPECT_TRUE(failure.IsFriendly());
@@ -282,7 +220,7 @@ TEST_F(ContainerTest, DamagedManifestsAndStoredFilesAreReported) {
     BuiltBackup mbdb = build("2.4", false, "old");
     CF::Error failure;
     WriteWholeFile(mbdb.directory / "Manifest.mbdb", {'m', 'b', 'd', 'b', 5, 0, 0, 9});
-    EXPECT_FALSE(open(mbdb.directory, nullptr, &failure));
+    EXPECT_FALSE(OpenBackup(mbdb.directory, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorLoadingExternalRepresentation);
     EXPECT_EQ(failure.Reason(), "An error ocurred while loading manifest file");
 
@@ -292,7 +230,7 @@ TEST_F(ContainerTest, DamagedManifestsAndStoredFilesAreReported) {
         if (item.kind == ItemKind::File && !item.content.empty()) victim = &item;
     ASSERT_NE(victim, nullptr);
     fs::remove(built.directory / victim->localFilename);
-    Backup backup = open(built.directory, nullptr);
+    Backup backup = OpenBackup(built.directory, nullptr);
     ASSERT_TRUE(backup);
     CFErrorRef error = nullptr;
     EXPECT_FALSE(QVBackupContainerCopyFileForPath(backup, CF::String(victim->domain).get(),
@@ -302,7 +240,7 @@ TEST_F(ContainerTest, DamagedManifestsAndStoredFilesAreReported) {
     EXPECT_EQ(missing.Reason(), "Failed to load file (" + victim->localFilename + ")");
 
     fs::remove(built.directory / "Manifest.db");
-    EXPECT_FALSE(open(built.directory, nullptr, &failure));
+    EXPECT_FALSE(OpenBackup(built.directory, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorFileNotFound);
 }
 
@@ -322,35 +260,16 @@ TEST_F(ContainerTest, StoringAFileCreatesItsParentsInOrder) {
     EXPECT_EQ(CF::Error::Adopt(error).Reason(), "No file reference");
 }
 
-TEST_F(ContainerTest, ReplacingKeepsAttributesAndReplacingADirectoryDropsItsSubtree) {
+TEST_F(ContainerTest, StoringAFileOverADirectoryDropsItsSubtree) {
     BuiltBackup built = build("3.3", false);
-    Backup backup = open(built.directory, nullptr);
+    Backup backup = OpenBackup(built.directory, nullptr);
     ASSERT_TRUE(backup);
-    const BuiltItem* existing = nullptr;
-    for (const BuiltItem& item : built.items)
-        if (item.kind == ItemKind::File && item.relativePath.find('/') != std::string::npos) existing = &item;
-    ASSERT_NE(existing, nullptr);
-    CF::String domain(existing->domain), path(existing->relativePath);
-    Entry old = QVBackupContainerGetEntryForPath(backup, domain.get(), path.get());
-    size_t count = QVManifestGetEntries(backup->manifest).size();
     auto replacement = QVFileCreateFromData(std::vector<uint8_t>{'n', 'e', 'w'}, nullptr);
-    Entry created = QVBackupContainerStoreFileForPath(backup, domain.get(), path.get(), replacement, nullptr);
-    ASSERT_TRUE(created);
-    EXPECT_EQ(QVManifestGetEntries(backup->manifest).size(), count);  // no parents, old entry gone
-    EXPECT_EQ(created->mode, old->mode);
-    EXPECT_EQ(created->inode, old->inode);
-    EXPECT_EQ(created->protectionClass, old->protectionClass);
-    EXPECT_EQ(created->lastModified, old->lastModified);
-    auto read = QVBackupContainerCopyFileForPath(backup, domain.get(), path.get(), nullptr);
-    EXPECT_EQ(ReadFileObject(read), (std::vector<uint8_t>{'n', 'e', 'w'}));
-
-    // Now store a file where a directory with children is.
-    std::string parent = existing->relativePath.substr(0, existing->relativePath.rfind('/'));
-    CF::String parentPath(parent);
-    ASSERT_TRUE(QVBackupContainerGetEntryForPath(backup, domain.get(), parentPath.get()));
-    ASSERT_TRUE(QVBackupContainerStoreFileForPath(backup, domain.get(), parentPath.get(), replacement, nullptr));
-    EXPECT_FALSE(QVBackupContainerGetEntryForPath(backup, domain.get(), path.get()));
-    EXPECT_TRUE(QVManifestEntryIsFile(QVBackupContainerGetEntryForPath(backup, domain.get(), parentPath.get())));
+    ASSERT_TRUE(QVBackupContainerStoreFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Preferences"), replacement, nullptr));
+    EXPECT_FALSE(QVBackupContainerGetEntryForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Preferences/one.txt")));
+    EXPECT_TRUE(QVManifestEntryIsFile(QVBackupContainerGetEntryForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Preferences"))));
+    EXPECT_EQ(ReadFileObject(QVBackupContainerCopyFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Preferences"), nullptr)),
+              (std::vector<uint8_t>{'n', 'e', 'w'}));
 }
 
 TEST_F(ContainerTest, DirectoriesSymlinksAndRemoval) {
@@ -375,40 +294,12 @@ TEST_F(ContainerTest, DirectoriesSymlinksAndRemoval) {
     EXPECT_EQ(QVManifestGetEntries(backup->manifest).size(), before - 2);
 }
 
-TEST_F(ContainerTest, AddedFileInAnEncryptedBackupGetsItsOwnKey) {
-    BuiltBackup built = build("3.3", true);
-    Backup backup = open(built.directory, "password");
-    ASSERT_TRUE(backup);
-    const std::vector<uint8_t> plain = {'s', 'e', 'c', 'r', 'e', 't', ' ', 'n', 'o', 't', 'e'};
-    CFErrorRef error = nullptr;
-    Entry added = QVBackupContainerStoreFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Notes/new.txt"),
-                                                    QVFileCreateFromData(plain, nullptr), &error);
-    ASSERT_TRUE(added) << CF::Error::Adopt(error).Text();
-    EXPECT_EQ(CFDataGetLength(QVManifestEntryGetEncryptionData(added)), 44);
-    // The caller reads plaintext; an export gets the ciphertext under the entry's own key.
-    EXPECT_EQ(ReadFileObject(QVBackupContainerCopyFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Notes/new.txt"),
-                                                         nullptr)),
-              plain);
-    CF::String local = LocalFilenameForFileID(CF::String::Retain(QVManifestEntryGetFileID(added)),
-                                              backup->manifestVersion, true);
-    auto stored = ReadFileObject(QVBackupContainerCopyFileForLocalFilename(backup, local.get(), nullptr));
-    auto key = built.encryption->UnlockKey(CF::Data::Retain(QVManifestEntryGetEncryptionData(added)));
-    EXPECT_EQ(Support::Cryptor::Decrypt(Support::Cryptor::Algorithm::AES256, key, {}, stored), plain);
-    // Files of the source are handed to an export as they were stored.
-    const BuiltItem* original = nullptr;
-    for (const BuiltItem& item : built.items)
-        if (item.kind == ItemKind::File) original = &item;
-    auto asStored = ReadFileObject(QVBackupContainerCopyFileForLocalFilename(
-        backup, CF::String(original->localFilename).get(), nullptr));
-    EXPECT_EQ(asStored, ReadWholeFile(built.directory / original->localFilename));
-}
-
 // Devices keep most files under class 3: a file replaced in an encrypted backup keeps its attributes
 // and its class, and gets a key of its own, wrapped under that class, with the digest of what is
 // stored.
 TEST_F(ContainerTest, ReplacingAFileOfAnEncryptedBackupKeepsItsClassWithAFreshKey) {
     BuiltBackup built = build("3.3", true);
-    Backup backup = open(built.directory, "password");
+    Backup backup = OpenBackup(built.directory, "password");
     ASSERT_TRUE(backup);
     const std::vector<uint8_t> plain = {'r', 'e', 'p', 'l', 'a', 'c', 'e', 'd'};
     for (const char* path : {"Library/Preferences/one.txt", "Documents/large.db"}) {
@@ -417,11 +308,14 @@ TEST_F(ContainerTest, ReplacingAFileOfAnEncryptedBackupKeepsItsClassWithAFreshKe
         CF::String domain(item.domain), relativePath(item.relativePath);
         Entry old = QVBackupContainerGetEntryForPath(backup, domain.get(), relativePath.get());
         ASSERT_TRUE(old);
+        const size_t count = QVManifestGetEntries(backup->manifest).size();
         CFErrorRef error = nullptr;
         Entry created = QVBackupContainerStoreFileForPath(backup, domain.get(), relativePath.get(),
                                                           QVFileCreateFromData(plain, nullptr), &error);
         ASSERT_TRUE(created) << CF::Error::Adopt(error).Text();
         EXPECT_EQ(QVBackupContainerGetEntryForPath(backup, domain.get(), relativePath.get()), created);
+        EXPECT_EQ(QVManifestGetEntries(backup->manifest).size(), count);  // the old entry gone, no parents added
+        EXPECT_EQ(created->inode, old->inode);
         EXPECT_EQ(ProtectionClassCode(created->protectionClass), item.protectionClass);
         EXPECT_EQ(created->mode, old->mode);
         EXPECT_EQ(created->userID, old->userID);

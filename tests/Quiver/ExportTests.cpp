@@ -16,7 +16,6 @@
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVError.hpp"
 #include "support/BackupBuilder.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
@@ -25,23 +24,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class ExportTest : public ScratchDirectoryTest {
+class ExportTest : public ScratchBackupTest {
 protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        UseTestTemporaryPath();
-    }
-
-    Backup open(const fs::path& p, const char* password, bool zip, CF::Error* failure = nullptr) {
-        CFErrorRef error = nullptr;
-        CF::String pw = password ? CF::String(password) : CF::String();
-        Backup b = zip ? QVBackupContainerCreateFromZipFile(CF::String(p.string()).get(), pw.get(), nullptr, &error)
-                       : QVBackupContainerCreateFromDirectory(CF::String(p.string()).get(), pw.get(), nullptr, &error);
-        CF::Error e = CF::Error::Adopt(error);
-        if (failure) *failure = e;
-        return b;
-    }
-
     static void expectSameContents(const Backup& a, const Backup& b) {
         auto entries = QVManifestGetEntries(a->manifest);
         ASSERT_EQ(entries.size(), QVManifestGetEntries(b->manifest).size());
@@ -85,7 +69,7 @@ TEST_F(ExportTest, ZipStoresWhatDoesNotCompressAndDeflatesTheRest) {
     BackupDescription description{.items = {BackupItem::File("HomeDomain", "noise.bin", noise),
                                             BackupItem::File("HomeDomain", "text.txt", std::string(200000, 'a'))}};
     BuiltBackup built = BuildBackup(root / "src", description);
-    Backup source = open(built.directory, nullptr, false);
+    Backup source = OpenBackup(built.directory);
     ASSERT_TRUE(source);
     const fs::path zip = root / "out.zip";
     // The phases come once each, in the order in which the names are written.
@@ -106,14 +90,14 @@ TEST_F(ExportTest, ZipStoresWhatDoesNotCompressAndDeflatesTheRest) {
     EXPECT_EQ(methods.at(built.Item("HomeDomain", "noise.bin").localFilename), 0u);
     EXPECT_EQ(methods.at(built.Item("HomeDomain", "text.txt").localFilename), static_cast<unsigned long>(Z_DEFLATED));
     EXPECT_EQ(methods.at("Manifest.plist"), static_cast<unsigned long>(Z_DEFLATED));
-    Backup back = open(zip, nullptr, true);
+    Backup back = OpenBackup(zip);
     ASSERT_TRUE(back);
     expectSameContents(source, back);
 }
 
 TEST_F(ExportTest, ExistingDestinationsAreNeverWrittenIntoAndFilesThatCannotBeLoadedAreReported) {
     BuiltBackup built = BuildBackup(root / "src", BackupDescription{.items = SampleItems()});
-    Backup source = open(built.directory, nullptr, false);
+    Backup source = OpenBackup(built.directory);
     ASSERT_TRUE(source);
     fs::create_directories(root / "taken");
     EXPECT_EQ(QVBackupContainerExportToDirectory(source, CF::String((root / "taken").string()).get(), nullptr), 0);
@@ -159,7 +143,7 @@ TEST_F(ExportTest, AWriteThatRunsOutOfSpaceLeavesNothing) {
                                         {.items = {BackupItem::File("HomeDomain", "large.bin", large),
                                                    BackupItem::File("HomeDomain", "small.txt", std::string("small"))},
                                          .encrypted = encrypted});
-        Backup source = open(built.directory, encrypted ? "password" : nullptr, false);
+        Backup source = OpenBackup(built.directory, encrypted ? "password" : nullptr);
         ASSERT_TRUE(source);
         fs::create_directories(root / "dest");
         for (const char* name : {"out", "out.zip"}) {
@@ -191,16 +175,16 @@ TEST_F(ExportTest, AWriteThatRunsOutOfSpaceLeavesNothing) {
 
 TEST_F(ExportTest, DamagedZipsFailWithTheirErrors) {
     BuiltBackup built = BuildBackup(root / "src", BackupDescription{.items = SampleItems()});
-    Backup source = open(built.directory, nullptr, false);
+    Backup source = OpenBackup(built.directory);
     fs::path zip = root / "b.zip";
     ASSERT_EQ(QVBackupContainerExportToZip(source, CF::String(zip.string()).get(), nullptr), 1);
     auto bytes = ReadWholeFile(zip);
 
     CF::Error failure;
     WriteWholeFile(root / "truncated.zip", std::vector<uint8_t>(bytes.begin(), bytes.begin() + bytes.size() / 2));
-    EXPECT_FALSE(open(root / "truncated.zip", nullptr, true, &failure));
+    EXPECT_FALSE(OpenBackup(root / "truncated.zip", nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorInvalidBackup);
-    EXPECT_FALSE(open(root / "missing.zip", nullptr, true, &failure));
+    EXPECT_FALSE(OpenBackup(root / "missing.zip", nullptr, &failure));
     EXPECT_EQ(failure.Reason(), "Failed to open zip file (" + (root / "missing.zip").string() + ")");
 
     // Flip one byte inside every member's data in turn: each load or read fails cleanly or, where the
@@ -211,7 +195,7 @@ TEST_F(ExportTest, DamagedZipsFailWithTheirErrors) {
         fs::path p = root / "damaged.zip";
         fs::remove(p);
         WriteWholeFile(p, damaged);
-        Backup b = open(p, nullptr, true);
+        Backup b = OpenBackup(p, nullptr, &failure);
         if (!b) continue;
         for (const Entry& e : QVManifestGetEntries(b->manifest)) {
             if (!QVManifestEntryIsFile(e)) continue;
@@ -228,14 +212,14 @@ TEST_F(ExportTest, MemberFailingItsChecksumIsRefused) {
     writeZip(zip, {"Manifest.plist", "Info.plist", "Status.plist"},
              "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>Version</key><string>9.9</string></dict></plist>", 0);
     CF::Error failure;
-    EXPECT_FALSE(open(zip, nullptr, true, &failure));
+    EXPECT_FALSE(OpenBackup(zip, nullptr, &failure));
     EXPECT_EQ(failure.Reason(), "Unsupported version '9.9' specified");  // the members read fine
     auto bytes = ReadWholeFile(zip);
     std::string text(bytes.begin(), bytes.end());
     bytes[text.find("9.9")] = '8';  // inside the first member's data
     fs::remove(zip);
     WriteWholeFile(zip, bytes);
-    EXPECT_FALSE(open(zip, nullptr, true, &failure));
+    EXPECT_FALSE(OpenBackup(zip, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorInvalidBackup);
     EXPECT_EQ(failure.Reason(), "Failed to load backup metadata file (Manifest.plist)");
     EXPECT_EQ(failure.Underlying().Reason(), "Failed to extract file data");
@@ -246,7 +230,7 @@ TEST_F(ExportTest, ZipWithoutInfoPlistFailsWhereADirectoryWouldLoad) {
     fs::path zip = root / "noinfo.zip";
     writeZip(zip, {"Manifest.plist", "Status.plist"}, "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>", Z_DEFLATED);
     CF::Error failure;
-    EXPECT_FALSE(open(zip, nullptr, true, &failure));
+    EXPECT_FALSE(OpenBackup(zip, nullptr, &failure));
     EXPECT_EQ(failure.Reason(), "Failed to load backup metadata file (Info.plist)");
     EXPECT_EQ(failure.Underlying().Reason(), "Could not locate file record in zip");
 }

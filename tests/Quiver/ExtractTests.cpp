@@ -10,7 +10,6 @@
 #include "Quiver/QVExtract.hpp"
 #include "Quiver/QVVerify.hpp"
 #include "support/BackupBuilder.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
@@ -19,21 +18,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class ExtractTest : public ScratchDirectoryTest {
-protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        UseTestTemporaryPath();
-    }
-
-    static Backup open(const fs::path& path, const char* password = nullptr) {
-        CFErrorRef error = nullptr;
-        Backup backup = QVBackupContainerCreateFromDirectory(CF::String(path.string()).get(),
-                                                             password ? CF::String(password).get() : nullptr, nullptr, &error);
-        EXPECT_TRUE(backup) << CF::Error::Adopt(error).Text();
-        return backup;
-    }
-};
+using ExtractTest = ScratchBackupTest;
 
 TEST_F(ExtractTest, NameRulesRefuseEscapesAndWritingIsStricterThanReading) {
     using Name = std::pair<std::string_view, std::string_view>;
@@ -62,7 +47,7 @@ TEST_F(ExtractTest, AHostileBackupIsVerifiedAndExtractedWithoutLeavingTheDestina
         BackupItem::File("HomeDomain", "link/through.txt", std::string_view("x")),
     };
     BuiltBackup built = BuildBackup(root / "hostile", {.items = items});
-    Backup backup = open(built.directory);
+    Backup backup = OpenBackup(built.directory);
     ASSERT_TRUE(backup);
 
     // The names are the manifest's business, not the stored files': verification finds the files
@@ -99,7 +84,7 @@ TEST_F(ExtractTest, ADamagedFileIsReportedAndLeavesNothingAndAReadStopsWhenAsked
     std::vector<uint8_t> bytes = ReadWholeFile(built.directory / large.localFilename);
     bytes[bytes.size() - 40] ^= 1;  // the digest decides, found only at the end of the read
     WriteWholeFile(built.directory / large.localFilename, bytes);
-    Backup backup = open(built.directory, "password");
+    Backup backup = OpenBackup(built.directory, "password");
     ASSERT_TRUE(backup);
     Entry entry = QVBackupContainerGetEntryForPath(backup, CFSTR("AppDomain-com.example.notes"), CFSTR("Documents/large.db"));
     ASSERT_TRUE(entry);

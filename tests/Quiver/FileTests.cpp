@@ -16,7 +16,6 @@
 #include "Quiver/QVFile.hpp"
 #include "Quiver/Support/Cryptor.hpp"
 #include "Quiver/Support/Hash.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
@@ -45,11 +44,10 @@ std::vector<uint8_t> readAll(const std::shared_ptr<QVFileClass>& file, uint64_t 
 
 CF::Error takeError(CFErrorRef error) { return CF::Error::Adopt(error); }
 
-class FileTest : public QuiverTest::ScratchDirectoryTest {
+class FileTest : public QuiverTest::ScratchBackupTest {
 protected:
     void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        QuiverTest::UseTestTemporaryPath();
+        ScratchBackupTest::SetUp();
         FileManager::SetMaxMemorySize(FileManager::kDefaultMaxMemorySize);
     }
     fs::path writeScratch(const std::string& name, const std::vector<uint8_t>& bytes) {

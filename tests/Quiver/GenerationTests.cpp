@@ -18,7 +18,6 @@
 #include "Quiver/Support/Hash.hpp"
 #include "support/BackupBuilder.hpp"
 #include "support/IndependentReader.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
@@ -77,24 +76,9 @@ const Key kRemoved{"HomeDomain", "Library/Preferences/block.bin"};
 const Key kNewDirectory{"HomeDomain", "Library/Empty"};
 const Key kNewSymlink{"HomeDomain", "Library/latest"};
 
-class GenerationTest : public ScratchDirectoryTest, public ::testing::WithParamInterface<Generation> {
+class GenerationTest : public ScratchBackupTest, public ::testing::WithParamInterface<Generation> {
 protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        UseTestTemporaryPath();
-    }
-
-    const char* password() const { return GetParam().encrypted ? "password" : nullptr; }
-
-    Backup open(const fs::path& p, bool zip) {
-        CFErrorRef error = nullptr;
-        CF::String pw = password() ? CF::String(password()) : CF::String();
-        Backup b = zip ? QVBackupContainerCreateFromZipFile(CF::String(p.string()).get(), pw.get(), nullptr, &error)
-                       : QVBackupContainerCreateFromDirectory(CF::String(p.string()).get(), pw.get(), nullptr, &error);
-        CF::Error failure = CF::Error::Adopt(error);
-        EXPECT_TRUE(b) << p << ": " << failure.Text();
-        return b;
-    }
+    Backup open(const fs::path& p) { return OpenBackup(p, GetParam().encrypted ? "password" : nullptr); }
 
     static std::map<Key, Expected> modelOf(const BuiltBackup& built) {
         std::map<Key, Expected> model;
@@ -214,9 +198,14 @@ TEST_P(GenerationTest, EditedExportKeepsItsGenerationAndReadsTheSameToTheLibrary
     const CF::Dictionary sourcePlist = ReadPropertyList(built.directory / "Manifest.plist");
     std::map<Key, Expected> model = modelOf(built);
     expectIndependentReads(built.directory, model);  // the builder writes what devices write
+    const auto untouched = SnapshotTree(built.directory);
 
-    Backup source = open(built.directory, false);
+    Backup source = open(built.directory);
     ASSERT_TRUE(source);
+    {
+        SCOPED_TRACE("library, source");
+        expectLibraryReads(source, model);
+    }
     edit(source, model);
     const fs::path dir = root / "export", zip = root / "export.zip";
     std::vector<double> fractions;
@@ -243,7 +232,7 @@ TEST_P(GenerationTest, EditedExportKeepsItsGenerationAndReadsTheSameToTheLibrary
 
     for (bool fromZip : {false, true}) {
         SCOPED_TRACE(fromZip ? "library, zip export" : "library, directory export");
-        Backup back = open(fromZip ? zip : dir, fromZip);
+        Backup back = open(fromZip ? zip : dir);
         ASSERT_TRUE(back);
         EXPECT_EQ(back->manifestVersion, source->manifestVersion);
         expectLibraryReads(back, model);
@@ -251,10 +240,12 @@ TEST_P(GenerationTest, EditedExportKeepsItsGenerationAndReadsTheSameToTheLibrary
         // Written out again from the zip it was read from.
         const fs::path again = root / "again.zip";
         ASSERT_EQ(QVBackupContainerExportToZip(back, CF::String(again.string()).get(), nullptr), 1);
-        Backup third = open(again, true);
+        Backup third = open(again);
         ASSERT_TRUE(third);
         expectLibraryReads(third, model);
     }
+
+    EXPECT_EQ(SnapshotTree(built.directory), untouched);  // reading, editing and exporting leave the source alone
 
     // Edited files record a digest like the rest, and a replaced file keeps its protection class.
     std::map<Key, IndependentEntry> read = expectIndependentReads(dir, model);

@@ -10,7 +10,6 @@
 #include "Quiver/MB/File.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVManifestCSV.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
@@ -18,11 +17,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class ManifestCSVTest : public QuiverTest::ScratchDirectoryTest {
+class ManifestCSVTest : public QuiverTest::ScratchBackupTest {
 protected:
     void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        QuiverTest::UseTestTemporaryPath();
+        ScratchBackupTest::SetUp();
         path = root / "Manifest.db";
         db = std::make_unique<SQLite::Database>(path.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
         db->exec("CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);");

@@ -57,26 +57,19 @@ TEST_F(TemporaryPath, GettersThrowUntilSetAndEmptyNullOrUncreatablePathsAreRefus
     EXPECT_IN_FRESH_PROCESS(check());
 }
 
-TEST_F(TemporaryPath, MissingParentsAreCreated) {
-    fs::path deep = root / "a" / "b" / "c";
-    EXPECT_IN_FRESH_PROCESS(set(deep) && fs::is_directory(deep) && copied() == deep.string() &&
-                            Quiver::GetTemporaryFilesystemPath() == deep);
-}
-
-TEST_F(TemporaryPath, SameTwiceSucceedsAndAnotherEvenInLetterCaseIsRefused) {
-    fs::path first = root / "Store";
-    EXPECT_IN_FRESH_PROCESS(set(first) && set(first) && !set(root / "store") && !set(root / "second") &&
-                            copied() == first.string());
-}
-
-TEST_F(TemporaryPath, CopyIsAFreshMutableString) {
+// Missing parents are made; the same path again is fine, another (even in letter case alone) is refused;
+// each copy is a fresh string that the caller may change without touching the stored path.
+TEST_F(TemporaryPath, SetOnceWithItsParentsAndCopiedFresh) {
+    fs::path deep = root / "Store" / "deep";
     auto check = [&] {
-        if (!set(root / "m")) return false;
+        if (!set(deep) || !fs::is_directory(deep) || !set(deep) || set(root / "store" / "deep") || set(root / "second") ||
+            Quiver::GetTemporaryFilesystemPath() != deep)
+            return false;
         CFStringRef a = QuiverCopyTemporaryPath();
         CFStringRef b = QuiverCopyTemporaryPath();
         bool ok = a != b && CFEqual(a, b) && CFGetRetainCount(a) == 1;
-        CFStringAppend(const_cast<CFMutableStringRef>(a), CFSTR("/changed"));  // must not touch the stored path
-        ok = ok && copied() == (root / "m").string();
+        CFStringAppend(const_cast<CFMutableStringRef>(a), CFSTR("/changed"));
+        ok = ok && copied() == deep.string();
         CFRelease(a);
         CFRelease(b);
         return ok;

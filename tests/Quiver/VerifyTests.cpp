@@ -9,7 +9,6 @@
 #include "Quiver/QVVerify.hpp"
 #include "support/BackupBuilder.hpp"
 #include "support/DamagedBackups.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tests/Quiver/ScratchDirectory.hpp"
 
 using namespace Quiver;
@@ -17,20 +16,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class VerifyTest : public QuiverTest::ScratchDirectoryTest {
+class VerifyTest : public QuiverTest::ScratchBackupTest {
 protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        QuiverTest::UseTestTemporaryPath();
-    }
-
     static Backup open(const fs::path& path, const std::string& password) {
-        CFErrorRef error = nullptr;
-        CF::String pw(password);
-        Backup backup = QVBackupContainerCreateFromDirectory(CF::String(path.string()).get(),
-                                                             password.empty() ? nullptr : pw.get(), nullptr, &error);
-        EXPECT_TRUE(backup) << CF::Error::Adopt(error).Text();
-        return backup;
+        return OpenBackup(path, password.empty() ? nullptr : password.c_str());
     }
 
     static std::vector<QVProblem> verify(const Backup& backup, QVVerifyMode mode, int64_t* damaged = nullptr) {

@@ -13,7 +13,6 @@
 #include <nlohmann/json.hpp>
 
 #include "support/BackupBuilder.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tool/ToolRunner.hpp"
 
 namespace fs = std::filesystem;
@@ -47,18 +46,11 @@ void ZipFolder(const fs::path& folder, const fs::path& zip, const std::string& p
 
 class EverydayTest : public ScratchToolTest {
 protected:
-    RunResult Run(const std::vector<std::string>& args, const std::string& password = "", Environment env = {}) {
-        env["TMPDIR"] = (work_ / "tmp").string();
-        if (!password.empty()) env["QUIVER_PASSWORD"] = password;
-        return RunTool(args, env);
-    }
-
     // Without items of its own, a backup holds SampleItems().
     BuiltBackup Build(const fs::path& where, BackupDescription description) {
         if (description.items.empty()) description.items = SampleItems();
         return BuildBackup(where, description);
     }
-
 };
 
 // ---- info ----

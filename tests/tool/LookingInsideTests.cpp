@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <sstream>
 
 #include "Quiver/QVManifestCSV.hpp"
 #include "support/BackupBuilder.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tool/ToolRunner.hpp"
 
 namespace fs = std::filesystem;
@@ -116,18 +116,22 @@ std::vector<std::vector<std::string>> ReadExactListing(const std::string& text) 
 
 class LookingInsideTest : public ScratchToolTest {
 protected:
-    RunResult Run(const std::vector<std::string>& args, const std::string& password = "") {
-        Environment env{{"TMPDIR", (work_ / "tmp").string()}, {"TZ", "UTC"}};
-        if (!password.empty()) env["QUIVER_PASSWORD"] = password;
-        return RunTool(args, env);
+    RunResult Run(const std::vector<std::string>& args, const std::string& password = "") const {
+        return ScratchToolTest::Run(args, password, {{"TZ", "UTC"}});
     }
 
-    json RunJson(const std::vector<std::string>& args, const std::string& password = "") {
+    json RunJson(const std::vector<std::string>& args, const std::string& password = "") const {
         RunResult r = Run(args, password);
         EXPECT_EQ(r.status, 0) << r.err;
         return r.status == 0 ? json::parse(r.out) : json();
     }
 
+    // The names find lists in the sample backup at dir, given its conditions.
+    std::vector<std::string> Found(const std::string& dir, std::vector<std::string> args) const {
+        args.insert(args.begin(), {"find", dir});
+        args.push_back("--json");
+        return Names(RunJson(args));
+    }
 };
 
 // ---- stat ----
@@ -212,14 +216,9 @@ TEST_F(Stat, LinksFoldersAndMissingStoredFiles) {
 
 using Find = LookingInsideTest;
 
-TEST_F(Find, PatternsDomainsAndTypes) {
-    BuiltBackup built = BuildBackup(work_ / "b", {.items = SampleItems()});
-    const std::string dir = built.directory.string();
-    auto names = [&](std::vector<std::string> args) {
-        args.insert(args.begin(), {"find", dir});
-        args.push_back("--json");
-        return Names(RunJson(args));
-    };
+TEST_F(Find, PatternsDomainsTypesSizesAndDates) {
+    const std::string dir = BuildBackup(work_ / "b", {.items = SampleItems()}).directory.string();
+    auto names = [&](std::vector<std::string> args) { return Found(dir, std::move(args)); };
     using V = std::vector<std::string>;
     EXPECT_EQ(names({"*.bin"}), V({"HomeDomain/Library/Preferences/block-and-one.bin", "HomeDomain/Library/Preferences/block.bin"}));
     // A pattern is over "domain/path", and an entry matching any of several is listed once.
@@ -232,17 +231,6 @@ TEST_F(Find, PatternsDomainsAndTypes) {
     EXPECT_EQ(names({"--type", "symlink", "--type", "file", "--domain", "HomeDomain", "*/Pref?"}),
               V({"HomeDomain/Library/Prefs"}));
     EXPECT_EQ(names({"--domain", "NoSuchDomain"}), V());
-}
-
-TEST_F(Find, SizesAndDates) {
-    BuiltBackup built = BuildBackup(work_ / "b", {.items = SampleItems()});
-    const std::string dir = built.directory.string();
-    auto names = [&](std::vector<std::string> args) {
-        args.insert(args.begin(), {"find", dir});
-        args.push_back("--json");
-        return Names(RunJson(args));
-    };
-    using V = std::vector<std::string>;
     // Sizes are 0, 1, 16, 17 and 100,000 bytes; bounds are inclusive and only files have a size.
     EXPECT_EQ(names({"--min-size", "16", "--max-size", "17"}),
               V({"HomeDomain/Library/Preferences/block-and-one.bin", "HomeDomain/Library/Preferences/block.bin"}));
@@ -330,13 +318,24 @@ TEST_F(Domains, CountsEachDomainAndTheAppsWithData) {
 
 using LsJsonLines = LookingInsideTest;
 
-// JSON lines hold the same objects as the JSON array, one complete object per line, names with
-// quotes and line breaks escaped.
-TEST_F(LsJsonLines, HoldTheObjectsOfTheArrayOnePerLine) {
-    std::vector<BackupItem> items = SampleItems();
-    items.push_back(BackupItem::File("HomeDomain", "Library/Preferences/say \"hi\"\nthere.txt", std::string_view("x")));
+// Names come from the backup, and listings are written entry by entry: whatever a name holds, it parses
+// back to itself from the JSON array and from the JSON lines, which hold the same objects one per line.
+TEST_F(LsJsonLines, HoldTheObjectsOfTheArrayOnePerLineWhateverTheNames) {
+    const std::vector<std::string> names = {"quote\"d", "back\\slash", "tab\tand\nnewline", "bell\x07", "caf\xc3\xa9 \xe2\x9c\x93",
+                                            "say \"hi\"\nthere.txt"};
+    std::vector<BackupItem> items;
+    for (const std::string& name : names) items.push_back(BackupItem::File("HomeDomain", name, std::string_view("x")));
     BuiltBackup built = BuildBackup(work_ / "b", {.items = items});
     json array = RunJson({"ls", built.directory.string(), "--json"});
+    std::vector<std::string> listed;
+    for (const json& e : array) {
+        listed.push_back(e["path"]);
+        EXPECT_EQ(e.size(), 11u);
+    }
+    std::sort(listed.begin(), listed.end());
+    std::vector<std::string> expected = names;
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(listed, expected);
     RunResult lines = Run({"ls", built.directory.string(), "--jsonl"});
     ASSERT_EQ(lines.status, 0) << lines.err;
     std::vector<std::string> each = Lines(lines.out);
@@ -347,6 +346,7 @@ TEST_F(LsJsonLines, HoldTheObjectsOfTheArrayOnePerLine) {
     RunResult none = Run({"ls", built.directory.string(), "NoSuchDomain", "--jsonl"});
     EXPECT_EQ(none.status, 1);
     EXPECT_TRUE(none.out.empty());
+    EXPECT_EQ(RunJson({"ls", BuildBackup(work_ / "empty", {}).directory.string(), "--json"}), json::array());
 }
 
 // ---- csv ----

@@ -86,56 +86,17 @@ RunResult Reap(pid_t pid) {
     return result;
 }
 
-}  // namespace
-
-RunResult RunTool(const std::vector<std::string>& args, const Environment& env) {
-    Pipe out, err;
-    pid_t pid = Spawn(args, env, out.fds[1], err.fds[1]);
+// Reads the child's standard output and error until both close, then reaps it. With a terminal, its
+// echo is read and dropped so that the tool never waits on a full terminal, and `typed` is typed once
+// `prompt` is out: the tool flushes what was typed before it turned echo off.
+RunResult Collect(pid_t pid, Pipe& out, Pipe& err, int master = -1, const std::string& prompt = "",
+                  const std::string& typed = "") {
     close(out.fds[1]);
     close(err.fds[1]);
     std::string collected[2];
-    pollfd fds[2] = {{out.fds[0], POLLIN, 0}, {err.fds[0], POLLIN, 0}};
-    int open = 2;
-    char buffer[65536];
-    while (open > 0) {
-        if (poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-            ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                collected[i].append(buffer, static_cast<size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
-    RunResult result = Reap(pid);
-    result.out = std::move(collected[0]);
-    result.err = std::move(collected[1]);
-    return result;
-}
-
-RunResult RunToolOnTerminal(const std::vector<std::string>& args, const Environment& env, const std::string& prompt,
-                            const std::string& typed) {
-    int master = -1, terminal = -1;
-    if (openpty(&master, &terminal, nullptr, nullptr, nullptr) != 0) throw std::runtime_error("openpty failed");
-    fcntl(master, F_SETFD, FD_CLOEXEC);
-    fcntl(terminal, F_SETFD, FD_CLOEXEC);
-    Pipe out, err;
-    pid_t pid = Spawn(args, env, out.fds[1], err.fds[1], terminal);
-    close(terminal);
-    close(out.fds[1]);
-    close(err.fds[1]);
-    std::string collected[2];
-    // The terminal's echo is read and dropped, so that the tool never waits on a full terminal.
     pollfd fds[3] = {{out.fds[0], POLLIN, 0}, {err.fds[0], POLLIN, 0}, {master, POLLIN, 0}};
     int open = 2;
-    bool answered = false;
+    bool answered = master < 0;
     char buffer[65536];
     while (open > 0) {
         if (poll(fds, 3, -1) < 0) {
@@ -148,14 +109,13 @@ RunResult RunToolOnTerminal(const std::vector<std::string>& args, const Environm
             if (n > 0) {
                 if (i < 2) collected[i].append(buffer, static_cast<size_t>(n));
             } else if (n == 0 || errno != EINTR) {
-                fds[i].fd = -1;
                 if (i < 2) {
-                    close(i == 0 ? out.fds[0] : err.fds[0]);
+                    close(fds[i].fd);
                     --open;
                 }
+                fds[i].fd = -1;
             }
         }
-        // Typed only once the prompt is out: the tool flushes what was typed before it turned echo off.
         if (!answered && collected[1].find(prompt) != std::string::npos) {
             answered = true;
             if (write(master, typed.data(), typed.size()) != static_cast<ssize_t>(typed.size()))
@@ -163,9 +123,29 @@ RunResult RunToolOnTerminal(const std::vector<std::string>& args, const Environm
         }
     }
     RunResult result = Reap(pid);
-    close(master);
     result.out = std::move(collected[0]);
     result.err = std::move(collected[1]);
+    return result;
+}
+
+}  // namespace
+
+RunResult RunTool(const std::vector<std::string>& args, const Environment& env) {
+    Pipe out, err;
+    return Collect(Spawn(args, env, out.fds[1], err.fds[1]), out, err);
+}
+
+RunResult RunToolOnTerminal(const std::vector<std::string>& args, const Environment& env, const std::string& prompt,
+                            const std::string& typed) {
+    int master = -1, terminal = -1;
+    if (openpty(&master, &terminal, nullptr, nullptr, nullptr) != 0) throw std::runtime_error("openpty failed");
+    fcntl(master, F_SETFD, FD_CLOEXEC);
+    fcntl(terminal, F_SETFD, FD_CLOEXEC);
+    Pipe out, err;
+    pid_t pid = Spawn(args, env, out.fds[1], err.fds[1], terminal);
+    close(terminal);
+    RunResult result = Collect(pid, out, err, master, prompt, typed);
+    close(master);
     return result;
 }
 
@@ -221,6 +201,12 @@ void ScratchToolTest::TearDown() {
     EXPECT_TRUE(std::filesystem::is_empty(work_ / "tmp")) << "the tool left temporary files behind";
     std::error_code ec;
     std::filesystem::remove_all(work_, ec);
+}
+
+RunResult ScratchToolTest::Run(const std::vector<std::string>& args, const std::string& password, Environment env) const {
+    env["TMPDIR"] = (work_ / "tmp").string();
+    if (!password.empty()) env["QUIVER_PASSWORD"] = password;
+    return RunTool(args, env);
 }
 
 }  // namespace QuiverToolTest

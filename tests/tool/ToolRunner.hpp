@@ -60,6 +60,9 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
+    // Runs the tool with TMPDIR at work_/tmp, QUIVER_PASSWORD set to password unless it is empty, and env.
+    RunResult Run(const std::vector<std::string>& args, const std::string& password = "", Environment env = {}) const;
+
     std::filesystem::path work_;
 };
 

@@ -10,9 +10,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "Quiver/QVBackupContainer.hpp"
 #include "support/BackupBuilder.hpp"
-#include "support/TemporaryPath.hpp"
 #include "tool/ToolRunner.hpp"
 
 namespace fs = std::filesystem;
@@ -26,23 +24,17 @@ std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(),
 
 class ToolTest : public ScratchToolTest {
 protected:
-    RunResult Run(const std::vector<std::string>& args, std::string password = "") {
-        Environment env{{"TMPDIR", (work_ / "tmp").string()}};
-        if (!password.empty()) env["QUIVER_PASSWORD"] = password;
-        return RunTool(args, env);
-    }
-
     BuiltBackup Build(const std::string& name, std::string version, bool encrypted,
                       std::vector<BackupItem> items = SampleItems()) {
         return BuildBackup(work_ / name, {.items = std::move(items), .manifestVersion = std::move(version),
                                           .encrypted = encrypted});
     }
-
-    std::string Zip(const BuiltBackup& built, const std::string& password) { return ZipOfBackup(built, password); }
-
 };
 
-// ---- Every reading command on every kind of backup ----
+// ---- The reading commands on each kind of backup ----
+
+// Each generation's contents are the library's (GenerationTests); here the tool's formats over a folder and a
+// zip, plain and encrypted, and over Manifest.mbdb.
 
 struct Kind {
     const char* name;
@@ -60,14 +52,14 @@ protected:
         ToolTest::SetUp();
         built_ = Build("backup", GetParam().version, GetParam().encrypted);
         password_ = GetParam().encrypted ? "password" : "";
-        path_ = GetParam().zip ? Zip(built_, password_) : built_.directory.string();
+        path_ = GetParam().zip ? ZipOfBackup(built_, password_).string() : built_.directory.string();
     }
     BuiltBackup built_;
     std::string password_;
     std::string path_;
 };
 
-TEST_P(EveryKindOfBackup, InfoReportsVersionEncryptionAndCounts) {
+TEST_P(EveryKindOfBackup, InfoListAndCatShowWhatTheBackupHolds) {
     RunResult r = Run({"info", path_, "--json"}, password_);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");  // no progress when standard error is not a terminal
@@ -79,13 +71,11 @@ TEST_P(EveryKindOfBackup, InfoReportsVersionEncryptionAndCounts) {
     EXPECT_EQ(info["directories"], 5);
     EXPECT_EQ(info["symlinks"], 1);
     EXPECT_EQ(info["totalSize"], 0 + 1 + 16 + 17 + 100000);
-    EXPECT_EQ(Run({"info", path_}, password_).out.find("Encrypted:        ") != std::string::npos, true);
-}
+    EXPECT_NE(Run({"info", path_}, password_).out.find("Encrypted:        "), std::string::npos);
 
-TEST_P(EveryKindOfBackup, ListShowsEveryItemWithItsAttributes) {
-    RunResult r = Run({"ls", path_, "--json"}, password_);
-    ASSERT_EQ(r.status, 0) << r.err;
-    json list = json::parse(r.out);
+    RunResult ls = Run({"ls", path_, "--json"}, password_);
+    ASSERT_EQ(ls.status, 0) << ls.err;
+    json list = json::parse(ls.out);
     ASSERT_EQ(list.size(), built_.items.size());
     for (const BuiltItem& item : built_.items) {
         auto found = std::find_if(list.begin(), list.end(), [&](const json& e) {
@@ -95,9 +85,11 @@ TEST_P(EveryKindOfBackup, ListShowsEveryItemWithItsAttributes) {
         EXPECT_EQ((*found)["fileID"], item.fileID);
         const char* type = item.kind == ItemKind::File ? "file" : item.kind == ItemKind::Directory ? "dir" : "symlink";
         EXPECT_EQ((*found)["type"], type);
-        if (item.kind == ItemKind::File) {
-            EXPECT_EQ((*found)["size"], item.content.size());
-        }
+        if (item.kind != ItemKind::File) continue;
+        EXPECT_EQ((*found)["size"], item.content.size());
+        RunResult cat = Run({"cat", path_, item.domain, item.relativePath}, password_);
+        ASSERT_EQ(cat.status, 0) << item.relativePath << ": " << cat.err;
+        EXPECT_EQ(cat.out, Bytes(item.content)) << item.relativePath;
     }
     const json& large = *std::find_if(list.begin(), list.end(), [](const json& e) { return e["path"] == "Documents/large.db"; });
     EXPECT_EQ(large["mode"], 0100600);
@@ -110,15 +102,6 @@ TEST_P(EveryKindOfBackup, ListShowsEveryItemWithItsAttributes) {
     ASSERT_EQ(domain.status, 0) << domain.err;
     EXPECT_EQ(std::count(domain.out.begin(), domain.out.end(), '\n'), 5);  // the folder and its four files
     EXPECT_EQ(domain.out.find("AppDomain"), std::string::npos);
-}
-
-TEST_P(EveryKindOfBackup, CatWritesEachFilesPlaintext) {
-    for (const BuiltItem& item : built_.items) {
-        if (item.kind != ItemKind::File) continue;
-        RunResult r = Run({"cat", path_, item.domain, item.relativePath}, password_);
-        ASSERT_EQ(r.status, 0) << item.relativePath << ": " << r.err;
-        EXPECT_EQ(r.out, Bytes(item.content)) << item.relativePath;
-    }
 }
 
 TEST_P(EveryKindOfBackup, ExtractWritesAReadableTree) {
@@ -141,30 +124,10 @@ TEST_P(EveryKindOfBackup, ExtractWritesAReadableTree) {
     EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
-TEST_P(EveryKindOfBackup, ExportWritesABackupThatReadsTheSame) {
-    for (bool zip : {false, true}) {
-        std::string dest = (work_ / (zip ? "export.zip" : "export")).string();
-        std::vector<std::string> args{"export", path_, dest};
-        if (zip) args.push_back("--zip");
-        RunResult r = Run(args, password_);
-        ASSERT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(fs::is_directory(dest), !zip);
-        RunResult info = Run({"info", dest, "--json"}, password_);
-        ASSERT_EQ(info.status, 0) << info.err;
-        EXPECT_EQ(json::parse(info.out)["encrypted"], GetParam().encrypted);
-        const BuiltItem& large = built_.Item("AppDomain-com.example.notes", "Documents/large.db");
-        EXPECT_EQ(Run({"cat", dest, large.domain, large.relativePath}, password_).out, Bytes(large.content));
-    }
-}
-
 INSTANTIATE_TEST_SUITE_P(Tool, EveryKindOfBackup,
                          ::testing::Values(Kind{"PlainDirectory", "3.3", false, false},
-                                           Kind{"PlainZip", "3.3", false, true},
-                                           Kind{"EncryptedDirectory", "3.3", true, false},
-                                           Kind{"EncryptedZip", "3.3", true, true},
                                            Kind{"EncryptedVersion32", "3.2", true, false},
-                                           Kind{"MbdbDirectory", "2.4", false, false},
-                                           Kind{"MbdbZip", "2.4", false, true}),
+                                           Kind{"EncryptedZip", "3.3", true, true}, Kind{"MbdbZip", "2.4", false, true}),
                          [](const ::testing::TestParamInfo<Kind>& info) { return std::string(info.param.name); });
 
 // ---- Passwords and exit statuses ----
@@ -200,7 +163,6 @@ TEST_F(PasswordAndStatus, APasswordInTheEnvironmentDoesNotStopAPlainBackup) {
 
 TEST_F(PasswordAndStatus, UsageErrorsAndMissingItems) {
     EXPECT_EQ(Run({}).status, 2);
-    EXPECT_EQ(Run({"frobnicate"}).status, 2);
     EXPECT_EQ(Run({"cat", "only-a-backup"}).status, 2);
     EXPECT_EQ(Run({"--help"}).status, 0);
     BuiltBackup built = Build("plain", "3.3", false);
@@ -222,28 +184,6 @@ TEST_F(ToolTest, ASizeThatDisagreesWithoutADigestIsAWarning) {
     EXPECT_EQ(r.out.size(), 4096u);
     EXPECT_NE(r.err.find("warning: AppDomain-com.example.notes Documents/large.db holds 4096 bytes where its manifest "
                          "records 100000"), std::string::npos) << r.err;
-}
-
-// Names come from the backup, and the JSON listing is written entry by entry: whatever a name holds,
-// each parses back to itself, and the listing of no entries is an empty array.
-TEST_F(ToolTest, JsonListingEscapesEveryName) {
-    const std::vector<std::string> names = {"quote\"d", "back\\slash", "tab\tand\nnewline", "bell\x07", "caf\xc3\xa9 \xe2\x9c\x93"};
-    std::vector<BackupItem> items;
-    for (const std::string& name : names) items.push_back(BackupItem::File("HomeDomain", name, std::string_view("x")));
-    BuiltBackup built = Build("names", "3.3", false, items);
-    RunResult r = Run({"ls", built.directory.string(), "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    json list = json::parse(r.out);
-    std::vector<std::string> listed;
-    for (const json& e : list) listed.push_back(e["path"]);
-    std::sort(listed.begin(), listed.end());
-    std::vector<std::string> expected = names;
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(listed, expected);
-    for (const json& e : list) EXPECT_EQ(e.size(), 11u);
-    RunResult none = Run({"ls", Build("empty", "3.3", false, {}).directory.string(), "--json"});
-    ASSERT_EQ(none.status, 0) << none.err;
-    EXPECT_EQ(json::parse(none.out), json::array());
 }
 
 // Forensic tools copy only part of a backup: a manifest without Status.plist or Manifest.plist reads,
@@ -268,26 +208,6 @@ TEST_F(ToolTest, PartialCopiesReadWithAWarningAndAreNotWrittenOut) {
             << r.err;
         EXPECT_FALSE(fs::exists(work_ / "out"));
     }
-}
-
-// A file that edit adds to an encrypted backup records the digest of its stored ciphertext, as devices
-// do, so damage to it is caught as it is in a plain backup.
-TEST_F(ToolTest, AddedFilesOfEncryptedBackupsAreCheckedLikeAnyOther) {
-    BuiltBackup built = Build("encrypted", "3.3", true);
-    const fs::path note = work_ / "note.txt", edited = work_ / "edited";
-    WriteWholeFile(note, std::vector<uint8_t>(5000, 'n'));
-    RunResult edit = Run({"edit", built.directory.string(), edited.string(), "--put", "HomeDomain", "Documents/note.txt",
-                          note.string()}, "password");
-    ASSERT_EQ(edit.status, 0) << edit.err;
-    ASSERT_EQ(Run({"cat", edited.string(), "HomeDomain", "Documents/note.txt"}, "password").out, std::string(5000, 'n'));
-    CFStringRef id = Quiver::QVManifestEntryCopyFileIDForPath(CFSTR("HomeDomain"), CFSTR("Documents/note.txt"));
-    const fs::path stored = edited / LocalFilename(CF::String::Adopt(id).utf8(), "3.3");
-    std::vector<uint8_t> bytes = ReadWholeFile(stored);
-    bytes[100] ^= 1;  // mid-file: the padding at the end still checks out
-    WriteWholeFile(stored, bytes);
-    RunResult cat = Run({"cat", edited.string(), "HomeDomain", "Documents/note.txt"}, "password");
-    EXPECT_EQ(cat.status, 4) << cat.err;
-    EXPECT_TRUE(cat.out.empty());
 }
 
 // The digest is checked in the same pass as the read. A large file is written as it is read, its last
@@ -415,7 +335,7 @@ TEST_F(ToolTest, SampleWritesABackupTheOtherCommandsRead) {
 
 TEST_F(ToolTest, ASignalRemovesTheTemporaryFolder) {
     BuiltBackup built = Build("enc", "3.3", true);
-    std::string zip = Zip(built, "password");
+    const std::string zip = ZipOfBackup(built, "password").string();
     Environment env{{"TMPDIR", (work_ / "tmp").string()}, {"QUIVER_PASSWORD", "password"}};
     // The 100,000 bytes fill the unread pipe, so the tool waits mid-output with its decrypted manifest
     // and the zip member in its temporary folder.
