@@ -92,12 +92,11 @@ Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFStringRef domain
     }
 }
 
-MB::File MBFileRecordForEntry(const QVManifestEntryClass& entry) {
-    MB::File record;
-    record.RelativePath = CF::String(entry.path());
-    if (!entry.target().empty()) record.Target = CF::String(entry.target());
-    if (!entry.digest().empty()) record.Digest = CF::Data(entry.digest());
-    if (!entry.encryptionKey().empty()) record.EncryptionKey = CF::Data(entry.encryptionKey());
+namespace {
+
+// What an MBFile record and its view take alike from an entry: everything but the texts and bytes.
+template <typename Record>
+void SetNumbersAndAttributes(Record& record, const QVManifestEntryClass& entry) {
     record.Mode = entry.mode;
     record.UserID = entry.userID;
     record.GroupID = entry.groupID;
@@ -110,6 +109,17 @@ MB::File MBFileRecordForEntry(const QVManifestEntryClass& entry) {
     if (entry.properties && entry.properties.size() > 0) record.ExtendedAttributes = entry.properties;
     record.Flags = entry.archiveFlags;
     if (entry.archiveExtras && entry.archiveExtras.size() > 0) record.Unmodelled = entry.archiveExtras;
+}
+
+}  // namespace
+
+MB::File MBFileRecordForEntry(const QVManifestEntryClass& entry) {
+    MB::File record;
+    record.RelativePath = CF::String(entry.path());
+    if (!entry.target().empty()) record.Target = CF::String(entry.target());
+    if (!entry.digest().empty()) record.Digest = CF::Data(entry.digest());
+    if (!entry.encryptionKey().empty()) record.EncryptionKey = CF::Data(entry.encryptionKey());
+    SetNumbersAndAttributes(record, entry);
     return record;
 }
 
@@ -120,18 +130,7 @@ void AppendMBFileData(MB::FileWriter& writer, const QVManifestEntryClass& entry,
     record.Target = entry.target();
     record.Digest = entry.digest();
     record.EncryptionKey = entry.encryptionKey();
-    record.Mode = entry.mode;
-    record.UserID = entry.userID;
-    record.GroupID = entry.groupID;
-    record.InodeNumber = entry.inode;
-    record.Size = entry.size;
-    record.LastModified = unixFromAbsolute(entry.lastModified);
-    record.LastStatusChange = unixFromAbsolute(entry.lastStatusChange);
-    record.Birth = unixFromAbsolute(entry.birth);
-    record.ProtectionClass = ProtectionClassCode(entry.protectionClass);
-    if (entry.properties && entry.properties.size() > 0) record.ExtendedAttributes = entry.properties;
-    record.Flags = entry.archiveFlags;
-    if (entry.archiveExtras && entry.archiveExtras.size() > 0) record.Unmodelled = entry.archiveExtras;
+    SetNumbersAndAttributes(record, entry);
     writer.Append(record, out);
 }
 
