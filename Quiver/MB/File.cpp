@@ -231,14 +231,20 @@ CF::Data binaryPropertyList(CFPropertyListRef plist, const char* what) {
     return CF::Data::Adopt(blob);
 }
 
-// Writes back a key that no member models in the form unmodelledValue reads.
-void encodeUnmodelled(keyed_archiver& a, CFTypeRef key, CFTypeRef value) {
+// The name of a key that no member models, refused when it cannot be written back: written after the
+// members, a key that names one would silently replace it.
+std::string unmodelledKeyName(CFTypeRef key) {
     if (CFGetTypeID(key) != CFStringGetTypeID()) throw archive_error("MBFile unmodelled keys must be strings");
     const CF::String name = CF::String::Retain(static_cast<CFStringRef>(key));
     checkWritable(name);
-    const std::string text = name.utf8();
-    // Written after the members, such a key would silently replace one.
+    std::string text = name.utf8();
     if (text == "$class" || memberOf(text) >= 0) throw archive_error("MBFile unmodelled key '" + text + "' names a member");
+    return text;
+}
+
+// Writes back a key that no member models in the form unmodelledValue reads.
+void encodeUnmodelled(keyed_archiver& a, CFTypeRef key, CFTypeRef value) {
+    const std::string text = unmodelledKeyName(key);
     const CFTypeID t = CFGetTypeID(value);
     if (t == CFNumberGetTypeID()) {
         a.encode_number(text, static_cast<CFNumberRef>(value));
@@ -663,11 +669,7 @@ void FileWriter::Append(const FileView& f, std::vector<uint8_t>& out) {
     const std::vector<std::pair<CFTypeRef, CFTypeRef>> extras =
         f.Unmodelled ? f.Unmodelled.Entries() : std::vector<std::pair<CFTypeRef, CFTypeRef>>();
     for (const auto& [key, value] : extras) {
-        if (CFGetTypeID(key) != CFStringGetTypeID()) throw archive_error("MBFile unmodelled keys must be strings");
-        const CF::String name = CF::String::Retain(static_cast<CFStringRef>(key));
-        checkWritable(name);
-        const std::string text = name.utf8();
-        if (text == "$class" || memberOf(text) >= 0) throw archive_error("MBFile unmodelled key '" + text + "' names a member");
+        const std::string text = unmodelledKeyName(key);
         const CFTypeID t = CFGetTypeID(value);
         if (t == CFStringGetTypeID()) {
             checkWritable(CF::String::Retain(static_cast<CFStringRef>(value)));
