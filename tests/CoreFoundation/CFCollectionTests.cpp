@@ -70,58 +70,7 @@ struct Item {
     int key, order;
 };
 
-CFComparisonResult compare_keys(const void* a, const void* b, void*) {
-    int x = static_cast<const Item*>(a)->key, y = static_cast<const Item*>(b)->key;
-    return x < y ? kCFCompareLessThan : x > y ? kCFCompareGreaterThan : kCFCompareEqualTo;
-}
-
-CFComparisonResult compare_randomly(const void*, const void*, void* context) {
-    auto& rng = *static_cast<std::mt19937*>(context);
-    return static_cast<CFComparisonResult>(static_cast<int>(rng() % 3) - 1);
-}
-
-Ref<CFMutableArrayRef> item_array(std::vector<Item>& items) {
-    Ref<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, 0, nullptr));
-    for (auto& item : items) CFArrayAppendValue(array, &item);
-    return array;
-}
-
-const Item& item_at(CFArrayRef array, CFIndex i) { return *static_cast<const Item*>(CFArrayGetValueAtIndex(array, i)); }
-
-TEST(ArraySort, StableLimitedToTheRangeAndSafeWithABadComparator) {
-    std::vector<Item> items;
-    for (int i = 0; i < 200; ++i) items.push_back({(i * 7919) % 5, i});
-    Ref<CFMutableArrayRef> array = item_array(items);
-    CFArraySortValues(array, CFRangeMake(0, 200), compare_keys, nullptr);
-    for (CFIndex i = 1; i < 200; ++i) {
-        const Item &prev = item_at(array, i - 1), &cur = item_at(array, i);
-        ASSERT_TRUE(prev.key < cur.key || (prev.key == cur.key && prev.order < cur.order)) << i;
-    }
-    std::vector<Item> few = {{9, 0}, {3, 1}, {2, 2}, {1, 3}, {0, 4}};
-    Ref<CFMutableArrayRef> part = item_array(few);
-    CFArraySortValues(part, CFRangeMake(1, 3), compare_keys, nullptr);
-    std::vector<int> keys;
-    for (CFIndex i = 0; i < 5; ++i) keys.push_back(item_at(part, i).key);
-    EXPECT_EQ(keys, (std::vector<int>{9, 1, 2, 3, 0}));
-    // A comparator that contradicts itself still leaves a permutation.
-    std::mt19937 rng(1);
-    CFArraySortValues(array, CFRangeMake(0, 200), compare_randomly, &rng);
-    std::vector<bool> seen(200);
-    for (CFIndex i = 0; i < 200; ++i) seen[static_cast<size_t>(item_at(array, i).order)] = true;
-    EXPECT_EQ(std::count(seen.begin(), seen.end(), true), 200);
-}
-
 using ArrayDeathTest = ArrayTest;
-
-TEST_F(ArrayDeathTest, OutOfRangeAccessAborts) {
-    CFArrayAppendValue(array, value.get());
-    EXPECT_DEATH(CFArrayGetValueAtIndex(array, 1), "out of bounds");
-    EXPECT_DEATH(CFArrayGetValueAtIndex(array, -1), "out of bounds");
-    const void* out[2];
-    EXPECT_DEATH(CFArrayGetValues(array, CFRangeMake(0, 2), out), "out of bounds");
-    Ref<CFArrayRef> frozen(CFArrayCreateCopy(nullptr, array));
-    EXPECT_DEATH(CFArrayAppendValue(const_cast<CFMutableArrayRef>(frozen.get()), value.get()), "immutable");
-}
 
 std::vector<std::string> keys_of(CFDictionaryRef dict) {
     std::vector<const void*> k(static_cast<size_t>(CFDictionaryGetCount(dict)));
@@ -196,23 +145,6 @@ TEST_F(DictionaryTest, RemovalKeepsOrderAndIndexEvenWhenEveryKeyCollides) {
     }
 }
 
-TEST(DictionaryCallbacks, CopyStringKeysAreSnapshotsNullCallbacksUseIdentity) {
-    Ref<CFMutableDictionaryRef> dict(CFDictionaryCreateMutable(nullptr, 0, &kCFCopyStringDictionaryKeyCallBacks,
-                                                               &kCFTypeDictionaryValueCallBacks));
-    Ref<CFMutableStringRef> key(CFStringCreateMutableCopy(nullptr, 0, CFSTR("name")));
-    CFDictionarySetValue(dict, key.get(), kCFBooleanTrue);
-    CFStringAppend(key, CFSTR("-changed"));
-    EXPECT_EQ(CFDictionaryGetValue(dict, str("name").get()), kCFBooleanTrue);
-    EXPECT_EQ(CFDictionaryGetValue(dict, key.get()), nullptr);
-    Ref<CFMutableDictionaryRef> raw(CFDictionaryCreateMutable(nullptr, 0, nullptr, nullptr));
-    Ref<CFStringRef> a = str("k"), b = str("k");
-    CFIndex base = CFGetRetainCount(a);
-    CFDictionarySetValue(raw, a.get(), kCFBooleanTrue);
-    EXPECT_EQ(CFGetRetainCount(a), base);
-    EXPECT_EQ(CFDictionaryGetValue(raw, a.get()), kCFBooleanTrue);
-    EXPECT_EQ(CFDictionaryGetValue(raw, b.get()), nullptr);
-}
-
 TEST_F(DictionaryTest, EqualityIgnoresOrderNumbersMatchByValueAndSetValuesMerges) {
     Ref<CFMutableDictionaryRef> other{new_dict()};
     set("x", num(1LL).get());
@@ -234,47 +166,5 @@ TEST_F(DictionaryTest, EqualityIgnoresOrderNumbersMatchByValueAndSetValuesMerges
 }
 
 using DescriptionTest = DictionaryTest;
-
-TEST_F(DescriptionTest, NestedCollectionsAreIndentedQuotedAndAbridgedDeterministically) {
-    EXPECT_EQ(take(CFDictionaryCopyDebugDescription(dict)), "{}");
-    EXPECT_EQ(take(CFCopyDescription(Ref<CFMutableArrayRef>(new_array()))), "()");
-    const UInt8 bytes[] = {0xde, 0xad, 0xbe, 0xef};
-    Ref<CFMutableArrayRef> list{new_array()};
-    CFArrayAppendValue(list, str("plain_word-1.0").get());
-    CFArrayAppendValue(list, str("needs \"quotes\"\n").get());
-    CFArrayAppendValue(list, Ref<CFDataRef>(CFDataCreate(nullptr, bytes, 4)).get());
-    Ref<CFMutableDictionaryRef> inner{new_dict()};
-    CFDictionarySetValue(inner, str("flag").get(), kCFBooleanFalse);
-    CFDictionarySetValue(inner, str("empty").get(), Ref<CFMutableDictionaryRef>(new_dict()).get());
-    set("com.apple.size", num(12LL).get());
-    set("list", list.get());
-    set("inner dict", inner.get());
-    set("ratio", num(0.25).get());
-    set("", str("").get());
-    const char* expected =
-        "{\n"
-        "    com.apple.size = 12;\n"
-        "    list = (\n"
-        "        plain_word-1.0,\n"
-        "        \"needs \\\"quotes\\\"\\n\",\n"
-        "        {length = 4, bytes = 0xdeadbeef}\n"
-        "    );\n"
-        "    \"inner dict\" = {\n"
-        "        flag = false;\n"
-        "        empty = {};\n"
-        "    };\n"
-        "    ratio = 0.25;\n"
-        "    \"\" = \"\";\n"
-        "}";
-    EXPECT_EQ(take(CFDictionaryCopyDebugDescription(dict)), expected);
-    EXPECT_EQ(take(CFCopyDescription(dict)), expected);
-    // Long data shows its ends only.
-    CFDictionaryRemoveAllValues(dict);
-    UInt8 counting[40];
-    for (size_t i = 0; i < sizeof counting; ++i) counting[i] = static_cast<UInt8>(i);
-    set("blob", Ref<CFDataRef>(CFDataCreate(nullptr, counting, 40)).get());
-    EXPECT_EQ(take(CFDictionaryCopyDebugDescription(dict)),
-              "{\n    blob = {length = 40, bytes = 0x0001020304050607 ... 2021222324252627};\n}");
-}
 
 }  // namespace

@@ -102,23 +102,4 @@ TEST_F(ErrorTest, DescriptionIsTheLocalizedOneOrTheReasonOrDomainAndCode) {
               "The operation couldn't be completed. (Quiver.ErrorDomain error -7.)");
 }
 
-TEST_F(ErrorTest, DescribesItselfWithoutAddresses) {
-    Ref<CFErrorRef> underlying(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
-    CFDictionarySetValue(info, kCFErrorLocalizedDescriptionKey, str("File not found").get());
-    CFDictionarySetValue(info, kCFErrorUnderlyingErrorKey, underlying.get());
-    EXPECT_EQ(take(CFCopyDescription(make(16, info).get())),
-              "Error Domain=Quiver.ErrorDomain Code=16 \"File not found\" UserInfo={\n"
-              "    NSLocalizedDescription = \"File not found\";\n"
-              "    NSUnderlyingError = Error Domain=NSPOSIXErrorDomain Code=2 "
-              "\"The operation couldn't be completed. (NSPOSIXErrorDomain error 2.)\";\n"
-              "}");
-}
-
-TEST(ErrnoDescription, KnownValuesHaveTextsUnknownOnesNone) {
-    EXPECT_EQ(take(CFErrorCreateDescriptionFromErrno(ENOENT)), "No such file or directory");
-    EXPECT_EQ(take(CFErrorCreateDescriptionFromErrno(EACCES)), "Permission denied");
-    EXPECT_EQ(CFErrorCreateDescriptionFromErrno(99999), nullptr);
-    EXPECT_EQ(CFErrorCreateDescriptionFromErrno(-1), nullptr);
-}
-
 }  // namespace

@@ -66,22 +66,6 @@ TEST_F(ContainerTest, MetadataAndNamesOfALoadedBackup) {
     EXPECT_EQ(metadata, 1);
 }
 
-TEST_F(ContainerTest, NewEmptyContainer) {
-    CFErrorRef error = nullptr;
-    Backup backup = QVBackupContainerCreateEmpty(&error);
-    ASSERT_TRUE(backup);
-    EXPECT_EQ(QVBackupContainerGetTotalFileCount(backup), 4);
-    CF::Array paths = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
-    ASSERT_EQ(paths.size(), 3);
-    EXPECT_EQ(text(static_cast<CFStringRef>(paths[0])), "Manifest.plist");
-    EXPECT_EQ(fmt::format("{}", QVBackupContainer(backup)), "");
-    EXPECT_EQ(text(LocalFilenameForFileID(CF::String("Manifest.db"), QVManifestDataVersion24, true).get()), "Manifest.db");
-    EXPECT_EQ(LocalFilenameForFileID(CF::String("abcdef"), QVManifestDataVersion33, true).utf8(), "ab/abcdef");
-    EXPECT_EQ(LocalFilenameForFileID(CF::String("abcdef"), QVManifestDataVersion24, true).utf8(), "abcdef");
-    EXPECT_EQ(LocalFilenameForFileID(CF::String("abcdef"), static_cast<QVManifestDataVersion>(99), true).utf8(), "");
-    EXPECT_THROW(QVBackupContainerGetTotalFileCount(nullptr), std::invalid_argument);
-}
-
 TEST_F(ContainerTest, PasswordRulesAndWrongPasswords) {
     BuiltBackup encrypted = build("3.3", true, "enc");
     BuiltBackup plain = build("3.3", false, "plain");
@@ -242,34 +226,6 @@ TEST_F(ContainerTest, DamagedManifestsAndStoredFilesAreReported) {
     fs::remove(built.directory / "Manifest.db");
     EXPECT_FALSE(OpenBackup(built.directory, nullptr, &failure));
     EXPECT_EQ(failure.Code(), QVErrorFileNotFound);
-}
-
-TEST_F(ContainerTest, StoringAFileCreatesItsParentsInOrder) {
-    Backup backup = QVBackupContainerCreateEmpty(nullptr);
-    auto file = QVFileCreateFromData(std::vector<uint8_t>{'x'}, nullptr);
-    CFErrorRef error = nullptr;
-    ASSERT_TRUE(QVBackupContainerStoreFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Prefs/a.plist"), file,
-                                                  &error));
-    std::vector<std::string> paths;
-    for (const Entry& e : QVManifestGetEntries(backup->manifest)) paths.push_back(text(QVManifestEntryGetPath(e)));
-    EXPECT_EQ(paths, (std::vector<std::string>{"", "Library", "Library/Prefs", "Library/Prefs/a.plist"}));
-    auto children = QVBackupContainerCopyEntriesContainedInDirectoryAtPath(backup, CFSTR("HomeDomain"), CFSTR(""));
-    ASSERT_EQ(children.size(), 1u);
-    EXPECT_EQ(text(QVManifestEntryGetPath(children[0])), "Library");
-    EXPECT_FALSE(QVBackupContainerStoreFileForPath(backup, CFSTR("HomeDomain"), CFSTR("x"), nullptr, &error));
-    EXPECT_EQ(CF::Error::Adopt(error).Reason(), "No file reference");
-}
-
-TEST_F(ContainerTest, StoringAFileOverADirectoryDropsItsSubtree) {
-    BuiltBackup built = build("3.3", false);
-    Backup backup = OpenBackup(built.directory, nullptr);
-    ASSERT_TRUE(backup);
-    auto replacement = QVFileCreateFromData(std::vector<uint8_t>{'n', 'e', 'w'}, nullptr);
-    ASSERT_TRUE(QVBackupContainerStoreFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Preferences"), replacement, nullptr));
-    EXPECT_FALSE(QVBackupContainerGetEntryForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Preferences/one.txt")));
-    EXPECT_TRUE(QVManifestEntryIsFile(QVBackupContainerGetEntryForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Preferences"))));
-    EXPECT_EQ(ReadFileObject(QVBackupContainerCopyFileForPath(backup, CFSTR("HomeDomain"), CFSTR("Library/Preferences"), nullptr)),
-              (std::vector<uint8_t>{'n', 'e', 'w'}));
 }
 
 TEST_F(ContainerTest, DirectoriesSymlinksAndRemoval) {

@@ -367,21 +367,6 @@ TEST_F(ConvertTest, EncryptThenNewPasswordThenDecryptKeepsThePlaintext) {
     expectSameEntries(plain, back);
 }
 
-// Each conversion refuses a backup that is already of the kind it makes, and writes nothing.
-TEST_F(ConvertTest, ConvertingToTheKindABackupIsAlreadyIsRefused) {
-    const BuiltBackup encryptedBuilt = build("e", "3.3", true);
-    const BuiltBackup plainBuilt = build("p", "3.3", false);
-    Backup encrypted = open(encryptedBuilt.directory, "password");
-    Backup plain = open(plainBuilt.directory, nullptr);
-    ASSERT_TRUE(encrypted && plain);
-    CF::Error failure;
-    EXPECT_FALSE(encrypt(encrypted, root / "out", "new", {}, &failure));
-    EXPECT_EQ(failure.Code(), QVErrorInvalidArgument);
-    EXPECT_FALSE(decrypt(plain, root / "out", {}, nullptr, &failure));
-    EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
-    EXPECT_FALSE(fs::exists(root / "out"));
-}
-
 // ---- Moving a Manifest.mbdb backup to Manifest.db ----
 
 class EachEncryption : public ConvertTest, public ::testing::WithParamInterface<bool> {};

@@ -94,22 +94,6 @@ TEST_F(FileTest, CreatedFromDataHoldsTheBytesInAFileWithoutANameNullDataFails) {
     EXPECT_FALSE(QVFileCreateFromData(static_cast<CFDataRef>(nullptr), nullptr));
 }
 
-TEST_F(FileTest, RegistryCountsLiveObjectsPerDigest) {
-    auto bytes = patterned(1000, 7);
-    auto digest = Support::Sha1(bytes);
-    uint32_t before = FileManager::GetReferenceCount(digest);
-    {
-        auto a = QVFileCreateFromData(bytes, nullptr);
-        auto b = QVFileCreateFromData(bytes, nullptr);
-        EXPECT_EQ(FileManager::GetReferenceCount(digest), before + 2);
-        auto c = QVFileCreateCopy(a);
-        EXPECT_EQ(FileManager::GetReferenceCount(digest), before + 3);
-        EXPECT_TRUE(a == b);  // same bytes, different objects
-        EXPECT_EQ(QVFileGetLocalPath(c), QVFileGetLocalPath(a));
-    }
-    EXPECT_EQ(FileManager::GetReferenceCount(digest), before);
-}
-
 TEST_F(FileTest, FromPathRegistersAnExistingFileWhereItLiesAndAMissingOneFails) {
     auto bytes = patterned(5000, 3);
     fs::path p = writeScratch("source.bin", bytes);
@@ -171,20 +155,6 @@ TEST_F(FileTest, DigestsOfFilesWhereTheyLieAreTakenLazilyOrWhileReading) {
     }
 }
 
-TEST_F(FileTest, ChunkSizeZeroMeansThirtyTwoKilobytesAndFalseStops) {
-    auto bytes = patterned(100000);
-    auto file = QVFileCreateFromData(bytes, nullptr);
-    std::vector<size_t> sizes;
-    EXPECT_EQ(readAll(file, 0, &sizes), bytes);
-    EXPECT_EQ(sizes, (std::vector<size_t>{32768, 32768, 32768, 1696}));
-    int calls = 0;
-    QVFileGetData(file, 0, [&](const std::vector<uint8_t>&) {
-        ++calls;
-        return false;
-    });
-    EXPECT_EQ(calls, 1);
-}
-
 TEST_F(FileTest, QuickReadHonoursTheMemoryLimitAndAVanishedFileFailsTheRead) {
     auto bytes = patterned(4096);
     auto file = QVFileCreateFromFileAtPath(CF::String(writeScratch("gone.bin", bytes).string()), 0, nullptr);
@@ -199,22 +169,6 @@ TEST_F(FileTest, QuickReadHonoursTheMemoryLimitAndAVanishedFileFailsTheRead) {
     fs::remove(root / "gone.bin");
     EXPECT_THROW(readAll(file, 0), std::system_error);
     EXPECT_FALSE(QVFileGetDataQuickly(file));
-}
-
-TEST_F(FileTest, TextFormNamesPathSizeAndHashNullHandlesAreProgrammingErrors) {
-    auto file = QVFileCreateFromData(std::vector<uint8_t>{'a', 'b', 'c'}, nullptr);
-    std::string text = fmt::format("{}", file);
-    EXPECT_NE(text.find("path:"), std::string::npos);
-    EXPECT_NE(text.find("size:3 hash:a9993e364706816aba3e25717850c26c9cd0d89d mdate:"), std::string::npos) << text;
-    std::shared_ptr<QVFileClass> none;
-    EXPECT_THROW(QVFileGetSize(none), std::invalid_argument);
-    EXPECT_THROW(QVFileCreateCopy(none), std::invalid_argument);
-    try {
-        QVFileGetHash(none);
-        ADD_FAILURE() << "no exception";
-    } catch (const std::invalid_argument& e) {
-        EXPECT_TRUE(std::string(e.what()).ends_with(" Assertion file failed."));
-    }
 }
 
 // ---- Keys ----

@@ -108,43 +108,6 @@ TEST_F(FrontRecords, TypeFlagsAsStoredAndAModeOfNoKnownKind) {
     }
 }
 
-// The bare database lists what the backup around it lists, and its entries outlive the range.
-TEST_F(FrontRecords, ABareManifestDatabaseListsTheBackupsEntries) {
-    BuiltBackup built = build("b", {.items = SampleItems()});
-    std::vector<quiver::Entry> bare = quiver::Backup::readManifestDB(built.directory / "Manifest.db").toVector();
-    std::set<std::string> fromDatabase, fromBackup;
-    for (const quiver::Entry& entry : bare) fromDatabase.insert(std::string(entry.domain()) + "/" + entry.fileID());
-    for (const quiver::Entry entry : quiver::Backup::open(built.directory).entries())
-        fromBackup.insert(std::string(entry.domain()) + "/" + entry.fileID());
-    EXPECT_EQ(fromDatabase, fromBackup);
-    EXPECT_EQ(fromDatabase.size(), built.items.size());
-
-    try {
-        quiver::Backup::readManifestDB(built.directory / "Manifest.plist");
-        FAIL() << "a property list read as a database";
-    } catch (const quiver::Error& e) {
-        EXPECT_TRUE(e.isBadBackup()) << e.what();
-    }
-}
-
-TEST_F(FrontRecords, ExtendedAttributesAreDescribedAsTheLibrarysListingShowsThem) {
-    std::vector<BackupItem> items = SampleItems();
-    items.push_back(BackupItem::File("HomeDomain", "tagged.txt", std::string_view("t")));
-    items.back().extendedAttributes = {{"com.example.tag", {1, 2}}, {"com.example.text", {'h', 'i', 0}}};
-    BuiltBackup built = build("b", {.items = items});
-    quiver::Backup backup = quiver::Backup::open(built.directory);
-    const std::string described = backup.find("HomeDomain", "tagged.txt")->describeExtendedAttributes();
-    EXPECT_NE(described.find("com.example.tag"), std::string::npos) << described;
-    EXPECT_NE(described.find("0102"), std::string::npos) << described;
-    std::string listing;
-    quiver::Backup::writeManifestCSV(built.directory / "Manifest.db", [&](std::string_view text) {
-        listing += text;
-        return true;
-    });
-    EXPECT_NE(listing.find(described), std::string::npos) << listing;
-    EXPECT_EQ(backup.find("HomeDomain", "Library/Preferences/one.txt")->describeExtendedAttributes(), "");
-}
-
 // What the key bag says of the password's derivation is read from Manifest.plist alone: one pass
 // before iOS 10.2, two since; a blob cut short says nothing rather than something wrong.
 TEST_F(FrontRecords, KeyBagParametersWithoutThePassword) {

@@ -131,43 +131,6 @@ TEST_F(ManifestEntryTest, FileIsFetchedOnceThroughTheCallbackAndNeverWithoutOne)
     EXPECT_EQ(error, nullptr);  // a directory has no file, and that is no error
 }
 
-TEST_F(ManifestEntryTest, CopyIsDeepAndCloneMovesOnlyAttributes) {
-    auto original = QVManifestEntryCreateForFile(fileOf("copy me"), CFSTR("D"), CFSTR("a/b"), nullptr, nullptr);
-    original->inode = 77;
-    auto copy = QVManifestEntryCreateCopy(original, nullptr);
-    EXPECT_NE(copy->file.get(), original->file.get());  // a fresh file object
-    EXPECT_TRUE(copy->file == original->file);          // with the same content
-    EXPECT_EQ(copy->lastModified, original->lastModified);
-    EXPECT_EQ(copy->inode, 77u);
-    EXPECT_EQ(text(QVManifestEntryGetFileID(copy)), text(QVManifestEntryGetFileID(original)));
-
-    auto dir = QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("other"));
-    _QVManifestEntryCloneAttributes(dir, original);
-    EXPECT_EQ(dir->mode, 0x81A4);
-    EXPECT_EQ(dir->inode, 77u);
-    EXPECT_EQ(dir->protectionClass, EntryProtectionClassNone);
-    EXPECT_EQ(dir->size, 0u);  // size and names stay
-    EXPECT_EQ(text(QVManifestEntryGetPath(dir)), "other");
-}
-
-TEST_F(ManifestEntryTest, ProtectionClassNamesAndCodesAndTheLogTextOfAnEntry) {
-    EXPECT_EQ(to_string(EntryProtectionClassCompleteUntilUnlocked), "CompleteUntilUnlocked");
-    EXPECT_EQ(ProtectionClassFromCode(4), EntryProtectionClassNone);
-    for (int code : {5, -1}) {
-        try {
-            ProtectionClassFromCode(code);
-            ADD_FAILURE() << code;
-        } catch (const std::invalid_argument& e) {
-            EXPECT_STREQ(e.what(), "invalid protection class code");
-        }
-    }
-    std::string line = to_string(QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CFSTR("Library")));
-    EXPECT_TRUE(std::regex_match(line, std::regex("<QVManifestEntryClass 0x[0-9a-f]+> HomeDomain-Library size:0 "
-                                                  "mode:40755 uid:501 gid:501 type:0x2 inode:0 protection:NotSet "
-                                                  "external: true\\([0-9a-f]{40}\\) \\{\\} ")))
-        << line;
-}
-
 TEST_F(ManifestEntryTest, GeneratedKeyEnciphersTheContentAndUnlocksAgain) {
     const std::string plain = "the content of a new file in an encrypted backup";
     auto entry = QVManifestEntryCreateForFile(fileOf(plain), CFSTR("D"), CFSTR("new"), nullptr, nullptr);

@@ -97,23 +97,6 @@ std::vector<std::vector<std::string>> ReadCsv(const std::string& text) {
     return rows;
 }
 
-// The library's own listing, which quotes every field and leaves quotes inside a value as they are
-// unless they are doubled; for rows whose values hold no quote, fields split at the quoted commas.
-std::vector<std::vector<std::string>> ReadExactListing(const std::string& text) {
-    std::vector<std::vector<std::string>> rows;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        if (line.size() < 2 || line.front() != '"' || line.back() != '"') continue;
-        std::vector<std::string> row;
-        const std::string inner = line.substr(1, line.size() - 2);
-        size_t start = 0;
-        for (size_t at; (at = inner.find("\",\"", start)) != std::string::npos; start = at + 3) row.push_back(inner.substr(start, at - start));
-        row.push_back(inner.substr(start));
-        rows.push_back(row);
-    }
-    return rows;
-}
-
 class LookingInsideTest : public ScratchToolTest {
 protected:
     RunResult Run(const std::vector<std::string>& args, const std::string& password = "") const {
@@ -183,35 +166,6 @@ TEST_F(Stat, ShowsEveryFieldOfAnEncryptedFile) {
     EXPECT_EQ(Run({"stat", built.directory.string(), "HomeDomain", "Library"}).status, 3);  // the password is needed
 }
 
-// Links and folders have no stored file; a file whose stored file is gone still shows its record.
-TEST_F(Stat, LinksFoldersAndMissingStoredFiles) {
-    BuiltBackup built = BuildBackup(work_ / "b", {.items = SampleItems(), .recordDigests = false});
-    const std::string dir = built.directory.string();
-    json link = RunJson({"stat", dir, "HomeDomain", "/Library/Prefs", "--json"});  // a leading "/" is ignored
-    EXPECT_EQ(link["type"], "symlink");
-    EXPECT_EQ(link["target"], "Preferences");
-    EXPECT_TRUE(link["storedName"].is_null());
-    EXPECT_TRUE(link["storedSize"].is_null());
-
-    json folder = RunJson({"stat", dir, "HomeDomain", "Library/", "--json"});
-    EXPECT_EQ(folder["type"], "dir");
-    EXPECT_EQ(folder["modeText"], "drwxr-xr-x");
-    EXPECT_TRUE(folder["digest"].is_null());
-    EXPECT_EQ(folder["hasKey"], false);
-
-    const BuiltItem& one = built.Item("HomeDomain", "Library/Preferences/one.txt");
-    fs::remove(built.directory / one.localFilename);
-    json missing = RunJson({"stat", dir, "HomeDomain", "Library/Preferences/one.txt", "--json"});
-    EXPECT_EQ(missing["storedName"], one.localFilename);
-    EXPECT_TRUE(missing["storedSize"].is_null());
-    EXPECT_TRUE(missing["storedProblem"].is_string());
-    EXPECT_EQ(missing["size"], 1);
-
-    RunResult absent = Run({"stat", dir, "HomeDomain", "Library/nothing"});
-    EXPECT_EQ(absent.status, 1);
-    EXPECT_TRUE(Contains(absent.err, "Library/nothing")) << absent.err;
-}
-
 // ---- find ----
 
 using Find = LookingInsideTest;
@@ -243,24 +197,6 @@ TEST_F(Find, PatternsDomainsTypesSizesAndDates) {
     EXPECT_EQ(names({"--newer", "2020-09-13T12:26:39", "--older", "@1600000001"}),
               V({"AppDomain-com.example.notes/Documents/large.db"}));
     EXPECT_EQ(names({"--newer", "@1600000000"}).size(), 10u);
-}
-
-// What find prints is what ls prints, for the same entries, in every format.
-TEST_F(Find, PrintsWhatLsPrints) {
-    std::vector<BackupItem> items = SampleItems();
-    items.push_back(BackupItem::File("HomeDomain", "Library/Preferences/say \"hi\"\nthere.txt", std::string_view("x")));
-    BuiltBackup built = BuildBackup(work_ / "b", {.items = items});
-    const std::string dir = built.directory.string();
-    for (const char* format : {"--json", "--jsonl", "-l"}) {
-        SCOPED_TRACE(format);
-        RunResult ls = Run({"ls", dir, format});
-        RunResult find = Run({"find", dir, format});
-        ASSERT_EQ(ls.status, 0) << ls.err;
-        EXPECT_EQ(find.out, ls.out);
-    }
-    RunResult ls = Run({"ls", dir, "HomeDomain", "Library/Preferences", "-l"});
-    RunResult find = Run({"find", dir, "HomeDomain/Library/Preferences*", "-l"});
-    EXPECT_EQ(find.out, ls.out);
 }
 
 // Conditions are checked before the backup is opened: a mistake costs no password and no load.
@@ -391,38 +327,6 @@ TEST_F(Csv, EveryRowReadsBackWholeFromEverySource) {
         EXPECT_EQ(byID[odd.fileID][7].empty(), built == &plain);  // only an encrypted backup's files have keys
     }
     EXPECT_EQ(Run({"csv", encrypted.directory.string()}).status, 3);
-}
-
-// --exact is the library's listing byte for byte; the default listing holds the same values.
-TEST_F(Csv, ExactIsTheLibrarysListingAndTheValuesAgree) {
-    BuiltBackup built = BuildBackup(work_ / "plain", {.items = SampleItems()});
-    const fs::path database = built.directory / "Manifest.db";
-    CFErrorRef error = nullptr;
-    CF::String listing = CF::String::Adopt(Quiver::QVManifestDBCopyCSVRepresentation(CF::String(database.string()).get(), &error));
-    ASSERT_TRUE(listing) << CF::Error::Adopt(error).Text();
-    for (const fs::path& source : {database, built.directory}) {
-        RunResult exact = Run({"csv", source.string(), "--exact"});
-        ASSERT_EQ(exact.status, 0) << exact.err;
-        EXPECT_EQ(exact.out, listing.utf8() + "\n");
-    }
-    // Rows whose values hold no quote or line break split plainly in the library's listing; an entry
-    // without attributes is "" in the CSV where the library shows an empty dictionary.
-    std::map<std::string, std::vector<std::string>> rfc;
-    for (const auto& row : ReadCsv(Run({"csv", database.string()}).out)) rfc[row[0]] = row;
-    size_t compared = 0;
-    for (std::vector<std::string> row : ReadExactListing(listing.utf8())) {
-        if (row.size() != 18) continue;
-        if (row[17] == "{}") row[17].clear();
-        EXPECT_EQ(rfc[row[0]], row);
-        ++compared;
-    }
-    EXPECT_EQ(compared, built.items.size());  // the large file's attributes span lines: the header counts instead
-    EXPECT_TRUE(Contains(rfc[built.Item("AppDomain-com.example.notes", "Documents/large.db").fileID][17], "com.example.tag"));
-
-    BuiltBackup encrypted = BuildBackup(work_ / "enc", {.items = SampleItems(), .encrypted = true});
-    RunResult refused = Run({"csv", encrypted.directory.string(), "--exact"}, "password");
-    EXPECT_EQ(refused.status, 2);
-    EXPECT_TRUE(refused.out.empty());
 }
 
 // The real iOS 14 manifest, when it is there: values with double quotes among its 3,721 rows.

@@ -145,16 +145,6 @@ TEST_F(PasswordAndStatus, PasswordMissingOrWrongEndsWithStatusThree) {
     EXPECT_EQ(std::count(wrong.err.begin(), wrong.err.end(), '\n'), 1);  // one line, no dump
 }
 
-TEST_F(PasswordAndStatus, PasswordFileIsReadWithoutItsLineBreak) {
-    BuiltBackup built = Build("enc", "3.3", true);
-    fs::path file = work_ / "pw";
-    std::ofstream(file) << "password\n";
-    RunResult r = Run({"--password-file", file.string(), "cat", built.directory.string(), "HomeDomain",
-                       "Library/Preferences/one.txt"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "1");
-}
-
 TEST_F(PasswordAndStatus, APasswordInTheEnvironmentDoesNotStopAPlainBackup) {
     BuiltBackup built = Build("plain", "3.3", false);
     RunResult r = Run({"info", built.directory.string(), "--json"}, "some-other-password");
@@ -317,19 +307,6 @@ TEST_F(ToolTest, AFailedEditWritesNothing) {
 }
 
 // ---- csv and sample ----
-
-TEST_F(ToolTest, SampleWritesABackupTheOtherCommandsRead) {
-    std::string dest = (work_ / "sample").string();
-    ASSERT_EQ(Run({"sample", dest}).status, 0);
-    RunResult info = Run({"info", dest, "--json"});
-    ASSERT_EQ(info.status, 0) << info.err;
-    EXPECT_EQ(json::parse(info.out)["deviceName"], "Sample iPhone");
-    EXPECT_GE(json::parse(info.out)["files"], 3);
-    RunResult cat = Run({"cat", dest, "HomeDomain", "Library/Notes/welcome.txt"});
-    EXPECT_EQ(cat.status, 0) << cat.err;
-    EXPECT_EQ(cat.out.rfind("Welcome to Quiver.", 0), 0u);
-    EXPECT_EQ(Run({"sample", dest}).status, 1);  // never over an existing path
-}
 
 // ---- Temporary storage on a signal ----
 

@@ -68,47 +68,6 @@ struct Archive {
     }
 };
 
-MB::File RoundTrip(const MB::File& f) {
-    auto back = MB::File::Decode(f.Encode().get());
-    EXPECT_TRUE(back.has_value());
-    return back.value_or(MB::File());
-}
-
-TEST(MBFileRoundTrip, EveryMemberSurvives) {
-    const MB::File f = FullRecord();
-    const MB::File back = RoundTrip(f);
-    EXPECT_TRUE(back == f);
-    // Spot checks that do not rely on operator== alone.
-    EXPECT_EQ(back.EncryptionKey.vector(), Range(50, 44));
-    EXPECT_EQ(back.Size, 0x8000000000000001ULL);
-    EXPECT_EQ(back.ExtendedAttributes.size(), 2);
-    EXPECT_EQ(back.Flags, 128);
-    EXPECT_EQ(back.Unmodelled.size(), 4);
-    // The members added last take part in equality.
-    MB::File other = f;
-    other.Flags = 0;
-    EXPECT_FALSE(other == f);
-    other = f;
-    other.Unmodelled = Dict({{"Generation", 8}, {"Note", "kept"}, {"Blob", Bytes{9, 8}}});
-    EXPECT_FALSE(other == f);
-}
-
-TEST(MBFileRoundTrip, DefaultRecordSurvivesWithSharedEmptyMembersLeftOutOfTheArchive) {
-    const MB::File back = RoundTrip(MB::File());
-    EXPECT_TRUE(back == MB::File());
-    // Empty members are real, empty objects, the same ones for every record.
-    ASSERT_TRUE(back.RelativePath && back.Target && back.Digest && back.EncryptionKey && back.ExtendedAttributes);
-    EXPECT_EQ(back.Target.get(), MB::File().Target.get());
-    EXPECT_EQ(back.Digest.get(), MB::File().Digest.get());
-    EXPECT_EQ(back.ExtendedAttributes.get(), MB::File().ExtendedAttributes.get());
-    cf_value archive = Parse(MB::File().Encode().vector());
-    CF::Dictionary root =
-        CF::Dictionary::Retain(static_cast<CFDictionaryRef>(archive.get())).Get<CF::Array>("$objects").at<CF::Dictionary>(1);
-    for (const char* key : {"Target", "Digest", "EncryptionKey", "ExtendedAttributes"}) EXPECT_FALSE(root.Contains(key)) << key;
-    for (const char* key : {"RelativePath", "Mode", "Size", "InodeNumber", "ProtectionClass", "Flags", "$class"})
-        EXPECT_TRUE(root.Contains(key)) << key;
-}
-
 // Decryptors in common use read only the forms devices write, so each member is checked in that form.
 TEST(MBFileRoundTrip, MembersTakeTheFormsDevicesWrite) {
     cf_value parsed = Parse(FullRecord().Encode().vector());
