@@ -11,38 +11,6 @@
 
 using namespace Quiver;
 
-TEST(ErrorFactory, DomainDescriptionsAndTheFriendlyKey) {
-    CF::Error none = Error(QVErrorNone);  // only the empty description
-    EXPECT_EQ(none.Domain().utf8(), "Quiver.ErrorDomain");
-    EXPECT_EQ(none.Code(), 0);
-    EXPECT_EQ(none.UserInfo().size(), 1);
-    EXPECT_EQ(none.UserInfo().Get<CF::String>(kCFErrorLocalizedDescriptionKey).utf8(), "");
-    for (int code : {1, 25, 99, -3}) {  // unknown codes share the fallback text and keep their value
-        CF::Error e = Error(static_cast<QVError>(code));
-        EXPECT_EQ(e.Code(), code);
-        EXPECT_EQ(e.Description(), "Unknown Error");
-    }
-    EXPECT_EQ(Error(QVErrorCryptoOperation).Description(), "Cryto operation failed");
-    EXPECT_EQ(Error(QVErrorNotEncrypted).Description(), "A password was specified but backup is not encrypted.");
-    EXPECT_EQ(Error(QVErrorInvalidMBFile).Description(), "The backup archive did not contain a valid MBFile");
-    for (int code = -1; code <= 30; ++code) {  // absent, not false, except on the four user-facing codes
-        const bool friendly = code == 12 || code == 15 || code == 19 || code == 21;
-        EXPECT_EQ(Error(static_cast<QVError>(code)).UserInfo().Get(kCFErrorIsFriendlyKey),
-                  friendly ? kCFBooleanTrue : nullptr) << code;
-    }
-}
-
-TEST(ErrorFactory, ReasonAndUnderlyingErrorAreAddedWhenGiven) {
-    CF::Error cause = MakeErrnoError(ENOENT, "cause");
-    CF::Error e = Error(QVErrorIncorrectPassword, cause, "wrong");
-    EXPECT_EQ(e.UserInfo().size(), 4);
-    EXPECT_EQ(e.Reason(), "wrong");
-    EXPECT_EQ(e.Underlying().get(), cause.get());
-    EXPECT_TRUE(e.IsFriendly());
-    EXPECT_EQ(Error(QVErrorUnlockFailed, CF::Error(), "").UserInfo().size(), 1);
-    EXPECT_EQ(Error(QVErrorUnlockFailed, CF::Error(), " ").UserInfo().size(), 2);  // a blank is a reason
-}
-
 TEST(ErrorFactory, ErrnoAndFilesystemErrors) {
     CF::Error none = MakeErrnoError(0, "just text");
     EXPECT_EQ(none.Code(), QVErrorFilesystem);

@@ -44,18 +44,6 @@ protected:
 
 }  // namespace
 
-TEST(ManifestEmpty, EveryQueryIsEmpty) {
-    Manifest m = QVManifestCreateEmpty();
-    EXPECT_TRUE(QVManifestGetEntries(m).empty());
-    EXPECT_FALSE(QVManifestGetEntryForFileID(m, CFSTR("abc")));
-    EXPECT_FALSE(QVManifestGetEntryMatchingPath(m, CFSTR("D"), CFSTR("p")));
-    EXPECT_TRUE(QVManifestCopyEntriesAtPath(m, CFSTR("D"), CFSTR("")).empty());
-    EXPECT_EQ(CF::Array::Adopt(QVManifestCopyDomainsList(m)).size(), 0);
-    EXPECT_EQ(CFArrayGetCount(QVManifestGetFileIDs(m)), 0);
-    EXPECT_EQ(QVManifestGetTotalFileCount(m), 0);
-    EXPECT_EQ(QVManifestGetTotalFileSize(m), 0);
-}
-
 TEST_F(ManifestTest, PathQueriesMatchWholeComponentsAndDomainsListOnlyNamedOnes) {
     EXPECT_EQ(paths(QVManifestCopyEntriesAtPath(manifest, CFSTR("HomeDomain"), CFSTR("Library"))),
               (std::vector<std::string>{"Library", "Library/Caches", "Library/Caches/x", "Library/Pref"}));
@@ -82,39 +70,6 @@ TEST_F(ManifestTest, FileIDListSkipsDirectoriesAndSymlinksLookupFindsThemAndTheF
     Entry first = dir("D", "same"), second = dir("D", "same");
     QVManifestUpdateEntries(manifest, {first, second});
     EXPECT_EQ(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(second)), first);
-}
-
-TEST_F(ManifestTest, CopiesKeepTheTotalsUpdateReplacesEntriesAndRecomputesThem) {
-    EXPECT_EQ(QVManifestGetTotalFileCount(manifest), 1);
-    EXPECT_EQ(QVManifestGetTotalFileSize(manifest), 10);
-    // A copy keeps the totals and resets the version.
-    manifest->dataVersion = QVManifestDataVersion31;
-    int fetched = 0;
-    Manifest copy = QVManifestCreateCopy(manifest, [&](CFStringRef, CFErrorRef*) {
-        ++fetched;
-        return std::shared_ptr<QVFileClass>();
-    });
-    EXPECT_EQ(copy->dataVersion, QVManifestDataVersionUnset);
-    EXPECT_EQ(QVManifestGetTotalFileSize(copy), 10);
-    EXPECT_EQ(QVManifestGetTotalFileCount(copy), 1);
-    auto entries = QVManifestGetEntries(copy);
-    ASSERT_EQ(entries.size(), 8u);
-    EXPECT_NE(entries[0], manifest->entries[0]);
-    // The copies are bound to the new getter.
-    entries[2]->file.reset();
-    QVManifestEntryGetFile(entries[2], nullptr);
-    EXPECT_EQ(fetched, 1);
-    // An update replaces the entries and recomputes the totals.
-    Entry old = QVManifestGetEntryMatchingPath(manifest, CFSTR("HomeDomain"), CFSTR("Library"));
-    ASSERT_TRUE(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(old)));  // builds the index
-    auto file = QVFileCreateFromData(std::vector<uint8_t>(7, 'y'), nullptr);
-    Entry added = QVManifestEntryCreateForFile(file, CFSTR("D"), CFSTR("n"), nullptr, nullptr);
-    QVManifestUpdateEntries(manifest, {added});
-    EXPECT_FALSE(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(old)));
-    EXPECT_EQ(QVManifestGetEntryForFileID(manifest, QVManifestEntryGetFileID(added)), added);
-    EXPECT_EQ(QVManifestGetTotalFileCount(manifest), 1);
-    EXPECT_EQ(QVManifestGetTotalFileSize(manifest), 7);
-    EXPECT_EQ(CFArrayGetCount(QVManifestGetFileIDs(manifest)), 1);
 }
 
 // Edits in place keep every lookup as a rebuild from the same entries would make it: a random run of

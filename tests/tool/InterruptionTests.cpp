@@ -112,13 +112,6 @@ TEST_F(InterruptionTest, CatKilledMidOutputLeavesNoPlaintext) {
     }
 }
 
-TEST_F(InterruptionTest, ExtractKilledMidWayLeavesNoPlaintext) {
-    const fs::path dest = root_ / "out" / "extracted";
-    RunningTool tool({"extract", built_->directory.string(), dest.string()}, Env());
-    KillWhen(tool, [&] { return Exists(dest / "HomeDomain" / "Library" / kMarker); });
-    EXPECT_EQ(PlaintextAtRest(), std::vector<std::string>{});
-}
-
 // Killed as the export starts, as it writes the stored files, and as it writes the manifest (the
 // moment the plaintext manifest exists): no plaintext in the temporary folder, and the destination
 // never appears, only the hidden name it is written under.

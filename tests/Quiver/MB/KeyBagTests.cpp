@@ -57,26 +57,6 @@ TEST_F(KeyBagTest, CreatedKeyBagOpensWithItsPasswordOnly) {
     EXPECT_EQ(Thrown([&] { Open(changed.CopyData().vector(), kPassword); }).Code(), QVErrorUnlockFailed);
 }
 
-TEST_F(KeyBagTest, CreatedItemsFollowTheDeviceLayoutWithFreshRandomValues) {
-    const Items raw = Raw();
-    std::vector<std::string> tags, expected = {"VERS", "TYPE", "UUID", "HMCK", "WRAP", "SALT", "ITER", "DPWT", "DPIC", "DPSL"};
-    for (const auto& item : raw) tags.push_back(item.first);
-    for ([[maybe_unused]] uint32_t c : kClasses) expected.insert(expected.end(), {"UUID", "CLAS", "WRAP", "KTYP", "WPKY"});
-    EXPECT_EQ(tags, expected);
-    for (std::size_t i = 0; i < std::size(kClasses); ++i) {
-        EXPECT_EQ(raw[IndexOf(raw, "CLAS", static_cast<int>(i))].second, U32(kClasses[i]));
-        // Devices mark 11, 10, 9 and 5 as wrapped with the device key as well; a backup opens them anyway.
-        const bool marked = kClasses[i] == 11 || kClasses[i] == 10 || kClasses[i] == 9 || kClasses[i] == 5;
-        EXPECT_EQ(raw[IndexOf(raw, "WRAP", static_cast<int>(i + 1))].second, U32(marked ? 3 : 2)) << kClasses[i];
-    }
-    KeyBag other = KeyBag::Create(kPassword, kClasses, kFast);
-    EXPECT_NE(other.GetManifestInfo().salt, Bag().GetManifestInfo().salt);
-    EXPECT_NE(other.GetManifestInfo().dpsl, Bag().GetManifestInfo().dpsl);
-    EXPECT_NE(other.GetManifestInfo().uuid, Bag().GetManifestInfo().uuid);
-    EXPECT_NE(other.FindUnlockedKey(4)->key, Bag().FindUnlockedKey(4)->key);
-    EXPECT_NE(other.FindUnlockedKey(4)->key, other.FindUnlockedKey(3)->key);
-}
-
 TEST_F(KeyBagTest, CreationParametersReachTheDerivation) {
     const uint32_t classes[] = {1};
     KeyBag bag = KeyBag::Create("", classes, {.version = 5, .type = 2, .iterations = 4, .dpIterations = 6, .dpwt = 0});
@@ -200,31 +180,6 @@ TEST_F(KeyBagTest, OlderGenerationsAndDeviceMarkedClassesOpen) {
     EXPECT_TRUE(IsError(Thrown([&] { locked.UnlockKey(full.LockKey(11, key)); }), QVErrorUnlockFailed,
                         "Class 11 is wrapped with the device's own key, which a backup does not hold"));
     EXPECT_EQ(locked.UnlockKey(full.LockKey(10, key)), key);
-}
-
-TEST_F(KeyBagTest, VersionsTypesUnknownItemsAndShortTailsAreAccepted) {
-    Items items = Raw();
-    for (uint32_t version : {1u, 2u, 3u, 4u, 5u}) {
-        items[0].second = U32(version);
-        EXPECT_EQ(Open(Blob(items)).GetVersion(), version);
-    }
-    for (uint32_t type = 0; type < 4; ++type) {
-        items[1].second = U32(type);
-        EXPECT_EQ(Open(Blob(items)).GetType(), static_cast<KeyBag::Type>(type));
-    }
-    // Unknown items are kept and ignored.
-    items.insert(items.begin() + static_cast<std::ptrdiff_t>(IndexOf(items, "DPSL")) + 1, {"SIGN", Bytes(7, 9)});
-    items.push_back({"PBKY", Bytes(3, 1)});
-    KeyBag opened = Open(Blob(items));
-    EXPECT_EQ(opened.GetUnlockedKeys(), Bag().GetUnlockedKeys());
-    EXPECT_EQ(opened.CopyData().vector(), Blob(items));
-    // Fewer than eight trailing bytes cannot hold an item and are dropped.
-    const Bytes blob = Blob(Raw());
-    for (std::size_t extra = 1; extra < 8; ++extra) {
-        Bytes longer = blob;
-        longer.insert(longer.end(), extra, 0xEE);
-        EXPECT_EQ(Open(longer).CopyData().vector(), blob) << extra;
-    }
 }
 
 TEST_F(KeyBagTest, TruncationsAndLengthsPastTheEndFailCleanly) {

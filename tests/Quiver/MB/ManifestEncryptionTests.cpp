@@ -144,25 +144,6 @@ TEST_F(ManifestEncryptionTest, UnlockGivesBackWhatLockWrappedForEveryClassAndNot
                         QVErrorCryptoOperation, "Missing key class 4"));
 }
 
-TEST_F(ManifestEncryptionTest, FilesRoundTripWithEitherKeySizeAndStringsThroughBase64) {
-    for (std::size_t size : {std::size_t{0}, std::size_t{15}, std::size_t{16}, std::size_t{(1 << 20) + 17}}) {  // blocks, chunks
-        const Bytes plain = Pseudorandom(size, static_cast<uint32_t>(size));
-        const fs::path source = Write("plain", plain), cipher = root / "cipher", again = root / "again";
-        auto check = [&](const auto& key) {
-            ManifestEncryption::EncryptFile(source, cipher, key);
-            EXPECT_EQ(Read(cipher), ReferenceEncrypt(plain, key)) << size << " " << key.size();
-            ManifestEncryption::DecryptFile(cipher, again, key);
-            EXPECT_EQ(Read(again), plain) << size << " " << key.size();
-        };
-        check(KeyOf<16>(5));
-        check(KeyOf<32>(6));
-        if (size > 100) continue;
-        const std::string text = ManifestEncryption::EncryptString(plain, KeyOf<16>(9));
-        EXPECT_EQ(text, Quiver::Support::base64_encode(ReferenceEncrypt(plain, KeyOf<16>(9))));
-        EXPECT_EQ(ManifestEncryption::DecryptString(text, KeyOf<16>(9)), plain);
-    }
-}
-
 TEST_F(ManifestEncryptionTest, FailuresAreCryptoErrorsAndLeaveNoDestination) {
     const auto key32 = KeyOf<32>(7);
     const fs::path out = root / "out";

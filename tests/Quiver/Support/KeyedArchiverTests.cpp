@@ -75,24 +75,6 @@ TEST(KeyedArchiverWriting, LayoutAndUniquingOfObjectsByIdentityAndClassesByName)
     EXPECT_EQ(cls.Get<CF::Array>("$classes").at<CF::String>(1).utf8(), "NSObject");
 }
 
-TEST(KeyedArchiverWriting, ConditionalReferencesNullUIDsAndFailedObjects) {
-    keyed_archiver archiver;
-    int identity = 0, other = 0;
-    EXPECT_EQ(Thrown<ax::nullopt_uid>([&] { archiver.set("key", std::nullopt); }), "Attempted to set a key to a nullopt uid");
-    EXPECT_EQ(archiver._referenceObject(&identity, true), std::nullopt);
-    archiver.encode_conditional_object("before", &identity);
-    archiver.encode_object("object", &identity, {"Item"}, [](keyed_archiver&) {});
-    archiver.encode_conditional_object("after", &identity);
-    // A failed object is closed so that encoding goes on.
-    auto bad = [](keyed_archiver& a) { a.encode_dictionary("d", Dict({{"u", CF::UUID::Create()}}).get()); };
-    EXPECT_THROW(archiver.encode_object("bad", &other, {"Item"}, bad), ax::unsupported_value);
-    archiver.encode_int64("late", 1);
-    CF::Dictionary top = archiver.finishEncoding().Get<CF::Dictionary>("$top");
-    EXPECT_EQ(UIDValue(top.Get("before")), 0u);
-    EXPECT_EQ(UIDValue(top.Get("after")), UIDValue(top.Get("object")));
-    EXPECT_TRUE(top.Contains("late"));
-}
-
 TEST(KeyedUnarchiver, ArchivedValuesComeBackInBothStoresAndUIDsInBothSpellings) {
     CF::Dictionary nested = Dict({{"data", Bytes{1, 2, 3}}, {"list", Arr({"x", int64_t{-4}, CF::Boolean(true)})},
                                   {"when", CF::Date(12345.5)}, {"inner", Dict({{"k", "v"}})}});

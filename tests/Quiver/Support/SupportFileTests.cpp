@@ -95,42 +95,4 @@ TEST_F(SupportFileTest, ReadWholeFileAcceptsExactLimitRefusesMoreAndCopesWithFil
     EXPECT_NE(std::string(status.begin(), status.end()).find("Name:"), std::string::npos);
 }
 
-TEST_F(SupportFileTest, ExclusiveCreateRefusesExistingFilesClobberTruncatesAndAppendExtends) {
-    fs::path path = Write("taken", Bytes("keep"));
-    ExpectSystemError([&] { writable_file file(path, writable_file::mode::exclusive); }, EEXIST, path);
-    EXPECT_EQ(ReadAll(path), Bytes("keep"));
-    writable_file(root / "fresh", writable_file::mode::exclusive).write(Bytes("new"));
-    EXPECT_EQ(ReadAll(root / "fresh"), Bytes("new"));
-    writable_file(path, writable_file::mode::clobber).write(Bytes("ab"));
-    EXPECT_EQ(ReadAll(path), Bytes("ab"));
-    writable_file(path, writable_file::mode::append).write(Bytes("cd"));
-    EXPECT_EQ(ReadAll(path), Bytes("abcd"));
-}
-
-TEST_F(SupportFileTest, WriteFailureCarriesErrnoAndPath) {
-    if (!fs::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
-    writable_file file("/dev/full", writable_file::mode::append);
-    std::vector<uint8_t> data(4096, 1);
-    ExpectSystemError([&] { file.write(data); }, ENOSPC, "/dev/full");
-}
-
-TEST_F(SupportFileTest, NoDescriptorLeaksThroughFailuresMovesAndDestruction) {
-    fs::path path = Write("leak", Bytes("data"));
-    std::size_t before = OpenDescriptorCount();
-    for (int i = 0; i < 50; ++i) {
-        readable_file a(path);
-        readable_file b(path);
-        a = std::move(b);  // a's own descriptor must be released here
-        EXPECT_FALSE(b.is_open());
-        EXPECT_EQ(a.read_whole_file(10).size(), 4u);
-        writable_file w(root / "out");
-        writable_file x(root / "out2");
-        w = std::move(x);
-        EXPECT_THROW(readable_file(root / "missing"), std::system_error);
-        EXPECT_THROW(readable_file{root}, std::system_error);  // opened, then refused
-        EXPECT_THROW(writable_file(path, writable_file::mode::exclusive), std::system_error);
-    }
-    EXPECT_EQ(OpenDescriptorCount(), before);
-}
-
 }  // namespace
