@@ -66,19 +66,6 @@ TEST_F(ContainerTest, MetadataAndNamesOfALoadedBackup) {
     EXPECT_EQ(metadata, 1);
 }
 
-TEST_F(ContainerTest, PasswordRulesAndWrongPasswords) {
-    BuiltBackup encrypted = build("3.3", true, "enc");
-    BuiltBackup plain = build("3.3", false, "plain");
-    CF::Error failure;
-    EXPECT_FALSE(OpenBackup(encrypted.directory, nullptr, &failure));
-    EXPECT_EQ(failure.Code(), QVErrorPasswordRequired);
-    EXPECT_TRUE(failure.IsFriendly());
-    EXPECT_FALSE(OpenBackup(encrypted.directory, "wrong", &failure));
-    EXPECT_EQ(failure.Code(), QVErrorUnlockFailed);
-    EXPECT_FALSE(OpenBackup(plain.directory, "password", &failure));
-    EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
-}
-
 // A class that only the device's key opens stays locked: its files fail on their own, naming the
 // class, and the rest of the backup reads.
 TEST_F(ContainerTest, FilesOfADeviceOnlyClassFailAloneNamingTheClass) {

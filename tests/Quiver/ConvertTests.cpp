@@ -197,21 +197,6 @@ TEST_P(EachGeneration, NewPasswordRewritesOnlyManifestPlistAndKeepsTheClassKeys)
     EXPECT_EQ(fresh.GetVersion(), built.encryption->GetKeyBag().GetVersion());
 }
 
-TEST_F(ConvertTest, NewPasswordIsRefusedWithoutChangingAnything) {
-    const BuiltBackup built = build("b", "3.3", true);
-    const auto before = SnapshotTree(built.directory);
-    CF::Error failure;
-    EXPECT_FALSE(passwd(built.directory, "not the password", "new", &failure));
-    EXPECT_EQ(ErrorContextValue(failure, kQVErrorCheckKey), "password");
-    EXPECT_FALSE(passwd(built.directory, "password", "", &failure));
-    EXPECT_EQ(failure.Code(), QVErrorInvalidArgument);
-    EXPECT_EQ(SnapshotTree(built.directory), before);
-
-    const BuiltBackup plain = build("p", "3.3", false);
-    EXPECT_FALSE(passwd(plain.directory, "password", "new", &failure));
-    EXPECT_EQ(failure.Code(), QVErrorNotEncrypted);
-}
-
 // A Manifest.plist that cannot be written whole (here a file-size limit) leaves the old one in place
 // and nothing beside it: the backup still opens with the old password.
 TEST_F(ConvertTest, NewPasswordThatCannotBeWrittenLeavesTheOldManifestPlist) {

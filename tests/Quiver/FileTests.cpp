@@ -155,22 +155,6 @@ TEST_F(FileTest, DigestsOfFilesWhereTheyLieAreTakenLazilyOrWhileReading) {
     }
 }
 
-TEST_F(FileTest, QuickReadHonoursTheMemoryLimitAndAVanishedFileFailsTheRead) {
-    auto bytes = patterned(4096);
-    auto file = QVFileCreateFromFileAtPath(CF::String(writeScratch("gone.bin", bytes).string()), 0, nullptr);
-    ASSERT_TRUE(file);
-    FileManager::SetMaxMemorySize(4096);
-    EXPECT_EQ(QVFileGetDataQuickly(file), bytes);
-    FileManager::SetMaxMemorySize(4095);
-    EXPECT_FALSE(QVFileGetDataQuickly(file));
-    FileManager::SetMaxMemorySize(0);
-    EXPECT_FALSE(QVFileGetDataQuickly(file));
-    FileManager::SetMaxMemorySize(FileManager::kDefaultMaxMemorySize);
-    fs::remove(root / "gone.bin");
-    EXPECT_THROW(readAll(file, 0), std::system_error);
-    EXPECT_FALSE(QVFileGetDataQuickly(file));
-}
-
 // ---- Keys ----
 
 class FileCipherTest : public FileTest, public ::testing::WithParamInterface<uint64_t> {

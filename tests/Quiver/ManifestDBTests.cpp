@@ -161,23 +161,6 @@ TEST_F(ManifestDBTest, SchemaAndPragmasAreThoseOfDeviceBackups) {
     }
 }
 
-TEST_F(ManifestDBTest, OnlyVersionsThreeZeroToThreeThreeAreAccepted) {
-    Manifest m = sample();
-    for (int v : {24, 29, 34}) {
-        try {
-            QVManifestCreateManifestDBRepresentation(m, static_cast<QVManifestDataVersion>(v));
-            ADD_FAILURE() << v;
-        } catch (const CF::Error& e) {
-            EXPECT_EQ(e.Code(), QVErrorInvalidArgument);
-            EXPECT_EQ(e.Reason(), fmt::format("Invalid manifest version '{}' for this encoding scheme", v));
-        }
-        CFErrorRef error = nullptr;
-        EXPECT_FALSE(QVManifestCreateFromManifestDatabase(CFSTR("/nonexistent"), static_cast<QVManifestDataVersion>(v),
-                                                          nullptr, nullptr, &error));
-        EXPECT_EQ(CF::Error::Adopt(error).Code(), QVErrorInvalidArgument);
-    }
-}
-
 TEST_F(ManifestDBTest, EmptyTableGivesAnEmptyManifestWithoutProgressOneBadRowFailsTheWholeLoad) {
     int calls = 0;
     Manifest m = read(handMade([](SQLite::Database&) {}), nullptr, [&](int64_t, int64_t, double) { ++calls; });

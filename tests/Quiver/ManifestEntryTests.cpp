@@ -104,33 +104,6 @@ TEST_F(ManifestEntryTest, CreatorsSetTheirFixedAttributesAndFilesNeedACachedCont
     EXPECT_EQ(e.Reason(), "No valid cache reference available for created file (010203)");
 }
 
-TEST_F(ManifestEntryTest, FileIsFetchedOnceThroughTheCallbackAndNeverWithoutOne) {
-    auto content = fileOf("fetched");
-    auto source = QVManifestEntryCreateForFile(content, CFSTR("D"), CFSTR("f"), nullptr, nullptr);
-    source->file.reset();
-    int calls = 0;
-    std::string askedFor;
-    auto entry = QVManifestEntryCreateCopy(source, [&](CFStringRef id, CFErrorRef*) {
-        ++calls;
-        askedFor = text(id);
-        return QVFileCreateCopy(content);
-    });
-    auto first = QVManifestEntryGetFile(entry, nullptr);
-    auto second = QVManifestEntryGetFile(entry, nullptr);
-    ASSERT_TRUE(first);
-    EXPECT_EQ(first.get(), second.get());
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(askedFor, text(QVManifestEntryGetFileID(entry)));
-    EXPECT_DOUBLE_EQ(CFDateGetAbsoluteTime(QVFileGetModifiedDate(first)), entry->lastModified);
-
-    CFErrorRef error = nullptr;
-    EXPECT_FALSE(QVManifestEntryGetFile(source, &error));
-    EXPECT_EQ(CF::Error::Adopt(error).Reason(), "Tried to get a File ref for entry, but getFileFunc is not set!");
-    error = nullptr;
-    EXPECT_FALSE(QVManifestEntryGetFile(QVManifestEntryCreateForDirectory(CFSTR("D"), CFSTR("d")), &error));
-    EXPECT_EQ(error, nullptr);  // a directory has no file, and that is no error
-}
-
 TEST_F(ManifestEntryTest, GeneratedKeyEnciphersTheContentAndUnlocksAgain) {
     const std::string plain = "the content of a new file in an encrypted backup";
     auto entry = QVManifestEntryCreateForFile(fileOf(plain), CFSTR("D"), CFSTR("new"), nullptr, nullptr);

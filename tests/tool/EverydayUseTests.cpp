@@ -104,33 +104,6 @@ TEST_F(Info, AnEncryptedBackupShowsItsMetadataWithoutThePassword) {
     }
 }
 
-TEST_F(Info, AbsentValuesAreNullAndAnUnfinishedBackupIsNotComplete) {
-    BuiltBackup built = Build(work_ / "b", {.items = SampleItems(), .writeInfoPlist = false});
-    // Without Info.plist the device name still comes from Manifest.plist; the model and build do not
-    // when its Lockdown lacks them too.
-    CF::Dictionary manifest = ReadPropertyList(built.directory / "Manifest.plist").MutableCopy();
-    CF::Dictionary lockdown = manifest.Get<CF::Dictionary>("Lockdown").MutableCopy();
-    lockdown.Remove("ProductType");
-    lockdown.Remove("BuildVersion");
-    manifest.Set("Lockdown", lockdown);
-    WritePropertyList(built.directory / "Manifest.plist", manifest.get());
-    CF::Dictionary status = ReadPropertyList(built.directory / "Status.plist").MutableCopy();
-    status.Set("SnapshotState", CF::String("uploading"));
-    WritePropertyList(built.directory / "Status.plist", status.get());
-    RunResult r = Run({"info", built.directory.string(), "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    json info = json::parse(r.out);
-    EXPECT_EQ(info["deviceName"], "Test Device");
-    EXPECT_TRUE(info["productType"].is_null()) << info.dump();
-    EXPECT_TRUE(info["buildVersion"].is_null()) << info.dump();
-    EXPECT_TRUE(info["keyBag"].is_null());  // a plain backup's key bag locks nothing
-    EXPECT_EQ(info["complete"], false);
-    EXPECT_EQ(info["missing"], json::array({"Info.plist"}));
-    EXPECT_EQ(info["files"], 5);
-    RunResult text = Run({"info", built.directory.string()});
-    EXPECT_TRUE(Contains(text.out, "Complete:         no (it stopped in the state \"uploading\")")) << text.out;
-}
-
 // The real iOS 9.3.6 backup, when the real material is there: its metadata needs no password.
 TEST_F(Info, ARealEncryptedBackupShowsWhichPhoneItCameFrom) {
     const fs::path folder = fs::path(QUIVER_REALDATA) / "hv20-encrypted-mbdb";
@@ -256,23 +229,6 @@ TEST_F(Zip, ABackupBelowOneTopLevelFolderOpens) {
 // ---- the command line ----
 
 using CommandLine = EverydayTest;
-
-TEST_F(CommandLine, VersionAndUnknownWordsAreNamed) {
-    RunResult version = Run({"--version"});
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out.rfind("quiver ", 0), 0u) << version.out;
-
-    RunResult command = Run({"bogus"});
-    EXPECT_EQ(command.status, 2);
-    EXPECT_TRUE(Contains(command.err, "unknown command \"bogus\"")) << command.err;
-    EXPECT_FALSE(Contains(command.err, "A subcommand is required")) << command.err;
-    RunResult afterOption = Run({"--password-file", "info", "bogus"});  // "info" is the option's value here
-    EXPECT_TRUE(Contains(afterOption.err, "unknown command \"bogus\"")) << afterOption.err;
-
-    RunResult option = Run({"ls", "--bogus", "x"});
-    EXPECT_EQ(option.status, 2);
-    EXPECT_TRUE(Contains(option.err, "--bogus")) << option.err;
-}
 
 TEST_F(CommandLine, PasswordsThatCannotBeUsedSayWhy) {
     BuiltBackup built = Build(work_ / "enc", {.items = SampleItems(), .encrypted = true});

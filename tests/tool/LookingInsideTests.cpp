@@ -199,19 +199,6 @@ TEST_F(Find, PatternsDomainsTypesSizesAndDates) {
     EXPECT_EQ(names({"--newer", "@1600000000"}).size(), 10u);
 }
 
-// Conditions are checked before the backup is opened: a mistake costs no password and no load.
-TEST_F(Find, RefusesConditionsItCannotRead) {
-    for (const std::vector<std::string>& options :
-         {std::vector<std::string>{"--type", "socket"}, {"--min-size", "5q"}, {"--max-size", "-1"},
-          {"--newer", "yesterday"}, {"--older", "@soon"}, {"--json", "--jsonl"}}) {
-        std::vector<std::string> args = {"find", (work_ / "no-such-backup").string()};
-        args.insert(args.end(), options.begin(), options.end());
-        RunResult r = Run(args);
-        EXPECT_EQ(r.status, 2) << options[0] << ": " << r.err;
-        EXPECT_TRUE(Contains(r.err, options[0])) << r.err;
-    }
-}
-
 // ---- domains ----
 
 using Domains = LookingInsideTest;

@@ -145,12 +145,6 @@ TEST_F(PasswordAndStatus, PasswordMissingOrWrongEndsWithStatusThree) {
     EXPECT_EQ(std::count(wrong.err.begin(), wrong.err.end(), '\n'), 1);  // one line, no dump
 }
 
-TEST_F(PasswordAndStatus, APasswordInTheEnvironmentDoesNotStopAPlainBackup) {
-    BuiltBackup built = Build("plain", "3.3", false);
-    RunResult r = Run({"info", built.directory.string(), "--json"}, "some-other-password");
-    EXPECT_EQ(r.status, 0) << r.err;
-}
-
 TEST_F(PasswordAndStatus, UsageErrorsAndMissingItems) {
     EXPECT_EQ(Run({}).status, 2);
     EXPECT_EQ(Run({"cat", "only-a-backup"}).status, 2);

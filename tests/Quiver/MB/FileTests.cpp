@@ -68,51 +68,6 @@ struct Archive {
     }
 };
 
-// Decryptors in common use read only the forms devices write, so each member is checked in that form.
-TEST(MBFileRoundTrip, MembersTakeTheFormsDevicesWrite) {
-    cf_value parsed = Parse(FullRecord().Encode().vector());
-    auto objects = CF::Dictionary::Retain(static_cast<CFDictionaryRef>(parsed.get())).Get<CF::Array>("$objects");
-    CF::Dictionary root = objects.at<CF::Dictionary>(1);
-    for (const char* key : {"RelativePath", "Target", "Digest", "EncryptionKey", "ExtendedAttributes", "$class", "Note", "Blob"}) {
-        CFTypeRef v = root.Get(key);
-        ASSERT_TRUE(v && CFGetTypeID(v) == _CFKeyedArchiverUIDGetTypeID()) << key;
-    }
-    auto element = [&](const char* key) {
-        return objects[_CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(root.Get(key)))];
-    };
-    auto object = [&](const char* key) { return CF::Dictionary::Retain(static_cast<CFDictionaryRef>(element(key))); };
-    auto data = [&](const char* key) {
-        EXPECT_EQ(CFGetTypeID(element(key)), CFDataGetTypeID()) << key;
-        return CF::Data::Retain(static_cast<CFDataRef>(element(key)));
-    };
-    auto classOf = [&](const CF::Dictionary& o) {
-        return objects.at<CF::Dictionary>(_CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(o.Get("$class"))));
-    };
-    EXPECT_EQ(object("$class").Get<CF::String>("$classname").utf8(), "MBFile");
-    EXPECT_EQ(data("Digest").vector(), Range(1, 20));
-    EXPECT_EQ(data("Blob").vector(), (Bytes{9, 8}));
-    // The key: an NSMutableData object with its bytes in place.
-    const CF::Dictionary key = object("EncryptionKey");
-    EXPECT_EQ(key.Get<CF::Data>("NS.data").vector(), Range(50, 44));
-    EXPECT_EQ(classOf(key).Get<CF::String>("$classname").utf8(), "NSMutableData");
-    const CF::Array classes = classOf(key).Get<CF::Array>("$classes");
-    ASSERT_EQ(classes.size(), 3);
-    EXPECT_EQ(classes.at<CF::String>(1).utf8(), "NSData");
-    EXPECT_EQ(classes.at<CF::String>(2).utf8(), "NSObject");
-    // The attributes: a binary property list of names to data, inside plain data.
-    const Bytes attributes = data("ExtendedAttributes").vector();
-    ASSERT_GT(attributes.size(), 8u);
-    EXPECT_EQ(std::string(attributes.begin(), attributes.begin() + 8), "bplist00");
-    cf_value inner = Parse(attributes);
-    ASSERT_TRUE(inner && CFGetTypeID(inner.get()) == CFDictionaryGetTypeID());
-    EXPECT_EQ(Text(CF::Dictionary::Retain(static_cast<CFDictionaryRef>(inner.get())).Get<CF::Data>("com.apple.TextEncoding")), "utf");
-    // Numbers and booleans sit in the object; IDs are 32-bit numbers: 0xFFFFFFFE is stored as -2.
-    EXPECT_EQ(root.Get<CF::Number>("GroupID").Int64(), -2);
-    EXPECT_EQ(root.Get<CF::Number>("Flags").Int64(), 128);
-    EXPECT_EQ(root.Get<CF::Number>("Generation").Int64(), 7);
-    EXPECT_EQ(root.Get("Hidden"), kCFBooleanTrue);
-}
-
 TEST(MBFileRoundTrip, RecordsThatCouldNotBeReadBackAreNotWritten) {
     MB::File f;
     f.ExtendedAttributes = Dict({{"name", "a string, not data"}});
@@ -432,32 +387,6 @@ TEST_P(MBFileArchiveChecks, EachBrokenArchiveFailsWithItsOwnError) {
             if (unknown && CFGetTypeID(a.archive.Get("$version")) == CFNumberGetTypeID()) { EXPECT_EQ(unknown->version(), 100001); }
         }
     }
-}
-
-TEST_P(MBFileArchiveChecks, ValidVariationsDecode) {
-    // Absent and nil members keep their defaults; an object shared by two members is no cycle; 32-bit members
-    // take INT32_MIN; data objects hold their bytes in place or by UID; the protection class is kept for the
-    // caller to check; attributes may be an archived dictionary.
-    a.root.Remove("InodeNumber");
-    a.root.Set("RelativePath", UID(0));
-    a.root.Set("Target", UID(2));
-    a.root.Set("UserID", CF::Number(int64_t{INT32_MIN}));
-    a.root.Set("ProtectionClass", CF::Number(int64_t{7}));
-    const uint32_t cls = a.Add(Dict({{"$classname", "NSMutableData"}, {"$classes", Arr({"NSMutableData", "NSData"})}}));
-    const uint32_t bytes = a.Add(Range(9, 44)), name = a.Add("name");
-    a.root.Set("Digest", UID(a.Add(Dict({{"NS.data", Range(0, 20)}, {"$class", UID(cls)}}))));
-    a.root.Set("EncryptionKey", UID(a.Add(Dict({{"NS.data", UID(bytes)}, {"$class", UID(cls)}}))));
-    a.root.Set("ExtendedAttributes", UID(a.Add(Dict({{"NS.keys", Arr({UID(name)})}, {"NS.objects", Arr({UID(bytes)})}}))));
-    auto f = MB::File::Decode(Blob());
-    ASSERT_TRUE(f.has_value());
-    EXPECT_EQ(f->RelativePath.utf8(), "");
-    EXPECT_EQ(f->InodeNumber, 0u);
-    EXPECT_EQ(f->Target.utf8(), "Media/a.jpg");
-    EXPECT_EQ(f->UserID, 0x80000000u);
-    EXPECT_EQ(f->ProtectionClass, 7u);
-    EXPECT_EQ(f->Digest.vector(), Range(0, 20));
-    EXPECT_EQ(f->EncryptionKey.vector(), Range(9, 44));
-    EXPECT_EQ(f->ExtendedAttributes.Get<CF::Data>("name").vector(), Range(9, 44));
 }
 
 TEST_P(MBFileArchiveChecks, FlagsAndUnmodelledKeysAreKeptAndWrittenBackInTheirForm) {

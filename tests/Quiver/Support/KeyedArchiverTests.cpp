@@ -14,11 +14,6 @@ namespace ax = Quiver::Support::archiver_exceptions;
 
 namespace {
 
-uint32_t UIDValue(CFTypeRef v) {
-    EXPECT_TRUE(v && CFGetTypeID(v) == _CFKeyedArchiverUIDGetTypeID());
-    return v ? _CFKeyedArchiverUIDGetValue(static_cast<CFKeyedArchiverUIDRef>(v)) : UINT32_MAX;
-}
-
 // Runs f(unarchiver, root UID) over the archive as CoreFoundation values and as binary bytes.
 template <class F>
 void ForBothStores(const CF::Dictionary& archive, F&& f) {
@@ -43,36 +38,6 @@ CF::Dictionary ArchiveOf(const CF::Array& objects) {
 template <class E, class F>
 std::string Thrown(F&& f) {
     try { f(); } catch (const E& e) { return e.what(); } return "(nothing thrown)";
-}
-
-TEST(KeyedArchiverWriting, LayoutAndUniquingOfObjectsByIdentityAndClassesByName) {
-    keyed_archiver archiver;
-    int identity = 0, other = 0, bodies = 0;
-    CF::String text("same text"), equalText("same text");
-    auto body = [&](keyed_archiver& a) {
-        ++bodies;
-        a.encode_string("a", text.get());
-        a.encode_string("b", text.get());
-        a.encode_string("c", equalText.get());
-    };
-    archiver.encode_object(keyed_archiver::root_key, &identity, {"Thing", "NSObject"}, body);
-    archiver.encode_object("again", &identity, {"Thing", "NSObject"}, body);
-    archiver.encode_object("other", &other, {"Thing", "NSObject"}, [](keyed_archiver&) {});
-    CF::Dictionary archive = archiver.finishEncoding();
-    EXPECT_THROW(archiver.encode_int64("late", 1), std::logic_error);
-    EXPECT_EQ(bodies, 1);
-    auto top = archive.Get<CF::Dictionary>("$top");
-    auto objects = archive.Get<CF::Array>("$objects");
-    EXPECT_EQ(objects.at<CF::String>(0).utf8(), "$null");
-    const uint32_t root = UIDValue(top.Get("root"));
-    EXPECT_EQ(UIDValue(top.Get("again")), root);
-    CF::Dictionary thing = objects.at<CF::Dictionary>(root), second = objects.at<CF::Dictionary>(UIDValue(top.Get("other")));
-    EXPECT_EQ(UIDValue(thing.Get("a")), UIDValue(thing.Get("b")));
-    EXPECT_NE(UIDValue(thing.Get("a")), UIDValue(thing.Get("c")));  // equal, but another object
-    EXPECT_EQ(UIDValue(thing.Get("$class")), UIDValue(second.Get("$class")));
-    CF::Dictionary cls = objects.at<CF::Dictionary>(UIDValue(thing.Get("$class")));
-    EXPECT_EQ(cls.Get<CF::String>("$classname").utf8(), "Thing");
-    EXPECT_EQ(cls.Get<CF::Array>("$classes").at<CF::String>(1).utf8(), "NSObject");
 }
 
 TEST(KeyedUnarchiver, ArchivedValuesComeBackInBothStoresAndUIDsInBothSpellings) {
