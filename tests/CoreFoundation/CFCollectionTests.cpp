@@ -42,30 +42,6 @@ TEST_F(ArrayTest, EditsAndCopiesBalanceRetains) {
     EXPECT_EQ(CFGetRetainCount(other), otherBase);
 }
 
-TEST_F(ArrayTest, SelfAppendEqualityAndMembershipFollowTheCallbacks) {
-    Ref<CFNumberRef> two = num(2LL);
-    CFArrayAppendValue(array, value.get());
-    CFArrayAppendValue(array, two.get());
-    CFArrayAppendArray(array, array, CFRangeMake(0, 2));
-    ASSERT_EQ(CFArrayGetCount(array), 4);
-    EXPECT_EQ(CFArrayGetCountOfValue(array, CFRangeMake(0, 4), value.get()), 2);
-    Ref<CFMutableArrayRef> other{new_array()};
-    for (double v : {42.0, 2.0, 42.0}) CFArrayAppendValue(other, num(v).get());
-    EXPECT_FALSE(CFEqual(array.get(), other.get()));
-    CFArrayAppendValue(other, two.get());
-    EXPECT_TRUE(CFEqual(array.get(), other.get()));  // 42 and 42.0 are equal numbers
-    // Without callbacks, values are neither retained nor compared by value.
-    Ref<CFStringRef> a = str("same"), b = str("same");
-    Ref<CFMutableArrayRef> raw(CFArrayCreateMutable(nullptr, 0, nullptr));
-    CFIndex base = CFGetRetainCount(a);
-    CFArrayAppendValue(raw, a.get());
-    EXPECT_EQ(CFGetRetainCount(a), base);
-    EXPECT_FALSE(CFArrayContainsValue(raw, CFRangeMake(0, 1), b.get()));
-    EXPECT_EQ(CFArrayGetFirstIndexOfValue(raw, CFRangeMake(0, 1), a.get()), 0);
-    CFArrayAppendValue(array, a.get());
-    EXPECT_TRUE(CFArrayContainsValue(array, CFRangeMake(0, 5), b.get()));
-}
-
 struct Item {
     int key, order;
 };

@@ -190,25 +190,6 @@ void expectRejected(const std::vector<uint8_t>& bytes) {
 
 }  // namespace
 
-TEST(CFPropertyListHostile, BuilderMakesReadableListsAndBadShapesAreRejected) {
-    // Guards the builder itself, so that the rejections below are for the reason intended.
-    Ref<CFPropertyListRef> plist = parse(dataOf(BinaryBuilder().add({0x09}).array({0, 0}).build(1)));
-    ASSERT_TRUE(plist);
-    EXPECT_EQ(CFArrayGetCount(static_cast<CFArrayRef>(plist.get())), 2);
-
-    BinaryBuilder bomb;  // each level refers twice to the one below: 60 levels expand to 2^60 objects
-    bomb.add({0x09});
-    for (uint8_t level = 1; level < 60; ++level) bomb.array({static_cast<uint8_t>(level - 1), static_cast<uint8_t>(level - 1)});
-    for (const auto& bytes : {BinaryBuilder().array({1}).array({0}).build(0),  // a cycle of two
-                              BinaryBuilder().array({0}).build(0),             // an array holding itself
-                              bomb.build(59),
-                              BinaryBuilder().array({7}).build(0),             // refers past the object count
-                              BinaryBuilder().add({0xAF, 0x13, 0x7f, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}).build(0),
-                              BinaryBuilder().add({0x09}).build(5),            // top object past the count
-                              BinaryBuilder().add({0x09}).build(0, 200)})      // more objects than the table holds
-        expectRejected(bytes);
-}
-
 TEST(CFPropertyListHostile, DeepNestingGarbageTruncationAndEmptyInputFail) {
     std::string xml = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
     for (int i = 0; i < 100000; ++i) xml += "<array>";

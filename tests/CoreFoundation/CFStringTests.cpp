@@ -103,24 +103,6 @@ TEST(CFStringEncoding, EveryEncodingRoundTripsWithAndWithoutExternalForm) {
         }
 }
 
-TEST(CFStringEncoding, ProducesTheExpectedBytesAndHonoursByteOrderMarks) {
-    auto s = str("A\xF0\x9F\x98\x80");  // A, U+1F600
-    EXPECT_EQ(encode(s, kCFStringEncodingUTF16BE), (std::vector<UInt8>{0x00, 0x41, 0xD8, 0x3D, 0xDE, 0x00}));
-    EXPECT_EQ(encode(s, kCFStringEncodingUTF16LE), (std::vector<UInt8>{0x41, 0x00, 0x3D, 0xD8, 0x00, 0xDE}));
-    EXPECT_EQ(encode(s, kCFStringEncodingUTF32BE), (std::vector<UInt8>{0, 0, 0, 0x41, 0, 0x01, 0xF6, 0x00}));
-    // External UTF-16 carries a byte-order mark in the host's order (little-endian here).
-    EXPECT_EQ(encode(str("A"), kCFStringEncodingUTF16, true), (std::vector<UInt8>{0xFF, 0xFE, 0x41, 0x00}));
-    EXPECT_EQ(encode(str("\xE2\x82\xAC"), kCFStringEncodingWindowsLatin1), (std::vector<UInt8>{0x80}));
-    EXPECT_EQ(encode(str("\xC3\xA9"), kCFStringEncodingMacRoman), (std::vector<UInt8>{0x8E}));
-    std::vector<UInt8> escaped = encode(str("\\\xC3\xA9\xF0\x9F\x98\x80"), kCFStringEncodingNonLossyASCII);
-    EXPECT_EQ(std::string(escaped.begin(), escaped.end()), "\\\\\\351\\ud83d\\ude00");
-    for (const std::vector<UInt8>& b : {std::vector<UInt8>{0xFE, 0xFF, 0x00, 0x41}, {0xFF, 0xFE, 0x41, 0x00}, {0x41, 0x00}})
-        EXPECT_EQ(text(from_bytes(b, kCFStringEncodingUTF16)), "A");  // no mark: host order
-    EXPECT_EQ(text(from_bytes({0x00, 0x00, 0xFE, 0xFF, 0x00, 0x00, 0x00, 0x42}, kCFStringEncodingUTF32)), "B");
-    // An explicit order keeps a leading U+FEFF as a character.
-    EXPECT_EQ(CFStringGetLength(from_bytes({0xFE, 0xFF, 0x00, 0x41}, kCFStringEncodingUTF16BE)), 2);
-}
-
 TEST(CFStringEncoding, InvalidBytesAreRejectedAndUnrepresentableCharactersUseTheLossByteOrStop) {
     // Odd-length UTF-16, UTF-32 above U+10FFFF and a surrogate, non-ASCII, bad escapes, an unavailable encoding.
     for (auto [b, e] : std::vector<std::pair<std::vector<UInt8>, CFStringEncoding>>{
@@ -142,64 +124,5 @@ TEST(CFStringEncoding, InvalidBytesAreRejectedAndUnrepresentableCharactersUseThe
     EXPECT_STREQ(cbuf, "a\x80" "b");
     EXPECT_FALSE(Ref<CFDataRef>(CFStringCreateExternalRepresentation(nullptr, s, kCFStringEncodingASCII, 0)));
 }
-
-TEST(CFStringCompare, OrdersByUTF16UnitsWithCaseAndNumericOptions) {
-    struct Case { const char *a, *b; CFStringCompareFlags flags; CFComparisonResult expected; };
-    const CFStringCompareFlags ci = kCFCompareCaseInsensitive, numeric = kCFCompareNumerically;
-    const CFComparisonResult lt = kCFCompareLessThan, eq = kCFCompareEqualTo, gt = kCFCompareGreaterThan;
-    const Case cases[] = {
-        // U+1F600 (D83D DE00) sorts below U+FF01 but above U+D7A3: UTF-16 order, not code points, even after
-        // a shared prefix.
-        {"\xF0\x9F\x98\x80", "\xEF\xBC\x81", 0, lt}, {"\xED\x9E\xA3", "\xF0\x9F\x98\x80", 0, lt},
-        {"x\xF0\x90\x80\x80y", "x\xEF\xBF\xBDy", 0, lt}, {"ab", "abc", 0, lt}, {"B", "a", 0, lt},
-        {"\xC3\x89", "\xC3\xA9", 0, lt}, {"Hello World", "hELLO wORLD", ci, eq}, {"a", "B", ci, lt}, {"[", "a", ci, lt},
-        {"\xC3\x89T\xC3\x89 \xCE\xA9", "\xC3\xA9t\xC3\xA9 \xCF\x89", ci, eq},  // ÉTÉ Ω / été ω
-        {"\xD0\x9F\xD0\xA0\xD0\x98", "\xD0\xBF\xD1\x80\xD0\xB8", ci, eq},      // ПРИ / при
-        {"file9", "file10", numeric, lt}, {"v2.10", "v2.9", numeric, gt}, {"a007b", "a7b", numeric, eq},
-        {"A10", "a9", numeric | ci, gt}};
-    for (const Case& c : cases) EXPECT_EQ(CFStringCompare(str(c.a), str(c.b), c.flags), c.expected) << c.a << " / " << c.b;
-    auto s = str("\xF0\x9F\x98\x80prefix-Value");
-    EXPECT_EQ(CFStringCompareWithOptions(s, str("value"), CFRangeMake(9, 5), ci), kCFCompareEqualTo);
-    EXPECT_EQ(CFStringCompareWithOptions(s, str("prefix"), CFRangeMake(2, 6), 0), kCFCompareEqualTo);
-}
-
-class CFStringMutableTest : public ::testing::Test {
-protected:
-    Ref<CFMutableStringRef> m{CFStringCreateMutable(nullptr, 0)};
-    void set(const char* utf8) { CFStringReplaceAll(m, str(utf8)); }
-};
-
-TEST_F(CFStringMutableTest, EditsCountUTF16UnitsAndCopiesAreSnapshots) {
-    set("a\xF0\x9F\x98\x80" "b\xC3\xA9");  // a 😀 b é
-    CFStringInsert(m, 3, str("--"));
-    EXPECT_EQ(text(m), "a\xF0\x9F\x98\x80--b\xC3\xA9");
-    CFStringDelete(m, CFRangeMake(1, 2));
-    EXPECT_EQ(text(m), "a--b\xC3\xA9");
-    CFStringReplace(m, CFRangeMake(4, 1), str("\xE2\x82\xAC\xE2\x82\xAC"));
-    CFStringAppend(m, m);
-    EXPECT_EQ(text(m), "a--b\xE2\x82\xAC\xE2\x82\xAC" "a--b\xE2\x82\xAC\xE2\x82\xAC");
-    EXPECT_EQ(CFStringGetLength(m), 12);
-    // Deleting half a pair leaves a replacement character.
-    set("a\xF0\x9F\x98\x80" "b");
-    CFStringDelete(m, CFRangeMake(2, 1));
-    EXPECT_EQ(units(m), std::u16string(u"a\uFFFDb"));
-    // It becomes ASCII again when the last other character goes.
-    set("x\xC3\xA9y");
-    EXPECT_EQ(CFStringGetCStringPtr(m, kCFStringEncodingASCII), nullptr);
-    CFStringDelete(m, CFRangeMake(1, 1));
-    EXPECT_STREQ(CFStringGetCStringPtr(m, kCFStringEncodingASCII), "xy");
-    EXPECT_EQ(CFStringGetCharacterAtIndex(m, 1), u'y');
-    // Copies are independent snapshots; an immutable string is shared, not copied.
-    Ref<CFStringRef> frozen(CFStringCreateCopy(nullptr, m));
-    Ref<CFMutableStringRef> other(CFStringCreateMutableCopy(nullptr, 0, CFSTR("constant")));
-    CFStringAppend(m, CFSTR("!"));
-    CFStringAppend(other, CFSTR("!"));
-    EXPECT_EQ(text(frozen), "xy");
-    EXPECT_EQ(text(other), "constant!");
-    EXPECT_EQ(text(CFSTR("constant")), "constant");
-    EXPECT_EQ(Ref<CFStringRef>(CFStringCreateCopy(nullptr, frozen)).get(), frozen.get());
-}
-
-using CFStringDeathTest = CFStringMutableTest;
 
 }  // namespace

@@ -17,69 +17,16 @@ using namespace cftest;
 
 namespace {
 
-std::vector<UInt8> bytes_of(CFDataRef d) {
-    const UInt8* p = CFDataGetBytePtr(d);
-    return std::vector<UInt8>(p, p + CFDataGetLength(d));
-}
-
 Ref<CFDataRef> data(std::initializer_list<UInt8> bytes) {
     std::vector<UInt8> v(bytes);
     return Ref<CFDataRef>(CFDataCreate(nullptr, v.data(), static_cast<CFIndex>(v.size())));
 }
-
-class MutableDataTest : public ::testing::Test {
-protected:
-    Ref<CFMutableDataRef> d{CFDataCreateMutable(nullptr, 0)};
-};
-
-TEST_F(MutableDataTest, EditsShiftTheRightBytes) {
-    EXPECT_NE(CFDataGetMutableBytePtr(d), nullptr);  // even when empty
-    const UInt8 start[] = {0, 1, 2, 3, 4, 5}, replacement[] = {9, 9, 9};
-    CFDataAppendBytes(d, start, 6);
-    CFDataReplaceBytes(d, CFRangeMake(1, 2), replacement, 3);
-    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{0, 9, 9, 9, 3, 4, 5}));
-    CFDataDeleteBytes(d, CFRangeMake(0, 4));
-    CFDataIncreaseLength(d, 2);
-    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{3, 4, 5, 0, 0}));
-    CFDataSetLength(d, 1);
-    CFDataGetMutableBytePtr(d)[0] = 7;
-    EXPECT_EQ(bytes_of(d), (std::vector<UInt8>{7}));
-    EXPECT_EQ(take(CFCopyDescription(data({0x01, 0x02, 0xff}).get())), "<CFData>{length = 3, bytes = 0x0102ff}");
-    // Appending its own bytes while it grows.
-    CFDataSetLength(d, 3);
-    for (CFIndex i = 0; i < 3; ++i) CFDataGetMutableBytePtr(d)[i] = static_cast<UInt8>(i + 1);
-    for (int i = 0; i < 6; ++i) CFDataAppendBytes(d, CFDataGetBytePtr(d), CFDataGetLength(d));
-    ASSERT_EQ(CFDataGetLength(d), 3 * 64);
-    for (CFIndex i = 0; i < CFDataGetLength(d); ++i) ASSERT_EQ(CFDataGetBytePtr(d)[i], i % 3 + 1);
-}
-
-using DataDeathTest = MutableDataTest;
 
 template <typename T>
 std::pair<bool, T> get_as(CFNumberRef n, CFNumberType type) {
     T out{};
     bool exact = CFNumberGetValue(n, type, &out);
     return {exact, out};
-}
-
-TEST(NumberConversion, ReportsLossyConversions) {
-    EXPECT_EQ(get_as<int8_t>(num(300LL), kCFNumberSInt8Type), std::make_pair(false, int8_t(44)));
-    EXPECT_EQ(get_as<int8_t>(num(-128LL), kCFNumberSInt8Type), std::make_pair(true, int8_t(-128)));
-    EXPECT_EQ(get_as<int32_t>(num(1.5), kCFNumberSInt32Type), std::make_pair(false, 1));
-    EXPECT_EQ(get_as<int32_t>(num(-2.0), kCFNumberIntType), std::make_pair(true, -2));
-    EXPECT_EQ(get_as<int16_t>(num(1e10), kCFNumberSInt16Type), std::make_pair(false, int16_t(32767)));
-    EXPECT_EQ(get_as<int64_t>(num(-1e19), kCFNumberSInt64Type),
-              std::make_pair(false, std::numeric_limits<int64_t>::min()));
-    EXPECT_FALSE(get_as<int64_t>(num(9223372036854775808.0), kCFNumberSInt64Type).first);
-    EXPECT_FALSE(get_as<int32_t>(num(std::nan("")), kCFNumberSInt32Type).first);
-    // Floats are exact only when they hold the value.
-    EXPECT_TRUE(get_as<double>(num(1LL << 53), kCFNumberFloat64Type).first);
-    EXPECT_FALSE(get_as<double>(num((1LL << 53) + 1), kCFNumberFloat64Type).first);
-    EXPECT_FALSE(get_as<double>(num(std::numeric_limits<long long>::max()), kCFNumberDoubleType).first);
-    EXPECT_TRUE(get_as<float>(num(0.5), kCFNumberFloat32Type).first);
-    EXPECT_FALSE(get_as<float>(num(0.1), kCFNumberFloat32Type).first);
-    auto huge = get_as<float>(num(1e300), kCFNumberFloatType);
-    EXPECT_TRUE(!huge.first && std::isinf(huge.second));
 }
 
 TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremesAndHashAlikeWhenEqual) {

@@ -180,24 +180,6 @@ TEST_F(ManifestMBDB, EntriesOfEveryKindSurviveOneRecordAndWholeImages) {
     EXPECT_EQ(std::get<0>(calls[2]), 6);
 }
 
-TEST_F(ManifestMBDB, WriterRefusesOtherVersionsAndEntriesWithoutARecordForm) {
-    Manifest manifest = MakeManifest(sampleEntries(), QVManifestDataVersion24, CF::Dictionary(), nullptr);
-    CFErrorRef error = nullptr;
-    EXPECT_EQ(QVManifestCreateManifestDataRepresentation(manifest, QVManifestDataVersion30, &error), nullptr);
-    ASSERT_TRUE(error);
-    EXPECT_EQ(CFErrorGetCode(error), QVErrorInvalidArgument);
-    CFRelease(error);
-    manifest->entries[1]->properties = CF::Dictionary::CreateMutable();
-    manifest->entries[1]->properties.Set("n", CF::String("not data"));
-    error = nullptr;
-    EXPECT_EQ(QVManifestCreateManifestDataRepresentation(manifest, QVManifestDataVersion24, &error), nullptr);
-    CF::Error failure = CF::Error::Adopt(error);
-    ASSERT_TRUE(failure);
-    EXPECT_EQ(CFErrorGetCode(failure.get()), QVErrorUnknown);
-    CF::Dictionary info = CF::Dictionary::Adopt(CFErrorCopyUserInfo(failure.get()));
-    EXPECT_TRUE(info.Get<CF::String>(kCFErrorLocalizedFailureReasonKey).HasPrefix("Failed to serialize entries <"));
-}
-
 TEST_F(ManifestMBDB, EveryTruncationFailsExceptAtRecordEnds) {
     const Bytes bytes = write(sampleEntries());
     std::vector<size_t> ends;

@@ -57,29 +57,6 @@ TEST_F(KeyBagTest, CreatedKeyBagOpensWithItsPasswordOnly) {
     EXPECT_EQ(Thrown([&] { Open(changed.CopyData().vector(), kPassword); }).Code(), QVErrorUnlockFailed);
 }
 
-TEST_F(KeyBagTest, CreationParametersReachTheDerivation) {
-    const uint32_t classes[] = {1};
-    KeyBag bag = KeyBag::Create("", classes, {.version = 5, .type = 2, .iterations = 4, .dpIterations = 6, .dpwt = 0});
-    KeyBag::ManifestInfo seen;
-    auto capped = [&](const std::vector<uint8_t>& password, KeyBag::ManifestInfo info) {
-        seen = info;
-        info.dpic = std::min(info.dpic, 6u);  // as fuzzing does
-        return MB::ManifestEncryption::GenerateKEKFromPassword(password, info);
-    };
-    KeyBag opened(bag.CopyData(), "", capped);
-    EXPECT_EQ(std::tuple(opened.GetVersion(), opened.GetType(), seen.iter, seen.dpic, seen.salt, seen.dpsl),
-              std::tuple(5u, KeyBag::Type::Escrow, 4u, 6u, bag.GetManifestInfo().salt, bag.GetManifestInfo().dpsl));
-    EXPECT_EQ(opened.GetUnlockedKeys(), bag.GetUnlockedKeys());
-    // Absurd counts reach the derivation as they are; capped, they derive a wrong key, as a wrong password.
-    Items items = Raw();
-    items[IndexOf(items, "DPIC")].second = U32(0xFFFFFFFF);
-    CF::Error e = Thrown([&] { KeyBag(CF::Data(Blob(items)), kPassword, capped); });
-    EXPECT_EQ(seen.dpic, 0xFFFFFFFFu);
-    EXPECT_TRUE(IsError(e, QVErrorUnlockFailed, "Failed to unlock a key (class 11)"));
-    std::vector<std::pair<uint32_t, KeyBag::UnlockedKey>> twice = {{3, {}}, {4, {}}, {3, {}}};
-    EXPECT_EQ(Thrown([&] { KeyBag::Create(kPassword, twice, kFast); }).Code(), QVErrorInvalidArgument);
-}
-
 std::function<void(Items&)> Set(const char* tag, int n, Bytes value) {
     return [=](Items& items) { items[IndexOf(items, tag, n)].second = value; };
 }
