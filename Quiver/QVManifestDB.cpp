@@ -15,6 +15,7 @@
 #include <thread>
 #include <cerrno>
 #include <mutex>
+#include <stdexcept>
 #include <system_error>
 #include <unordered_map>
 
@@ -229,12 +230,13 @@ void ManifestDatabase::Create(uint32_t userVersion) {
         throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to open a database in memory ({})", e.what()));
     }
     userVersion_ = userVersion;
-    // auto_vacuum takes effect only on a database without tables, so it is also set first; the
-    // statements after it are the schema as devices write it, in their order. The indexes come in
-    // Finish, after the rows.
+    // auto_vacuum takes effect only on a database without tables, so it is also set first. Files is
+    // made without its primary key: rows go in in domain-path order, which would put each one at a
+    // random place of the key's index. Finish builds that index by sorting, with the other three, and
+    // then gives the schema the form devices write (see rewriteSchema).
     execAll({
         "PRAGMA auto_vacuum='INCREMENTAL';",
-        "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);",
+        "CREATE TABLE Files (fileID TEXT, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);",
         "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB);",
         "PRAGMA user_version=" + std::to_string(userVersion) + ";",
         "PRAGMA auto_vacuum='INCREMENTAL';",
@@ -243,14 +245,83 @@ void ManifestDatabase::Create(uint32_t userVersion) {
     });
 }
 
+namespace {
+
+constexpr const char* kFilesTable =
+    "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB)";
+constexpr const char* kFileIDKey = "FilesFileIDKey";
+
+}  // namespace
+
 void ManifestDatabase::Finish() {
-    // Each index is built by sorting every row: a second thread may take half of each sort.
+    // Each index is built by sorting every row: a second thread may take half of each sort. The
+    // journal in memory lets a key that fails on a repeated file ID be undone; the pages of a new
+    // index are new pages, which it does not copy.
+    execAll({"PRAGMA threads=2;", "PRAGMA journal_mode=MEMORY;"});
+    try {
+        db_->exec(std::string("CREATE UNIQUE INDEX ") + kFileIDKey + " ON Files(fileID);");
+    } catch (const SQLite::Exception&) {
+        // A file ID given twice: the later row replaces the earlier, as INSERT OR REPLACE would have.
+        execAll({"DELETE FROM Files WHERE rowid NOT IN (SELECT max(rowid) FROM Files GROUP BY fileID);",
+                 std::string("CREATE UNIQUE INDEX ") + kFileIDKey + " ON Files(fileID);"});
+    }
     execAll({
-        "PRAGMA threads=2;",
-        "CREATE INDEX FilesDomainIdx ON Files (domain);",
-        "CREATE INDEX FilesFlagsIdx ON Files (flags);",
-        "CREATE INDEX FilesRelativePathIdx ON Files (relativePath);",
+        "CREATE INDEX FilesDomainIdx ON Files(domain);",
+        "CREATE INDEX FilesRelativePathIdx ON Files(relativePath);",
+        "CREATE INDEX FilesFlagsIdx ON Files(flags);",
     });
+    rewriteSchema();
+}
+
+void ManifestDatabase::rewriteSchema() {
+    // The unique index on fileID holds exactly what the primary key's own index would (the file ID and
+    // the row's rowid, in the same order), so naming it as that index and giving Files its declared
+    // key makes the database that a table created with the key would have been. The schema's rows are
+    // laid down in the order devices write them. SQLite checks the result when the image is read
+    // back; this connection is closed without reading its own schema again.
+    std::unordered_map<std::string, int64_t> roots;
+    {
+        SQLite::Statement query(*db_, "SELECT name, rootpage FROM sqlite_master;");
+        while (query.executeStep()) roots[query.getColumn(0).getString()] = query.getColumn(1).getInt64();
+    }
+    struct SchemaRow {
+        const char* type;
+        const char* name;
+        const char* table;
+        const char* rootOf;
+        const char* sql;  // null for a key's own index
+    };
+    static constexpr SchemaRow kSchema[] = {
+        {"table", "Files", "Files", "Files", kFilesTable},
+        {"index", "sqlite_autoindex_Files_1", "Files", kFileIDKey, nullptr},
+        {"index", "FilesDomainIdx", "Files", "FilesDomainIdx", "CREATE INDEX FilesDomainIdx ON Files(domain)"},
+        {"index", "FilesRelativePathIdx", "Files", "FilesRelativePathIdx",
+         "CREATE INDEX FilesRelativePathIdx ON Files(relativePath)"},
+        {"index", "FilesFlagsIdx", "Files", "FilesFlagsIdx", "CREATE INDEX FilesFlagsIdx ON Files(flags)"},
+        {"table", "Properties", "Properties", "Properties",
+         "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB)"},
+        {"index", "sqlite_autoindex_Properties_1", "Properties", "sqlite_autoindex_Properties_1", nullptr},
+    };
+    try {
+        db_->exec("PRAGMA writable_schema=ON; BEGIN; DELETE FROM sqlite_master;");
+        SQLite::Statement insert(*db_, "INSERT INTO sqlite_master (type, name, tbl_name, rootpage, sql) "
+                                       "VALUES (?, ?, ?, ?, ?);");
+        for (const SchemaRow& row : kSchema) {
+            const auto root = roots.find(row.rootOf);
+            if (root == roots.end()) throw std::runtime_error(fmt::format("no {} in the new schema", row.rootOf));
+            insert.bind(1, row.type);
+            insert.bind(2, row.name);
+            insert.bind(3, row.table);
+            insert.bind(4, root->second);
+            if (row.sql) insert.bind(5, row.sql);
+            else insert.bind(5);
+            insert.exec();
+            insert.reset();
+        }
+        db_->exec("COMMIT; PRAGMA writable_schema=OFF;");
+    } catch (const std::exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to write the database's schema -- {}", e.what()));
+    }
 }
 
 std::vector<std::byte> ManifestDatabase::Serialize() {

@@ -128,6 +128,7 @@ public:
 private:
     void readUserVersion();
     void execAll(std::initializer_list<std::string> statements);
+    void rewriteSchema();
 
     std::unique_ptr<CipheredDatabase> cipher_;  // outlives the connection that reads through it
     std::unique_ptr<SQLite::Database> db_;

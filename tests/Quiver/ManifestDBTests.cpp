@@ -153,12 +153,39 @@ TEST_F(ManifestDBTest, SchemaAndPragmasAreThoseOfDeviceBackups) {
     EXPECT_TRUE(flagOnly.getColumn(0).isNull());
     EXPECT_TRUE(flagOnly.getColumn(1).isNull());
     EXPECT_TRUE(flagOnly.getColumn(3).isNull());
-    for (const char* index : {"FilesDomainIdx", "FilesFlagsIdx", "FilesRelativePathIdx"}) {
-        SQLite::Statement q(db, "SELECT COUNT(*) FROM sqlite_master WHERE type='index' AND name=?;");
-        q.bind(1, index);
-        ASSERT_TRUE(q.executeStep());
-        EXPECT_EQ(q.getColumn(0).getInt(), 1) << index;
-    }
+    // The file ID is a real key: SQLite refuses a second row with it and finds rows through its index.
+    const std::string id = db.execAndGet("SELECT fileID FROM Files LIMIT 1;").getString();
+    SQLite::Database writable(p.string(), SQLite::OPEN_READWRITE);
+    EXPECT_THROW(writable.exec("INSERT INTO Files VALUES ('" + id + "', 'D', 'p', 1, NULL);"), SQLite::Exception);
+    SQLite::Statement plan(db, "EXPLAIN QUERY PLAN SELECT * FROM Files WHERE fileID = 'x';");
+    ASSERT_TRUE(plan.executeStep());
+    EXPECT_NE(plan.getColumn(3).getString().find("sqlite_autoindex_Files_1"), std::string::npos);
+    // The schema, row for row, as a device writes it.
+    auto schema = [](SQLite::Database& of) {
+        std::vector<std::string> rows;
+        SQLite::Statement q(of, "SELECT type || '|' || name || '|' || tbl_name || '|' || ifnull(sql, '') FROM sqlite_master;");
+        while (q.executeStep()) rows.push_back(q.getColumn(0).getString());
+        return rows;
+    };
+    fs::path real = fs::path(QUIVER_REALDATA) / "mvt-ios-backup" / "backup" / "Manifest.db";
+    if (!fs::exists(real)) GTEST_SKIP() << "no real data at " << real;
+    SQLite::Database device(real.string(), SQLite::OPEN_READONLY);
+    EXPECT_EQ(schema(db), schema(device));
+}
+
+TEST_F(ManifestDBTest, AFileIDGivenTwiceKeepsTheLaterRow) {
+    ManifestDatabase database;
+    database.Create(2);
+    const std::vector<uint8_t> first{1}, second{2};
+    database.InsertRow("aa", "D", "first", 1, first);
+    database.InsertRow("bb", "D", "other", 1, first);
+    database.InsertRow("aa", "D", "second", 1, second);
+    database.Finish();
+    fs::path p = save(database.Serialize());
+    SQLite::Database db(p.string(), SQLite::OPEN_READONLY);
+    EXPECT_EQ(db.execAndGet("PRAGMA integrity_check;").getString(), "ok");
+    EXPECT_EQ(db.execAndGet("SELECT count(*) FROM Files;").getInt(), 2);
+    EXPECT_EQ(db.execAndGet("SELECT relativePath FROM Files WHERE fileID = 'aa';").getString(), "second");
 }
 
 TEST_F(ManifestDBTest, EmptyTableGivesAnEmptyManifestWithoutProgressOneBadRowFailsTheWholeLoad) {
