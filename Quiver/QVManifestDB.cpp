@@ -229,6 +229,17 @@ void ManifestDatabase::Create(uint32_t userVersion) {
     } catch (const std::exception& e) {
         throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to open a database in memory ({})", e.what()));
     }
+    // In one block of memory that grows as pages are written, rather than in pages of the cache:
+    // Serialize then reads the file's bytes where they lie instead of gathering a copy of them.
+    int result = sqlite3_deserialize(db_->getHandle(), "main", nullptr, 0, 0,
+                                     SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_RESIZEABLE);
+    if (result == SQLITE_OK) {
+        sqlite3_int64 limit = sqlite3_int64{1} << 45;
+        result = sqlite3_file_control(db_->getHandle(), "main", SQLITE_FCNTL_SIZE_LIMIT, &limit);
+    }
+    if (result != SQLITE_OK)
+        throw Error(QVErrorDatabaseOperation, CF::Error(),
+                    fmt::format("Failed to open a database in memory ({})", sqlite3_errstr(result)));
     userVersion_ = userVersion;
     // auto_vacuum takes effect only on a database without tables, so it is also set first. Files is
     // made without its primary key: rows go in in domain-path order, which would put each one at a
@@ -327,16 +338,15 @@ void ManifestDatabase::rewriteSchema() {
 std::vector<std::byte> ManifestDatabase::Serialize() {
     if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
     sqlite3_int64 size = 0;
-    unsigned char* image = sqlite3_serialize(db_->getHandle(), "main", &size, 0);
+    unsigned char* image = sqlite3_serialize(db_->getHandle(), "main", &size, SQLITE_SERIALIZE_NOCOPY);
     if (!image) throw Error(QVErrorDatabaseOperation, CF::Error(), "Failed to serialize the database");
     // Copied in one pass, without first filling the vector with zeros: a database of a large backup
-    // holds hundreds of megabytes.
+    // holds hundreds of megabytes. SQLite frees its own block when the connection closes.
     std::vector<std::byte> bytes;
     bytes.reserve(static_cast<size_t>(size));
     const auto* begin = reinterpret_cast<const std::byte*>(image);
     bytes.insert(bytes.end(), begin, begin + size);
     OPENSSL_cleanse(image, static_cast<size_t>(size));
-    sqlite3_free(image);
     // Devices write Manifest.db in write-ahead-log mode, which the header's bytes 18 and 19 (2 and 2)
     // record; a database in memory cannot be switched to it, and nothing else in the file differs.
     if (bytes.size() >= 20) bytes[18] = bytes[19] = std::byte{2};
