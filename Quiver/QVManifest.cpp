@@ -1,6 +1,7 @@
 #include "Quiver/QVManifest.hpp"
 
 #include <algorithm>
+#include <array>
 #include <string_view>
 #include <unordered_set>
 
@@ -11,7 +12,7 @@ namespace Quiver {
 
 namespace {
 
-constexpr unsigned kScansBeforeIndex = 8;
+constexpr unsigned kScansBeforeIndex = 2;
 
 void buildDomainIndex(QVManifestClass& manifest) {
     if (!manifest.domainIndex.empty()) return;
@@ -27,18 +28,27 @@ const std::vector<Entry>* entriesInDomain(QVManifestClass& manifest, CFStringRef
     return it == manifest.domainIndex.end() ? nullptr : &it->second;
 }
 
-std::string pathKey(CFStringRef domain, CFStringRef path) {
-    std::string key = CF::UTF8(domain);
-    key += '\0';
-    key += CF::UTF8(path);
-    return key;
+bool hasFileID(const QVManifestEntryClass& entry, std::string_view id) {
+    if (!entry.fileIDIsHex) return entry.text(QVManifestEntryClass::kFileIDText) == id;
+    if (id.size() != 40) return false;
+    std::array<uint8_t, 20> bytes{};
+    return FileIDBytesFromText(id, bytes) && bytes == entry.fileIDBytes;
 }
 
-std::string pathKey(const Entry& entry) {
-    std::string key(entry->domainText);
-    key += '\0';
-    key += entry->path();
-    return key;
+// Each files the entry unless an entry with the same key is there; false then (the first one wins).
+bool indexFileID(QVManifestClass& manifest, const Entry& entry) {
+    const QVManifestEntryClass& added = *entry;
+    return manifest.fileIDIndex.insert(FileIDHash(added), entry, [&](const QVManifestEntryClass& e) {
+        return e.fileIDIsHex && added.fileIDIsHex ? e.fileIDBytes == added.fileIDBytes : e.fileID() == added.fileID();
+    });
+}
+
+bool indexPath(QVManifestClass& manifest, const Entry& entry) {
+    const QVManifestEntryClass& added = *entry;
+    return manifest.pathIndex.insert(PathHash(added.domainText, added.path()), entry,
+                                     [&](const QVManifestEntryClass& e) {
+                                         return e.path() == added.path() && e.domainText == added.domainText;
+                                     });
 }
 
 void computeTotals(QVManifestClass& manifest) {
@@ -97,18 +107,16 @@ Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) 
     if (manifest->fileIDIndex.empty()) {
         manifest->fileIDIndex.reserve(manifest->entries.size());
         for (const Entry& entry : manifest->entries) {
-            std::string id = entry->fileID();
-            if (id.empty()) {
+            if (!entry->fileIDIsHex && entry->text(QVManifestEntryClass::kFileIDText).empty()) {
                 log_fmt(log_level::error, "{}: DEVELOPER BUG QVManifestEntry does not have a fileID ({})",
                         __PRETTY_FUNCTION__, entry);
                 continue;
             }
             // The first entry with an ID wins.
-            if (!manifest->fileIDIndex.emplace(std::move(id), entry).second) manifest->duplicateKeys = true;
+            if (!indexFileID(*manifest, entry)) manifest->duplicateKeys = true;
         }
     }
-    auto it = manifest->fileIDIndex.find(wanted);
-    return it == manifest->fileIDIndex.end() ? nullptr : it->second;
+    return manifest->fileIDIndex.find(FileIDHash(wanted), [&](const QVManifestEntryClass& e) { return hasFileID(e, wanted); });
 }
 
 Entry QVManifestGetEntryMatchingPath(const Manifest& manifest, CFStringRef domain, CFStringRef path) {
@@ -123,10 +131,12 @@ Entry QVManifestGetEntryMatchingPath(const Manifest& manifest, CFStringRef domai
     if (manifest->pathIndex.empty()) {
         manifest->pathIndex.reserve(manifest->entries.size());
         for (const Entry& entry : manifest->entries)
-            if (!manifest->pathIndex.emplace(pathKey(entry), entry).second) manifest->duplicateKeys = true;
+            if (!indexPath(*manifest, entry)) manifest->duplicateKeys = true;
     }
-    auto it = manifest->pathIndex.find(pathKey(domain, path));
-    return it == manifest->pathIndex.end() ? nullptr : it->second;
+    const std::string wantedDomain = CF::UTF8(domain), wantedPath = CF::UTF8(path);
+    return manifest->pathIndex.find(PathHash(wantedDomain, wantedPath), [&](const QVManifestEntryClass& e) {
+        return e.path() == wantedPath && e.domainText == wantedDomain;
+    });
 }
 
 std::vector<Entry> QVManifestCopyEntriesInDomain(const Manifest& manifest, CFStringRef domain) {
@@ -217,11 +227,9 @@ void QVManifestAddEntries(const Manifest& manifest, const std::vector<Entry>& ad
         if (!m.domainIndex.empty()) {
             if (!entry->domainText.empty()) m.domainIndex[std::string(entry->domainText)].push_back(entry);
         }
-        if (!m.fileIDIndex.empty()) {
-            std::string id = entry->fileID();
-            if (!id.empty() && !m.fileIDIndex.emplace(std::move(id), entry).second) m.duplicateKeys = true;
-        }
-        if (!m.pathIndex.empty() && !m.pathIndex.emplace(pathKey(entry), entry).second) m.duplicateKeys = true;
+        const bool hasID = entry->fileIDIsHex || !entry->text(QVManifestEntryClass::kFileIDText).empty();
+        if (!m.fileIDIndex.empty() && hasID && !indexFileID(m, entry)) m.duplicateKeys = true;
+        if (!m.pathIndex.empty() && !indexPath(m, entry)) m.duplicateKeys = true;
         if (!m.positions.empty()) m.positions.emplace(entry.get(), m.entries.size() - 1);
         size += QVManifestEntryGetFileSize(entry);
         if (QVManifestEntryIsFile(entry)) ++m.totalFileCount;
@@ -261,11 +269,8 @@ void QVManifestRemoveEntries(const Manifest& manifest, const std::vector<Entry>&
         size -= QVManifestEntryGetFileSize(entry);
         if (QVManifestEntryIsFile(entry)) --m.totalFileCount;
         if (m.duplicateKeys) continue;  // the indexes are dropped below
-        for (auto* index : {&m.fileIDIndex, &m.pathIndex}) {
-            if (index->empty()) continue;
-            auto it = index->find(index == &m.fileIDIndex ? entry->fileID() : pathKey(entry));
-            if (it != index->end() && it->second.get() == entry.get()) index->erase(it);
-        }
+        m.fileIDIndex.erase(FileIDHash(*entry), entry.get());
+        m.pathIndex.erase(PathHash(entry->domainText, entry->path()), entry.get());
     }
     if (!byPosition) m.positions.clear();
     // With keys shared, another entry may stand behind a removed one: the lookups are built again.

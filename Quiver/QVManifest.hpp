@@ -17,6 +17,7 @@
 
 #include "Quiver/CF/CF.hpp"
 #include "Quiver/Export.hpp"
+#include "Quiver/QVEntryIndex.hpp"
 #include "Quiver/QVManifestEntry.hpp"
 
 // The manifest format version: 24 for "2.4" (Manifest.mbdb), 30 to 33 for "3.0" to "3.3" (Manifest.db).
@@ -35,10 +36,10 @@ class QV_EXPORT QVManifestClass {
 public:
     std::vector<Quiver::Entry> entries;
     std::unordered_map<std::string, std::vector<Quiver::Entry>> domainIndex;
-    std::unordered_map<std::string, Quiver::Entry> fileIDIndex;
-    // Domain, a NUL and path, to the entry; built on the first path lookup like the other indexes,
-    // and, like them, kept up to date by the edits below once built.
-    std::unordered_map<std::string, Quiver::Entry> pathIndex;
+    Quiver::EntryIndex fileIDIndex;
+    // Domain and path to the entry; built on the first path lookup like the other indexes, and, like
+    // them, kept up to date by the edits below once built.
+    Quiver::EntryIndex pathIndex;
     // Where each entry stands in `entries`, built on the first removal so that a removal costs no scan.
     std::unordered_map<const QVManifestEntryClass*, size_t> positions;
     bool duplicateKeys = false;  // two entries share a file ID or a path: an index keeps the first
