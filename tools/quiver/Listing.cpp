@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -36,17 +37,30 @@ void AppendJsonString(std::string& out, std::string_view text) {
     out += '"';
 }
 
+template <class Number>
+void AppendNumber(std::string& out, Number value) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    out.append(digits, end);
+}
+
 // One entry as a JSON object, keys in alphabetical order: indented inside an array, or on one line.
+// Written with plain appends: a listing of a million entries is mostly this function.
 void AppendEntryJson(std::string& out, const quiver::Entry& e, bool oneLine) {
-    const char* open = oneLine ? "{" : "  {\n";
-    const char* indent = oneLine ? "" : "    ";
-    const char* next = oneLine ? ", " : ",\n";
-    auto key = [&](const char* name) { fmt::format_to(std::back_inserter(out), "{}\"{}\": ", indent, name); };
-    auto number = [&](const char* name, auto value) {
-        key(name);
-        fmt::format_to(std::back_inserter(out), "{}{}", value, next);
+    const std::string_view indent = oneLine ? "" : "    ";
+    const std::string_view next = oneLine ? ", " : ",\n";
+    auto key = [&](std::string_view name) {
+        out += indent;
+        out += '"';
+        out += name;
+        out += "\": ";
     };
-    out += open;
+    auto number = [&](std::string_view name, auto value) {
+        key(name);
+        AppendNumber(out, value);
+        out += next;
+    };
+    out += oneLine ? "{" : "  {\n";
     key("domain");
     AppendJsonString(out, e.domain());
     out += next;
@@ -68,8 +82,14 @@ void AppendEntryJson(std::string& out, const quiver::Entry& e, bool oneLine) {
         out += "null";
     }
     out += next;
-    fmt::format_to(std::back_inserter(out), "{}\"type\": \"{}\"{}{}\"uid\": {}{}", indent, EntryTypeName(e), next,
-                   indent, e.uid(), oneLine ? "}" : "\n  }");
+    key("type");
+    out += '"';
+    out += EntryTypeName(e);
+    out += '"';
+    out += next;
+    key("uid");
+    AppendNumber(out, e.uid());
+    out += oneLine ? "}" : "\n  }";
 }
 
 }  // namespace
