@@ -171,18 +171,22 @@ std::array<uint8_t, 20> FileIDBytesForPath(std::string_view domain, std::string_
 
 // A file ID kept as raw bytes when it is the usual 40 lower-case hexadecimal digits; else as text.
 bool FileIDBytesFromText(std::string_view text, std::array<uint8_t, 20>& bytes) {
+    // Every row of a manifest passes through here when it loads: one table look-up per digit.
+    static constexpr auto kDigit = [] {
+        std::array<uint8_t, 256> table{};
+        table.fill(0xFF);
+        for (int c = '0'; c <= '9'; ++c) table[c] = static_cast<uint8_t>(c - '0');
+        for (int c = 'a'; c <= 'f'; ++c) table[c] = static_cast<uint8_t>(c - 'a' + 10);
+        return table;
+    }();
     if (text.size() != 40) return false;
+    uint8_t bad = 0;
     for (size_t i = 0; i < 20; ++i) {
-        uint8_t value = 0;
-        for (char c : {text[2 * i], text[2 * i + 1]}) {
-            value = static_cast<uint8_t>(value << 4);
-            if (c >= '0' && c <= '9') value |= static_cast<uint8_t>(c - '0');
-            else if (c >= 'a' && c <= 'f') value |= static_cast<uint8_t>(c - 'a' + 10);
-            else return false;
-        }
-        bytes[i] = value;
+        const uint8_t high = kDigit[static_cast<uint8_t>(text[2 * i])], low = kDigit[static_cast<uint8_t>(text[2 * i + 1])];
+        bad |= static_cast<uint8_t>(high | low);
+        bytes[i] = static_cast<uint8_t>(high << 4 | (low & 0x0F));
     }
-    return true;
+    return (bad & 0xF0) == 0;
 }
 
 CFStringRef QVManifestEntryCopyFileIDForPath(CFStringRef domain, CFStringRef relativePath) {
