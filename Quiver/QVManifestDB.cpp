@@ -476,11 +476,10 @@ void ManifestDatabase::Close() {
 
 namespace {
 
-// Decodes the rows of a large manifest on both cores. Reading a row from SQLite costs about a third of
-// decoding its MBFile blob, so the reading thread copies rows into batches and hands two batches in
-// three to a worker, decoding the third itself: both finish at about the same time. Each thread puts
-// its records in a pool of its own; each record goes to the slot of its row, so the order is the
-// database's whatever thread decoded it.
+// Decodes the rows of a large manifest on both cores. The reading thread copies rows into batches and
+// hands each to a worker while the worker keeps up, decoding a batch itself when two already wait.
+// Each thread puts its records in a pool of its own; each record goes to the slot of its row, so the
+// order is the database's whatever thread decoded it.
 class RowDecoder {
 public:
     RowDecoder(std::vector<Entry>& slots, std::shared_ptr<const QVGetFileFunction> getter)
@@ -532,18 +531,21 @@ private:
 
     void Dispatch() {
         if (current_.rows.empty()) return;
-        if (++dispatched_ % 3 == 0) {
-            Decode(current_, *mainPool_, mainScratch_, invalid_);
-        } else {
-            StartWorker();
-            {
-                std::unique_lock lock(mutex_);
-                // At most two batches wait, so memory stays a few batches whatever the manifest's size.
-                ready_.wait(lock, [&] { return queue_.size() < 2 || failure_; });
+        StartWorker();
+        // The worker takes the batch when fewer than two wait for it; otherwise this thread decodes it,
+        // so both stay busy whatever the cost of reading a row against decoding it, and memory stays a
+        // few batches whatever the manifest's size.
+        bool queued = false, failed = false;
+        {
+            std::lock_guard lock(mutex_);
+            failed = failure_ != nullptr;
+            if (!failed && queue_.size() < 2) {
                 queue_.push_back(std::move(current_));
+                queued = true;
             }
-            ready_.notify_all();
         }
+        if (queued) ready_.notify_all();
+        else if (!failed) Decode(current_, *mainPool_, mainScratch_, invalid_);
         current_ = Batch();
     }
 
@@ -607,7 +609,6 @@ private:
     MB::FileView mainScratch_;
     std::vector<std::string> invalid_;
     Batch current_;
-    uint64_t dispatched_ = 0;
 
     std::thread worker_;
     std::mutex mutex_;
