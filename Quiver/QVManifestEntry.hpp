@@ -103,7 +103,7 @@ private:
 
 namespace Quiver {
 
-// The same with a getter shared by many copies.
+// QVManifestEntryCreateCopy with a getter shared by many copies.
 Entry CopyEntrySharingGetter(const Entry& entry, std::shared_ptr<const QVGetFileFunction> getFileFunc);
 
 // Gives a new regular file of an encrypted backup its own key: the entry's file becomes an enciphering
