@@ -1,6 +1,5 @@
-// QV_EXPORT marks the library's public interface. The shared library is built with hidden visibility,
-// so only what carries this mark (and the CoreFoundation subset's CF_EXPORT functions) is visible to
-// callers.
+// QV_EXPORT marks what the shared library may make visible (it is built with hidden visibility); the
+// version script cmake/libquiver.map then lets out only the interface's families of names.
 #pragma once
 
-#define QV_EXPORT __attribute__((visibility("default")))
+#include <quiver/Api.hpp>

@@ -115,7 +115,8 @@ std::shared_ptr<QVFileClass> QVFileCreateFromData(const std::vector<uint8_t>& da
     return createFromBytes(data.data(), static_cast<int64_t>(data.size()), error);
 }
 
-std::shared_ptr<QVFileClass> QVFileCreateFromFileAtPath(const CF::String& path, uint8_t copy, CFErrorRef* error) {
+std::shared_ptr<QVFileClass> QVFileCreateFromFileAtPath(CFStringRef pathRef, uint8_t copy, CFErrorRef* error) {
+    const CF::String path = CF::String::Retain(pathRef);
     return Boundary(
         error,
         [&]() -> std::shared_ptr<QVFileClass> {

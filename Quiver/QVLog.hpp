@@ -26,9 +26,9 @@ inline constexpr const char* kLoggerName = "AppleDevice.Backup";
 // The library's logger, registered with spdlog under kLoggerName so that an application can change its
 // level and sinks (spdlog::get). It starts at the level named by the environment variable
 // QUIVER_LOG_LEVEL (debug, info, warn, error, off), warn by default, and writes to standard error.
-QV_EXPORT spdlog::logger& Logger();
+spdlog::logger& Logger();
 
-QV_EXPORT spdlog::level::level_enum ToSpdlogLevel(log_level level);
+spdlog::level::level_enum ToSpdlogLevel(log_level level);
 
 template <typename... Args>
 void log_fmt(log_level level, fmt::format_string<Args...> format, Args&&... args) {
@@ -40,8 +40,8 @@ void log_fmt(log_level level, fmt::format_string<Args...> format, Args&&... args
 
 // The text of a caught error for the log: domain, code, description, reason, and (when withUnderlying)
 // the chain of underlying errors, indented by `indent` blanks.
-QV_EXPORT std::string to_log_string(const CF::Error& error, bool withUnderlying = true, unsigned indent = 0);
-QV_EXPORT void LogError(log_level level, const CF::Error& error);
+std::string to_log_string(const CF::Error& error, bool withUnderlying = true, unsigned indent = 0);
+void LogError(log_level level, const CF::Error& error);
 
 // Logs the formatted text followed by the error.
 template <typename... Args>

@@ -4,7 +4,7 @@
 // these entries.
 #pragma once
 
-#include <CoreFoundation/CoreFoundation.h>
+#include <quiver/QVManifestEntry.hpp>
 
 #include <array>
 #include <cstdint>
@@ -28,22 +28,12 @@ class FileWriter;
 class ManifestEncryption;
 }
 
-enum EntryProtectionClass : uint32_t {
-    EntryProtectionClassNotSet = 0,
-    EntryProtectionClassComplete = 1,
-    EntryProtectionClassWriteOnly = 2,
-    EntryProtectionClassCompleteUntilUnlocked = 3,
-    EntryProtectionClassNone = 4,
-};
-
-using QVGetFileFunction = std::function<std::shared_ptr<QVFileClass>(CFStringRef, CFErrorRef*)>;
-
 // One entry, kept small: a loaded manifest holds hundreds of thousands of them. Its texts and bytes
 // (path, target, digest, wrapped key) sit side by side in one buffer that the entry does not allocate
 // itself: a loader puts them in its manifest's pool, and an entry made or changed on its own owns a
 // buffer of its own (`SetTexts`). File IDs are 20 raw bytes. The CF objects that the interface hands
 // out (QVManifestEntryGetPath and the like) are made on first request and kept with the entry.
-class QV_EXPORT QVManifestEntryClass {
+class QVManifestEntryClass {
 public:
     enum Text : uint8_t { kPath, kTarget, kDigest, kEncryptionKey, kFileIDText, kTextCount };
 
@@ -113,80 +103,16 @@ private:
 
 namespace Quiver {
 
-using Entry = std::shared_ptr<QVManifestEntryClass>;
-
-// The name of a protection class; a value outside 0 to 4 is a fault that ends the process.
-QV_EXPORT std::string to_string(EntryProtectionClass protectionClass);
-// A stored code to the class; throws std::invalid_argument "invalid protection class code" outside 0 to 4.
-QV_EXPORT EntryProtectionClass ProtectionClassFromCode(int64_t code);
-QV_EXPORT uint32_t ProtectionClassCode(EntryProtectionClass protectionClass);
-
-// 40 lowercase hexadecimal digits: SHA-1 of "<domain>-<relativePath>".
-QV_EXPORT CFStringRef QVManifestEntryCopyFileIDForPath(CFStringRef domain, CFStringRef relativePath);
-
-QV_EXPORT Entry QVManifestEntryCreateForFile(const std::shared_ptr<QVFileClass>& file, CFStringRef domain,
-                                             CFStringRef relativePath, CFDataRef encryptionKey, CFErrorRef* error);
-QV_EXPORT Entry QVManifestEntryCreateForDirectory(CFStringRef domain, CFStringRef relativePath);
-QV_EXPORT Entry QVManifestEntryCreateForSymlink(CFStringRef domain, CFStringRef relativePath, CFStringRef target);
-QV_EXPORT Entry QVManifestEntryCreateCopy(const Entry& entry, QVGetFileFunction getFileFunc);
-// The same with a getter shared by many copies.
-QV_EXPORT Entry CopyEntrySharingGetter(const Entry& entry, std::shared_ptr<const QVGetFileFunction> getFileFunc);
-
-QV_EXPORT CFStringRef QVManifestEntryGetDomain(const Entry& entry);
-QV_EXPORT CFStringRef QVManifestEntryGetPath(const Entry& entry);
-QV_EXPORT CFStringRef QVManifestEntryGetTarget(const Entry& entry);
-QV_EXPORT CFStringRef QVManifestEntryGetDomainPathPair(const Entry& entry);
-QV_EXPORT CFStringRef QVManifestEntryGetDeviceFilename(const Entry& entry);
-QV_EXPORT CFStringRef QVManifestEntryGetFileID(const Entry& entry);
-QV_EXPORT CFDataRef QVManifestEntryGetDataHash(const Entry& entry);
-QV_EXPORT CFDataRef QVManifestEntryGetEncryptionData(const Entry& entry);
-QV_EXPORT CFDictionaryRef QVManifestEntryGetProperties(const Entry& entry);
-QV_EXPORT uint16_t QVManifestEntryGetFileMode(const Entry& entry);
-QV_EXPORT uint64_t QVManifestEntryGetFileSize(const Entry& entry);
-QV_EXPORT uint8_t QVManifestEntryGetFileType(const Entry& entry);
-QV_EXPORT EntryProtectionClass QVManifestEntryGetProtectionClass(const Entry& entry);
-// The inode number the device recorded; 0 for entries made since loading.
-QV_EXPORT uint64_t QVManifestEntryGetInode(const Entry& entry);
-QV_EXPORT bool QVManifestEntryIsFile(const Entry& entry);
-QV_EXPORT bool QVManifestEntryIsDirectory(const Entry& entry);
-QV_EXPORT bool QVManifestEntryIsSymlink(const Entry& entry);
-
-// The same without making CF objects, for callers that walk every entry: views that live as long as
-// the entry and its texts stay unchanged.
-QV_EXPORT std::string_view QVManifestEntryGetDomainUTF8(const Entry& entry);
-QV_EXPORT std::string_view QVManifestEntryGetPathUTF8(const Entry& entry);
-QV_EXPORT std::string_view QVManifestEntryGetTargetUTF8(const Entry& entry);
-QV_EXPORT std::string QVManifestEntryCopyFileIDUTF8(const Entry& entry);
-QV_EXPORT std::span<const uint8_t> QVManifestEntryGetDataHashBytes(const Entry& entry);
-QV_EXPORT std::span<const uint8_t> QVManifestEntryGetEncryptionDataBytes(const Entry& entry);
-// Birth, last modification and last status change as absolute times (seconds since 2001).
-QV_EXPORT void QVManifestEntryGetTimes(const Entry& entry, double* birth, double* lastModified,
-                                       double* lastStatusChange);
-
-// Each out-pointer may be null; dates are new objects that the caller releases.
-QV_EXPORT void QVManifestEntryCopyFilesystemAttributes(const Entry& entry, uint16_t* mode, uint32_t* uid, uint32_t* gid,
-                                                       CFDateRef* birth, CFDateRef* lastModified,
-                                                       CFDateRef* lastStatusChange);
-// The content of a regular file, fetched once through the entry's callback; empty for directories
-// and symlinks.
-QV_EXPORT std::shared_ptr<QVFileClass> QVManifestEntryGetFile(const Entry& entry, CFErrorRef* error);
-QV_EXPORT void _QVManifestEntryCloneAttributes(const Entry& destination, const Entry& source);
+// QVManifestEntryCreateCopy with a getter shared by many copies.
+Entry CopyEntrySharingGetter(const Entry& entry, std::shared_ptr<const QVGetFileFunction> getFileFunc);
 
 // Gives a new regular file of an encrypted backup its own key: the entry's file becomes an enciphering
 // copy and its encryption data the wrapped key.
-QV_EXPORT bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryption& encryption,
-                                              CFErrorRef* error);
+bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryption& encryption, CFErrorRef* error);
 // The entry's per-file key, unwrapped once and cached; nothing (and no error) when it has none.
-QV_EXPORT std::optional<std::array<uint8_t, 32>> QVManifestEntryUnlockFileKey(const Entry& entry,
-                                                                              const MB::ManifestEncryption& encryption,
-                                                                              CFErrorRef* error);
-
-// One Manifest.db row to an entry: the MBFile blob decoded, the row's file ID kept as stored. Empty
-// when the blob does not decode (logged).
-QV_EXPORT Entry QVManifestEntryCreateFromMBFileData(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath,
-                                                    int flags, CFDataRef fileData, QVGetFileFunction getFileFunc);
-// The MBFile blob of an entry; empty data when it cannot be made (logged).
-QV_EXPORT CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry);
+std::optional<std::array<uint8_t, 32>> QVManifestEntryUnlockFileKey(const Entry& entry,
+                                                                    const MB::ManifestEncryption& encryption,
+                                                                    CFErrorRef* error);
 
 // The MBFile record of an entry, for the general archiver (MB::File::Encode).
 MB::File MBFileRecordForEntry(const QVManifestEntryClass& entry);
@@ -199,13 +125,9 @@ std::array<uint8_t, 20> FileIDBytesForPath(std::string_view domain, std::string_
 // The raw bytes of a file ID written as 40 lower-case hexadecimal digits; false for any other text.
 bool FileIDBytesFromText(std::string_view text, std::array<uint8_t, 20>& bytes);
 
-// Whether a's "<domain>-<path>" sorts before b's (bytewise), without making either text.
-QV_EXPORT bool DomainPathPairLess(const Entry& a, const Entry& b);
-// The same for the domains and paths as texts.
+// The same as DomainPathPairLess for the domains and paths as texts.
 bool DomainPathTextLess(std::string_view aDomain, std::string_view aPath, std::string_view bDomain,
                         std::string_view bPath);
-
-QV_EXPORT std::string to_string(const Entry& entry);
 
 }  // namespace Quiver
 

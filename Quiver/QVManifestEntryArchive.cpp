@@ -134,16 +134,16 @@ void AppendMBFileData(MB::FileWriter& writer, const QVManifestEntryClass& entry,
     writer.Append(record, out);
 }
 
-CF::Data QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry) {
+CFDataRef QVManifestEntryCreateMBFileDataRepresentation(const Entry& entry) {
     QV_ASSERT(entry);
     try {
         MB::FileWriter writer;
         std::vector<uint8_t> blob;
         AppendMBFileData(writer, *entry, blob);
-        return CF::Data(std::span<const uint8_t>(blob));
+        return CF::Data(std::span<const uint8_t>(blob)).Detach();
     } catch (const std::exception& e) {
         log_fmt(log_level::warning, "Failed to serialize MBFile -- {}", e.what());
-        return CF::Data();
+        return nullptr;
     }
 }
 

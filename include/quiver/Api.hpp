@@ -3,3 +3,5 @@
 #pragma once
 
 #define QUIVER_API __attribute__((visibility("default")))
+// The same mark on the layer beneath the front (the QV functions over CoreFoundation types).
+#define QV_EXPORT QUIVER_API

@@ -182,8 +182,8 @@ TEST_F(RealManifestShape, EveryDeviceRowWrittenAgainKeepsItsShapeAndValues) {
             CF::String(fileID).get(), CF::String(query.getColumn(1).getString()).get(),
             CF::String(query.getColumn(2).getString()).get(), query.getColumn(3).getInt(), deviceData.get(), nullptr);
         ASSERT_TRUE(entry);
-        const CF::Data fromEntry =
-            Quiver::QVManifestEntryCreateMBFileDataRepresentation(Quiver::QVManifestEntryCreateCopy(entry, nullptr));
+        const CF::Data fromEntry = CF::Data::Adopt(
+            Quiver::QVManifestEntryCreateMBFileDataRepresentation(Quiver::QVManifestEntryCreateCopy(entry, nullptr)));
         ASSERT_TRUE(fromEntry);
         EXPECT_EQ(Shape(fromEntry.vector()), shape);
         auto viaEntry = MB::File::Decode(fromEntry.get());
