@@ -116,7 +116,7 @@ int RunListBackups(const ListOptions& o) {
             here = FindBackups(place);
         } else {
             std::string error;
-            if (std::optional<FoundBackup> zip = ReadFoundBackup(place, error))
+            if (std::optional<FoundBackup> zip = ReadFoundBackup(place, error, true))
                 here.push_back(std::move(*zip));
             else
                 Warn(fmt::format("{} is not a readable backup: {}", place, error));
@@ -182,7 +182,7 @@ int RunListBackups(const ListOptions& o) {
 
 }  // namespace
 
-std::optional<FoundBackup> ReadFoundBackup(const std::string& path, std::string& error) {
+std::optional<FoundBackup> ReadFoundBackup(const std::string& path, std::string& error, bool measureSize) {
     FoundBackup found;
     found.path = path;
     try {
@@ -191,7 +191,7 @@ std::optional<FoundBackup> ReadFoundBackup(const std::string& path, std::string&
         error = e.what();
         return std::nullopt;
     }
-    found.size = SizeOnDisk(path);
+    if (measureSize) found.size = SizeOnDisk(path);
     return found;
 }
 
@@ -210,7 +210,7 @@ std::vector<FoundBackup> FindBackups(const std::string& folder) {
     }
     for (const fs::path& candidate : candidates) {
         std::string error;
-        if (std::optional<FoundBackup> backup = ReadFoundBackup(candidate.string(), error))
+        if (std::optional<FoundBackup> backup = ReadFoundBackup(candidate.string(), error, true))
             found.push_back(std::move(*backup));
         else
             Warn(fmt::format("{} is not a readable backup: {}", Printable(candidate.string()), error));

@@ -108,10 +108,11 @@ struct FoundBackup {
 };
 
 // The metadata of a backup directory or zip file, read without its password or manifest; nullopt
-// when the library cannot read it (`error` then says why).
-std::optional<FoundBackup> ReadFoundBackup(const std::string& path, std::string& error);
-// The backups in a folder that is one, or in its subfolders; subfolders that look like backups but
-// cannot be read are named in warnings.
+// when the library cannot read it (`error` then says why). The size on disk, which walks every stored
+// file of a folder, is measured only when asked for.
+std::optional<FoundBackup> ReadFoundBackup(const std::string& path, std::string& error, bool measureSize = false);
+// The backups in a folder that is one, or in its subfolders, with their sizes; subfolders that look
+// like backups but cannot be read are named in warnings.
 std::vector<FoundBackup> FindBackups(const std::string& folder);
 // A folder that holds backups rather than being one ends the command (status 4) with their list.
 void RefuseFolderOfBackups(const std::string& path);
