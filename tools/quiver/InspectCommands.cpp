@@ -202,7 +202,7 @@ int RunList(const ListOptions& o, const GlobalOptions& global) {
     const ListingFormat format = ListingFormatOf(o.json, o.jsonLines, o.longFormat);
     OpenBackup open = LoadBackup(o.backup, global);
     EntryListing listing(format, o.local);
-    for (const quiver::Entry& e : SelectEntries(open.get(), o.domain, o.path)) listing.Add(e);
+    listing.AddAll(SelectEntries(open.get(), o.domain, o.path));
     listing.Finish();
     return kSuccess;
 }
