@@ -13,13 +13,8 @@ using namespace QuiverTest;
 
 namespace {
 
-class FrontTest : public ScratchDirectoryTest {
+class FrontTest : public ScratchBackupTest {
 protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        UseTestTemporaryPath();
-    }
-
     BuiltBackup Build(bool encrypted, const std::string& version = "3.3") {
         return BuildBackup(root / (encrypted ? "enc" : "plain") / version,
                            {.items = SampleItems(), .manifestVersion = version, .encrypted = encrypted});

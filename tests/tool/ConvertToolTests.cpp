@@ -16,8 +16,6 @@ using namespace QuiverToolTest;
 
 namespace {
 
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 const std::vector<std::string> kFast = {"--iterations", "1", "--sha1-iterations", "1"};
 
 class ConvertToolTest : public ScratchToolTest {

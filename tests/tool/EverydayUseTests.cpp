@@ -22,10 +22,6 @@ using namespace QuiverToolTest;
 
 namespace {
 
-std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 // Packs a folder into a new zip with every member below `prefix`, as zipping the folder itself does;
 // `extra` members are added as they are named.
 void ZipFolder(const fs::path& folder, const fs::path& zip, const std::string& prefix,

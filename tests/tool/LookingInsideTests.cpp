@@ -18,8 +18,6 @@ using namespace QuiverToolTest;
 
 namespace {
 
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 std::string Hex(const std::vector<uint8_t>& bytes) {
     std::string text;
     for (uint8_t b : bytes) text += fmt::format("{:02x}", b);

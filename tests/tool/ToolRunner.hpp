@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -12,6 +13,9 @@
 #include <gtest/gtest.h>
 
 namespace QuiverToolTest {
+
+inline bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+inline std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
 
 struct RunResult {
     int status = -1;  // exit status, or 128 + signal number when a signal ended the process

@@ -20,8 +20,6 @@ using namespace QuiverToolTest;
 
 namespace {
 
-std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
-
 class ToolTest : public ScratchToolTest {
 protected:
     BuiltBackup Build(const std::string& name, std::string version, bool encrypted,
@@ -299,8 +297,6 @@ TEST_F(ToolTest, AFailedEditWritesNothing) {
     EXPECT_FALSE(fs::exists(dest));
     EXPECT_EQ(Run({"edit", built.directory.string(), dest, "--put", "HomeDomain", "../x", "/etc/hostname"}).status, 2);
 }
-
-// ---- csv and sample ----
 
 // ---- Temporary storage on a signal ----
 
