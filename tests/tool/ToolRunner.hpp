@@ -11,11 +11,16 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace QuiverToolTest {
 
 inline bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 inline std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+// Each field of `expected` as `actual` holds it (null when absent), named when it differs.
+inline void ExpectFields(const nlohmann::json& actual, const nlohmann::json& expected) {
+    for (const auto& [key, value] : expected.items()) EXPECT_EQ(actual.value(key, nlohmann::json()), value) << key;
+}
 
 struct RunResult {
     int status = -1;  // exit status, or 128 + signal number when a signal ended the process
