@@ -42,12 +42,6 @@ TEST_F(ArrayTest, EditsAndCopiesBalanceRetains) {
     EXPECT_EQ(CFGetRetainCount(other), otherBase);
 }
 
-struct Item {
-    int key, order;
-};
-
-using ArrayDeathTest = ArrayTest;
-
 std::vector<std::string> keys_of(CFDictionaryRef dict) {
     std::vector<const void*> k(static_cast<size_t>(CFDictionaryGetCount(dict)));
     CFDictionaryGetKeysAndValues(dict, k.data(), nullptr);
@@ -140,7 +134,5 @@ TEST_F(DictionaryTest, EqualityIgnoresOrderNumbersMatchByValueAndSetValuesMerges
     EXPECT_EQ(keys(), (std::vector<std::string>{"x", "y", "z"}));
     EXPECT_TRUE(CFEqual(CFDictionaryGetValue(dict, str("x").get()), num(1.5).get()));
 }
-
-using DescriptionTest = DictionaryTest;
 
 }  // namespace

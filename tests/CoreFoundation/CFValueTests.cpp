@@ -1,4 +1,4 @@
-// Data, numbers, booleans, dates and UUIDs, with the data conversions of CFExtension (UTF-8, Base64).
+// Numbers compared across integers and doubles, and the Base64 conversions of CFExtension.
 #include "CFTestRef.hpp"
 
 #include <CoreFoundation/CFExtension.h>
@@ -6,28 +6,12 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
 #include <limits>
-#include <regex>
 #include <vector>
 
 using namespace cftest;
 
 namespace {
-
-Ref<CFDataRef> data(std::initializer_list<UInt8> bytes) {
-    std::vector<UInt8> v(bytes);
-    return Ref<CFDataRef>(CFDataCreate(nullptr, v.data(), static_cast<CFIndex>(v.size())));
-}
-
-template <typename T>
-std::pair<bool, T> get_as(CFNumberRef n, CFNumberType type) {
-    T out{};
-    bool exact = CFNumberGetValue(n, type, &out);
-    return {exact, out};
-}
 
 TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremesAndHashAlikeWhenEqual) {
     const long long max = std::numeric_limits<long long>::max();
@@ -49,16 +33,6 @@ TEST(NumberCompare, IntegersAndDoublesCompareExactlyAtTheExtremesAndHashAlikeWhe
     EXPECT_EQ(CFNumberCompare(num(0LL), nan, nullptr), kCFCompareGreaterThan);
     EXPECT_TRUE(CFEqual(nan.get(), num(std::nan("")).get()));
     EXPECT_EQ(CFHash(nan.get()), CFHash(num(-std::nan("")).get()));
-}
-
-TEST(DataUTF8, ValidTextRoundTripsAndInvalidIsRefused) {
-    Ref<CFDataRef> d(CFDataCreateFromUTF8String(nullptr, "h\xc3\xa9llo"));
-    EXPECT_EQ(CFDataGetLength(d), 6);
-    EXPECT_EQ(take(CFDataCopyUTF8String(d)), "h\xc3\xa9llo");
-    EXPECT_EQ(take(CFDataCopyUTF8String(data({}).get())), "");
-    EXPECT_EQ(CFDataCreateFromUTF8String(nullptr, nullptr), nullptr);
-    for (const auto& bad : {data({0xc3, 0x28}), data({0xc0, 0xaf}), data({0xed, 0xa0, 0x80})})  // broken, overlong, surrogate
-        EXPECT_EQ(CFDataCopyUTF8String(bad), nullptr);
 }
 
 Ref<CFDataRef> from_base64(const char* text) {

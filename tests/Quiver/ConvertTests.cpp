@@ -35,29 +35,10 @@ namespace {
 const fs::path kRealData = QUIVER_REALDATA;
 constexpr QVPasswordParameters kFast{1, 1};
 
-class ConvertTest : public ScratchDirectoryTest {
+class ConvertTest : public ScratchBackupTest {
 protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        UseTestTemporaryPath();
-    }
-
     BuiltBackup build(const std::string& name, const std::string& version, bool encrypted) {
-        BackupDescription description;
-        description.items = SampleItems();
-        description.manifestVersion = version;
-        description.encrypted = encrypted;
-        return BuildBackup(root / name, description);
-    }
-
-    static Backup open(const fs::path& path, const char* password, CF::Error* failure = nullptr, bool zip = false) {
-        CFErrorRef error = nullptr;
-        CF::String pw = password ? CF::String(password) : CF::String();
-        Backup backup = zip ? QVBackupContainerCreateFromZipFile(CF::String(path.string()).get(), pw.get(), nullptr, &error)
-                            : QVBackupContainerCreateFromDirectory(CF::String(path.string()).get(), pw.get(), nullptr, &error);
-        CF::Error e = CF::Error::Adopt(error);
-        if (failure) *failure = e;
-        return backup;
+        return BuildBackup(root / name, {.items = SampleItems(), .manifestVersion = version, .encrypted = encrypted});
     }
 
     static bool decrypt(const Backup& backup, const fs::path& destination, QVConversionOptions options = {},
@@ -184,9 +165,9 @@ TEST_P(EachGeneration, NewPasswordRewritesOnlyManifestPlistAndKeepsTheClassKeys)
     }
     EXPECT_NE(after["Manifest.plist"], before.at("Manifest.plist"));
 
-    EXPECT_FALSE(open(built.directory, "password", &failure));
+    EXPECT_FALSE(OpenBackup(built.directory, "password", &failure));
     EXPECT_EQ(ErrorContextValue(failure, kQVErrorCheckKey), "password");
-    ASSERT_TRUE(open(built.directory, "n3w password", &failure)) << failure.Text();
+    ASSERT_TRUE(OpenBackup(built.directory, "n3w password", &failure)) << failure.Text();
     EXPECT_EQ(plaintexts(ReadBackupIndependently(built.directory, "n3w password")), plaintexts(built));
 
     // The same class keys under the new password, derived in as many passes as before.
@@ -218,14 +199,14 @@ TEST_F(ConvertTest, NewPasswordThatCannotBeWrittenLeavesTheOldManifestPlist) {
     auto expected = before;
     expected.erase("");
     EXPECT_EQ(after, expected);
-    EXPECT_TRUE(open(built.directory, "password"));
+    EXPECT_TRUE(OpenBackup(built.directory, "password"));
 }
 
 // ---- Decrypting ----
 
 TEST_P(EachGeneration, DecryptedBackupIsPlainAsADeviceWritesIt) {
     const BuiltBackup built = build("b", GetParam(), true);
-    Backup source = open(built.directory, "password");
+    Backup source = OpenBackup(built.directory, "password");
     ASSERT_TRUE(source);
     const fs::path out = root / "plain";
     CF::Error failure;
@@ -251,7 +232,7 @@ TEST_P(EachGeneration, DecryptedBackupIsPlainAsADeviceWritesIt) {
     EXPECT_FALSE(manifest.Contains("ManifestKey"));
     EXPECT_EQ(ReadPropertyList(out / "Status.plist").Get<CF::String>("Version").utf8(), GetParam());
 
-    Backup reopened = open(out, nullptr, &failure);
+    Backup reopened = OpenBackup(out, nullptr, &failure);
     ASSERT_TRUE(reopened) << failure.Text();
     EXPECT_FALSE(QVBackupContainerIsEncrypted(reopened));
     for (const Entry& e : QVManifestGetEntries(reopened->manifest)) EXPECT_TRUE(e->encryptionKey().empty());
@@ -266,7 +247,7 @@ TEST_F(ConvertTest, DamagedFilesStopTheDecryptionUnlessLeftOut) {
     std::vector<uint8_t> stored = ReadWholeFile(built.directory / cut.localFilename);
     stored.resize(stored.size() - 16);
     WriteWholeFile(built.directory / cut.localFilename, stored);
-    Backup source = open(built.directory, "password");
+    Backup source = OpenBackup(built.directory, "password");
     ASSERT_TRUE(source);
 
     std::vector<QVConversionProblem> problems;
@@ -294,7 +275,7 @@ TEST_F(ConvertTest, DamagedFilesStopTheDecryptionUnlessLeftOut) {
 
 TEST_P(EachGeneration, EncryptedBackupIsOfTheNewestGenerationAndDecryptsBackToThePlainOne) {
     const BuiltBackup built = build("b", GetParam(), false);
-    Backup plain = open(built.directory, nullptr);
+    Backup plain = OpenBackup(built.directory, nullptr);
     ASSERT_TRUE(plain);
     CF::Error failure;
     ASSERT_TRUE(encrypt(plain, root / "enc", "secret", {}, &failure)) << failure.Text();
@@ -312,7 +293,7 @@ TEST_P(EachGeneration, EncryptedBackupIsOfTheNewestGenerationAndDecryptsBackToTh
     EXPECT_THROW(ReadBackupIndependently(root / "enc", "password"), std::runtime_error);
 
     // Each file under a key of its own: no two wrapped keys alike.
-    Backup encrypted = open(root / "enc", "secret", &failure);
+    Backup encrypted = OpenBackup(root / "enc", "secret", &failure);
     ASSERT_TRUE(encrypted) << failure.Text();
     const MB::KeyBag& keyBag = encrypted->manifestEncryption->GetKeyBag();
     EXPECT_TRUE(keyBag.GetManifestInfo().firstPass);
@@ -326,7 +307,7 @@ TEST_P(EachGeneration, EncryptedBackupIsOfTheNewestGenerationAndDecryptsBackToTh
     EXPECT_EQ(keys.size(), files);
 
     ASSERT_TRUE(decrypt(encrypted, root / "back", {}, nullptr, &failure)) << failure.Text();
-    Backup back = open(root / "back", nullptr, &failure);
+    Backup back = OpenBackup(root / "back", nullptr, &failure);
     ASSERT_TRUE(back) << failure.Text();
     expectSameEntries(plain, back);
     EXPECT_EQ(plaintexts(ReadBackupIndependently(root / "back", "")), plaintexts(built));
@@ -334,20 +315,20 @@ TEST_P(EachGeneration, EncryptedBackupIsOfTheNewestGenerationAndDecryptsBackToTh
 
 TEST_F(ConvertTest, EncryptThenNewPasswordThenDecryptKeepsThePlaintext) {
     const BuiltBackup built = build("b", "3.3", false);
-    Backup plain = open(built.directory, nullptr);
+    Backup plain = OpenBackup(built.directory, nullptr);
     ASSERT_TRUE(plain);
     CF::Error failure;
     ASSERT_TRUE(encrypt(plain, root / "enc.zip", "first", {true, false}, &failure)) << failure.Text();
-    Backup zipped = open(root / "enc.zip", "first", &failure, true);
+    Backup zipped = OpenBackup(root / "enc.zip", "first", &failure);
     ASSERT_TRUE(zipped) << failure.Text();
     ASSERT_TRUE(QVBackupContainerExportToDirectory(zipped, CF::String((root / "enc").string()).get(), nullptr));
     zipped.reset();
 
     ASSERT_TRUE(passwd(root / "enc", "first", "second", &failure)) << failure.Text();
-    Backup encrypted = open(root / "enc", "second", &failure);
+    Backup encrypted = OpenBackup(root / "enc", "second", &failure);
     ASSERT_TRUE(encrypted) << failure.Text();
     ASSERT_TRUE(decrypt(encrypted, root / "back", {}, nullptr, &failure)) << failure.Text();
-    Backup back = open(root / "back", nullptr, &failure);
+    Backup back = OpenBackup(root / "back", nullptr, &failure);
     ASSERT_TRUE(back) << failure.Text();
     expectSameEntries(plain, back);
 }
@@ -367,7 +348,7 @@ TEST_P(EachEncryption, ManifestMbdbBackupMovesToManifestDBAndReadsTheSame) {
     const char* password = encrypted ? "password" : nullptr;
     const BuiltBackup built = build("b", "2.4", encrypted);
     const auto before = SnapshotTree(built.directory);
-    Backup source = open(built.directory, password);
+    Backup source = OpenBackup(built.directory, password);
     ASSERT_TRUE(source);
     const fs::path out = root / "db";
     CF::Error failure;
@@ -401,7 +382,7 @@ TEST_P(EachEncryption, ManifestMbdbBackupMovesToManifestDBAndReadsTheSame) {
         EXPECT_TRUE(e.digestMatches) << e.relativePath;
     }
 
-    Backup upgraded = open(out, password, &failure);
+    Backup upgraded = OpenBackup(out, password, &failure);
     ASSERT_TRUE(upgraded) << failure.Text();
     EXPECT_EQ(upgraded->manifestVersion, QVManifestDataVersion33);
     expectSameEntries(source, upgraded, true);
@@ -410,13 +391,13 @@ TEST_P(EachEncryption, ManifestMbdbBackupMovesToManifestDBAndReadsTheSame) {
     EXPECT_TRUE(keyBag.GetManifestInfo().firstPass);
     EXPECT_EQ(keyBag.GetManifestInfo().dpic, kFast.iterations);
     EXPECT_EQ(keyBag.GetUnlockedKeys(), built.encryption->GetKeyBag().GetUnlockedKeys());
-    EXPECT_FALSE(open(out, "not the password"));
+    EXPECT_FALSE(OpenBackup(out, "not the password", &failure));
 }
 
 // A backup with Manifest.db already is written as it is; damaged files as for the other conversions.
 TEST_F(ConvertTest, ManifestDBBackupIsWrittenAsItIsAndDamageStopsTheMove) {
     const BuiltBackup db = build("db", "3.0", true);
-    Backup source = open(db.directory, "password");
+    Backup source = OpenBackup(db.directory, "password");
     ASSERT_TRUE(source);
     CF::Error failure;
     ASSERT_TRUE(withManifestDB(source, root / "same", {}, nullptr, &failure)) << failure.Text();
@@ -426,7 +407,7 @@ TEST_F(ConvertTest, ManifestDBBackupIsWrittenAsItIsAndDamageStopsTheMove) {
     const BuiltBackup mbdb = build("mbdb", "2.4", true);
     const BuiltItem& gone = mbdb.Item("HomeDomain", "Library/Preferences/block.bin");
     fs::remove(mbdb.directory / gone.localFilename);
-    source = open(mbdb.directory, "password");
+    source = OpenBackup(mbdb.directory, "password");
     ASSERT_TRUE(source);
     std::vector<QVConversionProblem> problems;
     EXPECT_FALSE(withManifestDB(source, root / "out.zip", {true, false}, &problems, &failure));
@@ -435,7 +416,7 @@ TEST_F(ConvertTest, ManifestDBBackupIsWrittenAsItIsAndDamageStopsTheMove) {
     ASSERT_EQ(problems.size(), 1u);
     EXPECT_EQ(problems[0].fileID, gone.fileID);
     ASSERT_TRUE(withManifestDB(source, root / "out.zip", {true, true}, nullptr, &failure)) << failure.Text();
-    Backup zipped = open(root / "out.zip", "password", &failure, true);
+    Backup zipped = OpenBackup(root / "out.zip", "password", &failure);
     ASSERT_TRUE(zipped) << failure.Text();
     EXPECT_EQ(zipped->manifestVersion, QVManifestDataVersion33);
     EXPECT_FALSE(QVBackupContainerGetEntryForPath(zipped, CFSTR("HomeDomain"), CFSTR("Library/Preferences/block.bin")));
@@ -496,7 +477,7 @@ std::string sha256(const std::vector<uint8_t>& bytes) {
 TEST_F(ConvertTest, RealIOS9BackupDecryptsToItsAnswersAndTakesANewPassword) {
     const fs::path real = kRealData / "hv20-encrypted-mbdb";
     if (!fs::exists(real / "answer_key.tsv")) GTEST_SKIP() << "no real data at " << real;
-    Backup source = open(real / "backup", "20201225");
+    Backup source = OpenBackup(real / "backup", "20201225");
     ASSERT_TRUE(source);
     std::vector<QVConversionProblem> problems;
     CF::Error failure;
@@ -531,23 +512,26 @@ TEST_F(ConvertTest, RealIOS9BackupDecryptsToItsAnswersAndTakesANewPassword) {
     EXPECT_EQ(matched, 320);
 
     // Encrypted again, it is a backup of the newest generation that reads to the same answers.
-    Backup plainSource = open(root / "plain", nullptr, &failure);
+    Backup plainSource = OpenBackup(root / "plain", nullptr, &failure);
     ASSERT_TRUE(plainSource) << failure.Text();
     ASSERT_TRUE(encrypt(plainSource, root / "enc", "again", {}, &failure)) << failure.Text();
     const IndependentBackup encrypted = ReadBackupIndependently(root / "enc", "again");
     EXPECT_TRUE(encrypted.manifestEnciphered);
     EXPECT_EQ(encrypted.manifestName, "Manifest.db");
-    size_t same = 0;
-    for (const IndependentEntry& e : encrypted.entries)
-        if (e.kind == IndependentEntry::Kind::File) same += decrypted.at(e.fileID) == sha256(e.plaintext);
-    EXPECT_EQ(same, 320u);
+    auto matching = [&](const IndependentBackup& backup) {  // files that read to the plaintext decrypted first
+        size_t same = 0;
+        for (const IndependentEntry& e : backup.entries)
+            if (e.kind == IndependentEntry::Kind::File) same += decrypted.at(e.fileID) == sha256(e.plaintext);
+        return same;
+    };
+    EXPECT_EQ(matching(encrypted), 320u);
 
     // Moved to Manifest.db (without the file it lacks), it reads the same under the same password, and
     // to the same answers in the independent reader.
-    source = open(real / "backup", "20201225");
+    source = OpenBackup(real / "backup", "20201225");
     ASSERT_TRUE(source);
     ASSERT_TRUE(withManifestDB(source, root / "db", {false, true}, nullptr, &failure)) << failure.Text();
-    Backup upgraded = open(root / "db", "20201225", &failure);
+    Backup upgraded = OpenBackup(root / "db", "20201225", &failure);
     ASSERT_TRUE(upgraded) << failure.Text();
     EXPECT_TRUE(QVBackupContainerHasEncipheredManifest(upgraded));
     EXPECT_TRUE(upgraded->manifestEncryption->GetKeyBag().GetManifestInfo().firstPass);
@@ -559,16 +543,13 @@ TEST_F(ConvertTest, RealIOS9BackupDecryptsToItsAnswersAndTakesANewPassword) {
     const IndependentBackup db = ReadBackupIndependently(root / "db", "20201225");
     EXPECT_EQ(db.manifestName, "Manifest.db");
     EXPECT_TRUE(db.manifestEnciphered);
-    same = 0;
-    for (const IndependentEntry& e : db.entries)
-        if (e.kind == IndependentEntry::Kind::File) same += decrypted.at(e.fileID) == sha256(e.plaintext);
-    EXPECT_EQ(same, 320u);
+    EXPECT_EQ(matching(db), 320u);
 
     // A copy outside the project; the real folder is never written.
     fs::copy(real / "backup", root / "copy", fs::copy_options::recursive);
     ASSERT_TRUE(passwd(root / "copy", "20201225", "changed", &failure)) << failure.Text();
-    EXPECT_FALSE(open(root / "copy", "20201225"));
-    Backup changed = open(root / "copy", "changed", &failure);
+    EXPECT_FALSE(OpenBackup(root / "copy", "20201225", &failure));
+    Backup changed = OpenBackup(root / "copy", "changed", &failure);
     ASSERT_TRUE(changed) << failure.Text();
     EXPECT_FALSE(changed->manifestEncryption->GetKeyBag().GetManifestInfo().firstPass);
 }

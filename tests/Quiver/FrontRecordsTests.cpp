@@ -16,13 +16,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class FrontRecords : public ScratchDirectoryTest {
+class FrontRecords : public ScratchBackupTest {
 protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        UseTestTemporaryPath();
-    }
-
     BuiltBackup build(const std::string& name, BackupDescription description) {
         return BuildBackup(root / name, description);
     }

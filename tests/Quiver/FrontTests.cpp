@@ -13,19 +13,11 @@ using namespace QuiverTest;
 
 namespace {
 
-class FrontTest : public ScratchDirectoryTest {
+class FrontTest : public ScratchBackupTest {
 protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        UseTestTemporaryPath();
-    }
-
     BuiltBackup Build(bool encrypted, const std::string& version = "3.3") {
-        BackupDescription description;
-        description.items = SampleItems();
-        description.encrypted = encrypted;
-        description.manifestVersion = version;
-        return BuildBackup(root / (encrypted ? "enc" : "plain") / version, description);
+        return BuildBackup(root / (encrypted ? "enc" : "plain") / version,
+                           {.items = SampleItems(), .manifestVersion = version, .encrypted = encrypted});
     }
 };
 

@@ -22,13 +22,8 @@ namespace {
 
 std::string text(CFStringRef s) { return CF::String::Retain(s).utf8(); }
 
-class ManifestDBTest : public QuiverTest::ScratchDirectoryTest {
+class ManifestDBTest : public QuiverTest::ScratchBackupTest {
 protected:
-    void SetUp() override {
-        ScratchDirectoryTest::SetUp();
-        QuiverTest::UseTestTemporaryPath();
-    }
-
     fs::path save(const std::vector<std::byte>& bytes, const char* name = "Manifest.db") {
         fs::path p = root / name;
         std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),

@@ -290,10 +290,9 @@ BuiltBackup BuildBackup(const fs::path& directory, const BackupDescription& d) {
     CF::Data manifestKey;
     if (enciphered) manifestKey = built.encryption->LockKey(kManifestKeyClass, *built.manifestKey);
     const std::string udid = RandomHex(20);
-    WritePropertyList(directory / "Manifest.plist", ManifestPlist(d, keyBag.CopyData(), manifestKey, udid).get(),
-                      d.xmlMetadata);
-    WritePropertyList(directory / "Status.plist", StatusPlist(d).get(), d.xmlMetadata);
-    if (d.writeInfoPlist) WritePropertyList(directory / "Info.plist", InfoPlist(d, udid).get(), true);
+    WritePropertyList(directory / "Manifest.plist", ManifestPlist(d, keyBag.CopyData(), manifestKey, udid).get());
+    WritePropertyList(directory / "Status.plist", StatusPlist(d).get());
+    WritePropertyList(directory / "Info.plist", InfoPlist(d, udid).get(), true);
     return built;
 }
 

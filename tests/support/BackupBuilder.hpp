@@ -7,7 +7,7 @@
 // the key classes, ciphertext from the cryptor. The fixed parts follow what devices write:
 //
 // - Manifest.plist and Status.plist are binary property lists, Info.plist an XML one (the host
-//   writes it); `xmlMetadata` makes all three XML.
+//   writes it).
 // - Manifest.plist holds "IsEncrypted", "Version" ("9.1" beside Manifest.mbdb, "10.0" beside
 //   Manifest.db), "SystemDomainsVersion" (the string "24.0"), "Date", "WasPasscodeSet",
 //   "Applications", "Lockdown" (with "ProductVersion" and "DeviceName") and a "BackupKeyBag" (plain
@@ -77,10 +77,8 @@ struct BackupDescription {
     bool encrypted = false;
     std::string password = "password";
     MB::KeyBagParameters keyBag{.version = 3, .type = 1, .iterations = 1, .dpIterations = 1, .dpwt = 1};
-    bool writeInfoPlist = true;
     // Devices of the Manifest.db era mostly leave the digest out.
     bool recordDigests = true;
-    bool xmlMetadata = false;
     std::string deviceName = "Test Device";
     std::string productVersion = "14.3";
     std::string buildVersion = "18C66";

@@ -16,8 +16,6 @@ using namespace QuiverToolTest;
 
 namespace {
 
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 const std::vector<std::string> kFast = {"--iterations", "1", "--sha1-iterations", "1"};
 
 class ConvertToolTest : public ScratchToolTest {
@@ -29,11 +27,7 @@ protected:
     }
 
     BuiltBackup Build(const std::string& name, bool encrypted, const std::string& version = "3.3") {
-        BackupDescription description;
-        description.items = SampleItems();
-        description.encrypted = encrypted;
-        description.manifestVersion = version;
-        return BuildBackup(work_ / name, description);
+        return BuildBackup(work_ / name, {.items = SampleItems(), .manifestVersion = version, .encrypted = encrypted});
     }
 
     std::string Cat(const fs::path& backup, const std::string& password, const std::string& domain,
@@ -45,12 +39,23 @@ protected:
         return r.out;
     }
 
+    // Every file of `built` reads through the tool from `backup` as it was written.
+    void ExpectEveryFile(const BuiltBackup& built, const fs::path& backup, const std::string& password) {
+        for (const BuiltItem& item : built.items) {
+            if (item.kind != ItemKind::File) continue;
+            int status = -1;
+            EXPECT_EQ(Cat(backup, password, item.domain, item.relativePath, &status),
+                      std::string(item.content.begin(), item.content.end()))
+                << item.relativePath;
+            EXPECT_EQ(status, 0);
+        }
+    }
 };
 
 TEST_F(ConvertToolTest, PasswdTakesTheNewPasswordFromAFileOrTheEnvironment) {
     const BuiltBackup built = Build("b", true, "2.4");
-    const std::string large = std::string(built.Item("AppDomain-com.example.notes", "Documents/large.db").content.begin(),
-                                          built.Item("AppDomain-com.example.notes", "Documents/large.db").content.end());
+    const std::vector<uint8_t>& content = built.Item("AppDomain-com.example.notes", "Documents/large.db").content;
+    const std::string large(content.begin(), content.end());
     std::ofstream(work_ / "new.txt") << "from a file\n";
     RunResult r = Run({"passwd", built.directory.string(), "--new-password-file", (work_ / "new.txt").string()},
                       {{"QUIVER_PASSWORD", "password"}}, true);
@@ -96,14 +101,7 @@ TEST_F(ConvertToolTest, EncryptThenDecryptGivesThePlainFilesBack) {
     EXPECT_TRUE(Contains(r.out, "3.3")) << r.out;
     r = Run({"decrypt", (work_ / "enc.zip").string(), (work_ / "back").string()}, {{"QUIVER_PASSWORD", "secret"}});
     ASSERT_EQ(r.status, 0) << r.err;
-    for (const BuiltItem& item : built.items) {
-        if (item.kind != ItemKind::File) continue;
-        int status = -1;
-        EXPECT_EQ(Cat(work_ / "back", "", item.domain, item.relativePath, &status),
-                  std::string(item.content.begin(), item.content.end()))
-            << item.relativePath;
-        EXPECT_EQ(status, 0);
-    }
+    ExpectEveryFile(built, work_ / "back", "");
     // Each refuses the other's kind of backup.
     r = Run({"encrypt", (work_ / "enc.zip").string(), (work_ / "again").string()},
             {{"QUIVER_PASSWORD", "secret"}, {"QUIVER_NEW_PASSWORD", "x"}}, true);
@@ -147,14 +145,7 @@ TEST_F(ConvertToolTest, ExportWithManifestDBMovesAManifestMbdbBackup) {
     EXPECT_FALSE(fs::exists(moved / "Manifest.mbdb"));
     r = Run({"info", moved.string()});
     EXPECT_TRUE(Contains(r.out, "3.3")) << r.out;
-    for (const BuiltItem& item : built.items) {
-        if (item.kind != ItemKind::File) continue;
-        int status = -1;
-        EXPECT_EQ(Cat(moved, "password", item.domain, item.relativePath, &status),
-                  std::string(item.content.begin(), item.content.end()))
-            << item.relativePath;
-        EXPECT_EQ(status, 0);
-    }
+    ExpectEveryFile(built, moved, "password");
 
     r = Run({"export", moved.string(), (work_ / "again.zip").string(), "--manifest", "db"},
             {{"QUIVER_PASSWORD", "password"}});

@@ -22,10 +22,6 @@ using namespace QuiverToolTest;
 
 namespace {
 
-std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
-
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 // Packs a folder into a new zip with every member below `prefix`, as zipping the folder itself does;
 // `extra` members are added as they are named.
 void ZipFolder(const fs::path& folder, const fs::path& zip, const std::string& prefix,
@@ -73,22 +69,14 @@ TEST_F(Info, AnEncryptedBackupShowsItsMetadataWithoutThePassword) {
         RunResult r = Run({"info", dir, "--json"});
         ASSERT_EQ(r.status, 0) << r.err;
         json info = json::parse(r.out);
-        EXPECT_EQ(info["deviceName"], "Test Device");
-        EXPECT_EQ(info["productType"], "Device9,3");
-        EXPECT_EQ(info["productVersion"], "14.3");
-        EXPECT_EQ(info["encrypted"], true);
-        EXPECT_EQ(info["manifestEnciphered"], c.twoPasses);
-        EXPECT_EQ(info["version"], c.version);
-        EXPECT_EQ(info["manifestFile"], c.manifestFile);
-        EXPECT_EQ(info["date"], "2021-01-01T00:00:00Z");
-        EXPECT_EQ(info["complete"], true);
+        ExpectFields(info, {{"deviceName", "Test Device"}, {"productType", "Device9,3"}, {"productVersion", "14.3"},
+                            {"encrypted", true}, {"manifestEnciphered", c.twoPasses}, {"version", c.version},
+                            {"manifestFile", c.manifestFile}, {"date", "2021-01-01T00:00:00Z"}, {"complete", true},
+                            {"manifestRead", false}, {"files", nullptr}, {"directories", nullptr}, {"symlinks", nullptr},
+                            {"totalSize", nullptr}, {"domains", nullptr}});
         EXPECT_TRUE(info["backupID"].is_string());
-        EXPECT_EQ(info["keyBag"]["iterations"], 7);
-        EXPECT_EQ(info["keyBag"]["passes"], c.twoPasses ? 2 : 1);
-        EXPECT_EQ(info["keyBag"]["dpIterations"], c.twoPasses ? json(3) : json(nullptr));
-        EXPECT_EQ(info["keyBag"]["classes"], 11);
-        EXPECT_EQ(info["manifestRead"], false);
-        for (const char* count : {"files", "directories", "symlinks", "totalSize", "domains"}) EXPECT_TRUE(info[count].is_null()) << count;
+        ExpectFields(info["keyBag"], {{"iterations", 7}, {"passes", c.twoPasses ? 2 : 1}, {"classes", 11},
+                                      {"dpIterations", c.twoPasses ? json(3) : json(nullptr)}});
 
         RunResult text = Run({"info", dir});
         ASSERT_EQ(text.status, 0) << text.err;
@@ -111,12 +99,8 @@ TEST_F(Info, ARealEncryptedBackupShowsWhichPhoneItCameFrom) {
     RunResult r = Run({"info", (folder / "backup").string(), "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
     json info = json::parse(r.out);
-    EXPECT_EQ(info["deviceName"], "Santas Phone");
-    EXPECT_EQ(info["productVersion"], "9.3.6");
-    EXPECT_EQ(info["version"], "2.4");
-    EXPECT_EQ(info["keyBag"]["passes"], 1);
-    EXPECT_EQ(info["keyBag"]["iterations"], 10000);
-    EXPECT_TRUE(info["files"].is_null());
+    ExpectFields(info, {{"deviceName", "Santas Phone"}, {"productVersion", "9.3.6"}, {"version", "2.4"}, {"files", nullptr}});
+    ExpectFields(info["keyBag"], {{"passes", 1}, {"iterations", 10000}});
     RunResult unlocked = Run({"info", (folder / "backup").string(), "--json"}, "20201225");
     ASSERT_EQ(unlocked.status, 0) << unlocked.err;
     EXPECT_GT(json::parse(unlocked.out)["files"], 300);
@@ -145,17 +129,12 @@ TEST_F(List, FindsTheBackupsInAFolderOrTheFolderItself) {
     ASSERT_EQ(r.status, 0) << r.err;
     json list = json::parse(r.out);
     ASSERT_EQ(list.size(), 2u) << r.out;
-    EXPECT_EQ(list[0]["path"], plain.directory.string());
-    EXPECT_EQ(list[0]["deviceName"], "Plain Phone");
-    EXPECT_EQ(list[0]["encrypted"], false);
-    EXPECT_EQ(list[1]["deviceName"], "Locked Phone");
-    EXPECT_EQ(list[1]["productVersion"], "16.1");
-    EXPECT_EQ(list[1]["encrypted"], true);
-    EXPECT_EQ(list[1]["date"], "2021-01-01T00:00:00Z");
     uint64_t onDisk = 0;
     for (const auto& e : fs::recursive_directory_iterator(plain.directory))
         if (e.is_regular_file()) onDisk += e.file_size();
-    EXPECT_EQ(list[0]["size"], onDisk);
+    ExpectFields(list[0], {{"path", plain.directory.string()}, {"deviceName", "Plain Phone"}, {"encrypted", false}, {"size", onDisk}});
+    ExpectFields(list[1], {{"deviceName", "Locked Phone"}, {"productVersion", "16.1"}, {"encrypted", true},
+                           {"date", "2021-01-01T00:00:00Z"}});
     EXPECT_TRUE(Contains(r.err, "broken is not a readable backup")) << r.err;
 
     RunResult text = Run({"list", folder.string()});

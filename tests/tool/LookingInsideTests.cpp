@@ -18,8 +18,6 @@ using namespace QuiverToolTest;
 
 namespace {
 
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 std::string Hex(const std::vector<uint8_t>& bytes) {
     std::string text;
     for (uint8_t b : bytes) text += fmt::format("{:02x}", b);
@@ -135,23 +133,16 @@ TEST_F(Stat, ShowsEveryFieldOfAnEncryptedFile) {
 
     json stat = RunJson({"stat", built.directory.string(), "AppDomain-com.example.notes", "Documents/large.db", "--json"},
                         "password");
-    EXPECT_EQ(stat["type"], "file");
-    EXPECT_EQ(stat["fileID"], item.fileID);
-    EXPECT_EQ(stat["mode"], 0100600);
-    EXPECT_EQ(stat["modeText"], "-rw-------");
-    EXPECT_EQ(stat["size"], 100000);
-    for (const char* time : {"birth", "mtime", "ctime"}) EXPECT_EQ(stat[time], 1600000000) << time;
-    EXPECT_EQ(stat["protectionClass"], 1);
-    EXPECT_EQ(stat["digest"], Hex(item.digest));
-    EXPECT_EQ(stat["hasKey"], true);
-    EXPECT_EQ(stat["storedName"], item.localFilename);
-    EXPECT_EQ(stat["storedSize"], fs::file_size(built.directory / item.localFilename));
+    ExpectFields(stat, {{"type", "file"}, {"fileID", item.fileID}, {"mode", 0100600}, {"modeText", "-rw-------"},
+                        {"size", 100000}, {"birth", 1600000000}, {"mtime", 1600000000}, {"ctime", 1600000000},
+                        {"protectionClass", 1}, {"digest", Hex(item.digest)}, {"hasKey", true},
+                        {"storedName", item.localFilename},
+                        {"storedSize", fs::file_size(built.directory / item.localFilename)},
+                        {"target", nullptr}, {"storedProblem", nullptr}});
     EXPECT_EQ(stat["storedSize"].get<uint64_t>() % 16, 0u);  // the ciphertext, not the plaintext
-    EXPECT_TRUE(stat["target"].is_null());
-    EXPECT_TRUE(stat["storedProblem"].is_null());
-    EXPECT_EQ(stat["extendedAttributes"]["com.example.tag"], json({{"hex", "0102"}}));
-    EXPECT_EQ(stat["extendedAttributes"]["com.example.text"], json({{"text", "hi"}}));
-    EXPECT_EQ(stat["extendedAttributes"]["com.example.plist"], json({{"plist", {{"color", "green"}}}}));
+    ExpectFields(stat["extendedAttributes"], {{"com.example.tag", {{"hex", "0102"}}},
+                                              {"com.example.text", {{"text", "hi"}}},
+                                              {"com.example.plist", {{"plist", {{"color", "green"}}}}}});
 
     json other = RunJson({"stat", built.directory.string(), "HomeDomain", "Library/Preferences/one.txt", "--json"}, "password");
     EXPECT_NE(other["inode"], 0);
@@ -226,10 +217,8 @@ TEST_F(Domains, CountsEachDomainAndTheAppsWithData) {
     // The empty app has no data and the group is no app; the widget counts with its app.
     ASSERT_EQ(out["apps"].size(), 1u) << out["apps"].dump();
     const json& notes = out["apps"][0];
-    EXPECT_EQ(notes["bundleID"], "com.example.notes");
-    EXPECT_EQ(notes["files"], 2);
-    EXPECT_EQ(notes["size"], 100005);
-    EXPECT_EQ(notes["domains"], json({"AppDomain-com.example.notes", "AppDomainPlugin-com.example.notes.widget"}));
+    ExpectFields(notes, {{"bundleID", "com.example.notes"}, {"files", 2}, {"size", 100005},
+                         {"domains", {"AppDomain-com.example.notes", "AppDomainPlugin-com.example.notes.widget"}}});
 
     RunResult text = Run({"domains", built.directory.string()}, "password");
     ASSERT_EQ(text.status, 0) << text.err;

@@ -4,14 +4,23 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace QuiverToolTest {
+
+inline bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+inline std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
+// Each field of `expected` as `actual` holds it (null when absent), named when it differs.
+inline void ExpectFields(const nlohmann::json& actual, const nlohmann::json& expected) {
+    for (const auto& [key, value] : expected.items()) EXPECT_EQ(actual.value(key, nlohmann::json()), value) << key;
+}
 
 struct RunResult {
     int status = -1;  // exit status, or 128 + signal number when a signal ended the process
@@ -26,11 +35,6 @@ using Environment = std::map<std::string, std::string>;
 
 // Runs the tool to completion with standard input from /dev/null.
 RunResult RunTool(const std::vector<std::string>& args, const Environment& env);
-
-// Runs the tool with standard input on a terminal of its own (a pseudo-terminal), as a person at a
-// prompt runs it: once `prompt` has appeared on standard error, `typed` is typed.
-RunResult RunToolOnTerminal(const std::vector<std::string>& args, const Environment& env, const std::string& prompt,
-                            const std::string& typed);
 
 // A running tool whose standard output is a pipe the test reads when it chooses.
 class RunningTool {

@@ -20,8 +20,6 @@ using namespace QuiverToolTest;
 
 namespace {
 
-std::string Bytes(const std::vector<uint8_t>& v) { return std::string(v.begin(), v.end()); }
-
 class ToolTest : public ScratchToolTest {
 protected:
     BuiltBackup Build(const std::string& name, std::string version, bool encrypted,
@@ -64,13 +62,8 @@ TEST_P(EveryKindOfBackup, InfoListAndCatShowWhatTheBackupHolds) {
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");  // no progress when standard error is not a terminal
     json info = json::parse(r.out);
-    EXPECT_EQ(info["encrypted"], GetParam().encrypted);
-    EXPECT_EQ(info["version"], GetParam().version);
-    EXPECT_EQ(info["deviceName"], "Test Device");
-    EXPECT_EQ(info["files"], 5);
-    EXPECT_EQ(info["directories"], 5);
-    EXPECT_EQ(info["symlinks"], 1);
-    EXPECT_EQ(info["totalSize"], 0 + 1 + 16 + 17 + 100000);
+    ExpectFields(info, {{"encrypted", GetParam().encrypted}, {"version", GetParam().version}, {"deviceName", "Test Device"},
+                        {"files", 5}, {"directories", 5}, {"symlinks", 1}, {"totalSize", 0 + 1 + 16 + 17 + 100000}});
     EXPECT_NE(Run({"info", path_}, password_).out.find("Encrypted:        "), std::string::npos);
 
     RunResult ls = Run({"ls", path_, "--json"}, password_);
@@ -92,9 +85,7 @@ TEST_P(EveryKindOfBackup, InfoListAndCatShowWhatTheBackupHolds) {
         EXPECT_EQ(cat.out, Bytes(item.content)) << item.relativePath;
     }
     const json& large = *std::find_if(list.begin(), list.end(), [](const json& e) { return e["path"] == "Documents/large.db"; });
-    EXPECT_EQ(large["mode"], 0100600);
-    EXPECT_EQ(large["mtime"], 1600000000);
-    EXPECT_EQ(large["protectionClass"], 1);
+    ExpectFields(large, {{"mode", 0100600}, {"mtime", 1600000000}, {"protectionClass", 1}});
     const json& link = *std::find_if(list.begin(), list.end(), [](const json& e) { return e["type"] == "symlink"; });
     EXPECT_EQ(link["target"], "Preferences");
 
@@ -299,8 +290,6 @@ TEST_F(ToolTest, AFailedEditWritesNothing) {
     EXPECT_FALSE(fs::exists(dest));
     EXPECT_EQ(Run({"edit", built.directory.string(), dest, "--put", "HomeDomain", "../x", "/etc/hostname"}).status, 2);
 }
-
-// ---- csv and sample ----
 
 // ---- Temporary storage on a signal ----
 

@@ -28,10 +28,6 @@ protected:
     static std::vector<uint8_t> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
     static std::vector<uint8_t> ReadAll(const fs::path& path) { return readable_file(path).read_whole_file(1 << 20); }
 
-    static std::size_t OpenDescriptorCount() {
-        return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
-    }
-
     // Runs f, expecting a system_error with the given errno whose text names path.
     template <typename F>
     static void ExpectSystemError(F f, int err, const fs::path& path) {
