@@ -150,6 +150,26 @@ TEST_F(List, FindsTheBackupsInAFolderOrTheFolderItself) {
     EXPECT_EQ(Run({"list", (folder / "not-a-backup").string()}).status, 1);
 }
 
+// Pointing a command at the folder that holds backups is the commonest slip; each command names the
+// backups there instead of calling a metadata file missing.
+TEST_F(List, EveryCommandGivenAFolderOfBackupsListsThem) {
+    const fs::path folder = work_ / "Backup";
+    Build(folder / "first", {.items = SampleItems(), .deviceName = "First Phone"});
+    Build(folder / "second", {.items = SampleItems(), .encrypted = true, .deviceName = "Second Phone"});
+    const std::string dir = folder.string();
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"info", dir}, {"ls", dir}, {"cat", dir, "HomeDomain", "x"},
+          {"extract", dir, (work_ / "out").string()}, {"export", dir, (work_ / "copy").string()}}) {
+        RunResult r = Run(args);
+        EXPECT_EQ(r.status, 4) << args[0];
+        EXPECT_TRUE(Contains(r.err, dir + " is a folder that holds 2 backups, not a backup")) << r.err;
+        EXPECT_TRUE(Contains(r.err, (folder / "first").string() + "  (First Phone, iOS 14.3")) << r.err;
+        EXPECT_TRUE(Contains(r.err, (folder / "second").string() + "  (Second Phone")) << r.err;
+        EXPECT_FALSE(Contains(r.err, "is missing")) << r.err;
+    }
+    EXPECT_FALSE(fs::exists(work_ / "copy"));
+}
+
 // ---- zip files ----
 
 using Zip = EverydayTest;
@@ -188,6 +208,25 @@ TEST_F(Zip, ABackupBelowOneTopLevelFolderOpens) {
 // ---- the command line ----
 
 using CommandLine = EverydayTest;
+
+TEST_F(CommandLine, PasswordsThatCannotBeUsedSayWhy) {
+    BuiltBackup built = Build(work_ / "enc", {.items = SampleItems(), .encrypted = true});
+    RunResult folder = Run({"--password-file", work_.string(), "ls", built.directory.string()});
+    EXPECT_EQ(folder.status, 3);
+    EXPECT_TRUE(Contains(folder.err, "is a folder, not a file")) << folder.err;
+
+    // Typed at a terminal: an empty password is refused as such, a right one opens the backup.
+    Environment env{{"TMPDIR", (work_ / "tmp").string()}};
+    RunResult empty = RunToolOnTerminal({"ls", built.directory.string()}, env, "Password for", "\n");
+    EXPECT_EQ(empty.status, 3);
+    EXPECT_TRUE(Contains(empty.err, "the password typed for " + built.directory.string() + " is empty")) << empty.err;
+    EXPECT_FALSE(Contains(empty.err, "on a terminal")) << empty.err;
+
+    RunResult typed = RunToolOnTerminal({"cat", built.directory.string(), "HomeDomain", "Library/Preferences/one.txt"},
+                                        env, "Password for", "password\n");
+    EXPECT_EQ(typed.status, 0) << typed.err;
+    EXPECT_EQ(typed.out, "1");
+}
 
 // `quiver ls --json B | head -1`: the reader has what it wanted, and the tool ends quietly.
 TEST_F(CommandLine, AReaderThatStopsEarlyEndsTheToolWithStatusZero) {

@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,8 +42,9 @@ std::vector<std::string> ChildEnvironment(const Environment& env) {
     return result;
 }
 
-// Forks and execs the tool; stdout and stderr go to the given pipe ends, stdin comes from /dev/null.
-pid_t Spawn(const std::vector<std::string>& args, const Environment& env, int outFd, int errFd) {
+// Forks and execs the tool; stdout and stderr go to the given pipe ends, stdin comes from
+// /dev/null or, with a terminal's descriptor, from that terminal, made the child's own.
+pid_t Spawn(const std::vector<std::string>& args, const Environment& env, int outFd, int errFd, int terminalFd = -1) {
     std::vector<std::string> environment = ChildEnvironment(env);
     std::vector<char*> argv{const_cast<char*>(QUIVER_TOOL)};
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -52,7 +55,14 @@ pid_t Spawn(const std::vector<std::string>& args, const Environment& env, int ou
     pid_t pid = fork();
     if (pid < 0) throw std::runtime_error("fork failed");
     if (pid == 0) {
-        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+        if (terminalFd >= 0) {
+            setsid();
+            ioctl(terminalFd, TIOCSCTTY, 0);
+            dup2(terminalFd, STDIN_FILENO);
+        } else {
+            int in = open("/dev/null", O_RDONLY);
+            dup2(in, STDIN_FILENO);
+        }
         dup2(outFd, STDOUT_FILENO);
         dup2(errFd, STDERR_FILENO);
         alarm(kTimeLimitSeconds);  // survives the exec: a hung tool ends on SIGALRM and the test sees it
@@ -76,29 +86,40 @@ RunResult Reap(pid_t pid) {
     return result;
 }
 
-// Reads the child's standard output and error until both close, then reaps it.
-RunResult Collect(pid_t pid, Pipe& out, Pipe& err) {
+// Reads the child's standard output and error until both close, then reaps it. With a terminal, its
+// echo is read and dropped so that the tool never waits on a full terminal, and `typed` is typed once
+// `prompt` is out: the tool flushes what was typed before it turned echo off.
+RunResult Collect(pid_t pid, Pipe& out, Pipe& err, int master = -1, const std::string& prompt = "",
+                  const std::string& typed = "") {
     close(out.fds[1]);
     close(err.fds[1]);
     std::string collected[2];
-    pollfd fds[2] = {{out.fds[0], POLLIN, 0}, {err.fds[0], POLLIN, 0}};
+    pollfd fds[3] = {{out.fds[0], POLLIN, 0}, {err.fds[0], POLLIN, 0}, {master, POLLIN, 0}};
     int open = 2;
+    bool answered = master < 0;
     char buffer[65536];
     while (open > 0) {
-        if (poll(fds, 2, -1) < 0) {
+        if (poll(fds, 3, -1) < 0) {
             if (errno == EINTR) continue;
             break;
         }
-        for (int i = 0; i < 2; ++i) {
+        for (int i = 0; i < 3; ++i) {
             if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
             ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
             if (n > 0) {
-                collected[i].append(buffer, static_cast<size_t>(n));
+                if (i < 2) collected[i].append(buffer, static_cast<size_t>(n));
             } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                --open;
+                if (i < 2) {
+                    close(fds[i].fd);
+                    --open;
+                }
                 fds[i].fd = -1;
             }
+        }
+        if (!answered && collected[1].find(prompt) != std::string::npos) {
+            answered = true;
+            if (write(master, typed.data(), typed.size()) != static_cast<ssize_t>(typed.size()))
+                throw std::runtime_error("could not type on the terminal");
         }
     }
     RunResult result = Reap(pid);
@@ -112,6 +133,20 @@ RunResult Collect(pid_t pid, Pipe& out, Pipe& err) {
 RunResult RunTool(const std::vector<std::string>& args, const Environment& env) {
     Pipe out, err;
     return Collect(Spawn(args, env, out.fds[1], err.fds[1]), out, err);
+}
+
+RunResult RunToolOnTerminal(const std::vector<std::string>& args, const Environment& env, const std::string& prompt,
+                            const std::string& typed) {
+    int master = -1, terminal = -1;
+    if (openpty(&master, &terminal, nullptr, nullptr, nullptr) != 0) throw std::runtime_error("openpty failed");
+    fcntl(master, F_SETFD, FD_CLOEXEC);
+    fcntl(terminal, F_SETFD, FD_CLOEXEC);
+    Pipe out, err;
+    pid_t pid = Spawn(args, env, out.fds[1], err.fds[1], terminal);
+    close(terminal);
+    RunResult result = Collect(pid, out, err, master, prompt, typed);
+    close(master);
+    return result;
 }
 
 RunningTool::RunningTool(const std::vector<std::string>& args, const Environment& env) {

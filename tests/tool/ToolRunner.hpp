@@ -36,6 +36,11 @@ using Environment = std::map<std::string, std::string>;
 // Runs the tool to completion with standard input from /dev/null.
 RunResult RunTool(const std::vector<std::string>& args, const Environment& env);
 
+// Runs the tool with standard input on a terminal of its own (a pseudo-terminal), as a person at a
+// prompt runs it: once `prompt` has appeared on standard error, `typed` is typed.
+RunResult RunToolOnTerminal(const std::vector<std::string>& args, const Environment& env, const std::string& prompt,
+                            const std::string& typed);
+
 // A running tool whose standard output is a pipe the test reads when it chooses.
 class RunningTool {
 public:
