@@ -143,6 +143,13 @@ MB::KeyBag wrapAgain(const MB::KeyBag& old, const std::string& password, const Q
 
 // ---- Writing a converted copy ----
 
+// The error that stops a conversion before it writes anything because files could not be read.
+CF::Error unreadableFiles(size_t failures) {
+    return Error(QVErrorInvalidBackup, CF::Error(),
+                 fmt::format("{} {} could not be read; nothing was written (leave {} out to write the rest)", failures,
+                             failures == 1 ? "file" : "files", failures == 1 ? "it" : "them"));
+}
+
 // What the checked read of one file found: its plaintext's length and SHA-1, or nothing when it
 // could not be read (reported).
 struct Plaintext {
@@ -150,10 +157,14 @@ struct Plaintext {
     std::vector<uint8_t> digest;
 };
 
+// Reads and checks every file before a conversion writes anything; files that cannot be read are
+// reported, and stop the conversion unless the options leave them out.
 std::vector<std::optional<Plaintext>> readEveryFile(const Backup& backup, const std::vector<Entry>& entries,
                                                     const QVConversionProblemFunction& problems,
-                                                    const std::function<void(double)>& progress, size_t& failures) {
+                                                    const QVConversionOptions& options,
+                                                    const std::function<void(double)>& progress) {
     std::vector<std::optional<Plaintext>> result(entries.size());
+    size_t failures = 0;
     const double total = std::max<double>(1.0, static_cast<double>(QVManifestGetTotalFileSize(backup->manifest)));
     double read = 0;
     for (size_t i = 0; i < entries.size(); ++i) {
@@ -184,14 +195,8 @@ std::vector<std::optional<Plaintext>> readEveryFile(const Backup& backup, const 
         read += static_cast<double>(entry->size);
         if (progress) progress(std::min(1.0, read / total));
     }
+    if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
     return result;
-}
-
-// The error that stops a conversion before it writes anything because files could not be read.
-CF::Error unreadableFiles(size_t failures) {
-    return Error(QVErrorInvalidBackup, CF::Error(),
-                 fmt::format("{} {} could not be read; nothing was written (leave {} out to write the rest)", failures,
-                             failures == 1 ? "file" : "files", failures == 1 ? "it" : "them"));
 }
 
 void writeCopy(const Backup& copy, CFStringRef destination, const QVConversionOptions& options,
@@ -338,9 +343,7 @@ bool QVBackupContainerExportDecrypted(const Backup& backup, CFStringRef destinat
         if (!backup->manifestEncryption)
             throw Error(QVErrorNotEncrypted, CF::Error(), "The backup is not encrypted; export it instead");
         const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
-        size_t failures = 0;
-        const auto plaintexts = readEveryFile(backup, entries, problems, share(progress, 0, 0.5), failures);
-        if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
+        const auto plaintexts = readEveryFile(backup, entries, problems, options, share(progress, 0, 0.5));
 
         Backup copy = QVBackupContainerCreateCopy(backup);
         copy->manifestEncryption.reset();
@@ -383,9 +386,7 @@ bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destinat
             throw Error(QVErrorInvalidArgument, CF::Error(),
                         "The backup is encrypted already; give it a new password instead");
         const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
-        size_t failures = 0;
-        const auto plaintexts = readEveryFile(backup, entries, problems, share(progress, 0, 1.0 / 3), failures);
-        if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
+        const auto plaintexts = readEveryFile(backup, entries, problems, options, share(progress, 0, 1.0 / 3));
 
         MB::KeyBag::Parameters shape;
         shape.iterations = parameters.sha1Iterations;
@@ -432,9 +433,7 @@ bool QVBackupContainerExportWithManifestDB(const Backup& backup, CFStringRef des
             keyBag = wrapAgain(backup->manifestEncryption->GetKeyBag(), backup->password.utf8(), parameters, true);
         }
         const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
-        size_t failures = 0;
-        const auto plaintexts = readEveryFile(backup, entries, problems, share(progress, 0, 0.5), failures);
-        if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
+        const auto plaintexts = readEveryFile(backup, entries, problems, options, share(progress, 0, 0.5));
 
         // Every stored file is written as it is, under its own wrapped key where it has one.
         Backup copy = QVBackupContainerCreateCopy(backup);
