@@ -28,6 +28,10 @@ const std::vector<Entry>* entriesInDomain(QVManifestClass& manifest, CFStringRef
     return it == manifest.domainIndex.end() ? nullptr : &it->second;
 }
 
+bool hasAnyFileID(const QVManifestEntryClass& entry) {
+    return entry.fileIDIsHex || !entry.text(QVManifestEntryClass::kFileIDText).empty();
+}
+
 bool hasFileID(const QVManifestEntryClass& entry, std::string_view id) {
     if (!entry.fileIDIsHex) return entry.text(QVManifestEntryClass::kFileIDText) == id;
     if (id.size() != 40) return false;
@@ -107,7 +111,7 @@ Entry QVManifestGetEntryForFileID(const Manifest& manifest, CFStringRef fileID) 
     if (manifest->fileIDIndex.empty()) {
         manifest->fileIDIndex.reserve(manifest->entries.size());
         for (const Entry& entry : manifest->entries) {
-            if (!entry->fileIDIsHex && entry->text(QVManifestEntryClass::kFileIDText).empty()) {
+            if (!hasAnyFileID(*entry)) {
                 log_fmt(log_level::error, "{}: DEVELOPER BUG QVManifestEntry does not have a fileID ({})",
                         __PRETTY_FUNCTION__, entry);
                 continue;
@@ -227,8 +231,7 @@ void QVManifestAddEntries(const Manifest& manifest, const std::vector<Entry>& ad
         if (!m.domainIndex.empty()) {
             if (!entry->domainText.empty()) m.domainIndex[std::string(entry->domainText)].push_back(entry);
         }
-        const bool hasID = entry->fileIDIsHex || !entry->text(QVManifestEntryClass::kFileIDText).empty();
-        if (!m.fileIDIndex.empty() && hasID && !indexFileID(m, entry)) m.duplicateKeys = true;
+        if (!m.fileIDIndex.empty() && hasAnyFileID(*entry) && !indexFileID(m, entry)) m.duplicateKeys = true;
         if (!m.pathIndex.empty() && !indexPath(m, entry)) m.duplicateKeys = true;
         if (!m.positions.empty()) m.positions.emplace(entry.get(), m.entries.size() - 1);
         size += QVManifestEntryGetFileSize(entry);
@@ -269,8 +272,8 @@ void QVManifestRemoveEntries(const Manifest& manifest, const std::vector<Entry>&
         size -= QVManifestEntryGetFileSize(entry);
         if (QVManifestEntryIsFile(entry)) --m.totalFileCount;
         if (m.duplicateKeys) continue;  // the indexes are dropped below
-        m.fileIDIndex.erase(FileIDHash(*entry), entry.get());
-        m.pathIndex.erase(PathHash(entry->domainText, entry->path()), entry.get());
+        if (!m.fileIDIndex.empty()) m.fileIDIndex.erase(FileIDHash(*entry), entry.get());
+        if (!m.pathIndex.empty()) m.pathIndex.erase(PathHash(entry->domainText, entry->path()), entry.get());
     }
     if (!byPosition) m.positions.clear();
     // With keys shared, another entry may stand behind a removed one: the lookups are built again.

@@ -221,6 +221,33 @@ void DatabaseImage::setSize(size_t size) { size_ = std::min(size, capacity_); }
 
 uint8_t* DatabaseImage::release() { return std::exchange(data_, nullptr); }
 
+namespace {
+
+// The schema as devices write it, row for row of sqlite_master, each with the object whose root page it
+// takes in the database the writer builds (see rewriteSchema).
+constexpr const char* kFileIDKey = "FilesFileIDKey";
+struct SchemaRow {
+    const char* type;
+    const char* name;
+    const char* table;
+    const char* rootOf;
+    const char* sql;  // null for a key's own index
+};
+constexpr SchemaRow kDeviceSchema[] = {
+    {"table", "Files", "Files", "Files",
+     "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB)"},
+    {"index", "sqlite_autoindex_Files_1", "Files", kFileIDKey, nullptr},
+    {"index", "FilesDomainIdx", "Files", "FilesDomainIdx", "CREATE INDEX FilesDomainIdx ON Files(domain)"},
+    {"index", "FilesRelativePathIdx", "Files", "FilesRelativePathIdx",
+     "CREATE INDEX FilesRelativePathIdx ON Files(relativePath)"},
+    {"index", "FilesFlagsIdx", "Files", "FilesFlagsIdx", "CREATE INDEX FilesFlagsIdx ON Files(flags)"},
+    {"table", "Properties", "Properties", "Properties", "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB)"},
+    {"index", "sqlite_autoindex_Properties_1", "Properties", "sqlite_autoindex_Properties_1", nullptr},
+};
+constexpr const SchemaRow& kPropertiesTable = kDeviceSchema[5];
+
+}  // namespace
+
 void ManifestDatabase::Create(uint32_t userVersion) {
     // Built in memory: the rows are the plaintext of what may be an encrypted backup, and a file
     // holding them could outlive the process (a crash, SIGKILL) where nothing would remove it.
@@ -248,7 +275,7 @@ void ManifestDatabase::Create(uint32_t userVersion) {
     execAll({
         "PRAGMA auto_vacuum='INCREMENTAL';",
         "CREATE TABLE Files (fileID TEXT, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);",
-        "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB);",
+        std::string(kPropertiesTable.sql) + ";",
         "PRAGMA user_version=" + std::to_string(userVersion) + ";",
         "PRAGMA auto_vacuum='INCREMENTAL';",
         "PRAGMA automatic_index=1;",
@@ -256,31 +283,20 @@ void ManifestDatabase::Create(uint32_t userVersion) {
     });
 }
 
-namespace {
-
-constexpr const char* kFilesTable =
-    "CREATE TABLE Files (fileID TEXT PRIMARY KEY, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB)";
-constexpr const char* kFileIDKey = "FilesFileIDKey";
-
-}  // namespace
-
 void ManifestDatabase::Finish() {
     // Each index is built by sorting every row: a second thread may take half of each sort. The
     // journal in memory lets a key that fails on a repeated file ID be undone; the pages of a new
     // index are new pages, which it does not copy.
     execAll({"PRAGMA threads=2;", "PRAGMA journal_mode=MEMORY;"});
+    const std::string key = std::string("CREATE UNIQUE INDEX ") + kFileIDKey + " ON Files(fileID);";
     try {
-        db_->exec(std::string("CREATE UNIQUE INDEX ") + kFileIDKey + " ON Files(fileID);");
+        db_->exec(key);
     } catch (const SQLite::Exception&) {
         // A file ID given twice: the later row replaces the earlier, as INSERT OR REPLACE would have.
-        execAll({"DELETE FROM Files WHERE rowid NOT IN (SELECT max(rowid) FROM Files GROUP BY fileID);",
-                 std::string("CREATE UNIQUE INDEX ") + kFileIDKey + " ON Files(fileID);"});
+        execAll({"DELETE FROM Files WHERE rowid NOT IN (SELECT max(rowid) FROM Files GROUP BY fileID);", key});
     }
-    execAll({
-        "CREATE INDEX FilesDomainIdx ON Files(domain);",
-        "CREATE INDEX FilesRelativePathIdx ON Files(relativePath);",
-        "CREATE INDEX FilesFlagsIdx ON Files(flags);",
-    });
+    for (const SchemaRow& row : kDeviceSchema)
+        if (std::string_view(row.type) == "index" && row.sql) execAll({std::string(row.sql) + ";"});
     rewriteSchema();
 }
 
@@ -288,36 +304,18 @@ void ManifestDatabase::rewriteSchema() {
     // The unique index on fileID holds exactly what the primary key's own index would (the file ID and
     // the row's rowid, in the same order), so naming it as that index and giving Files its declared
     // key makes the database that a table created with the key would have been. The schema's rows are
-    // laid down in the order devices write them. SQLite checks the result when the image is read
-    // back; this connection is closed without reading its own schema again.
+    // laid down in the order devices write them. This connection is closed without reading its own
+    // schema again.
     std::unordered_map<std::string, int64_t> roots;
     {
         SQLite::Statement query(*db_, "SELECT name, rootpage FROM sqlite_master;");
         while (query.executeStep()) roots[query.getColumn(0).getString()] = query.getColumn(1).getInt64();
     }
-    struct SchemaRow {
-        const char* type;
-        const char* name;
-        const char* table;
-        const char* rootOf;
-        const char* sql;  // null for a key's own index
-    };
-    static constexpr SchemaRow kSchema[] = {
-        {"table", "Files", "Files", "Files", kFilesTable},
-        {"index", "sqlite_autoindex_Files_1", "Files", kFileIDKey, nullptr},
-        {"index", "FilesDomainIdx", "Files", "FilesDomainIdx", "CREATE INDEX FilesDomainIdx ON Files(domain)"},
-        {"index", "FilesRelativePathIdx", "Files", "FilesRelativePathIdx",
-         "CREATE INDEX FilesRelativePathIdx ON Files(relativePath)"},
-        {"index", "FilesFlagsIdx", "Files", "FilesFlagsIdx", "CREATE INDEX FilesFlagsIdx ON Files(flags)"},
-        {"table", "Properties", "Properties", "Properties",
-         "CREATE TABLE Properties (key TEXT PRIMARY KEY, value BLOB)"},
-        {"index", "sqlite_autoindex_Properties_1", "Properties", "sqlite_autoindex_Properties_1", nullptr},
-    };
     try {
         db_->exec("PRAGMA writable_schema=ON; BEGIN; DELETE FROM sqlite_master;");
         SQLite::Statement insert(*db_, "INSERT INTO sqlite_master (type, name, tbl_name, rootpage, sql) "
                                        "VALUES (?, ?, ?, ?, ?);");
-        for (const SchemaRow& row : kSchema) {
+        for (const SchemaRow& row : kDeviceSchema) {
             const auto root = roots.find(row.rootOf);
             if (root == roots.end()) throw std::runtime_error(fmt::format("no {} in the new schema", row.rootOf));
             insert.bind(1, row.type);
