@@ -107,12 +107,7 @@ std::shared_ptr<QVFileClass> QVBackupContainerCopyFileForLocalFilename(const Bac
     if (name == "Manifest.db") {
         return Boundary(error, [&]() -> std::shared_ptr<QVFileClass> {
             try {
-                std::vector<std::byte> bytes =
-                    QVManifestCreateManifestDBRepresentation(backup->manifest, backup->manifestVersion);
-                CF::Data data = CF::Data::NoCopy({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
-                CFErrorRef inner = nullptr;
-                auto file = QVFileCreateFromData(data.get(), &inner);
-                if (!file) throw CF::Error::Adopt(inner);
+                auto file = QVManifestCreateManifestDBFile(backup->manifest, backup->manifestVersion);
                 // Only iOS 10.2 and later encipher Manifest.db; older encrypted backups keep it plain.
                 if (QVBackupContainerHasEncipheredManifest(backup))
                     _QVFileSetEncryptionKey(file, backup->manifestEncryption->GetManifestKey());

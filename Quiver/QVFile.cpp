@@ -103,6 +103,13 @@ std::shared_ptr<QVFileClass> MakeFileReference(const fs::path& path, const std::
     return file;
 }
 
+std::shared_ptr<QVFileClass> QVFileCreateFromAnonymousFile(std::shared_ptr<const Support::anonymous_file> anonymous) {
+    auto file = MakeFileReference(anonymous->path(), {}, false);
+    file->digestPending = true;
+    file->anonymous = std::move(anonymous);
+    return file;
+}
+
 std::shared_ptr<QVFileClass> QVFileCreateFromData(CFDataRef data, CFErrorRef* error) {
     if (!data) {
         StoreError(error, Error(QVErrorInvalidArgument, CF::Error(), "NULL sourceData"));
@@ -267,6 +274,10 @@ bool readChunks(QVFileClass& file, uint64_t chunkSize, const std::function<bool(
         background.emplace(*hasher);
         piece = std::max(piece, kParallelPiece);
     }
+    // A file smaller than a piece gets a buffer of its own length and one byte more, so that one read
+    // takes it whole and the next finds its end: zeroing a whole piece for each small file would cost
+    // more than reading it.
+    if (!background) piece = static_cast<size_t>(std::min<uint64_t>(piece, in.size() + 1));
     std::vector<uint8_t> chunk(piece);
     std::vector<uint8_t> output, part;
     // Hands on output (or the read bytes) in chunks of at most chunkSize.
@@ -332,8 +343,10 @@ bool readChunks(QVFileClass& file, uint64_t chunkSize, const std::function<bool(
         } else if (got == chunk.size()) {
             more = handOn(chunk);
         } else {
-            output.assign(chunk.begin(), chunk.begin() + static_cast<long>(got));
-            more = handOn(output);
+            // A short read, normally the file's end: the bytes read are handed on where they lie.
+            chunk.resize(got);
+            more = handOn(chunk);
+            chunk.resize(piece);
         }
         if (!more) return false;
     }

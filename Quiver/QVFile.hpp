@@ -71,6 +71,10 @@ void CloseAppendableFile(QVFileClass& file);
 std::shared_ptr<QVFileClass> MakeFileReference(const std::filesystem::path& path, const std::vector<uint8_t>& digest,
                                                bool cached);
 
+// A file object for a file without a name that its maker has finished writing; it is hashed when its
+// digest is first asked for.
+std::shared_ptr<QVFileClass> QVFileCreateFromAnonymousFile(std::shared_ptr<const Support::anonymous_file> anonymous);
+
 }  // namespace Quiver
 
 template <>

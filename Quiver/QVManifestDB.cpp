@@ -19,9 +19,14 @@
 #include <system_error>
 #include <unordered_map>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "Quiver/MB/File.hpp"
 #include "Quiver/QVEntryPool.hpp"
 #include "Quiver/QVError.hpp"
+#include "Quiver/QVFile.hpp"
 #include "Quiver/QVLog.hpp"
 #include "Quiver/QVTemporaryPath.hpp"
 #include "Quiver/Support/File.hpp"
@@ -248,38 +253,168 @@ constexpr const SchemaRow& kPropertiesTable = kDeviceSchema[5];
 
 }  // namespace
 
-void ManifestDatabase::Create(uint32_t userVersion) {
-    // Built in memory: the rows are the plaintext of what may be an encrypted backup, and a file
-    // holding them could outlive the process (a crash, SIGKILL) where nothing would remove it.
+namespace {
+
+// The system's file system, but for a file reached through /proc/self/fd: SQLite would resolve that
+// link to the name the file had (creating a new file there for a file without a name) and would refuse
+// to open the link itself. Such a database is read and written through a descriptor of its own, by
+// this connection alone, so it takes no locks.
+constexpr const char* kNamelessVFSName = "quiver-nameless";
+constexpr std::string_view kDescriptors = "/proc/self/fd/";
+
+struct NamelessFile {
+    sqlite3_file base;
+    int fd;
+};
+
+int namelessClose(sqlite3_file* file) {
+    ::close(reinterpret_cast<NamelessFile*>(file)->fd);
+    return SQLITE_OK;
+}
+int namelessRead(sqlite3_file* file, void* out, int amount, sqlite3_int64 offset) {
+    const int fd = reinterpret_cast<NamelessFile*>(file)->fd;
+    auto* bytes = static_cast<uint8_t*>(out);
+    int got = 0;
+    while (got < amount) {
+        const ssize_t n = ::pread(fd, bytes + got, static_cast<size_t>(amount - got), offset + got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return SQLITE_IOERR_READ;
+        if (n == 0) break;
+        got += static_cast<int>(n);
+    }
+    if (got == amount) return SQLITE_OK;
+    std::memset(bytes + got, 0, static_cast<size_t>(amount - got));
+    return SQLITE_IOERR_SHORT_READ;
+}
+int namelessWrite(sqlite3_file* file, const void* in, int amount, sqlite3_int64 offset) {
+    const int fd = reinterpret_cast<NamelessFile*>(file)->fd;
+    const auto* bytes = static_cast<const uint8_t*>(in);
+    int put = 0;
+    while (put < amount) {
+        const ssize_t n = ::pwrite(fd, bytes + put, static_cast<size_t>(amount - put), offset + put);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return errno == ENOSPC ? SQLITE_FULL : SQLITE_IOERR_WRITE;
+        put += static_cast<int>(n);
+    }
+    return SQLITE_OK;
+}
+int namelessTruncate(sqlite3_file* file, sqlite3_int64 size) {
+    return ::ftruncate(reinterpret_cast<NamelessFile*>(file)->fd, size) == 0 ? SQLITE_OK : SQLITE_IOERR_TRUNCATE;
+}
+int namelessSync(sqlite3_file*, int) { return SQLITE_OK; }  // the file is gone when the process is
+int namelessFileSize(sqlite3_file* file, sqlite3_int64* size) {
+    struct stat info {};
+    if (::fstat(reinterpret_cast<NamelessFile*>(file)->fd, &info) != 0) return SQLITE_IOERR_FSTAT;
+    *size = info.st_size;
+    return SQLITE_OK;
+}
+int namelessLock(sqlite3_file*, int) { return SQLITE_OK; }
+int namelessCheckReservedLock(sqlite3_file*, int* reserved) {
+    *reserved = 0;
+    return SQLITE_OK;
+}
+int namelessFileControl(sqlite3_file*, int, void*) { return SQLITE_NOTFOUND; }
+int namelessSectorSize(sqlite3_file*) { return 4096; }
+int namelessDeviceCharacteristics(sqlite3_file*) { return 0; }
+
+const sqlite3_io_methods kNamelessMethods = {
+    1,
+    namelessClose,
+    namelessRead,
+    namelessWrite,
+    namelessTruncate,
+    namelessSync,
+    namelessFileSize,
+    namelessLock,
+    namelessLock,
+    namelessCheckReservedLock,
+    namelessFileControl,
+    namelessSectorSize,
+    namelessDeviceCharacteristics,
+    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+};
+
+int namelessOpen(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags, int* outFlags) {
+    sqlite3_vfs* base = static_cast<sqlite3_vfs*>(vfs->pAppData);
+    if (!(flags & SQLITE_OPEN_MAIN_DB) || !name || !std::string_view(name).starts_with(kDescriptors))
+        return base->xOpen(base, name, file, flags, outFlags);
+    auto& f = *reinterpret_cast<NamelessFile*>(file);
+    f.base.pMethods = nullptr;  // SQLite calls no method of a file whose open failed
+    f.fd = ::fcntl(std::atoi(name + kDescriptors.size()), F_DUPFD_CLOEXEC, 0);
+    if (f.fd < 0) return SQLITE_CANTOPEN;
+    f.base.pMethods = &kNamelessMethods;
+    if (outFlags) *outFlags = flags;
+    return SQLITE_OK;
+}
+
+int namelessFullPathname(sqlite3_vfs* vfs, const char* name, int size, char* out) {
+    sqlite3_vfs* base = static_cast<sqlite3_vfs*>(vfs->pAppData);
+    if (!std::string_view(name).starts_with(kDescriptors)) return base->xFullPathname(base, name, size, out);
+    if (std::strlen(name) >= static_cast<size_t>(size)) return SQLITE_CANTOPEN;
+    std::strcpy(out, name);
+    return SQLITE_OK;
+}
+
+const char* namelessVFS() {
+    static const bool registered = [] {
+        sqlite3_initialize();
+        sqlite3_vfs* base = sqlite3_vfs_find(nullptr);
+        auto* vfs = new sqlite3_vfs(*base);  // registered for the life of the process
+        vfs->szOsFile = std::max(vfs->szOsFile, static_cast<int>(sizeof(NamelessFile)));
+        vfs->zName = kNamelessVFSName;
+        vfs->pNext = nullptr;
+        vfs->pAppData = base;
+        vfs->xOpen = namelessOpen;
+        vfs->xFullPathname = namelessFullPathname;
+        return sqlite3_vfs_register(vfs, 0) == SQLITE_OK;
+    }();
+    if (!registered) throw Error(QVErrorDatabaseOperation, CF::Error(), "Failed to register a file system with SQLite");
+    return kNamelessVFSName;
+}
+
+}  // namespace
+
+void ManifestDatabase::Create(uint32_t userVersion, const std::filesystem::path& file) {
+    // The rows are the plaintext of what may be an encrypted backup: they are built either in memory
+    // or in a file without a name (an anonymous file reached through /proc/self/fd), never in a file
+    // that could outlive the process (a crash, SIGKILL) where nothing would remove it.
+    const std::string where = file.empty() ? std::string(":memory:") : file.string();
     try {
-        db_ = std::make_unique<SQLite::Database>(":memory:", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+        db_ = std::make_unique<SQLite::Database>(where, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, 0,
+                                                 file.empty() ? std::string() : std::string(namelessVFS()));
     } catch (const std::exception& e) {
-        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to open a database in memory ({})", e.what()));
+        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to open a new database ({})", e.what()));
     }
-    // In one block of memory that grows as pages are written, rather than in pages of the cache:
-    // Serialize then reads the file's bytes where they lie instead of gathering a copy of them.
-    int result = sqlite3_deserialize(db_->getHandle(), "main", nullptr, 0, 0,
-                                     SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_RESIZEABLE);
-    if (result == SQLITE_OK) {
-        sqlite3_int64 limit = sqlite3_int64{1} << 45;
-        result = sqlite3_file_control(db_->getHandle(), "main", SQLITE_FCNTL_SIZE_LIMIT, &limit);
+    if (file.empty()) {
+        // In one block of memory that grows as pages are written, rather than in pages of the cache:
+        // Serialize then reads the file's bytes where they lie instead of gathering a copy of them.
+        int result = sqlite3_deserialize(db_->getHandle(), "main", nullptr, 0, 0,
+                                         SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_RESIZEABLE);
+        if (result == SQLITE_OK) {
+            sqlite3_int64 limit = sqlite3_int64{1} << 45;
+            result = sqlite3_file_control(db_->getHandle(), "main", SQLITE_FCNTL_SIZE_LIMIT, &limit);
+        }
+        if (result != SQLITE_OK)
+            throw Error(QVErrorDatabaseOperation, CF::Error(),
+                        fmt::format("Failed to open a database in memory ({})", sqlite3_errstr(result)));
     }
-    if (result != SQLITE_OK)
-        throw Error(QVErrorDatabaseOperation, CF::Error(),
-                    fmt::format("Failed to open a database in memory ({})", sqlite3_errstr(result)));
     userVersion_ = userVersion;
-    // auto_vacuum takes effect only on a database without tables, so it is also set first. Files is
-    // made without its primary key: rows go in in domain-path order, which would put each one at a
-    // random place of the key's index. Finish builds that index by sorting, with the other three, and
-    // then gives the schema the form devices write (see rewriteSchema).
+    // No journal from the first statement: a journal beside a nameless file could not be made, and a
+    // database that fails half-built is thrown away whole. auto_vacuum takes effect only on a
+    // database without tables, so it is also set first. Files is made without its primary key: rows
+    // go in in domain-path order, which would put each one at a random place of the key's index.
+    // Finish builds that index by sorting, with the other three, and then gives the schema the form
+    // devices write (see rewriteSchema).
     execAll({
+        "PRAGMA journal_mode=OFF;",
+        "PRAGMA synchronous=OFF;",
+        "PRAGMA locking_mode=EXCLUSIVE;",
         "PRAGMA auto_vacuum='INCREMENTAL';",
         "CREATE TABLE Files (fileID TEXT, domain TEXT, relativePath TEXT, flags INTEGER, file BLOB);",
         std::string(kPropertiesTable.sql) + ";",
         "PRAGMA user_version=" + std::to_string(userVersion) + ";",
         "PRAGMA auto_vacuum='INCREMENTAL';",
         "PRAGMA automatic_index=1;",
-        "PRAGMA journal_mode=OFF;",
     });
 }
 
@@ -349,6 +484,13 @@ std::vector<std::byte> ManifestDatabase::Serialize() {
     // record; a database in memory cannot be switched to it, and nothing else in the file differs.
     if (bytes.size() >= 20) bytes[18] = bytes[19] = std::byte{2};
     return bytes;
+}
+
+void ManifestDatabase::MarkForWriteAheadLog(int descriptor) {
+    const uint8_t versions[2] = {2, 2};
+    if (pwrite(descriptor, versions, sizeof versions, 18) != static_cast<ssize_t>(sizeof versions))
+        throw Error(QVErrorDatabaseOperation, CF::Error(),
+                    fmt::format("Failed to write the database's header ({})", std::strerror(errno)));
 }
 
 void ManifestDatabase::execAll(std::initializer_list<std::string> statements) {
@@ -770,14 +912,16 @@ std::string_view fileIDText(const QVManifestEntryClass& entry, char (&hex)[40]) 
 
 }  // namespace
 
-std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& manifest,
-                                                                QVManifestDataVersion version) {
+namespace {
+
+// Writes the manifest's rows into a new database, in memory or in file, and adds the indexes.
+void writeDatabase(ManifestDatabase& database, const Manifest& manifest, QVManifestDataVersion version,
+                   const std::filesystem::path& file) {
     QV_ASSERT(manifest);
     if (!versionAccepted(version)) throw badVersion(version);
     const std::vector<SortKey> sorted = sortedForWriting(manifest->entries);
-    ManifestDatabase database;
     try {
-        database.Create(2);  // always 2, whatever version was asked for
+        database.Create(2, file);  // always 2, whatever version was asked for
         database.BeginTransaction();
         for (const auto& [fileID, flags] : manifest->flagOnlyRecords) {
             auto number = CF::Cast<CF::Number>(flags);
@@ -850,8 +994,28 @@ std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& 
         throw Error(QVErrorUnknown, Error(QVErrorDatabaseOperation, CF::Error(), e.what()),
                     "Database initialization failed");
     }
+}
 
+}  // namespace
+
+std::vector<std::byte> QVManifestCreateManifestDBRepresentation(const Manifest& manifest,
+                                                                QVManifestDataVersion version) {
+    ManifestDatabase database;
+    writeDatabase(database, manifest, version, {});
     return database.Serialize();
+}
+
+std::shared_ptr<QVFileClass> QVManifestCreateManifestDBFile(const Manifest& manifest, QVManifestDataVersion version) {
+    // Built where the file will lie instead of in memory: the database of a large backup is hundreds
+    // of megabytes, which the pages of a file hold in the system's cache rather than in this process.
+    auto anonymous = std::make_shared<const Support::anonymous_file>(ManifestDatabaseDirectory());
+    {
+        ManifestDatabase database;
+        writeDatabase(database, manifest, version, anonymous->path());
+        database.Close();
+    }
+    ManifestDatabase::MarkForWriteAheadLog(anonymous->descriptor());
+    return QVFileCreateFromAnonymousFile(std::move(anonymous));
 }
 
 }  // namespace Quiver

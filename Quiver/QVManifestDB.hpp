@@ -3,8 +3,8 @@
 // immutable, so that SQLite neither writes beside it nor takes a lock; only when a write-ahead log
 // with pages in it lies beside the file does it read a private copy that takes the log in. The
 // plaintext of an enciphered database is read from memory (a database image), never from a file.
-// The writer builds the database in a private file in "QVManifestDB" below the temporary storage
-// path and removes it when done.
+// The writer builds the database in memory, or, for a backup being written, in a file without a
+// name below "QVManifestDB" in the temporary storage.
 #pragma once
 
 #include <quiver/QVManifestDB.hpp>
@@ -28,6 +28,7 @@
 #include "Quiver/QVManifest.hpp"
 
 struct sqlite3_stmt;
+class QVFileClass;
 
 namespace SQLite {
 class Database;
@@ -66,12 +67,14 @@ public:
     void OpenImage(DatabaseImage image);
     // Reads a database enciphered under `key` where it lies, deciphering pages as they are read.
     void OpenEnciphered(const std::filesystem::path& path, const std::array<uint8_t, 32>& key);
-    // A new database in memory with the Manifest.db tables and the given user version; Finish adds
-    // the indexes once the rows are in, and Serialize gives the file's bytes, marked for the
-    // write-ahead log as devices write it.
-    void Create(uint32_t userVersion);
+    // A new database with the Manifest.db tables and the given user version, in memory or, when file
+    // is given, in that file (which must exist and be empty); Finish adds the indexes once the rows
+    // are in, and Serialize gives the bytes of one in memory, marked for the write-ahead log as devices
+    // write it (MarkForWriteAheadLog does that to a file, once closed).
+    void Create(uint32_t userVersion, const std::filesystem::path& file = {});
     void Finish();
     std::vector<std::byte> Serialize();
+    static void MarkForWriteAheadLog(int descriptor);
     // INSERT OR REPLACE of one row; null domain, path or data become NULL columns.
     void InsertRow(CFStringRef fileID, CFStringRef domain, CFStringRef relativePath, int32_t flags, CFDataRef data);
     void InsertRow(std::string_view fileID, std::optional<std::string_view> domain,
@@ -102,5 +105,9 @@ private:
 
 // "QVManifestDB" below the temporary storage path, created once.
 std::filesystem::path ManifestDatabaseDirectory();
+
+// A new Manifest.db holding the manifest, as QVManifestCreateManifestDBRepresentation makes it, in a
+// file without a name below ManifestDatabaseDirectory rather than in memory. Throws like it.
+std::shared_ptr<QVFileClass> QVManifestCreateManifestDBFile(const Manifest& manifest, QVManifestDataVersion version);
 
 }  // namespace Quiver

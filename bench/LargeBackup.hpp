@@ -1,8 +1,9 @@
 // A backup the size of a real phone's manifest, written by the benchmarks that need one: rows over a few
 // dozen domains, two thirds of them files (half with digests), the rest directories and some symlinks.
-// Stored files are not written; the work measured with it reads and edits the manifest only. An
-// encrypted one has an enciphered Manifest.db and a key bag with small iteration counts (password
-// "password").
+// Stored files are written only when asked for (plain backups only): then each file holds up to 16 KiB of
+// incompressible bytes, about 1.6 GB for the default rows, and its digest is the bytes' SHA-1. Without
+// them the work measured reads and edits the manifest only. An encrypted one has an enciphered
+// Manifest.db and a key bag with small iteration counts (password "password").
 #pragma once
 
 #include <array>
@@ -15,6 +16,7 @@
 #include "Quiver/MB/ManifestEncryption.hpp"
 #include "Quiver/QVManifestDB.hpp"
 #include "Quiver/Support/Cryptor.hpp"
+#include "Quiver/Support/Hash.hpp"
 #include "Quiver/Support/Random.hpp"
 
 namespace QuiverBench {
@@ -29,9 +31,9 @@ inline void WritePlist(const std::filesystem::path& path, const CF::Dictionary& 
     WriteBytes(path, data.bytes().data(), data.bytes().size());
 }
 
-// The manifest of such a backup: entries with wrapped keys when encrypted. The library's temporary path
-// must be set.
-inline Quiver::Manifest MakeLargeManifest(int64_t rows, bool encrypted) {
+// The manifest of such a backup: entries with wrapped keys when encrypted, and their stored files
+// written under storedDir when it is not empty. The library's temporary path must be set.
+inline Quiver::Manifest MakeLargeManifest(int64_t rows, bool encrypted, const std::filesystem::path& storedDir = {}) {
     using namespace Quiver;
     std::vector<CF::String> domains;
     for (int d = 0; d < 40; ++d)
@@ -49,8 +51,19 @@ inline Quiver::Manifest MakeLargeManifest(int64_t rows, bool encrypted) {
             entry = QVManifestEntryCreateForDirectory(domain.get(), CF::String(path).get());
             entry->mode = 0x81A4;
             entry->fileType = 1;
-            entry->size = static_cast<uint64_t>(i * 7919 % 5000000);
-            const std::vector<uint8_t> digest = i % 2 == 0 ? Support::RandomBytes(20) : std::vector<uint8_t>();
+            entry->size = static_cast<uint64_t>(i * 7919 % (storedDir.empty() ? 5000000 : 16384));
+            std::vector<uint8_t> digest = i % 2 == 0 ? Support::RandomBytes(20) : std::vector<uint8_t>();
+            if (!storedDir.empty()) {
+                const std::vector<uint8_t> bytes = Support::RandomBytes(entry->size);
+                const std::string id = entry->fileID();
+                std::filesystem::create_directories(storedDir / id.substr(0, 2));
+                WriteBytes(storedDir / id.substr(0, 2) / id, bytes.data(), bytes.size());
+                if (i % 2 == 0) {
+                    Support::Hasher hasher;
+                    hasher.Update(bytes);
+                    digest = hasher.Finalize();
+                }
+            }
             const std::string_view asText(reinterpret_cast<const char*>(digest.data()), digest.size());
             entry->SetTexts({{QVManifestEntryClass::kDigest, asText},
                              {QVManifestEntryClass::kEncryptionKey,
@@ -72,10 +85,10 @@ inline Quiver::Manifest MakeLargeManifest(int64_t rows, bool encrypted) {
 
 // Writes the backup into dir (created); returns the size of the plain Manifest.db. The library's
 // temporary path must be set.
-inline size_t WriteLargeBackup(const std::filesystem::path& dir, int64_t rows, bool encrypted) {
+inline size_t WriteLargeBackup(const std::filesystem::path& dir, int64_t rows, bool encrypted, bool stored = false) {
     using namespace Quiver;
     std::filesystem::create_directories(dir);
-    Manifest manifest = MakeLargeManifest(rows, encrypted);
+    Manifest manifest = MakeLargeManifest(rows, encrypted, stored ? dir : std::filesystem::path());
     std::vector<std::byte> database = QVManifestCreateManifestDBRepresentation(manifest, QVManifestDataVersion33);
     const std::span<const uint8_t> plain(reinterpret_cast<const uint8_t*>(database.data()), database.size());
 

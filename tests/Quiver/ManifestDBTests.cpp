@@ -5,11 +5,14 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <set>
 #include <thread>
 
 #include "Quiver/QVError.hpp"
+#include "Quiver/QVFile.hpp"
+#include "Quiver/Support/Hash.hpp"
 #include "Quiver/MB/ManifestEncryption.hpp"
 #include "Quiver/QVManifestDB.hpp"
 #include "support/TemporaryPath.hpp"
@@ -166,6 +169,23 @@ TEST_F(ManifestDBTest, SchemaAndPragmasAreThoseOfDeviceBackups) {
     if (!fs::exists(real)) GTEST_SKIP() << "no real data at " << real;
     SQLite::Database device(real.string(), SQLite::OPEN_READONLY);
     EXPECT_EQ(schema(db), schema(device));
+}
+
+TEST_F(ManifestDBTest, ABackupBeingWrittenGetsTheSameBytesFromAFileWithoutAName) {
+    Manifest m = sample();
+    const std::vector<std::byte> inMemory = QVManifestCreateManifestDBRepresentation(m, QVManifestDataVersion33);
+    auto file = QVManifestCreateManifestDBFile(m, QVManifestDataVersion33);
+    ASSERT_TRUE(file);
+    std::vector<uint8_t> written;
+    QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
+        written.insert(written.end(), chunk.begin(), chunk.end());
+        return true;
+    });
+    ASSERT_EQ(written.size(), inMemory.size());
+    EXPECT_TRUE(std::memcmp(written.data(), inMemory.data(), written.size()) == 0);
+    // Nothing of it has a name, not even beside the file SQLite wrote.
+    EXPECT_TRUE(fs::is_empty(ManifestDatabaseDirectory()));
+    EXPECT_EQ(QVFileGetHash(file), Support::Sha1({written.data(), written.size()}));
 }
 
 TEST_F(ManifestDBTest, AFileIDGivenTwiceKeepsTheLaterRow) {
