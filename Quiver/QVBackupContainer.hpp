@@ -21,6 +21,10 @@
 #include "Quiver/QVManifestEntry.hpp"
 #include "Quiver/Support/SoftwareVersion.hpp"
 
+namespace Quiver {
+struct QVExportCheck;
+}
+
 class QVBackupContainerClass {
 public:
     QVBackupContainerClass();
@@ -48,6 +52,8 @@ public:
     std::vector<std::string> loadWarnings;
     // Told what an export of this container turns to: "files", "manifest", then "metadata".
     std::function<void(const char* phase)> exportPhase;
+    // How an export checks the stored files it copies (QVBackupContainerSetExportCheck); none when null.
+    std::shared_ptr<const Quiver::QVExportCheck> exportCheck;
 };
 
 namespace Quiver {

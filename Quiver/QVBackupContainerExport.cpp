@@ -17,6 +17,8 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <optional>
+#include <set>
 #include <span>
 #include <system_error>
 
@@ -25,6 +27,7 @@
 #include "Quiver/QVBackupContainer.hpp"
 #include "Quiver/QVError.hpp"
 #include "Quiver/QVLog.hpp"
+#include "Quiver/QVVerify.hpp"
 #include "Quiver/Support/File.hpp"
 
 namespace fs = std::filesystem;
@@ -33,7 +36,7 @@ namespace Quiver {
 
 namespace {
 
-constexpr size_t kWritePiece = 65536;
+constexpr size_t kWritePiece = size_t{1} << 20;  // bytes read and written at a time
 
 // Zip members of 4 GiB or more need zip64 records; without them the archive would be silently corrupt.
 constexpr uint64_t kZip64Threshold = 0xFFFFFFFFULL - 16;
@@ -122,11 +125,74 @@ CF::Error failedExport(const fs::path& destination, const CF::Error& cause) {
                              cause ? fmt::format(": {}", cause.Reason()) : std::string()));
 }
 
+// The damaged files an export found among those it checked. Once the last stored file is checked
+// (before the manifest is written), the export stops, writing nothing, or, when told to skip them,
+// takes their entries out so that the manifest it writes names only what was copied.
+class DamageCheck {
+public:
+    explicit DamageCheck(const Backup& backup) : backup_(backup), check_(backup->exportCheck) {}
+    bool enabled() const { return check_ != nullptr; }
+
+    // The checks that come before the copy; false when the file is damaged and is not to be copied.
+    // `digest` receives the recorded digest when the copy is to be hashed against it.
+    bool Before(const Entry& entry, QVVerifyMode mode, std::vector<uint8_t>& digest) {
+        return note(entry, QVBackupContainerVerifyEntry(backup_, entry, mode, &digest));
+    }
+    // The digest of the bytes copied, against the one recorded.
+    bool After(const Entry& entry, const std::vector<uint8_t>& recorded, const std::vector<uint8_t>& copied,
+               uint64_t storedLength) {
+        return recorded == copied || note(entry, {QVProblemOfCopiedDigest(backup_, entry, storedLength)});
+    }
+    // Called once every stored file is checked.
+    void Settle() {
+        if (damaged_.empty()) return;
+        if (!check_->skipDamaged)
+            throw Error(QVErrorInvalidBackup, CF::Error(),
+                        fmt::format("{} stored {} damaged; nothing was written (leave {} out to write the rest)",
+                                    damaged_.size(), damaged_.size() == 1 ? "file is" : "files are",
+                                    damaged_.size() == 1 ? "it" : "them"));
+        QVManifestRemoveEntries(backup_->manifest, damaged_);
+        damaged_.clear();
+    }
+
+private:
+    bool note(const Entry& entry, const std::vector<QVProblem>& problems) {
+        bool sound = true;
+        for (const QVProblem& p : problems) {
+            if (check_->problem) check_->problem(p);
+            if (!p.warning) sound = false;
+        }
+        if (!sound) damaged_.push_back(entry);
+        return sound;
+    }
+
+    const Backup& backup_;
+    std::shared_ptr<const QVExportCheck> check_;
+    std::vector<Entry> damaged_;
+};
+
+// How write(name, file, counter, hash) hands back what it copied: the SHA-1 of the bytes when hash
+// was asked for.
+using Copied = std::optional<std::vector<uint8_t>>;
+
 // Produces every name of the finished backup in order and hands each file to write(name, file,
-// counter), which throws CF::Error on failure. The first name that cannot be produced or written ends
-// the export: its error is thrown.
-template <typename Write>
-void writeEachName(const Backup& backup, const ExportProgress& progress, const char* destinationKind, Write&& write) {
+// counter, hash), which throws CF::Error on failure. The first name that cannot be produced or
+// written ends the export: its error is thrown. With checks, a damaged stored file is reported and
+// not written, or, found damaged as it is copied, removed with forget(name).
+template <typename Write, typename Forget>
+void writeEachName(const Backup& backup, const ExportProgress& progress, const char* destinationKind,
+                   bool checkInline, Write&& write, Forget&& forget) {
+    DamageCheck check(backup);
+    const QVVerifyMode mode = check.enabled() ? backup->exportCheck->mode : QVVerifyMode::Quick;
+    if (check.enabled() && !checkInline) {
+        // Where a file cannot be taken back once written, every file is checked first.
+        for (const Entry& entry : QVManifestGetEntries(backup->manifest)) {
+            std::vector<uint8_t> ignored;
+            check.Before(entry, mode, ignored);
+            QVManifestEntryForgetFetchedFile(entry);
+        }
+        check.Settle();
+    }
     // "/" is this platform's separator: the two-character directory then holds the file.
     CF::Array names = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
     Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
@@ -138,31 +204,50 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         const char* now = text == "Manifest.db" || text == "Manifest.mbdb" ? "manifest"
                           : IsReservedName(name.get())                      ? "metadata"
                                                                             : "files";
+        if (now != phase && phase && std::string_view(phase) == "files" && checkInline) check.Settle();
         if (now != phase && backup->exportPhase) backup->exportPhase(now);
         phase = now;
-        CFErrorRef loadError = nullptr;
-        auto file = QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
+        const Entry entry = now == std::string_view("files")
+                                ? QVBackupContainerGetEntryForLocalFilename(backup, name.get(), nullptr)
+                                : Entry();
         // A failure says which file of the backup it is about, and which entry when it is a stored file.
         auto about = [&] {
             ErrorContext context = ErrorContext::File(name.utf8());
-            if (Entry entry = QVBackupContainerGetEntryForLocalFilename(backup, name.get(), nullptr)) {
+            if (entry) {
                 context.domain = std::string(entry->domainText);
                 context.path = std::string(entry->path());
                 context.fileID = entry->fileID();
             }
             return context;
         };
+        // The checks before the copy: the digest is taken in a pass of its own only where the copy
+        // cannot be taken back.
+        std::vector<uint8_t> recorded;
+        if (entry && check.enabled() && checkInline &&
+            !check.Before(entry, mode == QVVerifyMode::Full ? mode : QVVerifyMode::Quick, recorded)) {
+            QVManifestEntryForgetFetchedFile(entry);
+            continue;
+        }
+        if (mode != QVVerifyMode::Digests) recorded.clear();
+        CFErrorRef loadError = nullptr;
+        auto file = QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
         if (!file)
             throw Error(QVErrorLoadingExternalRepresentation, CF::Error::Adopt(loadError),
                         fmt::format("File {} could not be loaded for writing to {}", name, destinationKind), about());
+        Copied copied;
         try {
-            write(name, file, counter);
+            copied = write(name, file, counter, !recorded.empty());
         } catch (const CF::Error& e) {
             throw AddErrorContext(e, about());
         }
+        if (copied && !check.After(entry, recorded, *copied, QVFileGetSize(file))) forget(name);
         file.reset();
+        // A source file is fetched again if asked for: keeping every one would cost memory in
+        // proportion to the backup.
+        if (entry) QVManifestEntryForgetFetchedFile(entry);
         counter.tick();
     }
+    if (phase && std::string_view(phase) == "files" && checkInline) check.Settle();
 }
 
 // Photos, videos, compressed data and every enciphered file are as small as they will get: deflating
@@ -210,23 +295,27 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
                                                  QVBackupContainerPartialPath(destination).string(),
                                                  ec ? ec.message() : std::strerror(EEXIST)));
             PartialWrite partial(QVBackupContainerPartialPath(destination));
-            writeEachName(backup, progress, "directory", [&](const CF::String& name,
-                                                             const std::shared_ptr<QVFileClass>& file,
-                                                             Progress& counter) {
-                const fs::path target = partial.path() / name.utf8();
+            // Each stored file's two-character folder is made once.
+            std::set<std::string> folders;
+            auto write = [&](const CF::String& name, const std::shared_ptr<QVFileClass>& file, Progress& counter,
+                             bool hash) -> Copied {
+                const std::string relative = name.utf8();
+                const fs::path target = partial.path() / relative;
                 try {
-                    fs::create_directories(target.parent_path());
+                    if (const size_t slash = relative.rfind('/');
+                        slash != std::string::npos && folders.insert(relative.substr(0, slash)).second)
+                        fs::create_directories(target.parent_path());
                     Support::writable_file out(target, Support::writable_file::mode::exclusive);
-                    QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
-                        for (size_t done = 0; done < chunk.size();) {
-                            const size_t piece = std::min(kWritePiece, chunk.size() - done);
-                            out.write(chunk.data() + done, piece);
-                            done += piece;
-                            counter.written += static_cast<int64_t>(piece);
-                        }
+                    auto put = [&](const std::vector<uint8_t>& chunk) {
+                        out.write(chunk.data(), chunk.size());
+                        counter.written += static_cast<int64_t>(chunk.size());
                         return true;
-                    });
+                    };
+                    Copied copied;
+                    if (hash) copied = QVFileGetDataAndHash(file, kWritePiece, put);
+                    else QVFileGetData(file, kWritePiece, put);
                     out.close();
+                    return copied;
                 } catch (const CF::Error& e) {
                     throw Error(static_cast<QVError>(e.Code()), e, fmt::format("File {} could not be written", name));
                 } catch (const std::system_error& e) {
@@ -235,7 +324,13 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
                 } catch (const std::exception& e) {
                     throw Error(QVErrorFilesystem, CF::Error(), fmt::format("File {} could not be written - {}", name, e.what()));
                 }
-            });
+            };
+            // A file found damaged as it was copied is taken back out.
+            auto forget = [&](const CF::String& name) {
+                std::error_code ec;
+                fs::remove(partial.path() / name.utf8(), ec);
+            };
+            writeEachName(backup, progress, "directory", true, write, forget);
             moveIntoPlace(partial.path(), root);
             partial.Keep();
             return 1;
@@ -277,8 +372,8 @@ unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef des
                                    fmt::format("{} ({})", what, std::strerror(err)))
                            : Error(QVErrorWritingExternalRepresentation, CF::Error(), fmt::format("{} ({})", what, result));
             };
-            writeEachName(backup, progress, "zip", [&](const CF::String& name,
-                                                       const std::shared_ptr<QVFileClass>& file, Progress& counter) {
+            auto write = [&](const CF::String& name, const std::shared_ptr<QVFileClass>& file, Progress& counter,
+                             bool) -> Copied {
                 zip_fileinfo info{};
                 CFDateRef date = QVFileGetModifiedDate(file);
                 auto seconds =
@@ -331,7 +426,10 @@ unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef des
                 }
                 errno = 0;
                 if (const int r = zipCloseFileInZip(writer.zip); r != ZIP_OK) throw zipFailure(what, r);
-            });
+                return std::nullopt;
+            };
+            // A member cannot be taken back out of a zip: the files are checked before any is written.
+            writeEachName(backup, progress, "zip", false, write, [](const CF::String&) {});
             errno = 0;
             const int closed = zipClose(writer.zip, nullptr);
             writer.zip = nullptr;

@@ -370,13 +370,20 @@ std::shared_ptr<QVFileClass> QVManifestEntryGetFile(const Entry& entry, CFErrorR
                                 "Tried to get a File ref for entry, but getFileFunc is not set!"));
         return nullptr;
     }
-    auto file = (*entry->getFileFunc)(QVManifestEntryGetFileID(entry), error);
+    auto file = (*entry->getFileFunc)(CF::String(entry->fileID()).get(), error);
     if (file) {
         entry->file = file;
-        entry->getFileFunc = nullptr;
+        entry->fileFetched = true;
         _QVFileSetModifiedDate(file, CF::Date(entry->lastModified).get());
     }
     return file;
+}
+
+void QVManifestEntryForgetFetchedFile(const Entry& entry) {
+    QV_ASSERT(entry);
+    if (!entry->fileFetched || !entry->getFileFunc || !*entry->getFileFunc) return;
+    entry->file.reset();
+    entry->fileFetched = false;
 }
 
 void _QVManifestEntryCloneAttributes(const Entry& destination, const Entry& source) {

@@ -46,6 +46,7 @@ public:
     std::string_view domainText;  // its UTF-8, kept by `domain`
     uint8_t fileType = 0;  // 1 file, 2 directory, 4 symlink; Manifest.db flags as stored
     bool external = false;
+    bool fileFetched = false;  // `file` came through `getFileFunc`, which can fetch it again
     bool fileIDIsHex = false;  // the file ID is `fileIDBytes` as 40 lower-case hexadecimal digits
     uint16_t mode = 0;
     EntryProtectionClass protectionClass = EntryProtectionClassNotSet;
@@ -104,6 +105,10 @@ private:
 namespace Quiver {
 
 // QVManifestEntryCreateCopy with a getter shared by many copies.
+// Lets go of a stored file fetched through the entry's getter (it is fetched again when asked for),
+// so that a walk over every file of a large backup does not keep a file object for each.
+void QVManifestEntryForgetFetchedFile(const Entry& entry);
+
 Entry CopyEntrySharingGetter(const Entry& entry, std::shared_ptr<const QVGetFileFunction> getFileFunc);
 
 // Gives a new regular file of an encrypted backup its own key: the entry's file becomes an enciphering

@@ -73,6 +73,8 @@ std::optional<unsigned> paddingOfStoredFile(const std::string& path, uint64_t le
     return pad;
 }
 
+constexpr const char* kNotTheRecordedOne = "is not the one its manifest records";
+
 std::string storedNameOf(const Backup& backup, const Entry& entry) {
     return LocalFilenameForFileID(CF::String(entry->fileID()), backup->manifestVersion, true).utf8();
 }
@@ -106,6 +108,17 @@ std::string errorText(CF::Error error) {
 }
 
 }  // namespace
+
+QVProblem QVProblemOfCopiedDigest(const Backup& backup, const Entry& entry, uint64_t storedLength) {
+    QVProblem p = problemOf(QVProblemKind::DigestMismatch, entry, storedNameOf(backup, entry), kNotTheRecordedOne);
+    p.storedLength = storedLength;
+    return p;
+}
+
+void QVBackupContainerSetExportCheck(const Backup& backup, std::shared_ptr<const QVExportCheck> check) {
+    QV_ASSERT(backup);
+    backup->exportCheck = std::move(check);
+}
 
 std::vector<QVProblem> QVBackupContainerVerifyEntry(const Backup& backup, const Entry& entry, QVVerifyMode mode,
                                                     std::vector<uint8_t>* digest) {
@@ -152,7 +165,7 @@ std::vector<QVProblem> QVBackupContainerVerifyEntry(const Backup& backup, const 
         if (!hash) return withLength(report(QVProblemKind::Unreadable, "cannot be read to its end"));
         if (hasDigest) {
             if (!std::equal(hash->begin(), hash->end(), recorded.begin(), recorded.end()))
-                return withLength(report(QVProblemKind::DigestMismatch, "is not the one its manifest records"));
+                return withLength(report(QVProblemKind::DigestMismatch, kNotTheRecordedOne));
             digestDecided = true;
         }
     }

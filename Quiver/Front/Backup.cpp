@@ -573,11 +573,20 @@ void Backup::write(const fs::path& destination, const WriteOptions& options) con
     Quiver::ExportProgress progress = [&options](double fraction) {
         if (options.progress) options.progress(fraction);
     };
+    if (options.check) {
+        auto check = std::make_shared<Quiver::QVExportCheck>();
+        check->skipDamaged = options.skipDamaged;
+        check->problem = [&options](const Quiver::QVProblem& p) {
+            if (options.problem) options.problem(ToProblem(p));
+        };
+        Quiver::QVBackupContainerSetExportCheck(impl_->backup, std::move(check));
+    }
     const CF::String target = Text(destination.string());
     CFErrorRef error = nullptr;
     const bool written = options.zip ? Quiver::QVBackupContainerExportToZip(impl_->backup, target.get(), progress, &error)
                                      : Quiver::QVBackupContainerExportToDirectory(impl_->backup, target.get(), progress, &error);
     Quiver::QVBackupContainerSetExportPhaseFunction(impl_->backup, {});
+    Quiver::QVBackupContainerSetExportCheck(impl_->backup, nullptr);
     if (!written) front::Throw(error);
 }
 

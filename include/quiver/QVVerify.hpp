@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -70,6 +71,22 @@ using QVProblemFunction = std::function<void(const QVProblem& problem)>;
 QV_EXPORT std::vector<QVProblem> QVBackupContainerVerifyEntry(const Backup& backup, const Entry& entry,
                                                               QVVerifyMode mode,
                                                               std::vector<uint8_t>* digest = nullptr);
+
+// How an export of the container checks the stored files it copies from the source: each as
+// QVBackupContainerVerifyEntry does in `mode` (Digests: the recorded digests too), in the same read
+// as the copy where the export goes to a directory, before anything is written where it goes to a zip.
+// Every problem goes to `problem`, warnings included. A stored file with a problem that is not a
+// warning is damaged: the export then fails once every file has been checked, and writes nothing,
+// unless `skipDamaged` is set, when the damaged files' entries are taken out of the container's
+// manifest and the rest is written.
+struct QVExportCheck {
+    QVVerifyMode mode = QVVerifyMode::Digests;
+    bool skipDamaged = false;
+    QVProblemFunction problem;
+};
+
+// Sets how the container's exports check the files they copy; null checks nothing (the default).
+QV_EXPORT void QVBackupContainerSetExportCheck(const Backup& backup, std::shared_ptr<const QVExportCheck> check);
 
 // Every entry's stored file, then the manifest as a whole (duplicate and wrong file IDs, missing
 // parents) and the stored files that no entry names, reporting each problem as it is found.

@@ -258,46 +258,30 @@ std::vector<quiver::Entry> SelectEntries(const quiver::Backup& backup, const std
     return entries;
 }
 
-int CheckStoredFiles(quiver::Backup& backup, bool skipDamaged, int verbosity) {
-    // One pass over every stored file finds all the damage at once, so that a person learns of every
-    // bad file before anything is written, not one run at a time.
-    std::vector<quiver::Problem> damaged;
-    Progress progress("Checking the stored files");
-    try {
-        backup.verify(
-            quiver::VerifyMode::Digests,
-            [&](const quiver::Problem& p) {
-                // Problems of the manifest as a whole (orphans, duplicate IDs, missing parents) do not
-                // keep a file from being copied; only a stored file that cannot be trusted does.
-                const bool ofAStoredFile = !p.path.empty() || !p.domain.empty();
-                if (!ofAStoredFile || p.kind == "duplicate-file-id" || p.kind == "wrong-file-id" ||
-                    p.kind == "missing-parent" || p.kind == "orphan-stored-file" ||
-                    p.kind == "metadata-not-a-property-list")
-                    return;
-                if (p.warning) {
-                    Detail(verbosity, fmt::format("{} {}: {}", Printable(p.domain), Printable(p.path), p.detail));
-                    return;
-                }
-                damaged.push_back(p);
-            },
-            [&](double fraction) { progress.Update(fraction); });
-    } catch (const quiver::Error& e) {
-        throw Failure(kFailure, fmt::format("could not check the stored files: {}", e.what()));
-    }
-    progress.Finish();
-    if (damaged.empty()) return 0;
+std::function<void(const quiver::Problem&)> StoredFileDamage::Recorder() {
+    return [this](const quiver::Problem& p) {
+        if (p.warning) {
+            Detail(verbosity, fmt::format("{} {}: {}", Printable(p.domain), Printable(p.path), p.detail));
+            return;
+        }
+        damaged.push_back(p);
+    };
+}
+
+void StoredFileDamage::List() const {
     std::string list;
     for (const quiver::Problem& p : damaged)
         list += fmt::format("quiver: damaged: {} {} (stored as {}): {}\n", Printable(p.domain), Printable(p.path),
                             p.storedName.empty() ? p.fileID : p.storedName, p.detail);
     WriteAll(STDERR_FILENO, list);
+}
+
+void StoredFileDamage::Refuse() const {
+    List();
     const size_t count = damaged.size();
-    if (!skipDamaged)
-        throw Failure(kBadBackup, fmt::format("the backup is damaged: {} {} listed above; nothing was written (give "
-                                              "--skip-damaged to write the rest without {})",
-                                              count, count == 1 ? "file is" : "files are", count == 1 ? "it" : "them"));
-    for (const quiver::Problem& p : damaged) backup.remove(p.domain, p.path);
-    return static_cast<int>(count);
+    throw Failure(kBadBackup, fmt::format("the backup is damaged: {} {} listed above; nothing was written (give "
+                                          "--skip-damaged to write the rest without {})",
+                                          count, count == 1 ? "file is" : "files are", count == 1 ? "it" : "them"));
 }
 
 }  // namespace QuiverTool

@@ -38,7 +38,11 @@ void RequireNewDestination(const std::string& destination, bool zip) {
         throw Failure(kFailure, fmt::format("the folder {} does not exist", parent.string()));
 }
 
-void WriteBackup(const quiver::Backup& backup, const std::string& destination, bool zip) {
+// Writes the backup; with `damage`, each stored file copied from the source is checked as it is
+// copied, and a damaged one ends the command unless skipDamaged leaves it out (listed, and counted
+// in the return value).
+int WriteBackup(const quiver::Backup& backup, const std::string& destination, bool zip,
+                StoredFileDamage* damage = nullptr, bool skipDamaged = false) {
     RemoveOnSignal removeIfInterrupted(quiver::Backup::partialPath(destination));
     Progress progress(zip ? "Writing the zip file" : "Writing the backup");
     quiver::WriteOptions options;
@@ -49,12 +53,21 @@ void WriteBackup(const quiver::Backup& backup, const std::string& destination, b
         const std::string what = phase == "files" ? "the stored files" : phase == "manifest" ? "the manifest" : "the metadata";
         progress.SetLabel(fmt::format("Writing {} of {}", what, zip ? "the zip file" : "the backup"));
     };
+    if (damage) {
+        options.check = true;
+        options.skipDamaged = skipDamaged;
+        options.problem = damage->Recorder();
+    }
     try {
         backup.write(destination, options);
     } catch (const quiver::Error& failure) {
+        if (damage && !damage->damaged.empty() && !skipDamaged) damage->Refuse();
         // The cause's own words say what went wrong ("No space left on device", a file that failed).
         throw Failure(kFailure, fmt::format("could not write {}: {}", destination, CauseText(failure)));
     }
+    if (!damage) return 0;
+    damage->List();
+    return static_cast<int>(damage->damaged.size());
 }
 
 // ---- export ----
@@ -91,9 +104,8 @@ int RunExport(const ExportOptions& o, const GlobalOptions& global) {
         throw Failure(kFailure, fmt::format("{} has a Manifest.db manifest; writing it with Manifest.mbdb (iOS 9 "
                                             "and earlier) is not supported",
                                             o.backup));
-    const int skipped = CheckStoredFiles(open.get(), o.skipDamaged, global.verbosity);
-    WriteBackup(open.get(), o.destination, zip);
-    return WrittenWithout(skipped, o.destination);
+    StoredFileDamage damage{global.verbosity};
+    return WrittenWithout(WriteBackup(open.get(), o.destination, zip, &damage, o.skipDamaged), o.destination);
 }
 
 // ---- edit ----
@@ -230,9 +242,8 @@ int RunEdit(const EditOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
     RequireWholeBackup(open.get(), o.backup);
     for (const Edit& edit : edits) ApplyEdit(open.get(), edit, o.replaceDirectories, global);
-    const int skipped = CheckStoredFiles(open.get(), o.skipDamaged, global.verbosity);  // what the edits left of the source
-    WriteBackup(open.get(), o.destination, zip);
-    return WrittenWithout(skipped, o.destination);
+    StoredFileDamage damage{global.verbosity};  // of what the edits left of the source
+    return WrittenWithout(WriteBackup(open.get(), o.destination, zip, &damage, o.skipDamaged), o.destination);
 }
 
 // ---- sample ----
