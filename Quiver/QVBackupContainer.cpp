@@ -604,13 +604,19 @@ CFArrayRef QVBackupContainerCopyFilesystemPathsList(const Backup& backup, unsign
         if (!seen.insert(id.utf8()).second) continue;
         paths.Append(LocalFilenameForFileID(id, backup->manifestVersion, forwardSlashes != 0));
     }
-    if (backup->manifestVersion == QVManifestDataVersion24) {
-        paths.Append(CF::String("Manifest.mbdb"));
-    } else if (backup->manifestVersion >= QVManifestDataVersion30 && backup->manifestVersion <= QVManifestDataVersion33) {
-        paths.Append(CF::String("Manifest.db"));
-    }
-    for (const MetadataFile& record : MetadataFileList(*backup)) paths.Append(CF::String(record.name));
+    for (const CF::String& name : ManifestAndMetadataNames(backup)) paths.Append(name);
     return paths.Detach();
+}
+
+std::vector<CF::String> ManifestAndMetadataNames(const Backup& backup) {
+    std::vector<CF::String> names;
+    if (backup->manifestVersion == QVManifestDataVersion24) {
+        names.emplace_back("Manifest.mbdb");
+    } else if (backup->manifestVersion >= QVManifestDataVersion30 && backup->manifestVersion <= QVManifestDataVersion33) {
+        names.emplace_back("Manifest.db");
+    }
+    for (const MetadataFile& record : MetadataFileList(*backup)) names.emplace_back(record.name);
+    return names;
 }
 
 Manifest QVBackupContainerGetManifest(const Backup& backup) {

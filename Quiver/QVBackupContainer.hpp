@@ -99,6 +99,8 @@ struct MetadataFile {
 std::vector<MetadataFile> MetadataFileList(QVBackupContainerClass& backup);
 bool IsReservedName(CFStringRef name);
 CF::String LocalFilenameForFileID(const CF::String& fileID, QVManifestDataVersion version, bool forwardSlashes);
+// The names of a finished backup after its stored files: the manifest, then the metadata files.
+std::vector<CF::String> ManifestAndMetadataNames(const Backup& backup);
 std::shared_ptr<QVFileClass> SourceLoadFile(const Backup& backup, const CF::String& name);
 std::shared_ptr<QVFileClass> SourceLoadFileForFileID(const Backup& backup, CFStringRef fileID, CFErrorRef* error);
 // The zip source: a member read whole into an appendable file.

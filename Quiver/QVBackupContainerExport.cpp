@@ -193,23 +193,12 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         }
         check.Settle();
     }
-    // "/" is this platform's separator: the two-character directory then holds the file.
-    CF::Array names = CF::Array::Adopt(QVBackupContainerCopyFilesystemPathsList(backup, 1));
     Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
     const char* phase = nullptr;
-    for (CFTypeRef item : names) {
-        auto name = CF::String::Retain(static_cast<CFStringRef>(item));
-        // Stored files come first, then the manifest (made here, which takes a while), then metadata.
-        const std::string text = name.utf8();
-        const char* now = text == "Manifest.db" || text == "Manifest.mbdb" ? "manifest"
-                          : IsReservedName(name.get())                      ? "metadata"
-                                                                            : "files";
+    auto writeOne = [&](const CF::String& name, const char* now, const Entry& entry) {
         if (now != phase && phase && std::string_view(phase) == "files" && checkInline) check.Settle();
         if (now != phase && backup->exportPhase) backup->exportPhase(now);
         phase = now;
-        const Entry entry = now == std::string_view("files")
-                                ? QVBackupContainerGetEntryForLocalFilename(backup, name.get(), nullptr)
-                                : Entry();
         // A failure says which file of the backup it is about, and which entry when it is a stored file.
         auto about = [&] {
             ErrorContext context = ErrorContext::File(name.utf8());
@@ -226,7 +215,7 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         if (entry && check.enabled() && checkInline &&
             !check.Before(entry, mode == QVVerifyMode::Full ? mode : QVVerifyMode::Quick, recorded)) {
             QVManifestEntryForgetFetchedFile(entry);
-            continue;
+            return;
         }
         if (mode != QVVerifyMode::Digests) recorded.clear();
         CFErrorRef loadError = nullptr;
@@ -246,6 +235,20 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         // proportion to the backup.
         if (entry) QVManifestEntryForgetFetchedFile(entry);
         counter.tick();
+    };
+    // Stored files come first, each named once (two entries of a damaged manifest may share a file ID,
+    // and so a stored file), with "/" as the separator: the two-character directory holds the file.
+    // Names are made one at a time, not listed first: a large backup has hundreds of thousands.
+    for (const Entry& entry : QVManifestGetEntries(backup->manifest)) {
+        if (QVManifestEntryIsDirectory(entry) || QVManifestEntryIsSymlink(entry)) continue;
+        const CF::String id(entry->fileID());
+        if (id.empty() || QVManifestGetEntryForFileID(backup->manifest, id.get()) != entry) continue;
+        writeOne(LocalFilenameForFileID(id, backup->manifestVersion, true), "files", entry);
+    }
+    // Then the manifest (made here, which takes a while), then the metadata.
+    for (const CF::String& name : ManifestAndMetadataNames(backup)) {
+        const std::string text = name.utf8();
+        writeOne(name, text == "Manifest.db" || text == "Manifest.mbdb" ? "manifest" : "metadata", nullptr);
     }
     if (phase && std::string_view(phase) == "files" && checkInline) check.Settle();
 }
