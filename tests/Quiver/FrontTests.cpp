@@ -134,6 +134,13 @@ TEST_F(FrontTest, EditsMakeParentsAndRefuseUnsafeNames) {
     quiver::Backup reopened = quiver::Backup::open(root / "written.zip");
     EXPECT_EQ(reopened.readAll(*reopened.find("HomeDomain", "Library/New/deep/file.txt")), text);
     EXPECT_EQ(reopened.find("HomeDomain", "Library/Link")->target(), "New/deep/file.txt");
+    // Two directories written from it share no file: what the export made for itself (the manifest)
+    // may be named in place, but a file the backup holds is copied.
+    backup.write(root / "one");
+    backup.write(root / "two");
+    for (const auto& item : std::filesystem::recursive_directory_iterator(root / "two"))
+        if (item.is_regular_file()) EXPECT_EQ(std::filesystem::hard_link_count(item.path()), 1u) << item.path();
+    EXPECT_EQ(quiver::Backup::open(root / "two").readAll(*backup.find("HomeDomain", "Library/New/deep/file.txt")), text);
 }
 
 TEST(FrontValue, PropertyListsRoundTrip) {
