@@ -196,10 +196,10 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         check.Settle();
     }
     Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
-    const char* phase = nullptr;
-    auto writeOne = [&](const CF::String& name, const char* now, const Entry& entry) {
-        if (now != phase && phase && std::string_view(phase) == "files" && checkInline) check.Settle();
-        if (now != phase && backup->exportPhase) backup->exportPhase(now);
+    std::string_view phase;
+    auto writeOne = [&](const CF::String& name, std::string_view now, const Entry& entry) {
+        if (now != phase && phase == "files" && checkInline) check.Settle();
+        if (now != phase && backup->exportPhase) backup->exportPhase(now.data());
         phase = now;
         // A failure says which file of the backup it is about, and which entry when it is a stored file.
         auto about = [&] {
@@ -261,7 +261,7 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         const std::string text = name.utf8();
         writeOne(name, text == "Manifest.db" || text == "Manifest.mbdb" ? "manifest" : "metadata", nullptr);
     }
-    if (phase && std::string_view(phase) == "files" && checkInline) check.Settle();
+    if (phase == "files" && checkInline) check.Settle();
 }
 
 // Names a file without a name at target, with the mode a new file there would have; false when it cannot

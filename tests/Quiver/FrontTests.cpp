@@ -138,8 +138,10 @@ TEST_F(FrontTest, EditsMakeParentsAndRefuseUnsafeNames) {
     // may be named in place, but a file the backup holds is copied.
     backup.write(root / "one");
     backup.write(root / "two");
-    for (const auto& item : std::filesystem::recursive_directory_iterator(root / "two"))
-        if (item.is_regular_file()) EXPECT_EQ(std::filesystem::hard_link_count(item.path()), 1u) << item.path();
+    for (const auto& item : std::filesystem::recursive_directory_iterator(root / "two")) {
+        if (!item.is_regular_file()) continue;
+        EXPECT_EQ(std::filesystem::hard_link_count(item.path()), 1u) << item.path();
+    }
     EXPECT_EQ(quiver::Backup::open(root / "two").readAll(*backup.find("HomeDomain", "Library/New/deep/file.txt")), text);
 }
 

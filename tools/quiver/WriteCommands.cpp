@@ -104,7 +104,7 @@ int RunExport(const ExportOptions& o, const GlobalOptions& global) {
         throw Failure(kFailure, fmt::format("{} has a Manifest.db manifest; writing it with Manifest.mbdb (iOS 9 "
                                             "and earlier) is not supported",
                                             o.backup));
-    StoredFileDamage damage{global.verbosity};
+    StoredFileDamage damage{global.verbosity, {}};
     return WrittenWithout(WriteBackup(open.get(), o.destination, zip, &damage, o.skipDamaged), o.destination);
 }
 
@@ -242,7 +242,7 @@ int RunEdit(const EditOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
     RequireWholeBackup(open.get(), o.backup);
     for (const Edit& edit : edits) ApplyEdit(open.get(), edit, o.replaceDirectories, global);
-    StoredFileDamage damage{global.verbosity};  // of what the edits left of the source
+    StoredFileDamage damage{global.verbosity, {}};  // of what the edits left of the source
     return WrittenWithout(WriteBackup(open.get(), o.destination, zip, &damage, o.skipDamaged), o.destination);
 }
 
