@@ -95,6 +95,10 @@ std::string_view textView(const SQLite::Column& column, std::string& spare) {
 
 }  // namespace
 
+// Every connection here is used by one thread at a time (the threads that decode rows or encode records
+// never call SQLite), so SQLite's lock around each call, taken for every column of every row, is left out.
+constexpr int kOneThread = SQLITE_OPEN_NOMUTEX;
+
 fs::path ManifestDatabaseDirectory() {
     static std::mutex lock;
     static std::optional<fs::path> directory;
@@ -138,7 +142,7 @@ void ManifestDatabase::Open(const fs::path& source) {
     }
     path_ = privatePath;
     try {
-        db_ = std::make_unique<SQLite::Database>(privatePath.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+        db_ = std::make_unique<SQLite::Database>(privatePath.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | kOneThread);
     } catch (const std::exception& e) {
         throw Error(QVErrorDatabaseOperation, CF::Error(),
                     fmt::format("Failed to instantiate database at '{}' ({})", privatePath.string(), e.what()));
@@ -154,7 +158,7 @@ void ManifestDatabase::OpenForReading(const fs::path& source) {
     if (!fs::is_regular_file(source, ec))
         throw Error(QVErrorFileNotFound, CF::Error(), fmt::format("File does not exist at path '{}'", source.string()));
     try {
-        db_ = std::make_unique<SQLite::Database>(fileURI(source, "immutable=1"), SQLite::OPEN_READONLY | SQLite::OPEN_URI);
+        db_ = std::make_unique<SQLite::Database>(fileURI(source, "immutable=1"), SQLite::OPEN_READONLY | SQLite::OPEN_URI | kOneThread);
         readUserVersion();
     } catch (const CF::Error&) {
         throw;
@@ -170,7 +174,7 @@ void ManifestDatabase::OpenEnciphered(const fs::path& source, const std::array<u
     cipher_ = std::make_unique<CipheredDatabase>(source, key);
     try {
         db_ = std::make_unique<SQLite::Database>(fileURI(source, "immutable=1&" + cipher_->URIParameters()),
-                                                 SQLite::OPEN_READONLY | SQLite::OPEN_URI);
+                                                 SQLite::OPEN_READONLY | SQLite::OPEN_URI | kOneThread);
         readUserVersion();
     } catch (const CF::Error&) {
         throw;
@@ -182,7 +186,7 @@ void ManifestDatabase::OpenEnciphered(const fs::path& source, const std::array<u
 
 void ManifestDatabase::OpenImage(DatabaseImage image) {
     try {
-        db_ = std::make_unique<SQLite::Database>(":memory:", SQLite::OPEN_READWRITE);
+        db_ = std::make_unique<SQLite::Database>(":memory:", SQLite::OPEN_READWRITE | kOneThread);
     } catch (const std::exception& e) {
         throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to open a database in memory ({})", e.what()));
     }
@@ -380,7 +384,7 @@ void ManifestDatabase::Create(uint32_t userVersion, const std::filesystem::path&
     // that could outlive the process (a crash, SIGKILL) where nothing would remove it.
     const std::string where = file.empty() ? std::string(":memory:") : file.string();
     try {
-        db_ = std::make_unique<SQLite::Database>(where, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE, 0,
+        db_ = std::make_unique<SQLite::Database>(where, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | kOneThread, 0,
                                                  file.empty() ? std::string() : std::string(namelessVFS()));
     } catch (const std::exception& e) {
         throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to open a new database ({})", e.what()));
