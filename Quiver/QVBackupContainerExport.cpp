@@ -127,6 +127,9 @@ CF::Error failedExport(const fs::path& destination, const CF::Error& cause) {
                              cause ? fmt::format(": {}", cause.Reason()) : std::string()));
 }
 
+// Thrown where an export has to start again: it wrote a file that it is to leave out.
+struct RewriteWithoutDamage {};
+
 // The damaged files an export found among those it checked. Once the last stored file is checked
 // (before the manifest is written), the export stops, writing nothing, or, when told to skip them,
 // takes their entries out so that the manifest it writes names only what was copied.
@@ -145,7 +148,10 @@ public:
                uint64_t storedLength) {
         return recorded == copied || note(entry, {QVProblemOfCopiedDigest(backup_, entry, storedLength)});
     }
-    // Called once every stored file is checked.
+    // A damaged file that was written and cannot be taken back out (a zip member).
+    void Written() { ++written_; }
+    // Called once every stored file is checked. Throws RewriteWithoutDamage, once the damaged entries
+    // are out, when a file to be left out was written already.
     void Settle() {
         if (damaged_.empty()) return;
         if (!check_->skipDamaged)
@@ -155,6 +161,7 @@ public:
                                     damaged_.size() == 1 ? "it" : "them"));
         QVManifestRemoveEntries(backup_->manifest, damaged_);
         damaged_.clear();
+        if (written_ > 0) throw RewriteWithoutDamage{};
     }
 
 private:
@@ -171,6 +178,7 @@ private:
     const Backup& backup_;
     std::shared_ptr<const QVExportCheck> check_;
     std::vector<Entry> damaged_;
+    size_t written_ = 0;
 };
 
 // How write(name, file, counter, hash) hands back what it copied: the SHA-1 of the bytes when hash
@@ -180,7 +188,8 @@ using Copied = std::optional<std::vector<uint8_t>>;
 // Produces every name of the finished backup in order and hands each file to write(name, file,
 // counter, hash), which throws CF::Error on failure. The first name that cannot be produced or
 // written ends the export: its error is thrown. With checks, a damaged stored file is reported and
-// not written, or, found damaged as it is copied, removed with forget(name).
+// not written, or, found damaged as it is copied, taken back out with forget(name), which returns
+// false where it cannot be. Without checkInline every file is checked before any is written.
 template <typename Write, typename Forget>
 void writeEachName(const Backup& backup, const ExportProgress& progress, const char* destinationKind,
                    bool checkInline, Write&& write, Forget&& forget) {
@@ -231,7 +240,7 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         } catch (const CF::Error& e) {
             throw AddErrorContext(e, about());
         }
-        if (copied && !check.After(entry, recorded, *copied, QVFileGetSize(file))) forget(name);
+        if (copied && !check.After(entry, recorded, *copied, QVFileGetSize(file)) && !forget(name)) check.Written();
         file.reset();
         // A source file is fetched again if asked for: keeping every one would cost memory in
         // proportion to the backup.
@@ -365,6 +374,7 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
             auto forget = [&](const CF::String& name) {
                 std::error_code ec;
                 fs::remove(partial.path() / name.utf8(), ec);
+                return true;
             };
             writeEachName(backup, progress, "directory", true, write, forget);
             moveIntoPlace(partial.path(), root);
@@ -383,105 +393,126 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
     return QVBackupContainerExportToDirectory(backup, destination, progress, nullptr);
 }
 
+namespace {
+
+// Writes the zip once; throws RewriteWithoutDamage (see DamageCheck) to be called again.
+unsigned char writeZip(const Backup& backup, CFStringRef destination, const fs::path& target,
+                       const ExportProgress& progress, bool inline_) {
+    requireComplete(backup);
+    requireFree(target);
+    const fs::path partialPath = QVBackupContainerPartialPath(destination);
+    // Made here, exclusively, so that minizip writes into a file of this export alone.
+    Support::writable_file(partialPath, Support::writable_file::mode::exclusive).close();
+    PartialWrite partial(partialPath);
+    ZipWriter writer;
+    writer.zip = zipOpen64(partialPath.c_str(), APPEND_STATUS_CREATE);
+    if (!writer.zip)
+        throw Error(QVErrorWritingExternalRepresentation, CF::Error(),
+                    fmt::format("Failed to create zip file {}", partialPath.string()));
+    // minizip reports a failed write only as ZIP_ERRNO; errno then says why.
+    auto zipFailure = [](const std::string& what, int result) {
+        const int err = errno;
+        return result == ZIP_ERRNO && err != 0
+                   ? Error(QVErrorWritingExternalRepresentation, MakeErrnoError(err, std::strerror(err)),
+                           fmt::format("{} ({})", what, std::strerror(err)))
+                   : Error(QVErrorWritingExternalRepresentation, CF::Error(), fmt::format("{} ({})", what, result));
+    };
+    auto write = [&](const CF::String& name, const std::shared_ptr<QVFileClass>& file, Progress& counter,
+                     bool hash) -> Copied {
+        zip_fileinfo info{};
+        CFDateRef date = QVFileGetModifiedDate(file);
+        auto seconds =
+            static_cast<time_t>(date ? CFDateGetAbsoluteTime(date) + kCFAbsoluteTimeIntervalSince1970 : 0);
+        struct tm local{};
+        localtime_r(&seconds, &local);
+        info.tmz_date.tm_sec = static_cast<uInt>(local.tm_sec);
+        info.tmz_date.tm_min = static_cast<uInt>(local.tm_min);
+        info.tmz_date.tm_hour = static_cast<uInt>(local.tm_hour);
+        info.tmz_date.tm_mday = static_cast<uInt>(local.tm_mday);
+        info.tmz_date.tm_mon = static_cast<uInt>(local.tm_mon);
+        info.tmz_date.tm_year = static_cast<uInt>(local.tm_year + 1900);
+        const int zip64 = QVFileGetSize(file) >= kZip64Threshold ? 1 : 0;
+        const std::string member = name.utf8();
+        const std::string what = fmt::format("File {} could not be written in zip", name);
+        // The member is opened once its first bytes are read, which decide whether it is deflated.
+        bool opened = false;
+        auto open = [&](std::span<const uint8_t> start) {
+            const bool deflate = worthDeflating(start);
+            errno = 0;
+            const int r = zipOpenNewFileInZip3_64(writer.zip, member.c_str(), &info, nullptr, 0, nullptr, 0,
+                                                  nullptr, deflate ? Z_DEFLATED : 0,
+                                                  deflate ? Z_DEFAULT_COMPRESSION : 0, 0, -MAX_WBITS, 8,
+                                                  Z_DEFAULT_STRATEGY, nullptr, 0, zip64);
+            if (r != ZIP_OK) throw zipFailure(what, r);
+            opened = true;
+        };
+        auto write = [&](const uint8_t* bytes, size_t length) {
+            errno = 0;
+            const int r = zipWriteInFileInZip(writer.zip, bytes, static_cast<unsigned>(length));
+            if (r != ZIP_OK) throw zipFailure(what, r);
+            counter.written += static_cast<int64_t>(length);
+        };
+        Copied copied;
+        try {
+            std::optional<std::vector<uint8_t>> whole;
+            if (!hash) whole = QVFileGetDataQuickly(file);
+            if (whole) {
+                open(*whole);
+                write(whole->data(), whole->size());
+            } else {
+                auto each = [&](const std::vector<uint8_t>& chunk) {
+                    if (!opened) open(chunk);
+                    write(chunk.data(), chunk.size());
+                    return true;
+                };
+                if (hash) copied = QVFileGetDataAndHash(file, 0, each);
+                else QVFileGetData(file, 0, each);
+                if (!opened) open({});  // an empty file
+            }
+        } catch (const CF::Error&) {
+            throw;
+        } catch (const std::exception& e) {
+            throw Error(QVErrorWritingExternalRepresentation, CF::Error(), fmt::format("{} ({})", what, e.what()));
+        }
+        errno = 0;
+        if (const int r = zipCloseFileInZip(writer.zip); r != ZIP_OK) throw zipFailure(what, r);
+        return copied;
+    };
+    // A member cannot be taken back out of a zip once written (see RewriteWithoutDamage).
+    writeEachName(backup, progress, "zip", inline_, write, [](const CF::String&) { return false; });
+    errno = 0;
+    const int closed = zipClose(writer.zip, nullptr);
+    writer.zip = nullptr;
+    if (closed != ZIP_OK) throw zipFailure(fmt::format("Failed to finish zip file {}", partialPath.string()), closed);
+    // The zip is one file: cheap to make durable before it takes the destination's name.
+    if (const int fd = ::open(partialPath.c_str(), O_RDONLY | O_CLOEXEC); fd >= 0) {
+        const bool synced = ::fsync(fd) == 0;
+        const int err = errno;
+        ::close(fd);
+        if (!synced)
+            throw MakeErrnoError(err, fmt::format("Failed to write zip file {} ({})", partialPath.string(),
+                                                  std::strerror(err)));
+    }
+    moveIntoPlace(partialPath, target);
+    partial.Keep();
+    return 1;
+}
+
+}  // namespace
+
 unsigned char QVBackupContainerExportToZip(const Backup& backup, CFStringRef destination,
                                            const ExportProgress& progress, CFErrorRef* error) {
     QV_ASSERT(backup);
     const fs::path target = destinationName(fs::path(CF::String::Retain(destination).utf8()));
     return Boundary(error, [&]() -> unsigned char {
         try {
-            requireComplete(backup);
-            requireFree(target);
-            const fs::path partialPath = QVBackupContainerPartialPath(destination);
-            // Made here, exclusively, so that minizip writes into a file of this export alone.
-            Support::writable_file(partialPath, Support::writable_file::mode::exclusive).close();
-            PartialWrite partial(partialPath);
-            ZipWriter writer;
-            writer.zip = zipOpen64(partialPath.c_str(), APPEND_STATUS_CREATE);
-            if (!writer.zip)
-                throw Error(QVErrorWritingExternalRepresentation, CF::Error(),
-                            fmt::format("Failed to create zip file {}", partialPath.string()));
-            // minizip reports a failed write only as ZIP_ERRNO; errno then says why.
-            auto zipFailure = [](const std::string& what, int result) {
-                const int err = errno;
-                return result == ZIP_ERRNO && err != 0
-                           ? Error(QVErrorWritingExternalRepresentation, MakeErrnoError(err, std::strerror(err)),
-                                   fmt::format("{} ({})", what, std::strerror(err)))
-                           : Error(QVErrorWritingExternalRepresentation, CF::Error(), fmt::format("{} ({})", what, result));
-            };
-            auto write = [&](const CF::String& name, const std::shared_ptr<QVFileClass>& file, Progress& counter,
-                             bool) -> Copied {
-                zip_fileinfo info{};
-                CFDateRef date = QVFileGetModifiedDate(file);
-                auto seconds =
-                    static_cast<time_t>(date ? CFDateGetAbsoluteTime(date) + kCFAbsoluteTimeIntervalSince1970 : 0);
-                struct tm local{};
-                localtime_r(&seconds, &local);
-                info.tmz_date.tm_sec = static_cast<uInt>(local.tm_sec);
-                info.tmz_date.tm_min = static_cast<uInt>(local.tm_min);
-                info.tmz_date.tm_hour = static_cast<uInt>(local.tm_hour);
-                info.tmz_date.tm_mday = static_cast<uInt>(local.tm_mday);
-                info.tmz_date.tm_mon = static_cast<uInt>(local.tm_mon);
-                info.tmz_date.tm_year = static_cast<uInt>(local.tm_year + 1900);
-                const int zip64 = QVFileGetSize(file) >= kZip64Threshold ? 1 : 0;
-                const std::string member = name.utf8();
-                const std::string what = fmt::format("File {} could not be written in zip", name);
-                // The member is opened once its first bytes are read, which decide whether it is deflated.
-                bool opened = false;
-                auto open = [&](std::span<const uint8_t> start) {
-                    const bool deflate = worthDeflating(start);
-                    errno = 0;
-                    const int r = zipOpenNewFileInZip3_64(writer.zip, member.c_str(), &info, nullptr, 0, nullptr, 0,
-                                                          nullptr, deflate ? Z_DEFLATED : 0,
-                                                          deflate ? Z_DEFAULT_COMPRESSION : 0, 0, -MAX_WBITS, 8,
-                                                          Z_DEFAULT_STRATEGY, nullptr, 0, zip64);
-                    if (r != ZIP_OK) throw zipFailure(what, r);
-                    opened = true;
-                };
-                auto write = [&](const uint8_t* bytes, size_t length) {
-                    errno = 0;
-                    const int r = zipWriteInFileInZip(writer.zip, bytes, static_cast<unsigned>(length));
-                    if (r != ZIP_OK) throw zipFailure(what, r);
-                    counter.written += static_cast<int64_t>(length);
-                };
-                try {
-                    if (auto whole = QVFileGetDataQuickly(file)) {
-                        open(*whole);
-                        write(whole->data(), whole->size());
-                    } else {
-                        QVFileGetData(file, 0, [&](const std::vector<uint8_t>& chunk) {
-                            if (!opened) open(chunk);
-                            write(chunk.data(), chunk.size());
-                            return true;
-                        });
-                        if (!opened) open({});  // an empty file
-                    }
-                } catch (const CF::Error&) {
-                    throw;
-                } catch (const std::exception& e) {
-                    throw Error(QVErrorWritingExternalRepresentation, CF::Error(), fmt::format("{} ({})", what, e.what()));
-                }
-                errno = 0;
-                if (const int r = zipCloseFileInZip(writer.zip); r != ZIP_OK) throw zipFailure(what, r);
-                return std::nullopt;
-            };
-            // A member cannot be taken back out of a zip: the files are checked before any is written.
-            writeEachName(backup, progress, "zip", false, write, [](const CF::String&) {});
-            errno = 0;
-            const int closed = zipClose(writer.zip, nullptr);
-            writer.zip = nullptr;
-            if (closed != ZIP_OK) throw zipFailure(fmt::format("Failed to finish zip file {}", partialPath.string()), closed);
-            // The zip is one file: cheap to make durable before it takes the destination's name.
-            if (const int fd = ::open(partialPath.c_str(), O_RDONLY | O_CLOEXEC); fd >= 0) {
-                const bool synced = ::fsync(fd) == 0;
-                const int err = errno;
-                ::close(fd);
-                if (!synced)
-                    throw MakeErrnoError(err, fmt::format("Failed to write zip file {} ({})", partialPath.string(),
-                                                          std::strerror(err)));
+            // Files are checked as they are written; when a damaged one that is to be left out was
+            // written already, the zip is written again without it, the files checked first this time.
+            try {
+                return writeZip(backup, destination, target, progress, true);
+            } catch (const RewriteWithoutDamage&) {
+                return writeZip(backup, destination, target, progress, false);
             }
-            moveIntoPlace(partialPath, target);
-            partial.Keep();
-            return 1;
         } catch (const CF::Error& e) {
             CF::Error failure = failedExport(target, e);
             report(failure);
