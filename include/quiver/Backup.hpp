@@ -193,10 +193,10 @@ struct WriteOptions {
     // Told what the writing turns to: "files", "manifest", then "metadata".
     std::function<void(std::string_view phase)> phase;
     // Check each stored file copied from the source as verify(VerifyMode::Digests) would, in the same
-    // read as the copy (a zip checks them all before writing). A file with a problem that is not a
-    // warning is damaged: the write fails once every file is checked, leaving nothing, unless
-    // skipDamaged is set; then the damaged files' entries are taken out of this backup and the rest
-    // is written. Every problem found, warnings included, goes to `problem`.
+    // read as the copy. A file with a problem that is not a warning is damaged: the write fails once
+    // every file is checked, leaving nothing, unless skipDamaged is set; then the damaged files'
+    // entries are taken out of this backup and the rest is written. Every problem found, warnings
+    // included, goes to `problem`.
     bool check = false;
     bool skipDamaged = false;
     std::function<void(const Problem& problem)> problem;

@@ -74,11 +74,10 @@ QV_EXPORT std::vector<QVProblem> QVBackupContainerVerifyEntry(const Backup& back
 
 // How an export of the container checks the stored files it copies from the source: each as
 // QVBackupContainerVerifyEntry does in `mode` (Digests: the recorded digests too), in the same read
-// as the copy where the export goes to a directory, before anything is written where it goes to a zip.
-// Every problem goes to `problem`, warnings included. A stored file with a problem that is not a
-// warning is damaged: the export then fails once every file has been checked, and writes nothing,
-// unless `skipDamaged` is set, when the damaged files' entries are taken out of the container's
-// manifest and the rest is written.
+// as the copy. Every problem goes to `problem`, warnings included. A stored file with a problem that
+// is not a warning is damaged: the export then fails once every file has been checked, and writes
+// nothing, unless `skipDamaged` is set, when the damaged files' entries are taken out of the
+// container's manifest and the rest is written (a zip that held one already is written again).
 struct QVExportCheck {
     QVVerifyMode mode = QVVerifyMode::Digests;
     bool skipDamaged = false;
