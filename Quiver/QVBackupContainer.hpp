@@ -99,6 +99,10 @@ struct MetadataFile {
 std::vector<MetadataFile> MetadataFileList(QVBackupContainerClass& backup);
 bool IsReservedName(CFStringRef name);
 CF::String LocalFilenameForFileID(const CF::String& fileID, QVManifestDataVersion version, bool forwardSlashes);
+// What QVBackupContainerCopyFileForLocalFilename gives for the stored file `name` once it has found its
+// entry: for a caller that holds the entry already.
+std::shared_ptr<QVFileClass> CopyStoredFileForEntry(const Backup& backup, const Entry& entry, std::string_view name,
+                                                    CFErrorRef* error);
 // The names of a finished backup after its stored files: the manifest, then the metadata files.
 std::vector<CF::String> ManifestAndMetadataNames(const Backup& backup);
 std::shared_ptr<QVFileClass> SourceLoadFile(const Backup& backup, const CF::String& name);

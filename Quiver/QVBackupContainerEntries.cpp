@@ -136,6 +136,11 @@ std::shared_ptr<QVFileClass> QVBackupContainerCopyFileForLocalFilename(const Bac
         StoreError(error, Error(QVErrorNoItemAtPath, CF::Error(), fmt::format("File not present in backup ({})", name)));
         return nullptr;
     }
+    return CopyStoredFileForEntry(backup, entry, name, error);
+}
+
+std::shared_ptr<QVFileClass> CopyStoredFileForEntry(const Backup& backup, const Entry& entry, std::string_view name,
+                                                    CFErrorRef* error) {
     if (!QVManifestEntryIsFile(entry)) {
         StoreError(error,
                    Error(QVErrorNoItemAtPath, CF::Error(), fmt::format("Found entry referencing a non-file ({})", name)));

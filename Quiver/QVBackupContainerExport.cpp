@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <compare>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -230,7 +231,8 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         }
         if (mode != QVVerifyMode::Digests) recorded.clear();
         CFErrorRef loadError = nullptr;
-        auto file = QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
+        auto file = entry ? CopyStoredFileForEntry(backup, entry, name.utf8(), &loadError)
+                          : QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
         if (!file)
             throw Error(QVErrorLoadingExternalRepresentation, CF::Error::Adopt(loadError),
                         fmt::format("File {} could not be loaded for writing to {}", name, destinationKind), about());
@@ -256,13 +258,19 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
     std::vector<Entry> files;
     for (const Entry& entry : QVManifestGetEntries(backup->manifest))
         if (!QVManifestEntryIsDirectory(entry) && !QVManifestEntryIsSymlink(entry)) files.push_back(entry);
-    std::sort(files.begin(), files.end(), [](const Entry& a, const Entry& b) {
-        if (a->fileIDIsHex && b->fileIDIsHex) return a->fileIDBytes < b->fileIDBytes;
-        return a->fileID() < b->fileID();
-    });
-    for (const Entry& entry : files) {
+    auto compare = [](const Entry& a, const Entry& b) {
+        if (a->fileIDIsHex && b->fileIDIsHex) return a->fileIDBytes <=> b->fileIDBytes;
+        return a->fileID() <=> b->fileID();
+    };
+    std::sort(files.begin(), files.end(), [&](const Entry& a, const Entry& b) { return compare(a, b) < 0; });
+    for (size_t i = 0; i < files.size(); ++i) {
+        const Entry& entry = files[i];
         const CF::String id(entry->fileID());
-        if (id.empty() || QVManifestGetEntryForFileID(backup->manifest, id.get()) != entry) continue;
+        if (id.empty()) continue;
+        // Of entries that share a file ID, the one a lookup of the ID finds owns the stored file.
+        const bool shared = (i > 0 && compare(files[i - 1], entry) == 0) ||
+                            (i + 1 < files.size() && compare(files[i + 1], entry) == 0);
+        if (shared && QVManifestGetEntryForFileID(backup->manifest, id.get()) != entry) continue;
         writeOne(LocalFilenameForFileID(id, backup->manifestVersion, true), "files", entry);
     }
     // Then the manifest (made here, which takes a while), then the metadata.

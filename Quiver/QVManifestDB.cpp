@@ -255,10 +255,6 @@ constexpr SchemaRow kDeviceSchema[] = {
 };
 constexpr const SchemaRow& kPropertiesTable = kDeviceSchema[5];
 
-}  // namespace
-
-namespace {
-
 // The system's file system, but for a file reached through /proc/self/fd: SQLite would resolve that
 // link to the name the file had (creating a new file there for a file without a name) and would refuse
 // to open the link itself. Such a database is read and written through a descriptor of its own, by
@@ -472,6 +468,12 @@ void ManifestDatabase::rewriteSchema() {
     }
 }
 
+// Devices write Manifest.db in write-ahead-log mode, which the header's bytes 18 and 19 (2 and 2)
+// record; a database built here cannot be switched to it (it has no file beside which a log could lie),
+// and nothing else in the file differs.
+constexpr size_t kFileFormatOffset = 18;
+constexpr uint8_t kWriteAheadLogFormat[2] = {2, 2};
+
 std::vector<std::byte> ManifestDatabase::Serialize() {
     if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
     sqlite3_int64 size = 0;
@@ -484,15 +486,14 @@ std::vector<std::byte> ManifestDatabase::Serialize() {
     const auto* begin = reinterpret_cast<const std::byte*>(image);
     bytes.insert(bytes.end(), begin, begin + size);
     OPENSSL_cleanse(image, static_cast<size_t>(size));
-    // Devices write Manifest.db in write-ahead-log mode, which the header's bytes 18 and 19 (2 and 2)
-    // record; a database in memory cannot be switched to it, and nothing else in the file differs.
-    if (bytes.size() >= 20) bytes[18] = bytes[19] = std::byte{2};
+    if (bytes.size() >= kFileFormatOffset + sizeof kWriteAheadLogFormat)
+        std::memcpy(bytes.data() + kFileFormatOffset, kWriteAheadLogFormat, sizeof kWriteAheadLogFormat);
     return bytes;
 }
 
 void ManifestDatabase::MarkForWriteAheadLog(int descriptor) {
-    const uint8_t versions[2] = {2, 2};
-    if (pwrite(descriptor, versions, sizeof versions, 18) != static_cast<ssize_t>(sizeof versions))
+    if (pwrite(descriptor, kWriteAheadLogFormat, sizeof kWriteAheadLogFormat, kFileFormatOffset) !=
+        static_cast<ssize_t>(sizeof kWriteAheadLogFormat))
         throw Error(QVErrorDatabaseOperation, CF::Error(),
                     fmt::format("Failed to write the database's header ({})", std::strerror(errno)));
 }
