@@ -16,7 +16,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <compare>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -258,10 +257,7 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
     std::vector<Entry> files;
     for (const Entry& entry : QVManifestGetEntries(backup->manifest))
         if (!QVManifestEntryIsDirectory(entry) && !QVManifestEntryIsSymlink(entry)) files.push_back(entry);
-    auto compare = [](const Entry& a, const Entry& b) {
-        if (a->fileIDIsHex && b->fileIDIsHex) return a->fileIDBytes <=> b->fileIDBytes;
-        return a->fileID() <=> b->fileID();
-    };
+    auto compare = [](const Entry& a, const Entry& b) { return CompareFileIDs(*a, *b); };
     std::sort(files.begin(), files.end(), [&](const Entry& a, const Entry& b) { return compare(a, b) < 0; });
     for (size_t i = 0; i < files.size(); ++i) {
         const Entry& entry = files[i];

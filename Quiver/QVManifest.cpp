@@ -42,9 +42,8 @@ bool hasFileID(const QVManifestEntryClass& entry, std::string_view id) {
 // Each files the entry unless an entry with the same key is there; false then (the first one wins).
 bool indexFileID(QVManifestClass& manifest, const Entry& entry) {
     const QVManifestEntryClass& added = *entry;
-    return manifest.fileIDIndex.insert(FileIDHash(added), entry, [&](const QVManifestEntryClass& e) {
-        return e.fileIDIsHex && added.fileIDIsHex ? e.fileIDBytes == added.fileIDBytes : e.fileID() == added.fileID();
-    });
+    return manifest.fileIDIndex.insert(FileIDHash(added), entry,
+                                       [&](const QVManifestEntryClass& e) { return CompareFileIDs(e, added) == 0; });
 }
 
 bool indexPath(QVManifestClass& manifest, const Entry& entry) {

@@ -7,6 +7,7 @@
 #include <quiver/QVManifestEntry.hpp>
 
 #include <array>
+#include <compare>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -129,6 +130,11 @@ void AppendMBFileData(MB::FileWriter& writer, const QVManifestEntryClass& entry,
 std::array<uint8_t, 20> FileIDBytesForPath(std::string_view domain, std::string_view relativePath);
 // The raw bytes of a file ID written as 40 lower-case hexadecimal digits; false for any other text.
 bool FileIDBytesFromText(std::string_view text, std::array<uint8_t, 20>& bytes);
+// Orders two entries by file ID as text, comparing the raw bytes where both hold them.
+inline std::strong_ordering CompareFileIDs(const QVManifestEntryClass& a, const QVManifestEntryClass& b) {
+    if (a.fileIDIsHex && b.fileIDIsHex) return a.fileIDBytes <=> b.fileIDBytes;
+    return a.fileID() <=> b.fileID();
+}
 
 // The same as DomainPathPairLess for the domains and paths as texts.
 bool DomainPathTextLess(std::string_view aDomain, std::string_view aPath, std::string_view bDomain,

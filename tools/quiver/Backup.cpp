@@ -258,30 +258,4 @@ std::vector<quiver::Entry> SelectEntries(const quiver::Backup& backup, const std
     return entries;
 }
 
-std::function<void(const quiver::Problem&)> StoredFileDamage::Recorder() {
-    return [this](const quiver::Problem& p) {
-        if (p.warning) {
-            Detail(verbosity, fmt::format("{} {}: {}", Printable(p.domain), Printable(p.path), p.detail));
-            return;
-        }
-        damaged.push_back(p);
-    };
-}
-
-void StoredFileDamage::List() const {
-    std::string list;
-    for (const quiver::Problem& p : damaged)
-        list += fmt::format("quiver: damaged: {} {} (stored as {}): {}\n", Printable(p.domain), Printable(p.path),
-                            p.storedName.empty() ? p.fileID : p.storedName, p.detail);
-    WriteAll(STDERR_FILENO, list);
-}
-
-void StoredFileDamage::Refuse() const {
-    List();
-    const size_t count = damaged.size();
-    throw Failure(kBadBackup, fmt::format("the backup is damaged: {} {} listed above; nothing was written (give "
-                                          "--skip-damaged to write the rest without {})",
-                                          count, count == 1 ? "file is" : "files are", count == 1 ? "it" : "them"));
-}
-
 }  // namespace QuiverTool

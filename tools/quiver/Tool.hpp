@@ -151,16 +151,6 @@ const char* EntryTypeName(const quiver::Entry& entry);
 // Unix seconds of the entry's last modification.
 inline int64_t EntryModifiedUnixTime(const quiver::Entry& entry) { return entry.times().modified; }
 
-// The damaged stored files a copy found as it was written (see quiver::WriteOptions::check), each
-// listed on standard error. Warnings go to -v.
-struct StoredFileDamage {
-    int verbosity = 0;
-    std::vector<quiver::Problem> damaged;
-    std::function<void(const quiver::Problem&)> Recorder();
-    void List() const;
-    // Lists them and ends the command (status 4): nothing was written.
-    [[noreturn]] void Refuse() const;
-};
 // Refuses (status 4) to write out a partial copy: one without Status.plist or Manifest.plist.
 void RequireWholeBackup(const quiver::Backup& backup, const std::string& path);
 

@@ -38,11 +38,17 @@ void RequireNewDestination(const std::string& destination, bool zip) {
         throw Failure(kFailure, fmt::format("the folder {} does not exist", parent.string()));
 }
 
-// Writes the backup; with `damage`, each stored file copied from the source is checked as it is
-// copied, and a damaged one ends the command unless skipDamaged leaves it out (listed, and counted
-// in the return value).
-int WriteBackup(const quiver::Backup& backup, const std::string& destination, bool zip,
-                StoredFileDamage* damage = nullptr, bool skipDamaged = false) {
+// How a copy of a backup treats the damaged stored files it finds: by default none are looked for.
+struct DamagePolicy {
+    bool check = false;
+    bool skip = false;
+    int verbosity = 0;
+};
+
+// Writes the backup. With a check, each stored file copied from the source is checked as it is
+// copied; every damaged one is listed on standard error (warnings go to -v), and any ends the command
+// (status 4, nothing written) unless they are to be skipped; their number is returned.
+int WriteBackup(const quiver::Backup& backup, const std::string& destination, bool zip, DamagePolicy damage = {}) {
     RemoveOnSignal removeIfInterrupted(quiver::Backup::partialPath(destination));
     Progress progress(zip ? "Writing the zip file" : "Writing the backup");
     quiver::WriteOptions options;
@@ -53,21 +59,36 @@ int WriteBackup(const quiver::Backup& backup, const std::string& destination, bo
         const std::string what = phase == "files" ? "the stored files" : phase == "manifest" ? "the manifest" : "the metadata";
         progress.SetLabel(fmt::format("Writing {} of {}", what, zip ? "the zip file" : "the backup"));
     };
-    if (damage) {
-        options.check = true;
-        options.skipDamaged = skipDamaged;
-        options.problem = damage->Recorder();
-    }
+    std::vector<quiver::Problem> damaged;
+    options.check = damage.check;
+    options.skipDamaged = damage.skip;
+    options.problem = [&](const quiver::Problem& p) {
+        if (p.warning) Detail(damage.verbosity, fmt::format("{} {}: {}", Printable(p.domain), Printable(p.path), p.detail));
+        else damaged.push_back(p);
+    };
+    auto list = [&] {
+        std::string text;
+        for (const quiver::Problem& p : damaged)
+            text += fmt::format("quiver: damaged: {} {} (stored as {}): {}\n", Printable(p.domain), Printable(p.path),
+                                p.storedName.empty() ? p.fileID : p.storedName, p.detail);
+        WriteAll(STDERR_FILENO, text);
+    };
     try {
         backup.write(destination, options);
     } catch (const quiver::Error& failure) {
-        if (damage && !damage->damaged.empty() && !skipDamaged) damage->Refuse();
+        if (!damaged.empty() && !damage.skip) {
+            list();
+            const size_t count = damaged.size();
+            throw Failure(kBadBackup, fmt::format("the backup is damaged: {} {} listed above; nothing was written "
+                                                  "(give --skip-damaged to write the rest without {})",
+                                                  count, count == 1 ? "file is" : "files are",
+                                                  count == 1 ? "it" : "them"));
+        }
         // The cause's own words say what went wrong ("No space left on device", a file that failed).
         throw Failure(kFailure, fmt::format("could not write {}: {}", destination, CauseText(failure)));
     }
-    if (!damage) return 0;
-    damage->List();
-    return static_cast<int>(damage->damaged.size());
+    list();
+    return static_cast<int>(damaged.size());
 }
 
 // ---- export ----
@@ -104,8 +125,8 @@ int RunExport(const ExportOptions& o, const GlobalOptions& global) {
         throw Failure(kFailure, fmt::format("{} has a Manifest.db manifest; writing it with Manifest.mbdb (iOS 9 "
                                             "and earlier) is not supported",
                                             o.backup));
-    StoredFileDamage damage{global.verbosity, {}};
-    return WrittenWithout(WriteBackup(open.get(), o.destination, zip, &damage, o.skipDamaged), o.destination);
+    return WrittenWithout(WriteBackup(open.get(), o.destination, zip, {true, o.skipDamaged, global.verbosity}),
+                          o.destination);
 }
 
 // ---- edit ----
@@ -242,8 +263,9 @@ int RunEdit(const EditOptions& o, const GlobalOptions& global) {
     OpenBackup open = LoadBackup(o.backup, global);
     RequireWholeBackup(open.get(), o.backup);
     for (const Edit& edit : edits) ApplyEdit(open.get(), edit, o.replaceDirectories, global);
-    StoredFileDamage damage{global.verbosity, {}};  // of what the edits left of the source
-    return WrittenWithout(WriteBackup(open.get(), o.destination, zip, &damage, o.skipDamaged), o.destination);
+    // What the edits left of the source is checked as it is copied.
+    return WrittenWithout(WriteBackup(open.get(), o.destination, zip, {true, o.skipDamaged, global.verbosity}),
+                          o.destination);
 }
 
 // ---- sample ----
