@@ -500,6 +500,12 @@ Backup QVBackupContainerCreateCopy(const Backup& source) {
     return backup;
 }
 
+Entry CarriedFiles::SourceOf(const Entry& copy) const {
+    const auto at = std::lower_bound(sources.begin(), sources.end(), copy.get(),
+                                     [](const auto& pair, const QVManifestEntryClass* e) { return pair.first < e; });
+    return at != sources.end() && at->first == copy.get() ? at->second : nullptr;
+}
+
 QVBackupContainer QVBackupContainer::Copy() const {
     if (!backup_) return {};
     return QVBackupContainer(QVBackupContainerCreateCopy(backup_));

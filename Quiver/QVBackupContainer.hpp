@@ -23,6 +23,7 @@
 
 namespace Quiver {
 struct QVExportCheck;
+struct CarriedFiles;
 }
 
 class QVBackupContainerClass {
@@ -54,6 +55,8 @@ public:
     std::function<void(const char* phase)> exportPhase;
     // How an export checks the stored files it copies (QVBackupContainerSetExportCheck); none when null.
     std::shared_ptr<const Quiver::QVExportCheck> exportCheck;
+    // Set on a conversion's copy: the stored files it writes are another container's (see CarriedFiles).
+    std::shared_ptr<const Quiver::CarriedFiles> carried;
 };
 
 namespace Quiver {
@@ -90,6 +93,26 @@ bool QVBackupContainerCopyMetadata(CFStringRef path, QVDataSourceType type, QVBa
 const CF::Dictionary& QVBackupContainerGetManifestDict(const Backup& backup);
 
 // ---- Internal, shared by the container's parts ----
+
+// A conversion writes a copy of a container whose file entries stand for entries of the source: the
+// export reads each stored file through the source entry, checks it as a read of that entry would
+// (with its export check, which a conversion always sets), writes what `file` makes of it, and tells
+// `written` what went out, so that the conversion can record it before the manifest is written. The
+// stored files are read once, whatever the conversion.
+struct CarriedFiles {
+    Backup source;
+    // The copy's entries and the source's, in pairs sorted by the copy's entry.
+    std::vector<std::pair<const QVManifestEntryClass*, Entry>> sources;
+    // The file written for the copy's entry; throws CF::Error.
+    std::function<std::shared_ptr<QVFileClass>(const Entry& copy, const Entry& source)> file;
+    // Whether `written` wants the SHA-1 of what was written for this entry of the copy.
+    std::function<bool(const Entry& copy)> wantsDigest;
+    // Told what was written for the copy's entry: its length, and its SHA-1 where wanted (else empty).
+    std::function<void(const Entry& copy, const std::vector<uint8_t>& digest, uint64_t length)> written;
+
+    // The source's entry for the copy's; null for an entry the copy gained since.
+    Entry SourceOf(const Entry& copy) const;
+};
 
 struct MetadataFile {
     const char* name;

@@ -31,6 +31,7 @@
 #include "Quiver/QVLog.hpp"
 #include "Quiver/QVVerify.hpp"
 #include "Quiver/Support/File.hpp"
+#include "Quiver/Support/Hash.hpp"
 
 namespace fs = std::filesystem;
 
@@ -132,21 +133,32 @@ struct RewriteWithoutDamage {};
 
 // The damaged files an export found among those it checked. Once the last stored file is checked
 // (before the manifest is written), the export stops, writing nothing, or, when told to skip them,
-// takes their entries out so that the manifest it writes names only what was copied.
+// takes their entries out so that the manifest it writes names only what was copied. A carried file
+// (a conversion's) is checked as its source entry.
 class DamageCheck {
 public:
     explicit DamageCheck(const Backup& backup) : backup_(backup), check_(backup->exportCheck) {}
     bool enabled() const { return check_ != nullptr; }
 
     // The checks that come before the copy; false when the file is damaged and is not to be copied.
-    // `digest` receives the recorded digest when the copy is to be hashed against it.
-    bool Before(const Entry& entry, QVVerifyMode mode, std::vector<uint8_t>& digest) {
-        return note(entry, QVBackupContainerVerifyEntry(backup_, entry, mode, &digest));
+    // `digest` receives the recorded digest when the copy is to be hashed against it. `sharing` are
+    // the entries that name the same stored file, which go with it.
+    bool Before(const Entry& entry, std::span<const Entry> sharing, QVVerifyMode mode, std::vector<uint8_t>& digest) {
+        const auto [from, checked] = checkedAs(entry);
+        std::vector<QVProblem> problems = QVBackupContainerVerifyEntry(from, checked, mode, &digest);
+        // A conversion reads every file whole: a class the password cannot open is damage to it.
+        if (checked != entry)
+            for (QVProblem& p : problems)
+                if (p.kind == QVProblemKind::KeyClassLocked) p.warning = false;
+        if (checked != entry) QVManifestEntryForgetFetchedFile(checked);
+        return note(entry, sharing, problems);
     }
     // The digest of the bytes copied, against the one recorded.
-    bool After(const Entry& entry, const std::vector<uint8_t>& recorded, const std::vector<uint8_t>& copied,
-               uint64_t storedLength) {
-        return recorded == copied || note(entry, {QVProblemOfCopiedDigest(backup_, entry, storedLength)});
+    bool After(const Entry& entry, std::span<const Entry> sharing, const std::vector<uint8_t>& recorded,
+               const std::vector<uint8_t>& copied, uint64_t storedLength) {
+        if (recorded == copied) return true;
+        const auto [from, checked] = checkedAs(entry);
+        return note(entry, sharing, {QVProblemOfCopiedDigest(from, checked, storedLength)});
     }
     // A damaged file that was written and cannot be taken back out (a zip member).
     void Written() { ++written_; }
@@ -165,13 +177,22 @@ public:
     }
 
 private:
-    bool note(const Entry& entry, const std::vector<QVProblem>& problems) {
+    std::pair<Backup, Entry> checkedAs(const Entry& entry) const {
+        if (backup_->carried)
+            if (Entry source = backup_->carried->SourceOf(entry)) return {backup_->carried->source, source};
+        return {backup_, entry};
+    }
+    bool note(const Entry& entry, std::span<const Entry> sharing, const std::vector<QVProblem>& problems) {
         bool sound = true;
         for (const QVProblem& p : problems) {
             if (check_->problem) check_->problem(p);
             if (!p.warning) sound = false;
         }
-        if (!sound) damaged_.push_back(entry);
+        if (!sound) {
+            damaged_.push_back(entry);
+            for (const Entry& other : sharing)
+                if (other != entry) damaged_.push_back(other);
+        }
         return sound;
     }
 
@@ -181,12 +202,20 @@ private:
     size_t written_ = 0;
 };
 
-// How write(name, file, counter, hash) hands back what it copied: the SHA-1 of the bytes when hash
-// was asked for.
+// What an export hands write(name, file, counter, hash, out) and gets back. `out`, when not null,
+// is given every byte written. The result is the SHA-1 of the bytes read when hash was asked for.
+struct WrittenBytes {
+    Support::Hasher hasher;
+    uint64_t length = 0;
+    void Add(const uint8_t* bytes, size_t n) {
+        hasher.Update(bytes, n);
+        length += n;
+    }
+};
 using Copied = std::optional<std::vector<uint8_t>>;
 
 // Produces every name of the finished backup in order and hands each file to write(name, file,
-// counter, hash), which throws CF::Error on failure. The first name that cannot be produced or
+// counter, hash, out), which throws CF::Error on failure. The first name that cannot be produced or
 // written ends the export: its error is thrown. With checks, a damaged stored file is reported and
 // not written, or, found damaged as it is copied, taken back out with forget(name), which returns
 // false where it cannot be. Without checkInline every file is checked before any is written.
@@ -194,19 +223,20 @@ template <typename Write, typename Forget>
 void writeEachName(const Backup& backup, const ExportProgress& progress, const char* destinationKind,
                    bool checkInline, Write&& write, Forget&& forget) {
     DamageCheck check(backup);
+    const CarriedFiles* carried = backup->carried.get();
     const QVVerifyMode mode = check.enabled() ? backup->exportCheck->mode : QVVerifyMode::Quick;
     if (check.enabled() && !checkInline) {
         // Where a file cannot be taken back once written, every file is checked first.
         for (const Entry& entry : QVManifestGetEntries(backup->manifest)) {
             std::vector<uint8_t> ignored;
-            check.Before(entry, mode, ignored);
+            check.Before(entry, {}, mode, ignored);
             QVManifestEntryForgetFetchedFile(entry);
         }
         check.Settle();
     }
     Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
     std::string_view phase;
-    auto writeOne = [&](const CF::String& name, std::string_view now, const Entry& entry) {
+    auto writeOne = [&](const CF::String& name, std::string_view now, const Entry& entry, std::span<const Entry> sharing) {
         if (now != phase && phase == "files" && checkInline) check.Settle();
         if (now != phase && backup->exportPhase) backup->exportPhase(now.data());
         phase = now;
@@ -224,28 +254,49 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         // cannot be taken back.
         std::vector<uint8_t> recorded;
         if (entry && check.enabled() && checkInline &&
-            !check.Before(entry, mode == QVVerifyMode::Full ? mode : QVVerifyMode::Quick, recorded)) {
+            !check.Before(entry, sharing, mode == QVVerifyMode::Full ? mode : QVVerifyMode::Quick, recorded)) {
             QVManifestEntryForgetFetchedFile(entry);
             return;
         }
         if (mode != QVVerifyMode::Digests) recorded.clear();
+        const Entry source = entry && carried ? carried->SourceOf(entry) : nullptr;
+        auto unloadable = [&](const CF::Error& cause) {
+            return Error(QVErrorLoadingExternalRepresentation, cause,
+                         fmt::format("File {} could not be loaded for writing to {}", name, destinationKind), about());
+        };
+        std::shared_ptr<QVFileClass> file;
         CFErrorRef loadError = nullptr;
-        auto file = entry ? CopyStoredFileForEntry(backup, entry, name.utf8(), &loadError)
+        try {
+            file = source ? carried->file(entry, source)
+                 : entry  ? CopyStoredFileForEntry(backup, entry, name.utf8(), &loadError)
                           : QVBackupContainerCopyFileForLocalFilename(backup, name.get(), &loadError);
-        if (!file)
-            throw Error(QVErrorLoadingExternalRepresentation, CF::Error::Adopt(loadError),
-                        fmt::format("File {} could not be loaded for writing to {}", name, destinationKind), about());
+        } catch (const CF::Error& e) {
+            throw unloadable(e);
+        }
+        if (!file) throw unloadable(CF::Error::Adopt(loadError));
+        std::optional<WrittenBytes> out;
+        if (source && carried->written) out.emplace();
         Copied copied;
         try {
-            copied = write(name, file, counter, !recorded.empty());
+            copied = write(name, file, counter, !recorded.empty(), out ? &*out : nullptr);
         } catch (const CF::Error& e) {
             throw AddErrorContext(e, about());
         }
-        if (copied && !check.After(entry, recorded, *copied, QVFileGetSize(file)) && !forget(name)) check.Written();
+        const bool sound = !copied || check.After(entry, sharing, recorded, *copied, QVFileGetSize(file));
+        if (!sound && !forget(name)) check.Written();
         file.reset();
         // A source file is fetched again if asked for: keeping every one would cost memory in
         // proportion to the backup.
         if (entry) QVManifestEntryForgetFetchedFile(entry);
+        if (source) QVManifestEntryForgetFetchedFile(source);
+        if (sound && out) {
+            const std::vector<uint8_t> digest = carried->wantsDigest && carried->wantsDigest(entry)
+                                                    ? out->hasher.Finalize()
+                                                    : std::vector<uint8_t>();
+            carried->written(entry, digest, out->length);
+            for (const Entry& other : sharing)
+                if (other != entry) carried->written(other, digest, out->length);
+        }
         counter.tick();
     };
     // Stored files come first, each named once (two entries of a damaged manifest may share a file ID,
@@ -259,20 +310,22 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         if (!QVManifestEntryIsDirectory(entry) && !QVManifestEntryIsSymlink(entry)) files.push_back(entry);
     auto compare = [](const Entry& a, const Entry& b) { return CompareFileIDs(*a, *b); };
     std::sort(files.begin(), files.end(), [&](const Entry& a, const Entry& b) { return compare(a, b) < 0; });
-    for (size_t i = 0; i < files.size(); ++i) {
-        const Entry& entry = files[i];
-        const CF::String id(entry->fileID());
+    for (size_t i = 0, end = 0; i < files.size(); i = end) {
+        end = i + 1;
+        while (end < files.size() && compare(files[i], files[end]) == 0) ++end;
+        const CF::String id(files[i]->fileID());
         if (id.empty()) continue;
+        const std::span<const Entry> run(files.data() + i, end - i);
         // Of entries that share a file ID, the one a lookup of the ID finds owns the stored file.
-        const bool shared = (i > 0 && compare(files[i - 1], entry) == 0) ||
-                            (i + 1 < files.size() && compare(files[i + 1], entry) == 0);
-        if (shared && QVManifestGetEntryForFileID(backup->manifest, id.get()) != entry) continue;
-        writeOne(LocalFilenameForFileID(id, backup->manifestVersion, true), "files", entry);
+        const Entry owner = run.size() == 1 ? files[i] : QVManifestGetEntryForFileID(backup->manifest, id.get());
+        if (!owner) continue;
+        writeOne(LocalFilenameForFileID(id, backup->manifestVersion, true), "files", owner,
+                 run.size() == 1 ? std::span<const Entry>() : run);
     }
     // Then the manifest (made here, which takes a while), then the metadata.
     for (const CF::String& name : ManifestAndMetadataNames(backup)) {
         const std::string text = name.utf8();
-        writeOne(name, text == "Manifest.db" || text == "Manifest.mbdb" ? "manifest" : "metadata", nullptr);
+        writeOne(name, text == "Manifest.db" || text == "Manifest.mbdb" ? "manifest" : "metadata", nullptr, {});
     }
     if (phase == "files" && checkInline) check.Settle();
 }
@@ -343,7 +396,7 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
             // Each stored file's two-character folder is made once.
             std::set<std::string> folders;
             auto write = [&](const CF::String& name, const std::shared_ptr<QVFileClass>& file, Progress& counter,
-                             bool hash) -> Copied {
+                             bool hash, WrittenBytes* written) -> Copied {
                 const std::string relative = name.utf8();
                 const fs::path target = partial.path() / relative;
                 try {
@@ -353,10 +406,11 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
                     // A finished file without a name and without a key (the new Manifest.db of a plain
                     // backup, hundreds of megabytes for a large one) is given its name in the backup
                     // rather than copied, where it lies on the same file system.
-                    if (!hash && linkInto(file, target, counter)) return std::nullopt;
+                    if (!hash && !written && linkInto(file, target, counter)) return std::nullopt;
                     Support::writable_file out(target, Support::writable_file::mode::exclusive);
                     auto put = [&](const std::vector<uint8_t>& chunk) {
                         out.write(chunk.data(), chunk.size());
+                        if (written) written->Add(chunk.data(), chunk.size());
                         counter.written += static_cast<int64_t>(chunk.size());
                         return true;
                     };
@@ -422,7 +476,7 @@ unsigned char writeZip(const Backup& backup, CFStringRef destination, const fs::
                    : Error(QVErrorWritingExternalRepresentation, CF::Error(), fmt::format("{} ({})", what, result));
     };
     auto write = [&](const CF::String& name, const std::shared_ptr<QVFileClass>& file, Progress& counter,
-                     bool hash) -> Copied {
+                     bool hash, WrittenBytes* written) -> Copied {
         zip_fileinfo info{};
         CFDateRef date = QVFileGetModifiedDate(file);
         auto seconds =
@@ -455,6 +509,7 @@ unsigned char writeZip(const Backup& backup, CFStringRef destination, const fs::
             const int r = zipWriteInFileInZip(writer.zip, bytes, static_cast<unsigned>(length));
             if (r != ZIP_OK) throw zipFailure(what, r);
             counter.written += static_cast<int64_t>(length);
+            if (written) written->Add(bytes, length);
         };
         Copied copied;
         try {

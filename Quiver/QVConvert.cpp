@@ -22,10 +22,10 @@
 #include "Quiver/MB/KeyBag.hpp"
 #include "Quiver/MB/ManifestEncryption.hpp"
 #include "Quiver/QVError.hpp"
-#include "Quiver/QVExtract.hpp"
+#include "Quiver/QVBackupContainer.hpp"
+#include "Quiver/QVVerify.hpp"
 #include "Quiver/QVLog.hpp"
 #include "Quiver/Support/File.hpp"
-#include "Quiver/Support/Hash.hpp"
 
 namespace fs = std::filesystem;
 
@@ -150,92 +150,66 @@ CF::Error unreadableFiles(size_t failures) {
                              failures == 1 ? "file" : "files", failures == 1 ? "it" : "them"));
 }
 
-// What the checked read of one file found: its plaintext's length and SHA-1, or nothing when it
-// could not be read (reported).
-struct Plaintext {
-    uint64_t length = 0;
-    std::vector<uint8_t> digest;
+// What a conversion makes of each file: the file written for the copy's entry from the source's
+// stored file, and what to record once it is written (see CarriedFiles).
+struct Carrying {
+    std::function<std::shared_ptr<QVFileClass>(const Entry& copy, const Entry& source,
+                                               const std::shared_ptr<QVFileClass>& stored)>
+        file;
+    std::function<bool(const Entry& copy)> wantsDigest;
+    std::function<void(const Entry& copy, const std::vector<uint8_t>& digest, uint64_t length)> written;
 };
 
-// Reads and checks every file before a conversion writes anything; files that cannot be read are
-// reported, and stop the conversion unless the options leave them out.
-std::vector<std::optional<Plaintext>> readEveryFile(const Backup& backup, const std::vector<Entry>& entries,
-                                                    const QVConversionProblemFunction& problems,
-                                                    const QVConversionOptions& options,
-                                                    const std::function<void(double)>& progress) {
-    std::vector<std::optional<Plaintext>> result(entries.size());
-    size_t failures = 0;
-    const double total = std::max<double>(1.0, static_cast<double>(QVManifestGetTotalFileSize(backup->manifest)));
-    double read = 0;
-    for (size_t i = 0; i < entries.size(); ++i) {
-        const Entry& entry = entries[i];
-        if (!QVManifestEntryIsFile(entry)) continue;
-        Support::Hasher hasher(Support::HashAlgorithm::SHA1);
-        Plaintext plain;
-        CFErrorRef error = nullptr;
-        const bool ok = QVBackupContainerReadEntry(
-            backup, entry,
-            [&](const uint8_t* bytes, size_t length) {
-                hasher.Update(bytes, length);
-                plain.length += length;
-                return true;
-            },
-            nullptr, nullptr, &error);
-        if (ok) {
-            plain.digest = hasher.Finalize();
-            result[i] = std::move(plain);
-        } else {
-            const CF::Error failure = CF::Error::Adopt(error);
-            ++failures;
-            if (problems)
-                problems({std::string(entry->domainText), std::string(entry->path()), entry->fileID(),
-                          ErrorContextValue(failure, kQVErrorCheckKey),
-                          failure.Reason().empty() ? failure.Text() : failure.Reason()});
-        }
-        read += static_cast<double>(entry->size);
-        if (progress) progress(std::min(1.0, read / total));
-    }
-    if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
-    return result;
-}
-
-void writeCopy(const Backup& copy, CFStringRef destination, const QVConversionOptions& options,
-               const std::function<void(double)>& progress) {
-    CFErrorRef error = nullptr;
-    const ExportProgress report = [&](double fraction) {
-        if (progress) progress(std::min(1.0, fraction));
-    };
-    const bool written = options.zip ? QVBackupContainerExportToZip(copy, destination, report, &error)
-                                     : QVBackupContainerExportToDirectory(copy, destination, report, &error);
-    if (!written) throw CF::Error::Adopt(error);
-}
-
-// Hands each file that the check could read to its entry in the copy as the file the source stores
-// (fetched through the source, as the copy may name its stored files otherwise), lets `each` change
-// that entry further, and takes the files that could not be read out of the copy.
-using CarriedFileFunction =
-    std::function<void(size_t index, const Entry& target, const std::shared_ptr<QVFileClass>& stored)>;
-void carryFiles(const Backup& copy, const std::vector<Entry>& entries,
-                const std::vector<std::optional<Plaintext>>& plaintexts, const CarriedFileFunction& each) {
+// Writes the copy, each file read once from the source: checked as a read of the source entry checks
+// it, reported when it cannot be read, and left out where the options say so; otherwise such a file
+// makes the conversion write nothing.
+void writeCarried(const Backup& backup, const Backup& copy, const Carrying& carrying, CFStringRef destination,
+                  const QVConversionOptions& options, const QVConversionProblemFunction& problems,
+                  const ExportProgress& progress) {
+    const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
     const std::vector<Entry> copies = QVManifestGetEntries(copy->manifest);
     QV_ASSERT(copies.size() == entries.size());
-    std::vector<Entry> leftOut;
-    for (size_t i = 0; i < entries.size(); ++i) {
-        const Entry& target = copies[i];
-        if (!QVManifestEntryIsFile(entries[i])) continue;
-        if (!plaintexts[i]) {
-            leftOut.push_back(target);
-            continue;
-        }
+    auto carried = std::make_shared<CarriedFiles>();
+    carried->source = backup;
+    carried->sources.reserve(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i)
+        if (QVManifestEntryIsFile(entries[i])) carried->sources.emplace_back(copies[i].get(), entries[i]);
+    std::sort(carried->sources.begin(), carried->sources.end(),
+              [](const auto& a, const auto& b) { return a.first < b.first; });
+    carried->file = [&carrying](const Entry& target, const Entry& source) {
         CFErrorRef fileError = nullptr;
-        std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(entries[i], &fileError);
+        std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(source, &fileError);
         if (!stored) throw CF::Error::Adopt(fileError);
         if (fileError) CFRelease(fileError);
-        target->file = stored;
-        target->getFileFunc = nullptr;
-        if (each) each(i, target, stored);
+        return carrying.file ? carrying.file(target, source, stored) : stored;
+    };
+    carried->wantsDigest = carrying.wantsDigest;
+    carried->written = carrying.written;
+    copy->carried = carried;
+
+    size_t failures = 0;
+    auto check = std::make_shared<QVExportCheck>();
+    check->mode = QVVerifyMode::Digests;
+    check->skipDamaged = options.skipDamaged;
+    check->problem = [&](const QVProblem& p) {
+        if (p.warning) return;
+        ++failures;
+        if (problems)
+            problems({p.domain, p.path, p.fileID, to_string(p.kind),
+                      fmt::format("the stored file {} ({} bytes) {}", p.storedName, p.storedLength, p.detail)});
+    };
+    copy->exportCheck = check;
+
+    CFErrorRef error = nullptr;
+    const bool written = options.zip ? QVBackupContainerExportToZip(copy, destination, progress, &error)
+                                     : QVBackupContainerExportToDirectory(copy, destination, progress, &error);
+    copy->carried.reset();
+    copy->exportCheck.reset();
+    if (!written) {
+        CF::Error failure = CF::Error::Adopt(error);
+        if (failures > 0 && !options.skipDamaged) throw unreadableFiles(failures);
+        throw failure;
     }
-    if (!leftOut.empty()) QVManifestRemoveEntries(copy->manifest, leftOut);
 }
 
 // Moves the copy to the newest generation: Status "Version" 3.3 with Manifest.db in the two-digit
@@ -255,13 +229,6 @@ void moveToNewestGeneration(const Backup& copy, const std::optional<MB::KeyBag>&
     copy->manifestDict.Set("BackupKeyBag", keyBag->CopyData());
     copy->manifestDict.Set("ManifestKey", encryption.LockKey(4, encryption.GetManifestKey()));
     copy->manifestEncryption = std::move(encryption);
-}
-
-// One step's share of the progress: from start, width of the whole.
-std::function<void(double)> share(const ExportProgress& progress, double start, double width) {
-    return [progress, start, width](double fraction) {
-        if (progress) progress(start + fraction * width);
-    };
 }
 
 std::string_view asText(std::span<const uint8_t> bytes) {
@@ -342,33 +309,30 @@ bool QVBackupContainerExportDecrypted(const Backup& backup, CFStringRef destinat
     return Boundary(error, [&]() -> bool {
         if (!backup->manifestEncryption)
             throw Error(QVErrorNotEncrypted, CF::Error(), "The backup is not encrypted; export it instead");
-        const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
-        const auto plaintexts = readEveryFile(backup, entries, problems, options, share(progress, 0, 0.5));
-
         Backup copy = QVBackupContainerCreateCopy(backup);
         copy->manifestEncryption.reset();
         copy->password = CF::String();
-        carryFiles(copy, entries, plaintexts, [&](size_t i, const Entry& target, const auto& stored) {
-            const Entry& source = entries[i];
+        Carrying carrying;
+        carrying.file = [&](const Entry&, const Entry& source, const std::shared_ptr<QVFileClass>& stored) {
             // A file put in since loading holds its plaintext already.
-            if (!source->external) {
-                CFErrorRef keyError = nullptr;
-                auto key = QVManifestEntryUnlockFileKey(source, *backup->manifestEncryption, &keyError);
-                if (!key) throw CF::Error::Adopt(keyError);
-                std::shared_ptr<QVFileClass> plain = QVFileCreateCopy(stored);
-                _QVFileSetDecryptionKey(plain, *key);
-                target->file = plain;
-            }
-            // A plain manifest records the digest of the plaintext, where its generation records one.
-            const bool recordsDigest = !source->digest().empty();
-            target->SetTexts({{QVManifestEntryClass::kEncryptionKey, {}},
-                              {QVManifestEntryClass::kDigest, recordsDigest ? asText(plaintexts[i]->digest) : ""}});
-            target->size = plaintexts[i]->length;
-        });
+            if (source->external) return stored;
+            CFErrorRef keyError = nullptr;
+            auto key = QVManifestEntryUnlockFileKey(source, *backup->manifestEncryption, &keyError);
+            if (!key) throw CF::Error::Adopt(keyError);
+            std::shared_ptr<QVFileClass> plain = QVFileCreateCopy(stored);
+            _QVFileSetDecryptionKey(plain, *key);
+            return plain;
+        };
+        // A plain manifest records the digest of the plaintext, where its generation records one.
+        carrying.wantsDigest = [](const Entry& target) { return !target->digest().empty(); };
+        carrying.written = [](const Entry& target, const std::vector<uint8_t>& digest, uint64_t length) {
+            target->SetTexts({{QVManifestEntryClass::kEncryptionKey, {}}, {QVManifestEntryClass::kDigest, asText(digest)}});
+            target->size = length;
+        };
         copy->manifestDict.Remove("BackupKeyBag");
         copy->manifestDict.Remove("ManifestKey");
         copy->manifestDict.Set("IsEncrypted", kCFBooleanFalse);
-        writeCopy(copy, destination, options, share(progress, 0.5, 0.5));
+        writeCarried(backup, copy, carrying, destination, options, problems, progress);
         return true;
     });
 }
@@ -385,8 +349,6 @@ bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destinat
         if (backup->manifestEncryption || QVBackupContainerIsEncrypted(backup))
             throw Error(QVErrorInvalidArgument, CF::Error(),
                         "The backup is encrypted already; give it a new password instead");
-        const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
-        const auto plaintexts = readEveryFile(backup, entries, problems, options, share(progress, 0, 1.0 / 3));
 
         MB::KeyBag::Parameters shape;
         shape.iterations = parameters.sha1Iterations;
@@ -397,21 +359,27 @@ bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destinat
         copy->password = CF::String(text);
         const MB::ManifestEncryption& encryption = *copy->manifestEncryption;
 
-        const auto keysProgress = share(progress, 1.0 / 3, 1.0 / 3);
-        const double total = std::max<double>(1.0, static_cast<double>(QVManifestGetTotalFileSize(backup->manifest)));
-        double keyed = 0;
-        carryFiles(copy, entries, plaintexts, [&](size_t i, const Entry& target, const std::shared_ptr<QVFileClass>&) {
-            // Enciphered as it is written, under a key of its own, like a file put in by an edit.
+        // Each file is enciphered as it is written, under a key of its own, like a file put in by an
+        // edit; its record keeps the digest of the ciphertext, taken as it is written.
+        for (const Entry& target : QVManifestGetEntries(copy->manifest)) {
+            if (!QVManifestEntryIsFile(target)) continue;
             target->external = true;
             target->SetTexts({{QVManifestEntryClass::kEncryptionKey, {}}, {QVManifestEntryClass::kDigest, {}}});
             if (target->protectionClass == EntryProtectionClassNotSet) target->protectionClass = EntryProtectionClassNone;
-            // The new key's ciphertext is read once here for the digest the record keeps.
-            CFErrorRef keyError = nullptr;
-            if (!QVManifestEntryGenerateFileKey(target, encryption, &keyError)) throw CF::Error::Adopt(keyError);
-            keyed += static_cast<double>(plaintexts[i]->length);
-            keysProgress(std::min(1.0, keyed / total));
-        });
-        writeCopy(copy, destination, options, share(progress, 2.0 / 3, 1.0 / 3));
+            AssignFileKey(target, encryption);
+        }
+        Carrying carrying;
+        carrying.file = [](const Entry& target, const Entry&, const std::shared_ptr<QVFileClass>& stored) {
+            target->size = QVFileGetSize(stored);
+            std::shared_ptr<QVFileClass> enciphering = QVFileCreateCopy(stored);
+            _QVFileSetEncryptionKey(enciphering, *target->unlockedKey());
+            return enciphering;
+        };
+        carrying.wantsDigest = [](const Entry&) { return true; };
+        carrying.written = [](const Entry& target, const std::vector<uint8_t>& digest, uint64_t) {
+            target->SetTexts({{QVManifestEntryClass::kDigest, asText(digest)}});
+        };
+        writeCarried(backup, copy, carrying, destination, options, problems, progress);
         return true;
     });
 }
@@ -432,14 +400,10 @@ bool QVBackupContainerExportWithManifestDB(const Backup& backup, CFStringRef des
                 throw Error(QVErrorPasswordRequired, CF::Error(), "The backup is encrypted: open it with its password");
             keyBag = wrapAgain(backup->manifestEncryption->GetKeyBag(), backup->password.utf8(), parameters, true);
         }
-        const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
-        const auto plaintexts = readEveryFile(backup, entries, problems, options, share(progress, 0, 0.5));
-
         // Every stored file is written as it is, under its own wrapped key where it has one.
         Backup copy = QVBackupContainerCreateCopy(backup);
         if (upgrade) moveToNewestGeneration(copy, keyBag);
-        carryFiles(copy, entries, plaintexts, nullptr);
-        writeCopy(copy, destination, options, share(progress, 0.5, 0.5));
+        writeCarried(backup, copy, Carrying(), destination, options, problems, progress);
         if (!upgrade) log_fmt(log_level::info, "The backup had a Manifest.db manifest already; it was written as is");
         return true;
     });

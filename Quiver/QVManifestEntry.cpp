@@ -400,6 +400,18 @@ void _QVManifestEntryCloneAttributes(const Entry& destination, const Entry& sour
     destination->protectionClass = source->protectionClass;
 }
 
+const std::array<uint8_t, 32>& AssignFileKey(const Entry& entry, const MB::ManifestEncryption& encryption) {
+    std::vector<uint8_t> keyData = Support::RandomBytes(32);
+    std::array<uint8_t, 32> key{};
+    QV_ASSERT(keyData.size() == key.size());
+    std::copy(keyData.begin(), keyData.end(), key.begin());
+    CF::Data wrapped = encryption.LockKey(ProtectionClassCode(entry->protectionClass), key);
+    entry->SetTexts({{QVManifestEntryClass::kEncryptionKey,
+                      {reinterpret_cast<const char*>(wrapped.bytes().data()), wrapped.bytes().size()}}});
+    entry->unlockedKey() = key;
+    return *entry->unlockedKey();
+}
+
 bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryption& encryption, CFErrorRef* error) {
     QV_ASSERT(entry);
     if (!QVManifestEntryIsFile(entry) || !entry->file) {
@@ -416,20 +428,12 @@ bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryp
                                             to_string(entry->protectionClass))));
         return false;
     }
-    std::vector<uint8_t> keyData = Support::RandomBytes(32);
-    std::array<uint8_t, 32> key{};
-    QV_ASSERT(keyData.size() == key.size());
-    std::copy(keyData.begin(), keyData.end(), key.begin());
     try {
         auto copy = QVFileCreateCopy(entry->file);
         if (!copy) throw Error(QVErrorInvalidArgument, CF::Error(), "File is still being written");
-        _QVFileSetEncryptionKey(copy, key);
-        CF::Data wrapped = encryption.LockKey(ProtectionClassCode(entry->protectionClass), key);
         // The entry keeps its plain file: readers get the plaintext, and an export enciphers a copy
         // with the unlocked key.
-        entry->SetTexts({{QVManifestEntryClass::kEncryptionKey,
-                          {reinterpret_cast<const char*>(wrapped.bytes().data()), wrapped.bytes().size()}}});
-        entry->unlockedKey() = key;
+        _QVFileSetEncryptionKey(copy, AssignFileKey(entry, encryption));
         // Devices record the digest of the bytes they store, here the ciphertext, so that a damaged
         // stored file is caught as it is in a plain backup.
         Support::Hasher stored(Support::HashAlgorithm::SHA1);

@@ -115,6 +115,9 @@ Entry CopyEntrySharingGetter(const Entry& entry, std::shared_ptr<const QVGetFile
 // Gives a new regular file of an encrypted backup its own key: the entry's file becomes an enciphering
 // copy and its encryption data the wrapped key.
 bool QVManifestEntryGenerateFileKey(const Entry& entry, const MB::ManifestEncryption& encryption, CFErrorRef* error);
+// The key part of that alone: a fresh key, wrapped under the entry's protection class into its
+// record and kept unwrapped with it; the entry's file and digest are left as they are. Throws CF::Error.
+const std::array<uint8_t, 32>& AssignFileKey(const Entry& entry, const MB::ManifestEncryption& encryption);
 // The entry's per-file key, unwrapped once and cached; nothing (and no error) when it has none.
 std::optional<std::array<uint8_t, 32>> QVManifestEntryUnlockFileKey(const Entry& entry,
                                                                     const MB::ManifestEncryption& encryption,
