@@ -2,9 +2,11 @@
 // Manifest.db manifest.
 //
 // The conversions that write a new backup take a copy of the container, change its metadata, its
-// encryption and its entries, and hand it to the export, which writes it whole or not at all. Before
-// that, every file is read once through the checked reader: that pass finds what cannot be read before
-// anything is written, and yields each plaintext's length and digest, which a plain manifest records.
+// encryption and its entries, and hand it to the export, which writes it whole or not at all. The
+// export reads each stored file once: it checks it as a read of the source entry would, writes what
+// the conversion makes of it, and hands back the length and digest of what it wrote, which the
+// conversion records before the manifest is written. A file that cannot be read is found before the
+// manifest is written, and nothing is left at the destination unless the caller leaves such files out.
 #include "Quiver/QVConvert.hpp"
 
 #include <fcntl.h>

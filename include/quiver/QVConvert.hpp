@@ -6,8 +6,9 @@
 // and the work costs the two derivations whatever the backup's size.
 //
 // Decrypting, encrypting and moving to Manifest.db write a new backup, whole or absent as an export
-// is: each file is read and checked first, and a file that cannot be read makes the conversion write
-// nothing, unless the caller asks for such files to be left out. The source is never changed.
+// is: each file is read once, checked as it is copied, and a file that cannot be read makes the
+// conversion write nothing, unless the caller asks for such files to be left out. The source is never
+// changed.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -59,7 +60,7 @@ struct QVConversionOptions {
 // wrapped keys, digests of the plaintext where the manifest records digests, and Manifest.plist with
 // "IsEncrypted" false and neither "BackupKeyBag" nor "ManifestKey". Every file that cannot be read is
 // reported through `problems`; unless options.skipDamaged, any of them fails the conversion
-// (QVErrorInvalidBackup) before anything is written. Progress covers the check and the writing.
+// (QVErrorInvalidBackup) and nothing is written. Progress covers the writing, which checks as it goes.
 QV_EXPORT bool QVBackupContainerExportDecrypted(const Backup& backup, CFStringRef destination,
                                                 const QVConversionOptions& options,
                                                 const QVConversionProblemFunction& problems,
