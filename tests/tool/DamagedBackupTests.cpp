@@ -59,7 +59,11 @@ protected:
                 {"edit", path, (out / "edited").string(), "--mkdir", "HomeDomain", "Library/New"},
                 {"edit", path, (out / "edited.zip").string(), "--zip", "--put", b.domain, b.relativePath,
                  (root_ / "local.txt").string(), "--rm", "HomeDomain", "Library", "--symlink", "HomeDomain",
-                 "link", "Library/Preferences"}};
+                 "link", "Library/Preferences"},
+                b.password.empty() ? std::vector<std::string>{"encrypt", path, (out / "converted").string(),
+                                                              "--new-password-file", (root_ / "local.txt").string(),
+                                                              "--iterations", "1", "--sha1-iterations", "1"}
+                                   : std::vector<std::string>{"decrypt", path, (out / "converted").string()}};
     }
 
     static fs::path root_;
@@ -92,7 +96,7 @@ TEST_F(DamagedBackupTest, EveryCommandEndsWithOneClearLineAndStatusFour) {
         for (const auto& args : Commands(backup, out)) {
             fs::remove_all(out);
             fs::create_directories(out);
-            const std::string what = backup.name + ": " + args[0] + " " + args.back();
+            const std::string what = backup.name + ": " + args[0] + " " + (args.size() > 2 ? args[2] : args[1]);
             RunResult r = Run(args, backup.password);
             // The manifest is sound and says what the backup holds; putting a new file in place of
             // the damaged one rescues the backup.
@@ -122,7 +126,8 @@ TEST_F(DamagedBackupTest, EveryCommandEndsWithOneClearLineAndStatusFour) {
             }
             // An extraction warns of the damaged file and sums up, an export or edit lists it before
             // saying that nothing was written; everything else says it in one line.
-            const bool lists = args[0] == "extract" || args[0] == "export" || args[0] == "edit";
+            const bool lists = args[0] == "extract" || args[0] == "export" || args[0] == "edit" ||
+                               args[0] == "decrypt" || args[0] == "encrypt";
             const long lines = lists && backup.storedFileFault ? 2 : 1;
             bool prefixed = !r.err.empty();
             for (size_t at = 0; at < r.err.size();) {
@@ -138,7 +143,7 @@ TEST_F(DamagedBackupTest, EveryCommandEndsWithOneClearLineAndStatusFour) {
             expect(r.out.empty(), what + " wrote to standard output", r);
             // What would be a new backup is not left half-written; an extraction keeps what it could
             // read, but never the damaged file.
-            for (const char* dest : {"exported", "exported.zip", "edited", "edited.zip"})
+            for (const char* dest : {"exported", "exported.zip", "edited", "edited.zip", "converted"})
                 expect(!fs::exists(out / dest), what + " left " + dest, r);
             for (const char* dest : {"extracted", "one"})
                 expect(!fs::exists(out / dest / backup.domain / backup.relativePath), what + " left the file", r);
