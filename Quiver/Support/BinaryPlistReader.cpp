@@ -73,10 +73,8 @@ std::optional<binary_plist_reader> binary_plist_reader::open(std::span<const uin
     r.tableOffset_ = tableOffset;
     r.count_ = static_cast<size_t>(count);
     r.top_ = static_cast<value>(top);
-    if (r.count_ > kInlineObjects) r.table_.resize(r.count_);
-    Object* table = r.count_ > kInlineObjects ? r.table_.data() : r.inline_;
     try {
-        for (size_t i = 0; i < r.count_; ++i) table[i] = r.locate(static_cast<value>(i));
+        r.locate(r.top_);
     } catch (const plist_format_error& e) {
         return refuse(e.what());
     }
@@ -84,64 +82,52 @@ std::optional<binary_plist_reader> binary_plist_reader::open(std::span<const uin
 }
 
 binary_plist_reader::Object binary_plist_reader::locate(value v) const {
-    // In range by open(): the whole offset table lies before the trailer.
-    const uint64_t offset =
-        byte_reader::unchecked_be(bytes_.bytes().data() + tableOffset_ + uint64_t{v} * offsetSize_, offsetSize_);
+    const uint64_t offset = offsetOf(v);
     // The object area ends where the offset table begins; nothing of an object may reach into it.
     const uint64_t end = tableOffset_;
-    if (offset < kHeaderSize || offset >= end) malformed("object offset outside the object area");
-    const uint8_t marker = *bytes_.u8(offset);
+    const uint8_t* base = bytes_.bytes().data();
+    const uint8_t marker = base[offset];
     const uint8_t kind = marker >> 4, low = marker & 0x0F;
     uint64_t pos = offset + 1, count = 0, size = 0;
-
-    switch (kind) {
-        case kSimple:
-            if (marker != 0x00 && marker != 0x08 && marker != 0x09) malformed("unknown marker");
-            break;
-        case kInt:
-            if (low > 4) malformed("bad integer size");
-            size = uint64_t{1} << low;
-            break;
-        case kReal:
-            if (low != 2 && low != 3) malformed("bad real size");
-            size = uint64_t{1} << low;
-            break;
-        case kDate:
-            if (marker != 0x33) malformed("bad date marker");
-            size = 8;
-            break;
-        case kUID:
-            size = uint64_t{low} + 1;
-            break;
-        case kData:
-        case kASCII:
-        case kUTF16:
-        case kArray:
-        case kSet:
-        case kDict: {
-            count = low;
-            if (low == 0x0F) {
-                // Lengths of 15 or more follow the marker as an integer object of 1 to 8 bytes.
-                const std::optional<uint8_t> intMarker = pos < end ? bytes_.u8(pos) : std::nullopt;
-                if (!intMarker || (*intMarker >> 4) != kInt || (*intMarker & 0x0F) > 3) malformed("bad length");
-                const unsigned width = 1u << (*intMarker & 0x0F);
-                const std::optional<uint64_t> n = pos + 1 + width <= end ? bytes_.be(pos + 1, width) : std::nullopt;
-                if (!n) malformed("length runs past the object area");
-                count = *n;
-                pos += 1 + width;
-            }
-            // A count beyond the object area is refused before it is multiplied, so nothing overflows.
-            if (count > end) malformed("object runs past the object area");
-            const uint64_t unit = kind == kUTF16 ? 2 : kind == kDict ? 2 * refSize_ : kind >= kArray ? refSize_ : 1;
-            size = count * unit;
-            break;
+    // The kinds of a keyed archive's records come first: integers and UIDs, then the sized kinds.
+    if (kind == kInt) {
+        if (low > 4) malformed("bad integer size");
+        size = uint64_t{1} << low;
+    } else if (kind == kUID) {
+        size = uint64_t{low} + 1;
+    } else if (kind == kData || kind == kASCII || kind == kUTF16 || kind == kArray || kind == kSet || kind == kDict) {
+        count = low;
+        if (low == 0x0F) {
+            // Lengths of 15 or more follow the marker as an integer object of 1 to 8 bytes.
+            const std::optional<uint8_t> intMarker = pos < end ? bytes_.u8(pos) : std::nullopt;
+            if (!intMarker || (*intMarker >> 4) != kInt || (*intMarker & 0x0F) > 3) malformed("bad length");
+            const unsigned width = 1u << (*intMarker & 0x0F);
+            const std::optional<uint64_t> n = pos + 1 + width <= end ? bytes_.be(pos + 1, width) : std::nullopt;
+            if (!n) malformed("length runs past the object area");
+            count = *n;
+            pos += 1 + width;
         }
-        default:
-            malformed("unknown marker");
+        // A count beyond the object area is refused before it is multiplied, so nothing overflows.
+        if (count > end) malformed("object runs past the object area");
+        const uint64_t unit = kind == kUTF16 ? 2 : kind == kDict ? 2 * refSize_ : kind >= kArray ? refSize_ : 1;
+        size = count * unit;
+    } else if (kind == kSimple) {
+        if (marker != 0x00 && marker != 0x08 && marker != 0x09) malformed("unknown marker");
+    } else if (kind == kReal) {
+        if (low != 2 && low != 3) malformed("bad real size");
+        size = uint64_t{1} << low;
+    } else if (kind == kDate) {
+        if (marker != 0x33) malformed("bad date marker");
+        size = 8;
+    } else {
+        malformed("unknown marker");
     }
     if (size > end - pos) malformed("object runs past the object area");
     return Object{static_cast<uint32_t>(pos), static_cast<uint32_t>(size), static_cast<uint32_t>(count), marker};
 }
+
+void binary_plist_reader::badOffset() { malformed("object offset outside the object area"); }
+void binary_plist_reader::badMarker() { malformed("unknown marker"); }
 
 void binary_plist_reader::badReference(value v) const {
     malformed("reference to object " + std::to_string(v) + " of " + std::to_string(count_));
@@ -154,14 +140,14 @@ void binary_plist_reader::wrongType(const char* accessor) {
 bool binary_plist_reader::boolean(value v) const { return expect(v, plist_type::boolean, "boolean").marker == 0x09; }
 
 std::optional<int64_t> binary_plist_reader::integer(value v) const {
-    const Object& o = expect(v, plist_type::integer, "integer");
+    const Object o = expect(v, plist_type::integer, "integer");
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     if (o.size <= 8) return static_cast<int64_t>(byte_reader::unchecked_be(p, static_cast<unsigned>(o.size)));
     return static_cast<int64_t>(byte_reader::unchecked_be(p + 8, 8));
 }
 
 double binary_plist_reader::real(value v) const {
-    const Object& o = at(v);
+    const Object o = at(v);
     const plist_type t = typeOf(o.marker);
     if (t != plist_type::real && t != plist_type::date)
         throw std::logic_error("binary_plist_reader::real called on a value of another type");
@@ -178,7 +164,7 @@ double binary_plist_reader::real(value v) const {
 }
 
 uint32_t binary_plist_reader::uid(value v) const {
-    const Object& o = expect(v, plist_type::uid, "uid");
+    const Object o = expect(v, plist_type::uid, "uid");
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     // Keyed archives number their objects with 32 bits; wider UIDs are refused as CoreFoundation does.
     for (size_t i = 0; i + 4 < o.size; ++i)
@@ -188,7 +174,7 @@ uint32_t binary_plist_reader::uid(value v) const {
 }
 
 CF::String binary_plist_reader::string(value v) const {
-    const Object& o = expect(v, plist_type::string, "string");
+    const Object o = expect(v, plist_type::string, "string");
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     CFStringRef s = (o.marker >> 4) == kASCII
                         ? CFStringCreateWithBytes(kCFAllocatorDefault, p, static_cast<CFIndex>(o.size),
@@ -200,7 +186,7 @@ CF::String binary_plist_reader::string(value v) const {
 }
 
 std::string_view binary_plist_reader::utf8(value v, std::string& spare) const {
-    const Object& o = expect(v, plist_type::string, "string");
+    const Object o = expect(v, plist_type::string, "string");
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     if ((o.marker >> 4) == kASCII) {
         bool ascii = true;
@@ -212,7 +198,7 @@ std::string_view binary_plist_reader::utf8(value v, std::string& spare) const {
 }
 
 bool binary_plist_reader::string_equals(value v, std::string_view ascii) const {
-    const Object& o = at(v);
+    const Object o = at(v);
     if (typeOf(o.marker) != plist_type::string) return false;
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     if (o.count != ascii.size()) return false;
@@ -223,12 +209,12 @@ bool binary_plist_reader::string_equals(value v, std::string_view ascii) const {
 }
 
 std::span<const uint8_t> binary_plist_reader::data_bytes(value v) const {
-    const Object& o = expect(v, plist_type::data, "data_bytes");
+    const Object o = expect(v, plist_type::data, "data_bytes");
     return bytes_.bytes().subspan(static_cast<size_t>(o.payload), static_cast<size_t>(o.size));
 }
 
 size_t binary_plist_reader::count(value v) const {
-    const Object& o = at(v);
+    const Object o = at(v);
     const uint8_t kind = o.marker >> 4;
     if (kind != kArray && kind != kSet && kind != kDict)
         throw std::logic_error("binary_plist_reader::count called on a value that is not a collection");
@@ -242,7 +228,7 @@ binary_plist_reader::value binary_plist_reader::ref_at(uint64_t offset) const {
 }
 
 binary_plist_reader::value binary_plist_reader::element(value v, size_t i) const {
-    const Object& o = at(v);
+    const Object o = at(v);
     const uint8_t kind = o.marker >> 4;
     if (kind != kArray && kind != kSet)
         throw std::logic_error("binary_plist_reader::element called on a value that is not an array");
@@ -252,14 +238,14 @@ binary_plist_reader::value binary_plist_reader::element(value v, size_t i) const
 
 binary_plist_reader::value binary_plist_reader::dictionary::key_object(size_t i) const {
     const value k = reader_->ref_at(payload_ + uint64_t{i} * reader_->refSize_);
-    const uint8_t kind = reader_->at(k).marker >> 4;
+    const uint8_t kind = reader_->markerOf(k) >> 4;
     if (kind != kASCII && kind != kUTF16) malformed("dictionary key is not a string");
     return k;
 }
 
 std::string_view binary_plist_reader::dictionary::key(size_t i) const {
     const value k = key_object(i);
-    const Object& o = reader_->at(k);
+    const Object o = reader_->at(k);
     if ((o.marker >> 4) == kASCII)
         return {reinterpret_cast<const char*>(reader_->bytes_.bytes().data() + o.payload), o.size};
     // Kept with the view; the string's own UTF-8 bytes, NUL characters included.
@@ -280,7 +266,7 @@ binary_plist_reader::value binary_plist_reader::dictionary::find(std::string_vie
 }
 
 binary_plist_reader::dictionary binary_plist_reader::open_dictionary(value v) const {
-    const Object& o = expect(v, plist_type::dictionary, "open_dictionary");
+    const Object o = expect(v, plist_type::dictionary, "open_dictionary");
     return dictionary(*this, o.payload, o.count);
 }
 

@@ -6,13 +6,14 @@
 // (what type object 7 is, which value a dictionary holds under "RelativePath", the bytes of a data
 // object) and builds CoreFoundation values only for what a caller asks to keep.
 //
-// The bytes are untrusted. open() reads the offset table once and locates every object, checking its
-// marker, length and position through byte_reader, and refuses a list in which any object is malformed
-// or reaches outside the object area; after that the questions are answered from that table. What
-// depends on the relations between objects (a reference that names no object, a dictionary key that is
-// not a string, a UID wider than 32 bits) and the validity of text is checked when it is read, and
-// throws plist_format_error. No operation recurses, so a list that refers to itself can be read
-// without harm.
+// The bytes are untrusted. open() checks the trailer, the offset table's place and the top object;
+// every other object is found through the offset table when it is asked about, and its marker, length
+// and position are checked then: an object that is malformed or reaches outside the object area throws
+// plist_format_error when it is read, as do the relations between objects (a reference that names no
+// object, a dictionary key that is not a string, a UID wider than 32 bits) and text that is not valid.
+// Objects that nothing asks about cost nothing: a keyed archive of forty objects is read by looking at
+// the ones it needs, without a table of them all. No operation recurses, so a list that refers to
+// itself can be read without harm.
 #pragma once
 
 #include <cstdint>
@@ -55,17 +56,18 @@ public:
     // Whether the bytes begin with the binary property-list signature "bplist00".
     static bool has_signature(std::span<const uint8_t> bytes);
 
-    // Checks the signature and the trailer and locates every object in one pass over the offset table.
-    // nullopt when any of that is wrong or the list has more than max_objects objects (with the reason in
-    // *problem when given). The bytes must outlive the reader and everything it hands out by view.
+    // Checks the signature, the trailer and the top object. nullopt when any of that is wrong or the
+    // list has more than max_objects objects (with the reason in *problem when given). The bytes must
+    // outlive the reader and everything it hands out by view.
     static std::optional<binary_plist_reader> open(std::span<const uint8_t> bytes, std::string* problem = nullptr);
 
     value top() const { return top_; }
     size_t object_count() const { return count_; }
 
     // Each accessor below throws plist_format_error when the object is malformed, and std::logic_error
-    // when it is asked for a type the object does not have (the caller checks type() first).
-    plist_type type(value v) const { return typeOf(at(v).marker); }
+    // when it is asked for a type the object does not have (the caller checks type() first). type()
+    // reads the marker alone; the object's length and place are checked by the accessor that reads it.
+    plist_type type(value v) const { return typeOf(markerOf(v)); }
     bool boolean(value v) const;
     // The value as 64-bit two's complement. Of a 16-byte integer only the low 64 bits count, as
     // property-list readers keep them (unsigned 64-bit values are written in 16 bytes).
@@ -112,25 +114,48 @@ public:
     dictionary open_dictionary(value v) const;
 
 private:
-    // An object as located by open(); its payload lies inside the object area.
+    // An object as located: its payload lies inside the object area.
     struct Object {
         uint32_t payload;  // offset of the bytes after the marker and length
         uint32_t size;     // bytes of payload
         uint32_t count;    // length of data and strings, elements of containers, entries of dictionaries
         uint8_t marker;
     };
-    // Lists of up to this many objects keep their table inside the reader.
-    static constexpr size_t kInlineObjects = 48;
 
     binary_plist_reader() = default;
-    const Object& at(value v) const {
+    // Where object v begins, checked to lie in the object area.
+    uint64_t offsetOf(value v) const {
         if (v >= count_) [[unlikely]]
             badReference(v);
-        return count_ > kInlineObjects ? table_[v] : inline_[v];
+        // In range by open(): the whole offset table lies before the trailer.
+        const uint64_t offset =
+            byte_reader::unchecked_be(bytes_.bytes().data() + tableOffset_ + uint64_t{v} * offsetSize_, offsetSize_);
+        if (offset < kHeaderBytes || offset >= tableOffset_) [[unlikely]]
+            badOffset();
+        return offset;
     }
+    // The marker of object v; plist_format_error for a marker that no property list uses.
+    uint8_t markerOf(value v) const {
+        const uint8_t marker = bytes_.bytes()[static_cast<size_t>(offsetOf(v))];
+        if (!knownMarker(marker)) [[unlikely]]
+            badMarker();
+        return marker;
+    }
+    Object at(value v) const { return locate(v); }
     [[noreturn]] void badReference(value v) const;
+    [[noreturn]] static void badOffset();
+    [[noreturn]] static void badMarker();
     Object locate(value v) const;
-    // The type of an object by its marker (open() admits no marker outside this table).
+    static constexpr uint64_t kHeaderBytes = 8;
+    static bool knownMarker(uint8_t marker) {
+        switch (marker >> 4) {
+            case 0x0: return marker == 0x00 || marker == 0x08 || marker == 0x09;
+            case 0x7: case 0x9: case 0xB: case 0xE: case 0xF: return false;
+            case 0x3: return marker == 0x33;
+            default: return true;
+        }
+    }
+    // The type of an object by its marker (known markers only).
     static plist_type typeOf(uint8_t marker) {
         constexpr plist_type kByKind[16] = {
             plist_type::null,   plist_type::integer, plist_type::real,  plist_type::date,
@@ -140,8 +165,8 @@ private:
         };
         return marker == 0x08 || marker == 0x09 ? plist_type::boolean : kByKind[marker >> 4];
     }
-    const Object& expect(value v, plist_type type, const char* accessor) const {
-        const Object& o = at(v);
+    Object expect(value v, plist_type type, const char* accessor) const {
+        const Object o = locate(v);
         if (typeOf(o.marker) != type) [[unlikely]]
             wrongType(accessor);
         return o;
@@ -156,8 +181,6 @@ private:
     unsigned refSize_ = 0;
     size_t count_ = 0;
     value top_ = none;
-    Object inline_[kInlineObjects];
-    std::vector<Object> table_;  // lists of more objects
 };
 
 }  // namespace Quiver::Support

@@ -14,6 +14,7 @@
 // bounded, and a value of the wrong type is refused with the archiver exceptions below.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <initializer_list>
@@ -360,12 +361,12 @@ private:
     class Scope {
     public:
         Scope(basic_keyed_unarchiver& u, uint32_t id) : u_(u) {
-            for (uint32_t open : u.stack_)
-                if (open == id) throw archiver_exceptions::decode_cycle();
-            if (u.stack_.size() >= max_depth) throw archiver_exceptions::nesting_too_deep();
-            u.stack_.push_back(id);
+            for (size_t i = 0; i < u.depth_; ++i)
+                if (u.stack_[i] == id) throw archiver_exceptions::decode_cycle();
+            if (u.depth_ >= max_depth) throw archiver_exceptions::nesting_too_deep();
+            u.stack_[u.depth_++] = id;
         }
-        ~Scope() { u_.stack_.pop_back(); }
+        ~Scope() { --u_.depth_; }
         Scope(const Scope&) = delete;
         Scope& operator=(const Scope&) = delete;
 
@@ -378,7 +379,9 @@ private:
     const Store& store_;
     value objects_;
     size_t count_;
-    std::vector<uint32_t> stack_;
+    // The objects being decoded, outermost first: held in place, as an unarchiver is made per record.
+    std::array<uint32_t, max_depth> stack_;
+    size_t depth_ = 0;
     const dictionary* current_ = nullptr;
 };
 
