@@ -146,6 +146,21 @@ std::optional<int64_t> binary_plist_reader::integer(value v) const {
     return static_cast<int64_t>(byte_reader::unchecked_be(p + 8, 8));
 }
 
+bool binary_plist_reader::read_integer(value v, int64_t& out) const {
+    const uint64_t offset = offsetOf(v);
+    const uint8_t* p = bytes_.bytes().data() + offset;
+    if ((*p >> 4) != kInt) {
+        if (!knownMarker(*p)) badMarker();
+        return false;
+    }
+    const unsigned low = *p & 0x0F;
+    if (low > 4) malformed("bad integer size");
+    const unsigned size = 1u << low;
+    if (size > tableOffset_ - offset - 1) malformed("object runs past the object area");
+    out = static_cast<int64_t>(size <= 8 ? byte_reader::unchecked_be(p + 1, size) : byte_reader::unchecked_be(p + 9, 8));
+    return true;
+}
+
 double binary_plist_reader::real(value v) const {
     const Object o = at(v);
     const plist_type t = typeOf(o.marker);
@@ -199,7 +214,10 @@ std::string_view binary_plist_reader::utf8(value v, std::string& spare) const {
 
 bool binary_plist_reader::string_equals(value v, std::string_view ascii) const {
     const Object o = at(v);
-    if (typeOf(o.marker) != plist_type::string) return false;
+    return typeOf(o.marker) == plist_type::string && equalsASCII(o, ascii);
+}
+
+bool binary_plist_reader::equalsASCII(const Object& o, std::string_view ascii) const {
     const uint8_t* p = bytes_.bytes().data() + o.payload;
     if (o.count != ascii.size()) return false;
     if ((o.marker >> 4) == kASCII) return std::memcmp(p, ascii.data(), ascii.size()) == 0;
@@ -244,10 +262,11 @@ binary_plist_reader::value binary_plist_reader::dictionary::key_object(size_t i)
 }
 
 std::string_view binary_plist_reader::dictionary::key(size_t i) const {
-    const value k = key_object(i);
+    const value k = reader_->ref_at(payload_ + uint64_t{i} * reader_->refSize_);
     const Object o = reader_->at(k);
     if ((o.marker >> 4) == kASCII)
         return {reinterpret_cast<const char*>(reader_->bytes_.bytes().data() + o.payload), o.size};
+    if ((o.marker >> 4) != kUTF16) malformed("dictionary key is not a string");
     // Kept with the view; the string's own UTF-8 bytes, NUL characters included.
     const CF::String s = reader_->string(k);
     const CFIndex length = CFStringGetLength(s.get());
@@ -260,8 +279,13 @@ std::string_view binary_plist_reader::dictionary::key(size_t i) const {
 }
 
 binary_plist_reader::value binary_plist_reader::dictionary::find(std::string_view key) const {
-    for (size_t i = count_; i-- > 0;)
-        if (reader_->string_equals(key_object(i), key)) return value_at(i);
+    for (size_t i = count_; i-- > 0;) {
+        // One look at each key: the check that it is a string and the comparison.
+        const Object o = reader_->at(reader_->ref_at(payload_ + uint64_t{i} * reader_->refSize_));
+        const uint8_t kind = o.marker >> 4;
+        if (kind != kASCII && kind != kUTF16) malformed("dictionary key is not a string");
+        if (reader_->equalsASCII(o, key)) return value_at(i);
+    }
     return none;
 }
 

@@ -72,6 +72,8 @@ public:
     // The value as 64-bit two's complement. Of a 16-byte integer only the low 64 bits count, as
     // property-list readers keep them (unsigned 64-bit values are written in 16 bytes).
     std::optional<int64_t> integer(value v) const;
+    // The same in one look at the object: false when it is no integer.
+    bool read_integer(value v, int64_t& out) const;
     // Reals and dates (seconds since 2001-01-01).
     double real(value v) const;
     uint32_t uid(value v) const;
@@ -142,6 +144,8 @@ private:
         return marker;
     }
     Object at(value v) const { return locate(v); }
+    // Whether a string object holds `ascii`.
+    bool equalsASCII(const Object& o, std::string_view ascii) const;
     [[noreturn]] void badReference(value v) const;
     [[noreturn]] static void badOffset();
     [[noreturn]] static void badMarker();

@@ -289,6 +289,12 @@ std::optional<int64_t> cf_plist_store::integer(value v) const {
     return n;
 }
 
+bool cf_plist_store::read_integer(value v, int64_t& out) const {
+    if (type(v) != plist_type::integer) return false;
+    out = *integer(v);
+    return true;
+}
+
 double cf_plist_store::real(value v) const {
     if (CFGetTypeID(v) == CFDateGetTypeID()) return CFDateGetAbsoluteTime(static_cast<CFDateRef>(v));
     double d = 0;
@@ -457,9 +463,9 @@ template <class Store>
 std::optional<int64_t> basic_keyed_unarchiver<Store>::integer_from(value v, unsigned bits) const {
     if (v == Store::none) return std::nullopt;
     const char* requested = bits == 32 ? "32-bit integer" : "64-bit integer";
-    if (store_.type(v) != plist_type::integer) throw cant_decode_as_value(type_name(v), requested);
-    const std::optional<int64_t> n = store_.integer(v);
-    if (!n || (bits == 32 && (*n < INT32_MIN || *n > int64_t{UINT32_MAX}))) throw cant_decode_as_value("integer", requested);
+    int64_t n = 0;
+    if (!store_.read_integer(v, n)) throw cant_decode_as_value(type_name(v), requested);
+    if (bits == 32 && (n < INT32_MIN || n > int64_t{UINT32_MAX})) throw cant_decode_as_value("integer", requested);
     return n;
 }
 

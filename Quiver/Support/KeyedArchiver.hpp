@@ -237,6 +237,7 @@ public:
     plist_type type(value v) const;
     bool boolean(value v) const;
     std::optional<int64_t> integer(value v) const;
+    bool read_integer(value v, int64_t& out) const;  // false when v is no integer
     double real(value v) const;
     uint32_t uid(value v) const;
     CF::String string(value v) const;
