@@ -15,14 +15,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <span>
 #include <system_error>
+#include <thread>
 
 #include <fmt/ranges.h>
 
@@ -46,16 +50,18 @@ constexpr uint64_t kZip64Threshold = 0xFFFFFFFFULL - 16;
 
 void report(const CF::Error& error) { LogError(log_level::error, error); }
 
+// Bytes written, counted by every thread of an export; reported by the calling thread alone.
 struct Progress {
     int64_t total;
     int64_t threshold;
-    int64_t written = 0;
+    std::atomic<int64_t> written = 0;
     const ExportProgress& callback;
 
     Progress(int64_t totalSize, const ExportProgress& cb)
         : total(totalSize), threshold(std::max<int64_t>(totalSize / 1000, 3)), callback(cb) {}
     void tick() const {
-        if (callback && written >= threshold) callback(static_cast<double>(written) / static_cast<double>(total));
+        const int64_t now = written.load(std::memory_order_relaxed);
+        if (callback && now >= threshold) callback(static_cast<double>(now) / static_cast<double>(total));
     }
 };
 
@@ -161,10 +167,24 @@ public:
         return note(entry, sharing, {QVProblemOfCopiedDigest(from, checked, storedLength)});
     }
     // A damaged file that was written and cannot be taken back out (a zip member).
-    void Written() { ++written_; }
+    void Written() {
+        std::lock_guard lock(mutex_);
+        ++written_;
+    }
+    // Hands the problems found so far to the caller's function, on the calling thread.
+    void Deliver() {
+        std::vector<QVProblem> found;
+        {
+            std::lock_guard lock(mutex_);
+            found.swap(pending_);
+        }
+        if (check_ && check_->problem)
+            for (const QVProblem& p : found) check_->problem(p);
+    }
     // Called once every stored file is checked. Throws RewriteWithoutDamage, once the damaged entries
     // are out, when a file to be left out was written already.
     void Settle() {
+        Deliver();
         if (damaged_.empty()) return;
         if (!check_->skipDamaged)
             throw Error(QVErrorInvalidBackup, CF::Error(),
@@ -184,8 +204,9 @@ private:
     }
     bool note(const Entry& entry, std::span<const Entry> sharing, const std::vector<QVProblem>& problems) {
         bool sound = true;
+        std::lock_guard lock(mutex_);
         for (const QVProblem& p : problems) {
-            if (check_->problem) check_->problem(p);
+            pending_.push_back(p);
             if (!p.warning) sound = false;
         }
         if (!sound) {
@@ -198,6 +219,8 @@ private:
 
     const Backup& backup_;
     std::shared_ptr<const QVExportCheck> check_;
+    std::mutex mutex_;  // the copying threads note what they find
+    std::vector<QVProblem> pending_;
     std::vector<Entry> damaged_;
     size_t written_ = 0;
 };
@@ -221,7 +244,7 @@ using Copied = std::optional<std::vector<uint8_t>>;
 // false where it cannot be. Without checkInline every file is checked before any is written.
 template <typename Write, typename Forget>
 void writeEachName(const Backup& backup, const ExportProgress& progress, const char* destinationKind,
-                   bool checkInline, Write&& write, Forget&& forget) {
+                   bool checkInline, unsigned threads, Write&& write, Forget&& forget) {
     DamageCheck check(backup);
     const CarriedFiles* carried = backup->carried.get();
     const QVVerifyMode mode = check.enabled() ? backup->exportCheck->mode : QVVerifyMode::Quick;
@@ -236,10 +259,13 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
     }
     Progress counter(QVManifestGetTotalFileSize(backup->manifest), progress);
     std::string_view phase;
-    auto writeOne = [&](const CF::String& name, std::string_view now, const Entry& entry, std::span<const Entry> sharing) {
+    auto announce = [&](std::string_view now) {
         if (now != phase && phase == "files" && checkInline) check.Settle();
         if (now != phase && backup->exportPhase) backup->exportPhase(now.data());
         phase = now;
+    };
+    // Writes one name; with more than one thread, stored files are written on each of them at once.
+    auto writeOne = [&](const CF::String& name, const Entry& entry, std::span<const Entry> sharing) {
         // A failure says which file of the backup it is about, and which entry when it is a stored file.
         auto about = [&] {
             ErrorContext context = ErrorContext::File(name.utf8());
@@ -297,7 +323,6 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
             for (const Entry& other : sharing)
                 if (other != entry) carried->written(other, digest, out->length);
         }
-        counter.tick();
     };
     // Stored files come first, each named once (two entries of a damaged manifest may share a file ID,
     // and so a stored file), with "/" as the separator: the two-character directory holds the file.
@@ -310,24 +335,84 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         if (!QVManifestEntryIsDirectory(entry) && !QVManifestEntryIsSymlink(entry)) files.push_back(entry);
     auto compare = [](const Entry& a, const Entry& b) { return CompareFileIDs(*a, *b); };
     std::sort(files.begin(), files.end(), [&](const Entry& a, const Entry& b) { return compare(a, b) < 0; });
+    // Each stored file once, owned by the entry that a lookup of its ID finds among those that share it
+    // (made here, as the lookup builds its index on first use); entries that share it go with it.
+    struct StoredFile {
+        Entry owner;
+        size_t first, end;  // the entries of `files` that name it
+    };
+    std::vector<StoredFile> stored;
+    // Where each folder's files begin in `stored`: a thread takes a folder at a time, so that two
+    // threads work in different folders.
+    std::vector<size_t> folders;
+    auto folderOf = [](const Entry& e) { return e->fileIDIsHex ? int{e->fileIDBytes[0]} : e->fileID().empty() ? -1 : int(e->fileID()[0]); };
     for (size_t i = 0, end = 0; i < files.size(); i = end) {
         end = i + 1;
         while (end < files.size() && compare(files[i], files[end]) == 0) ++end;
-        const CF::String id(files[i]->fileID());
-        if (id.empty()) continue;
-        const std::span<const Entry> run(files.data() + i, end - i);
-        // Of entries that share a file ID, the one a lookup of the ID finds owns the stored file.
-        const Entry owner = run.size() == 1 ? files[i] : QVManifestGetEntryForFileID(backup->manifest, id.get());
+        if (files[i]->fileID().empty()) continue;
+        Entry owner = end - i == 1 ? files[i]
+                                   : QVManifestGetEntryForFileID(backup->manifest, CF::String(files[i]->fileID()).get());
         if (!owner) continue;
-        writeOne(LocalFilenameForFileID(id, backup->manifestVersion, true), "files", owner,
-                 run.size() == 1 ? std::span<const Entry>() : run);
+        if (stored.empty() || folderOf(stored.back().owner) != folderOf(owner)) folders.push_back(stored.size());
+        stored.push_back({std::move(owner), i, end});
+    }
+    folders.push_back(stored.size());
+
+    if (!stored.empty()) announce("files");
+    std::atomic<size_t> nextFolder = 0;
+    std::atomic<bool> stop = false;
+    std::mutex failed;
+    std::exception_ptr failure;
+    // The calling thread alone reports progress and problems.
+    auto work = [&](bool calling) {
+        for (size_t f; !stop.load(std::memory_order_relaxed) && (f = nextFolder.fetch_add(1)) + 1 < folders.size();) {
+            for (size_t k = folders[f]; k < folders[f + 1] && !stop.load(std::memory_order_relaxed); ++k) {
+                const StoredFile& one = stored[k];
+                try {
+                    const std::span<const Entry> run(files.data() + one.first, one.end - one.first);
+                    writeOne(LocalFilenameForFileID(CF::String(one.owner->fileID()), backup->manifestVersion, true),
+                             one.owner, run.size() == 1 ? std::span<const Entry>() : run);
+                } catch (...) {
+                    std::lock_guard lock(failed);
+                    if (!failure) failure = std::current_exception();
+                    stop = true;
+                    return;
+                }
+                if (calling) {
+                    check.Deliver();
+                    counter.tick();
+                }
+            }
+        }
+    };
+    if (threads > 1 && folders.size() > 2) {
+        std::thread helper(work, false);
+        work(true);
+        helper.join();
+    } else {
+        work(true);
+    }
+    if (failure) {
+        check.Deliver();
+        std::rethrow_exception(failure);
     }
     // Then the manifest (made here, which takes a while), then the metadata.
     for (const CF::String& name : ManifestAndMetadataNames(backup)) {
         const std::string text = name.utf8();
-        writeOne(name, text == "Manifest.db" || text == "Manifest.mbdb" ? "manifest" : "metadata", nullptr, {});
+        announce(text == "Manifest.db" || text == "Manifest.mbdb" ? "manifest" : "metadata");
+        writeOne(name, nullptr, {});
+        counter.tick();
     }
     if (phase == "files" && checkInline) check.Settle();
+}
+
+// Threads that copy stored files into a directory: the file system's own work in one folder goes on
+// while another thread works in the next, so two take about four fifths of the time of one. A zip's
+// members are read through one handle, one at a time.
+unsigned copyThreads(const Backup& backup) {
+    const bool zipSource = backup->sourceType == QVDataSourceTypeZip ||
+                           (backup->carried && backup->carried->source->sourceType == QVDataSourceTypeZip);
+    return zipSource ? 1 : std::clamp(std::thread::hardware_concurrency(), 1u, 2u);
 }
 
 // Names a file without a name at target, with the mode a new file there would have; false when it cannot
@@ -395,14 +480,16 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
             PartialWrite partial(QVBackupContainerPartialPath(destination));
             // Each stored file's two-character folder is made once.
             std::set<std::string> folders;
+            std::mutex foldersMade;
             auto write = [&](const CF::String& name, const std::shared_ptr<QVFileClass>& file, Progress& counter,
                              bool hash, WrittenBytes* written) -> Copied {
                 const std::string relative = name.utf8();
                 const fs::path target = partial.path() / relative;
                 try {
-                    if (const size_t slash = relative.rfind('/');
-                        slash != std::string::npos && folders.insert(relative.substr(0, slash)).second)
-                        fs::create_directories(target.parent_path());
+                    if (const size_t slash = relative.rfind('/'); slash != std::string::npos) {
+                        std::lock_guard lock(foldersMade);
+                        if (folders.insert(relative.substr(0, slash)).second) fs::create_directories(target.parent_path());
+                    }
                     // A finished file without a name and without a key (the new Manifest.db of a plain
                     // backup, hundreds of megabytes for a large one) is given its name in the backup
                     // rather than copied, where it lies on the same file system.
@@ -434,7 +521,7 @@ unsigned char QVBackupContainerExportToDirectory(const Backup& backup, CFStringR
                 fs::remove(partial.path() / name.utf8(), ec);
                 return true;
             };
-            writeEachName(backup, progress, "directory", true, write, forget);
+            writeEachName(backup, progress, "directory", true, copyThreads(backup), write, forget);
             moveIntoPlace(partial.path(), root);
             partial.Keep();
             return 1;
@@ -538,7 +625,7 @@ unsigned char writeZip(const Backup& backup, CFStringRef destination, const fs::
         return copied;
     };
     // A member cannot be taken back out of a zip once written (see RewriteWithoutDamage).
-    writeEachName(backup, progress, "zip", inline_, write, [](const CF::String&) { return false; });
+    writeEachName(backup, progress, "zip", inline_, 1, write, [](const CF::String&) { return false; });
     errno = 0;
     const int closed = zipClose(writer.zip, nullptr);
     writer.zip = nullptr;
