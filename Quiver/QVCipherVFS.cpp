@@ -51,6 +51,7 @@ struct CipherFile {
     sqlite3_int64 size;  // of the database, padding left out
     std::array<uint8_t, 32> key;
     std::vector<uint8_t>* buffer;
+    Cryptor* cryptor;  // under the key, restarted for each read
 };
 
 CipherFile& self(sqlite3_file* file) { return *reinterpret_cast<CipherFile*>(file); }
@@ -61,6 +62,7 @@ int cipherClose(sqlite3_file* file) {
     OPENSSL_cleanse(f.key.data(), f.key.size());
     if (f.buffer) OPENSSL_cleanse(f.buffer->data(), f.buffer->size());
     delete f.buffer;
+    delete f.cryptor;
     return SQLITE_OK;
 }
 
@@ -86,26 +88,29 @@ int cipherRead(sqlite3_file* file, void* out, int amount, sqlite3_int64 offset) 
         const sqlite3_int64 first = offset / kBlock * kBlock;
         const sqlite3_int64 last = (end + kBlock - 1) / kBlock * kBlock;
         const sqlite3_int64 from = first == 0 ? 0 : first - kBlock;
+        // A read of whole blocks (every page SQLite reads) is deciphered straight into its buffer:
+        // without padding every block comes out of the update as it goes in.
+        const bool whole = first == offset && last == end && end - offset == amount;
         std::vector<uint8_t>& buffer = *f.buffer;
-        buffer.resize(static_cast<size_t>(2 * (last - from) + kBlock));
+        buffer.resize(static_cast<size_t>((whole ? 1 : 2) * (last - from) + kBlock));
         uint8_t* cipher = buffer.data();
-        uint8_t* plain = buffer.data() + (last - from);
+        uint8_t* plain = whole ? static_cast<uint8_t*>(out) : buffer.data() + (last - from);
         if (!preadAll(f.fd, cipher, static_cast<size_t>(last - from), static_cast<off_t>(from))) return SQLITE_IOERR_READ;
         try {
             std::array<uint8_t, kBlock> iv{};
             if (first != 0) std::copy_n(cipher, kBlock, iv.begin());
-            Cryptor cryptor(Cryptor::Operation::Decrypt, Cryptor::Algorithm::AES256, f.key, iv);
-            cryptor.DisablePadding();
+            f.cryptor->Restart(iv);
             const uint8_t* blocks = cipher + (first - from);
-            size_t written = cryptor.Update(blocks, static_cast<size_t>(last - first), plain);
-            written += cryptor.Finalize(plain + written);
-            if (written != static_cast<size_t>(last - first)) return SQLITE_IOERR_READ;
+            if (f.cryptor->Update(blocks, static_cast<size_t>(last - first), plain) != static_cast<size_t>(last - first))
+                return SQLITE_IOERR_READ;
         } catch (const std::exception&) {
             return SQLITE_IOERR_READ;
         }
         got = end - offset;
-        std::memcpy(out, plain + (offset - first), static_cast<size_t>(got));
-        OPENSSL_cleanse(plain, static_cast<size_t>(last - first));
+        if (!whole) {
+            std::memcpy(out, plain + (offset - first), static_cast<size_t>(got));
+            OPENSSL_cleanse(plain, static_cast<size_t>(last - first));
+        }
     }
     if (got < amount) {
         std::memset(static_cast<uint8_t*>(out) + got, 0, static_cast<size_t>(amount - got));
@@ -175,7 +180,16 @@ int cipherOpen(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags
     }
     f.size = length / kSmallestPage * kSmallestPage;
     f.buffer = new (std::nothrow) std::vector<uint8_t>();
-    if (!f.buffer) {
+    f.cryptor = nullptr;
+    try {
+        f.cryptor = new Cryptor(Cryptor::Operation::Decrypt, Cryptor::Algorithm::AES256, f.key);
+        f.cryptor->DisablePadding();
+    } catch (const std::exception&) {
+    }
+    if (!f.buffer || !f.cryptor) {
+        delete f.buffer;
+        delete f.cryptor;
+        OPENSSL_cleanse(f.key.data(), f.key.size());
         ::close(f.fd);
         return SQLITE_NOMEM;
     }

@@ -61,6 +61,16 @@ void Cryptor::DisablePadding() {
     if (EVP_CIPHER_CTX_set_padding(ctx_.get(), 0) != 1) OpenSSL::ThrowError("cipher padding could not be changed");
 }
 
+void Cryptor::Restart(std::span<const uint8_t> initialValue) {
+    if (initialValue.size() != kBlockSize)
+        throw std::runtime_error("initial value must be 16 bytes, not " + std::to_string(initialValue.size()));
+    // No cipher and no key: the context keeps both, and its direction (-1) and padding setting.
+    if (EVP_CipherInit_ex(ctx_.get(), nullptr, nullptr, nullptr, initialValue.data(), -1) != 1)
+        OpenSSL::ThrowError("cipher could not be restarted");
+    finished_ = false;
+    consumed_ = 0;
+}
+
 std::size_t Cryptor::Update(const uint8_t* in, std::size_t n, uint8_t* out) {
     if (finished_) {
         throw std::runtime_error("cipher stream already finalized");

@@ -45,6 +45,10 @@ public:
     // that devices have written both with and without padding (the caller decides what to drop).
     void DisablePadding();
 
+    // Starts a new stream under the same key with another initial value (16 bytes), keeping the
+    // key's schedule: for many short streams under one key, such as the pages of a database.
+    void Restart(std::span<const uint8_t> initialValue);
+
     // Feeds n bytes and returns the output they complete. Decryption holds the last block back
     // until Finalize, as it may be the padding.
     std::vector<uint8_t> Update(const uint8_t* in, std::size_t n);
