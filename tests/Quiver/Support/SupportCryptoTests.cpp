@@ -109,6 +109,30 @@ TEST_P(CryptorStreamTest, SplitStreamsMatchOneShot) {
 
 INSTANTIATE_TEST_SUITE_P(ChunkSizes, CryptorStreamTest, ::testing::Values(1, 15, 16, 17, 4097, 1 << 20));
 
+// A database's pages are deciphered by one cryptor restarted for each page with the ciphertext block
+// before it as the initial value: each must come out as a cryptor made afresh for it would give it,
+// the key, direction and missing padding kept across restarts, a finalized stream included.
+TEST(CryptorRestart, EachPageDeciphersAsUnderAFreshCryptor) {
+    const Bytes key = Pseudorandom(32, 4);
+    const Bytes plain = Pseudorandom(4 * 4096, 5);
+    Bytes cipher = Cryptor::Encrypt(Alg::AES256, key, {}, plain);
+    cipher.resize(plain.size());  // the padding block is no page
+    Cryptor pages(Op::Decrypt, Alg::AES256, key);
+    pages.DisablePadding();
+    for (std::size_t page : {2u, 0u, 3u, 1u}) {
+        const std::size_t at = page * 4096;
+        Bytes iv(16, 0);
+        if (at > 0) iv.assign(cipher.begin() + static_cast<std::ptrdiff_t>(at - 16), cipher.begin() + static_cast<std::ptrdiff_t>(at));
+        pages.Restart(iv);
+        Bytes out(4096 + 16);
+        ASSERT_EQ(pages.Update(cipher.data() + at, 4096, out.data()), 4096u) << page;
+        out.resize(4096);
+        EXPECT_EQ(out, Bytes(plain.begin() + static_cast<std::ptrdiff_t>(at), plain.begin() + static_cast<std::ptrdiff_t>(at + 4096))) << page;
+        if (page == 0) pages.Finalize();
+    }
+    EXPECT_THROW(pages.Restart(Bytes(8, 0)), std::runtime_error);
+}
+
 class CryptorMalformedTest : public ::testing::Test {
 protected:
     // The single block that encrypts to `finalBlock` under a zero IV: decrypting it alone makes
