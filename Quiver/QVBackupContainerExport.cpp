@@ -147,24 +147,27 @@ public:
     bool enabled() const { return check_ != nullptr; }
 
     // The checks that come before the copy; false when the file is damaged and is not to be copied.
-    // `digest` receives the recorded digest when the copy is to be hashed against it. `sharing` are
-    // the entries that name the same stored file, which go with it.
-    bool Before(const Entry& entry, std::span<const Entry> sharing, QVVerifyMode mode, std::vector<uint8_t>& digest) {
-        const auto [from, checked] = checkedAs(entry);
-        std::vector<QVProblem> problems = QVBackupContainerVerifyEntry(from, checked, mode, &digest);
+    // `source` is the entry of a carried file, else null. `digest` receives the recorded digest when
+    // the copy is to be hashed against it. `sharing` are the entries that name the same stored file,
+    // which go with it.
+    bool Before(const Entry& entry, const Entry& source, std::span<const Entry> sharing, QVVerifyMode mode,
+                std::vector<uint8_t>& digest) {
+        std::vector<QVProblem> problems =
+            source ? QVBackupContainerVerifyEntry(backup_->carried->source, source, mode, &digest)
+                   : QVBackupContainerVerifyEntry(backup_, entry, mode, &digest);
         // A conversion reads every file whole: a class the password cannot open is damage to it.
-        if (checked != entry)
+        if (source)
             for (QVProblem& p : problems)
                 if (p.kind == QVProblemKind::KeyClassLocked) p.warning = false;
-        if (checked != entry) QVManifestEntryForgetFetchedFile(checked);
         return note(entry, sharing, problems);
     }
     // The digest of the bytes copied, against the one recorded.
-    bool After(const Entry& entry, std::span<const Entry> sharing, const std::vector<uint8_t>& recorded,
-               const std::vector<uint8_t>& copied, uint64_t storedLength) {
+    bool After(const Entry& entry, const Entry& source, std::span<const Entry> sharing,
+               const std::vector<uint8_t>& recorded, const std::vector<uint8_t>& copied, uint64_t storedLength) {
         if (recorded == copied) return true;
-        const auto [from, checked] = checkedAs(entry);
-        return note(entry, sharing, {QVProblemOfCopiedDigest(from, checked, storedLength)});
+        return note(entry, sharing,
+                    {source ? QVProblemOfCopiedDigest(backup_->carried->source, source, storedLength)
+                            : QVProblemOfCopiedDigest(backup_, entry, storedLength)});
     }
     // A damaged file that was written and cannot be taken back out (a zip member).
     void Written() {
@@ -197,11 +200,6 @@ public:
     }
 
 private:
-    std::pair<Backup, Entry> checkedAs(const Entry& entry) const {
-        if (backup_->carried)
-            if (Entry source = backup_->carried->SourceOf(entry)) return {backup_->carried->source, source};
-        return {backup_, entry};
-    }
     bool note(const Entry& entry, std::span<const Entry> sharing, const std::vector<QVProblem>& problems) {
         bool sound = true;
         std::lock_guard lock(mutex_);
@@ -248,12 +246,15 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
     DamageCheck check(backup);
     const CarriedFiles* carried = backup->carried.get();
     const QVVerifyMode mode = check.enabled() ? backup->exportCheck->mode : QVVerifyMode::Quick;
+    // The entry of the source whose stored file a carried entry writes; null for any other.
+    auto sourceOf = [carried](const Entry& entry) { return entry && carried ? carried->SourceOf(entry) : nullptr; };
     if (check.enabled() && !checkInline) {
         // Where a file cannot be taken back once written, every file is checked first.
         for (const Entry& entry : QVManifestGetEntries(backup->manifest)) {
             std::vector<uint8_t> ignored;
-            check.Before(entry, {}, mode, ignored);
-            QVManifestEntryForgetFetchedFile(entry);
+            const Entry source = sourceOf(entry);
+            check.Before(entry, source, {}, mode, ignored);
+            QVManifestEntryForgetFetchedFile(source ? source : entry);
         }
         check.Settle();
     }
@@ -278,14 +279,20 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         };
         // The checks before the copy: the digest is taken in a pass of its own only where the copy
         // cannot be taken back.
+        // A source file is fetched again if asked for: keeping every one would cost memory in
+        // proportion to the backup. The checks and the copy share the one fetched here.
+        const Entry source = sourceOf(entry);
+        struct LetGo {
+            const Entry& fetched;
+            ~LetGo() {
+                if (fetched) QVManifestEntryForgetFetchedFile(fetched);
+            }
+        } forgetFetched{source ? source : entry};
         std::vector<uint8_t> recorded;
         if (entry && check.enabled() && checkInline &&
-            !check.Before(entry, sharing, mode == QVVerifyMode::Full ? mode : QVVerifyMode::Quick, recorded)) {
-            QVManifestEntryForgetFetchedFile(entry);
+            !check.Before(entry, source, sharing, mode == QVVerifyMode::Full ? mode : QVVerifyMode::Quick, recorded))
             return;
-        }
         if (mode != QVVerifyMode::Digests) recorded.clear();
-        const Entry source = entry && carried ? carried->SourceOf(entry) : nullptr;
         auto unloadable = [&](const CF::Error& cause) {
             return Error(QVErrorLoadingExternalRepresentation, cause,
                          fmt::format("File {} could not be loaded for writing to {}", name, destinationKind), about());
@@ -308,13 +315,9 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
         } catch (const CF::Error& e) {
             throw AddErrorContext(e, about());
         }
-        const bool sound = !copied || check.After(entry, sharing, recorded, *copied, QVFileGetSize(file));
+        const bool sound = !copied || check.After(entry, source, sharing, recorded, *copied, QVFileGetSize(file));
         if (!sound && !forget(name)) check.Written();
         file.reset();
-        // A source file is fetched again if asked for: keeping every one would cost memory in
-        // proportion to the backup.
-        if (entry) QVManifestEntryForgetFetchedFile(entry);
-        if (source) QVManifestEntryForgetFetchedFile(source);
         if (sound && out) {
             const std::vector<uint8_t> digest = carried->wantsDigest && carried->wantsDigest(entry)
                                                     ? out->hasher.Finalize()
@@ -345,11 +348,15 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
     // Where each folder's files begin in `stored`: a thread takes a folder at a time, so that two
     // threads work in different folders.
     std::vector<size_t> folders;
-    auto folderOf = [](const Entry& e) { return e->fileIDIsHex ? int{e->fileIDBytes[0]} : e->fileID().empty() ? -1 : int(e->fileID()[0]); };
+    auto folderOf = [](const Entry& e) {
+        if (e->fileIDIsHex) return int{e->fileIDBytes[0]};
+        const std::string id = e->fileID();
+        return id.empty() ? -1 : int{static_cast<unsigned char>(id[0])};
+    };
     for (size_t i = 0, end = 0; i < files.size(); i = end) {
         end = i + 1;
         while (end < files.size() && compare(files[i], files[end]) == 0) ++end;
-        if (files[i]->fileID().empty()) continue;
+        if (!files[i]->fileIDIsHex && files[i]->fileID().empty()) continue;
         Entry owner = end - i == 1 ? files[i]
                                    : QVManifestGetEntryForFileID(backup->manifest, CF::String(files[i]->fileID()).get());
         if (!owner) continue;

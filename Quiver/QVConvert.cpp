@@ -152,42 +152,32 @@ CF::Error unreadableFiles(size_t failures) {
                              failures == 1 ? "file" : "files", failures == 1 ? "it" : "them"));
 }
 
-// What a conversion makes of each file: the file written for the copy's entry from the source's
-// stored file, and what to record once it is written (see CarriedFiles).
-struct Carrying {
-    std::function<std::shared_ptr<QVFileClass>(const Entry& copy, const Entry& source,
-                                               const std::shared_ptr<QVFileClass>& stored)>
-        file;
-    std::function<bool(const Entry& copy)> wantsDigest;
-    std::function<void(const Entry& copy, const std::vector<uint8_t>& digest, uint64_t length)> written;
-};
+// The stored file of a source entry, as the source holds it.
+std::shared_ptr<QVFileClass> storedFileOf(const Entry& source) {
+    CFErrorRef fileError = nullptr;
+    std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(source, &fileError);
+    if (!stored) throw CF::Error::Adopt(fileError);
+    if (fileError) CFRelease(fileError);
+    return stored;
+}
 
-// Writes the copy, each file read once from the source: checked as a read of the source entry checks
+// Writes the copy, each file read once from the source as `carried` says (its functions set; the
+// source and the pairs of entries are filled in here): checked as a read of the source entry checks
 // it, reported when it cannot be read, and left out where the options say so; otherwise such a file
 // makes the conversion write nothing.
-void writeCarried(const Backup& backup, const Backup& copy, const Carrying& carrying, CFStringRef destination,
-                  const QVConversionOptions& options, const QVConversionProblemFunction& problems,
-                  const ExportProgress& progress) {
+void writeCarried(const Backup& backup, const Backup& copy, std::shared_ptr<CarriedFiles> carried,
+                  CFStringRef destination, const QVConversionOptions& options,
+                  const QVConversionProblemFunction& problems, const ExportProgress& progress) {
     const std::vector<Entry> entries = QVManifestGetEntries(backup->manifest);
     const std::vector<Entry> copies = QVManifestGetEntries(copy->manifest);
     QV_ASSERT(copies.size() == entries.size());
-    auto carried = std::make_shared<CarriedFiles>();
     carried->source = backup;
     carried->sources.reserve(entries.size());
     for (size_t i = 0; i < entries.size(); ++i)
         if (QVManifestEntryIsFile(entries[i])) carried->sources.emplace_back(copies[i].get(), entries[i]);
     std::sort(carried->sources.begin(), carried->sources.end(),
               [](const auto& a, const auto& b) { return a.first < b.first; });
-    carried->file = [&carrying](const Entry& target, const Entry& source) {
-        CFErrorRef fileError = nullptr;
-        std::shared_ptr<QVFileClass> stored = QVManifestEntryGetFile(source, &fileError);
-        if (!stored) throw CF::Error::Adopt(fileError);
-        if (fileError) CFRelease(fileError);
-        return carrying.file ? carrying.file(target, source, stored) : stored;
-    };
-    carried->wantsDigest = carrying.wantsDigest;
-    carried->written = carrying.written;
-    copy->carried = carried;
+    copy->carried = std::move(carried);
 
     size_t failures = 0;
     auto check = std::make_shared<QVExportCheck>();
@@ -314,8 +304,9 @@ bool QVBackupContainerExportDecrypted(const Backup& backup, CFStringRef destinat
         Backup copy = QVBackupContainerCreateCopy(backup);
         copy->manifestEncryption.reset();
         copy->password = CF::String();
-        Carrying carrying;
-        carrying.file = [&](const Entry&, const Entry& source, const std::shared_ptr<QVFileClass>& stored) {
+        auto carrying = std::make_shared<CarriedFiles>();
+        carrying->file = [&](const Entry&, const Entry& source) {
+            std::shared_ptr<QVFileClass> stored = storedFileOf(source);
             // A file put in since loading holds its plaintext already.
             if (source->external) return stored;
             CFErrorRef keyError = nullptr;
@@ -326,15 +317,15 @@ bool QVBackupContainerExportDecrypted(const Backup& backup, CFStringRef destinat
             return plain;
         };
         // A plain manifest records the digest of the plaintext, where its generation records one.
-        carrying.wantsDigest = [](const Entry& target) { return !target->digest().empty(); };
-        carrying.written = [](const Entry& target, const std::vector<uint8_t>& digest, uint64_t length) {
+        carrying->wantsDigest = [](const Entry& target) { return !target->digest().empty(); };
+        carrying->written = [](const Entry& target, const std::vector<uint8_t>& digest, uint64_t length) {
             target->SetTexts({{QVManifestEntryClass::kEncryptionKey, {}}, {QVManifestEntryClass::kDigest, asText(digest)}});
             target->size = length;
         };
         copy->manifestDict.Remove("BackupKeyBag");
         copy->manifestDict.Remove("ManifestKey");
         copy->manifestDict.Set("IsEncrypted", kCFBooleanFalse);
-        writeCarried(backup, copy, carrying, destination, options, problems, progress);
+        writeCarried(backup, copy, std::move(carrying), destination, options, problems, progress);
         return true;
     });
 }
@@ -370,18 +361,19 @@ bool QVBackupContainerExportEncrypted(const Backup& backup, CFStringRef destinat
             if (target->protectionClass == EntryProtectionClassNotSet) target->protectionClass = EntryProtectionClassNone;
             AssignFileKey(target, encryption);
         }
-        Carrying carrying;
-        carrying.file = [](const Entry& target, const Entry&, const std::shared_ptr<QVFileClass>& stored) {
+        auto carrying = std::make_shared<CarriedFiles>();
+        carrying->file = [](const Entry& target, const Entry& source) {
+            std::shared_ptr<QVFileClass> stored = storedFileOf(source);
             target->size = QVFileGetSize(stored);
             std::shared_ptr<QVFileClass> enciphering = QVFileCreateCopy(stored);
             _QVFileSetEncryptionKey(enciphering, *target->unlockedKey());
             return enciphering;
         };
-        carrying.wantsDigest = [](const Entry&) { return true; };
-        carrying.written = [](const Entry& target, const std::vector<uint8_t>& digest, uint64_t) {
+        carrying->wantsDigest = [](const Entry&) { return true; };
+        carrying->written = [](const Entry& target, const std::vector<uint8_t>& digest, uint64_t) {
             target->SetTexts({{QVManifestEntryClass::kDigest, asText(digest)}});
         };
-        writeCarried(backup, copy, carrying, destination, options, problems, progress);
+        writeCarried(backup, copy, std::move(carrying), destination, options, problems, progress);
         return true;
     });
 }
@@ -405,7 +397,9 @@ bool QVBackupContainerExportWithManifestDB(const Backup& backup, CFStringRef des
         // Every stored file is written as it is, under its own wrapped key where it has one.
         Backup copy = QVBackupContainerCreateCopy(backup);
         if (upgrade) moveToNewestGeneration(copy, keyBag);
-        writeCarried(backup, copy, Carrying(), destination, options, problems, progress);
+        auto carrying = std::make_shared<CarriedFiles>();
+        carrying->file = [](const Entry&, const Entry& source) { return storedFileOf(source); };
+        writeCarried(backup, copy, std::move(carrying), destination, options, problems, progress);
         if (!upgrade) log_fmt(log_level::info, "The backup had a Manifest.db manifest already; it was written as is");
         return true;
     });

@@ -105,11 +105,11 @@ private:
 
 namespace Quiver {
 
-// QVManifestEntryCreateCopy with a getter shared by many copies.
 // Lets go of a stored file fetched through the entry's getter (it is fetched again when asked for),
 // so that a walk over every file of a large backup does not keep a file object for each.
 void QVManifestEntryForgetFetchedFile(const Entry& entry);
 
+// QVManifestEntryCreateCopy with a getter shared by many copies.
 Entry CopyEntrySharingGetter(const Entry& entry, std::shared_ptr<const QVGetFileFunction> getFileFunc);
 
 // Gives a new regular file of an encrypted backup its own key: the entry's file becomes an enciphering
