@@ -16,9 +16,19 @@ constexpr unsigned kScansBeforeIndex = 2;
 
 void buildDomainIndex(QVManifestClass& manifest) {
     if (!manifest.domainIndex.empty()) return;
+    // Rows come grouped by domain: the domain of the entry before is looked up again only when it changes.
+    std::string_view last;
+    std::vector<Entry>* lastEntries = nullptr;
     for (const Entry& entry : manifest.entries) {
-        if (entry->domainText.empty()) continue;
-        manifest.domainIndex[std::string(entry->domainText)].push_back(entry);
+        const std::string_view domain = entry->domainText;
+        if (domain.empty()) continue;
+        if (!lastEntries || domain != last) {
+            auto found = manifest.domainIndex.find(domain);
+            if (found == manifest.domainIndex.end()) found = manifest.domainIndex.emplace(domain, std::vector<Entry>()).first;
+            last = found->first;
+            lastEntries = &found->second;
+        }
+        lastEntries->push_back(entry);
     }
 }
 
@@ -228,7 +238,12 @@ void QVManifestAddEntries(const Manifest& manifest, const std::vector<Entry>& ad
         m.entries.push_back(entry);
         // Each index that exists takes the entry as a rebuild would (the first entry of a key wins).
         if (!m.domainIndex.empty()) {
-            if (!entry->domainText.empty()) m.domainIndex[std::string(entry->domainText)].push_back(entry);
+            if (!entry->domainText.empty()) {
+                auto found = m.domainIndex.find(entry->domainText);
+                if (found == m.domainIndex.end())
+                    found = m.domainIndex.emplace(entry->domainText, std::vector<Entry>()).first;
+                found->second.push_back(entry);
+            }
         }
         if (!m.fileIDIndex.empty() && hasAnyFileID(*entry) && !indexFileID(m, entry)) m.duplicateKeys = true;
         if (!m.pathIndex.empty() && !indexPath(m, entry)) m.duplicateKeys = true;

@@ -23,7 +23,11 @@
 class QVManifestClass {
 public:
     std::vector<Quiver::Entry> entries;
-    std::unordered_map<std::string, std::vector<Quiver::Entry>> domainIndex;
+    struct TextHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+    };
+    std::unordered_map<std::string, std::vector<Quiver::Entry>, TextHash, std::equal_to<>> domainIndex;
     Quiver::EntryIndex fileIDIndex;
     // Domain and path to the entry; built on the first path lookup like the other indexes, and, like
     // them, kept up to date by the edits below once built.

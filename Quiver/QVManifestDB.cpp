@@ -5,12 +5,12 @@
 #include <openssl/crypto.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <utility>
-#include <condition_variable>
 #include <cstring>
-#include <deque>
 #include <exception>
+#include <iterator>
 #include <future>
 #include <thread>
 #include <cerrno>
@@ -117,6 +117,7 @@ ManifestDatabase::ManifestDatabase() = default;
 // private data and must not linger.
 ManifestDatabase::~ManifestDatabase() {
     insert_.reset();
+    range_.reset();
     db_.reset();
     if (!path_.empty()) removeDatabaseFiles(path_);
 }
@@ -143,6 +144,8 @@ void ManifestDatabase::Open(const fs::path& source) {
     path_ = privatePath;
     try {
         db_ = std::make_unique<SQLite::Database>(privatePath.string(), SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | kOneThread);
+        readerURI_ = fileURI(privatePath, "mode=ro");
+        readerFlags_ = SQLite::OPEN_READONLY | SQLite::OPEN_URI | kOneThread;
     } catch (const std::exception& e) {
         throw Error(QVErrorDatabaseOperation, CF::Error(),
                     fmt::format("Failed to instantiate database at '{}' ({})", privatePath.string(), e.what()));
@@ -158,7 +161,9 @@ void ManifestDatabase::OpenForReading(const fs::path& source) {
     if (!fs::is_regular_file(source, ec))
         throw Error(QVErrorFileNotFound, CF::Error(), fmt::format("File does not exist at path '{}'", source.string()));
     try {
-        db_ = std::make_unique<SQLite::Database>(fileURI(source, "immutable=1"), SQLite::OPEN_READONLY | SQLite::OPEN_URI | kOneThread);
+        readerURI_ = fileURI(source, "immutable=1");
+        readerFlags_ = SQLite::OPEN_READONLY | SQLite::OPEN_URI | kOneThread;
+        db_ = std::make_unique<SQLite::Database>(readerURI_, readerFlags_);
         readUserVersion();
     } catch (const CF::Error&) {
         throw;
@@ -173,8 +178,9 @@ void ManifestDatabase::OpenEnciphered(const fs::path& source, const std::array<u
         throw Error(QVErrorFileNotFound, CF::Error(), fmt::format("File does not exist at path '{}'", source.string()));
     cipher_ = std::make_unique<CipheredDatabase>(source, key);
     try {
-        db_ = std::make_unique<SQLite::Database>(fileURI(source, "immutable=1&" + cipher_->URIParameters()),
-                                                 SQLite::OPEN_READONLY | SQLite::OPEN_URI | kOneThread);
+        readerURI_ = fileURI(source, "immutable=1&" + cipher_->URIParameters());
+        readerFlags_ = SQLite::OPEN_READONLY | SQLite::OPEN_URI | kOneThread;
+        db_ = std::make_unique<SQLite::Database>(readerURI_, readerFlags_);
         readUserVersion();
     } catch (const CF::Error&) {
         throw;
@@ -200,6 +206,10 @@ void ManifestDatabase::OpenImage(DatabaseImage image) {
     if (result != SQLITE_OK)
         throw Error(QVErrorDatabaseOperation, CF::Error(),
                     fmt::format("Failed to read the database from memory ({})", sqlite3_errstr(result)));
+    // Where SQLite keeps the image: another reader reads it there, without a copy.
+    sqlite3_int64 kept = 0;
+    image_ = sqlite3_serialize(db_->getHandle(), "main", &kept, SQLITE_SERIALIZE_NOCOPY);
+    imageSize_ = image_ ? kept : 0;
     readUserVersion();
 }
 
@@ -564,6 +574,42 @@ void ManifestDatabase::InsertRow(std::string_view fileID, std::optional<std::str
     if (rc != SQLITE_DONE) throw failed("step");
 }
 
+// Devices name a few dozen domains for hundreds of thousands of rows: one string each, kept for as
+// long as the connection reads.
+struct ManifestDatabase::DomainStrings {
+    struct TextHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+    };
+    std::unordered_map<std::string, CF::String, TextHash, std::equal_to<>> strings;
+    std::string spareID, sparePath;
+
+    const CF::String& Of(const SQLite::Column& column) {
+        std::string_view text(column.getText(""), static_cast<size_t>(column.getBytes()));
+        auto found = strings.find(text);
+        if (found == strings.end()) found = strings.emplace(text, textColumn(column)).first;
+        return found->second;
+    }
+};
+
+void ManifestDatabase::readRows(SQLite::Statement& query, int64_t count, const RowFunction& each) {
+    if (!domains_) domains_ = std::make_unique<DomainStrings>();
+    DomainStrings& d = *domains_;
+    int64_t index = 0;
+    while (query.executeStep()) {
+        SQLite::Column blob = query.getColumn(4);
+        const Row row{textView(query.getColumn(0), d.spareID),
+                      d.Of(query.getColumn(1)),
+                      textView(query.getColumn(2), d.sparePath),
+                      query.getColumn(3).getInt(),
+                      {static_cast<const uint8_t*>(blob.getBlob()), static_cast<size_t>(blob.getBytes())},
+                      index,
+                      count};
+        each(row);
+        ++index;
+    }
+}
+
 void ManifestDatabase::QueryAllRows(const RowFunction& each, const char* orderBy) {
     if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
     try {
@@ -575,33 +621,69 @@ void ManifestDatabase::QueryAllRows(const RowFunction& each, const char* orderBy
         if (count < 1) return;
         SQLite::Statement query(*db_, fmt::format("SELECT fileID, domain, relativePath, flags, file FROM Files{}{};",
                                                   orderBy ? " ORDER BY " : "", orderBy ? orderBy : ""));
-        // Devices name a few dozen domains for hundreds of thousands of rows: share one string each.
-        struct TextHash {
-            using is_transparent = void;
-            size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
-        };
-        std::unordered_map<std::string, CF::String, TextHash, std::equal_to<>> domains;
-        std::string spareID, sparePath;
-        int64_t index = 0;
-        while (query.executeStep()) {
-            SQLite::Column domainColumn = query.getColumn(1);
-            std::string_view domainText(domainColumn.getText(""), static_cast<size_t>(domainColumn.getBytes()));
-            auto found = domains.find(domainText);
-            if (found == domains.end()) found = domains.emplace(domainText, textColumn(domainColumn)).first;
-            SQLite::Column blob = query.getColumn(4);
-            const Row row{textView(query.getColumn(0), spareID),
-                          found->second,
-                          textView(query.getColumn(2), sparePath),
-                          query.getColumn(3).getInt(),
-                          {static_cast<const uint8_t*>(blob.getBlob()), static_cast<size_t>(blob.getBytes())},
-                          index,
-                          count};
-            each(row);
-            ++index;
-        }
+        readRows(query, count, each);
     } catch (const SQLite::Exception& e) {
         throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to read rows ({})", e.what()));
     }
+}
+
+std::optional<std::pair<int64_t, int64_t>> ManifestDatabase::RowidSpan() {
+    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
+    try {
+        // A table without rowids fails to prepare below; a column named like a rowid would stand in
+        // for it, so such a table is read whole.
+        SQLite::Statement columns(*db_, "PRAGMA table_info(Files);");
+        while (columns.executeStep()) {
+            std::string name = columns.getColumn(1).getString();
+            std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+            if (name == "rowid" || name == "_rowid_" || name == "oid") return std::nullopt;
+        }
+        // Each bound alone, so that SQLite reads it from the end of the table rather than scanning.
+        SQLite::Statement span(*db_, "SELECT (SELECT min(rowid) FROM Files), (SELECT max(rowid) FROM Files);");
+        if (!span.executeStep() || span.getColumn(0).isNull() || span.getColumn(1).isNull()) return std::nullopt;
+        return std::pair(span.getColumn(0).getInt64(), span.getColumn(1).getInt64());
+    } catch (const SQLite::Exception&) {
+        return std::nullopt;
+    }
+}
+
+void ManifestDatabase::QueryRowRange(int64_t first, int64_t last, const RowFunction& each) {
+    if (!db_) throw Error(QVErrorInvalidArgument, CF::Error(), "Database closed");
+    try {
+        if (!range_)
+            range_ = std::make_unique<SQLite::Statement>(
+                *db_, "SELECT fileID, domain, relativePath, flags, file FROM Files WHERE rowid BETWEEN ?1 AND ?2;");
+        range_->reset();
+        range_->bind(1, first);
+        range_->bind(2, last);
+        const uint64_t width = static_cast<uint64_t>(last) - static_cast<uint64_t>(first) + 1;
+        readRows(*range_, static_cast<int64_t>(std::min<uint64_t>(width, INT64_MAX)), each);
+    } catch (const SQLite::Exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to read rows ({})", e.what()));
+    }
+}
+
+std::unique_ptr<ManifestDatabase> ManifestDatabase::OpenAnotherReader() const {
+    if (!db_ || (readerURI_.empty() && !image_))
+        throw Error(QVErrorInvalidArgument, CF::Error(), "The database is not open for reading");
+    auto reader = std::make_unique<ManifestDatabase>();
+    try {
+        if (!readerURI_.empty()) {
+            reader->db_ = std::make_unique<SQLite::Database>(readerURI_, readerFlags_);
+        } else {
+            reader->db_ = std::make_unique<SQLite::Database>(":memory:", SQLite::OPEN_READWRITE | kOneThread);
+            // This connection keeps the image and frees it; the other only reads it.
+            const int result = sqlite3_deserialize(reader->db_->getHandle(), "main", const_cast<unsigned char*>(image_),
+                                                   imageSize_, imageSize_, SQLITE_DESERIALIZE_READONLY);
+            if (result != SQLITE_OK)
+                throw Error(QVErrorDatabaseOperation, CF::Error(),
+                            fmt::format("Failed to read the database from memory ({})", sqlite3_errstr(result)));
+        }
+    } catch (const SQLite::Exception& e) {
+        throw Error(QVErrorDatabaseOperation, CF::Error(), fmt::format("Failed to open a second reader ({})", e.what()));
+    }
+    reader->userVersion_ = userVersion_;
+    return reader;
 }
 
 void ManifestDatabase::BeginTransaction() {
@@ -616,152 +698,159 @@ void ManifestDatabase::Commit() {
 
 void ManifestDatabase::Close() {
     insert_.reset();
+    range_.reset();
     db_.reset();
 }
 
 namespace {
 
-// Decodes the rows of a large manifest on both cores. The reading thread copies rows into batches and
-// hands each to a worker while the worker keeps up, decoding a batch itself when two already wait.
-// Each thread puts its records in a pool of its own; each record goes to the slot of its row, so the
-// order is the database's whatever thread decoded it.
-class RowDecoder {
+// Loads the rows of a manifest. A large one is cut into runs of rowids, and the calling thread and a
+// second one, each with a connection of its own, take the next run until none is left: both cores read
+// (and decipher) pages and decode records, with nothing copied between them. Each run keeps its
+// entries apart, in a pool of the thread that read it, and the runs are joined in order, which is the
+// order of a full scan. Progress is reported on the calling thread.
+class RowLoader {
 public:
-    RowDecoder(std::vector<Entry>& slots, std::shared_ptr<const QVGetFileFunction> getter)
-        : slots_(slots), getter_(std::move(getter)) {}
-    ~RowDecoder() { Stop(); }
-    RowDecoder(const RowDecoder&) = delete;
-    RowDecoder& operator=(const RowDecoder&) = delete;
+    RowLoader(std::shared_ptr<const QVGetFileFunction> getter, QVProgressFunction progress)
+        : getter_(std::move(getter)), progress_(std::move(progress)) {}
+    ~RowLoader() { Join(); }
+    RowLoader(const RowLoader&) = delete;
+    RowLoader& operator=(const RowLoader&) = delete;
 
-    void Add(const ManifestDatabase::Row& row) {
-        Batch& b = current_;
-        if (b.rows.empty()) b.first = row.index;
-        auto append = [&](const void* data, size_t size) {
-            const auto at = static_cast<uint32_t>(b.bytes.size());
-            b.bytes.append(static_cast<const char*>(data), size);
-            return std::pair<uint32_t, uint32_t>(at, static_cast<uint32_t>(size));
-        };
-        const auto id = append(row.fileID.data(), row.fileID.size());
-        const auto path = append(row.relativePath.data(), row.relativePath.size());
-        const auto blob = append(row.data.data(), row.data.size());
-        b.rows.push_back({row.index, id, path, blob, row.domain, row.flags});
-        if (b.rows.size() == kBatchRows || b.bytes.size() >= kBatchBytes) Dispatch();
+    // Throws the first failure in the order of the rows.
+    void Load(ManifestDatabase& database) {
+        const std::optional<std::pair<int64_t, int64_t>> span = database.RowidSpan();
+        if (!span) {
+            runs_.resize(1);
+            runs_[0].whole = true;
+        } else {
+            const auto [first, last] = *span;
+            const uint64_t width = static_cast<uint64_t>(last) - static_cast<uint64_t>(first);
+            const uint64_t count = std::clamp<uint64_t>(width / kRunRows, 1, kMaxRuns);
+            const uint64_t step = width / count + 1;
+            for (uint64_t i = 0, at = static_cast<uint64_t>(first); i < count; ++i, at += step) {
+                Run run;
+                run.first = static_cast<int64_t>(at);
+                run.last = i + 1 == count ? last : static_cast<int64_t>(at + step - 1);
+                runs_.push_back(std::move(run));
+            }
+            total_ = static_cast<int64_t>(std::min<uint64_t>(width + 1, INT64_MAX));
+            if (runs_.size() > 1) second_ = std::thread([this, &database] { Second(database); });
+        }
+        Take(database, true);
+        Join();
+        for (Run& run : runs_)
+            if (run.failure) std::rethrow_exception(run.failure);
     }
 
-    // Decodes what is left, waits for the worker and returns the file IDs of rows that did not decode.
-    std::vector<std::string> Finish() {
-        Dispatch();
-        Stop();
-        if (failure_) std::rethrow_exception(failure_);
-        std::vector<std::string> invalid = std::move(invalid_);
-        invalid.insert(invalid.end(), workerInvalid_.begin(), workerInvalid_.end());
+    // The entries, flag-only records and undecodable rows of every run, in the rows' order.
+    std::vector<Entry> TakeEntries() {
+        size_t size = 0;
+        for (const Run& run : runs_) size += run.entries.size();
+        std::vector<Entry> entries;
+        entries.reserve(size);
+        for (Run& run : runs_) std::move(run.entries.begin(), run.entries.end(), std::back_inserter(entries));
+        return entries;
+    }
+    template <class Each>
+    void ForEachFlagOnly(Each each) const {
+        for (const Run& run : runs_)
+            for (const std::string& fileID : run.flagOnly) each(fileID);
+    }
+    std::vector<std::string> Invalid() const {
+        std::vector<std::string> invalid;
+        for (const Run& run : runs_) invalid.insert(invalid.end(), run.invalid.begin(), run.invalid.end());
         return invalid;
     }
 
 private:
-    static constexpr size_t kBatchRows = 2048;
-    static constexpr size_t kBatchBytes = size_t{4} << 20;
+    // About this many rows a run: enough that a run's seek costs nothing, few enough that the two
+    // threads finish together.
+    static constexpr uint64_t kRunRows = 4096;
+    static constexpr uint64_t kMaxRuns = 256;
 
-    struct BatchRow {
-        int64_t index;
-        std::pair<uint32_t, uint32_t> fileID, path, blob;
-        CF::String domain;  // one string per domain, shared
-        int32_t flags;
-    };
-    struct Batch {
-        int64_t first = 0;
-        std::string bytes;
-        std::vector<BatchRow> rows;
+    struct Run {
+        int64_t first = 0, last = 0;
+        bool whole = false;  // the table is read by a full scan
+        std::vector<Entry> entries;
+        std::vector<std::string> flagOnly, invalid;
+        std::exception_ptr failure;
     };
 
-    void Dispatch() {
-        if (current_.rows.empty()) return;
-        StartWorker();
-        // The worker takes the batch when fewer than two wait for it; otherwise this thread decodes it,
-        // so both stay busy whatever the cost of reading a row against decoding it, and memory stays a
-        // few batches whatever the manifest's size.
-        bool queued = false, failed = false;
-        {
-            std::lock_guard lock(mutex_);
-            failed = failure_ != nullptr;
-            if (!failed && queue_.size() < 2) {
-                queue_.push_back(std::move(current_));
-                queued = true;
-            }
+    void Second(const ManifestDatabase& database) {
+        std::unique_ptr<ManifestDatabase> reader;
+        try {
+            reader = database.OpenAnotherReader();
+        } catch (const CF::Error& e) {
+            // The calling thread reads every run itself.
+            log_fmt(log_level::debug, "No second reader for the manifest ({})", e.what());
+            return;
         }
-        if (queued) ready_.notify_all();
-        else if (!failed) Decode(current_, *mainPool_, mainScratch_, invalid_);
-        current_ = Batch();
+        Take(*reader, false);
     }
 
-    void StartWorker() {
-        if (worker_.joinable()) return;
-        worker_ = std::thread([this] {
-            auto pool = EntryPool::Create();
-            MB::FileView scratch;
-            for (;;) {
-                Batch batch;
-                {
-                    std::unique_lock lock(mutex_);
-                    ready_.wait(lock, [&] { return !queue_.empty() || done_; });
-                    if (queue_.empty()) return;
-                    batch = std::move(queue_.front());
-                    queue_.pop_front();
+    void Take(ManifestDatabase& database, bool calling) {
+        std::shared_ptr<EntryPool> pool = EntryPool::Create();
+        MB::FileView scratch;
+        for (;;) {
+            if (stop_.load(std::memory_order_relaxed)) return;
+            const size_t i = next_.fetch_add(1, std::memory_order_relaxed);
+            if (i >= runs_.size()) return;
+            Run& run = runs_[i];
+            auto each = [&](const ManifestDatabase::Row& row) {
+                Add(run, *pool, scratch, row);
+                if (calling && progress_) {
+                    // A full scan knows its count; runs count the rows of runs done and of this one.
+                    const int64_t done = run.whole ? row.index : done_.load(std::memory_order_relaxed) + row.index;
+                    const int64_t total = run.whole ? row.count : total_;
+                    progress_(done, total, static_cast<double>(done) / static_cast<double>(total));
                 }
-                ready_.notify_all();
-                try {
-                    Decode(batch, *pool, scratch, workerInvalid_);
-                } catch (...) {
-                    std::lock_guard lock(mutex_);
-                    failure_ = std::current_exception();
-                    queue_.clear();
-                    ready_.notify_all();
-                    return;
-                }
+            };
+            try {
+                if (run.whole) database.QueryAllRows(each);
+                else database.QueryRowRange(run.first, run.last, each);
+            } catch (...) {
+                run.failure = std::current_exception();
+                stop_.store(true, std::memory_order_relaxed);
+                return;
             }
-        });
-    }
-
-    void Stop() {
-        {
-            std::lock_guard lock(mutex_);
-            done_ = true;
+            done_.fetch_add(static_cast<int64_t>(run.entries.size() + run.flagOnly.size() + run.invalid.size()),
+                            std::memory_order_relaxed);
         }
-        ready_.notify_all();
-        if (worker_.joinable()) worker_.join();
     }
 
-    void Decode(const Batch& batch, EntryPool& pool, MB::FileView& scratch, std::vector<std::string>& invalid) {
-        auto view = [&](std::pair<uint32_t, uint32_t> at) {
-            return std::string_view(batch.bytes.data() + at.first, at.second);
-        };
-        for (const BatchRow& row : batch.rows) {
-            const std::string_view blob = view(row.blob);
+    void Add(Run& run, EntryPool& pool, MB::FileView& scratch, const ManifestDatabase::Row& row) {
+        if (!row.fileID.empty() && !row.data.empty()) {
             Entry entry = pool.NewEntry();
-            if (DecodeManifestRow(pool, entry, view(row.fileID), row.domain, view(row.path), row.flags,
-                                  {reinterpret_cast<const uint8_t*>(blob.data()), blob.size()}, getter_, scratch)) {
-                slots_[static_cast<size_t>(row.index)] = std::move(entry);
+            if (DecodeManifestRow(pool, entry, row.fileID, row.domain, row.relativePath, row.flags, row.data, getter_,
+                                  scratch)) {
+                run.entries.push_back(std::move(entry));
             } else {
-                log_fmt(log_level::warning, "Parse error: fileID '{}'", view(row.fileID));
-                invalid.emplace_back(view(row.fileID));
+                log_fmt(log_level::warning, "Parse error: fileID '{}'", row.fileID);
+                run.invalid.emplace_back(row.fileID);
             }
+        } else if (row.flags == kFlagOnlyRecord && !row.fileID.empty()) {
+            run.flagOnly.emplace_back(row.fileID);
+        } else {
+            log_fmt(log_level::warning, "Unknown entry format: fileID '{}' fileType '{:x}'", row.fileID, row.flags);
+            run.invalid.emplace_back(row.fileID);
         }
     }
 
-    std::vector<Entry>& slots_;
-    std::shared_ptr<const QVGetFileFunction> getter_;
-    std::shared_ptr<EntryPool> mainPool_ = EntryPool::Create();
-    MB::FileView mainScratch_;
-    std::vector<std::string> invalid_;
-    Batch current_;
+    // Also when the calling thread leaves by an exception (a progress function may throw).
+    void Join() {
+        stop_.store(true, std::memory_order_relaxed);
+        if (second_.joinable()) second_.join();
+    }
 
-    std::thread worker_;
-    std::mutex mutex_;
-    std::condition_variable ready_;
-    std::deque<Batch> queue_;
-    bool done_ = false;
-    std::exception_ptr failure_;
-    std::vector<std::string> workerInvalid_;  // the worker's alone until it is joined
+    std::shared_ptr<const QVGetFileFunction> getter_;
+    QVProgressFunction progress_;
+    std::vector<Run> runs_;
+    int64_t total_ = 0;
+    std::atomic<size_t> next_{0};
+    std::atomic<int64_t> done_{0};
+    std::atomic<bool> stop_{false};
+    std::thread second_;
 };
 
 Manifest loadManifest(const std::function<void(ManifestDatabase&)>& open, QVManifestDataVersion version,
@@ -771,7 +860,6 @@ Manifest loadManifest(const std::function<void(ManifestDatabase&)>& open, QVMani
         return nullptr;
     }
     return Boundary(error, [&]() -> Manifest {
-        // One slot per row, filled by whichever thread decodes it; rows that are no entries stay empty.
         std::vector<Entry> entries;
         CF::Dictionary flagOnly = CF::Dictionary::CreateMutable();
         std::vector<std::string> invalid;
@@ -779,28 +867,13 @@ Manifest loadManifest(const std::function<void(ManifestDatabase&)>& open, QVMani
         try {
             ManifestDatabase database;
             open(database);
-            RowDecoder decoder(entries, sharedGetter);
-            database.QueryAllRows([&](const ManifestDatabase::Row& row) {
-                if (entries.empty()) entries.resize(static_cast<size_t>(row.count));
-                // A damaged database may scan more rows than it counts: the slots are fixed once the
-                // decoding threads run.
-                if (row.index < 0 || static_cast<size_t>(row.index) >= entries.size())
-                    throw Error(QVErrorDatabaseOperation, CF::Error(), "The database holds more rows than it counts");
-                if (!row.fileID.empty() && !row.data.empty()) {
-                    decoder.Add(row);
-                } else if (row.flags == kFlagOnlyRecord && !row.fileID.empty()) {
-                    flagOnly.Set(CF::String(row.fileID).get(), CF::Number(int64_t{row.flags}));
-                } else {
-                    log_fmt(log_level::warning, "Unknown entry format: fileID '{}' fileType '{:x}'", row.fileID,
-                            row.flags);
-                    invalid.emplace_back(row.fileID);
-                }
-                if (progress)
-                    progress(row.index, row.count, static_cast<double>(row.index) / static_cast<double>(row.count));
+            RowLoader loader(sharedGetter, progress);
+            loader.Load(database);
+            entries = loader.TakeEntries();
+            loader.ForEachFlagOnly([&](const std::string& fileID) {
+                flagOnly.Set(CF::String(fileID).get(), CF::Number(int64_t{kFlagOnlyRecord}));
             });
-            std::vector<std::string> undecoded = decoder.Finish();
-            invalid.insert(invalid.end(), undecoded.begin(), undecoded.end());
-            std::erase_if(entries, [](const Entry& e) { return !e; });
+            invalid = loader.Invalid();
         } catch (const CF::Error& e) {
             CF::Error failure =
                 Error(QVErrorInvalidManifestDatabase, e, "Failed to parse records from manifest database");

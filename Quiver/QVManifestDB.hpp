@@ -17,6 +17,7 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <span>
 #include <string>
 #include <string_view>
@@ -82,6 +83,15 @@ public:
                    std::optional<std::span<const uint8_t>> data);
     // Calls row for every row of Files (in the order of orderBy when one is given).
     void QueryAllRows(const RowFunction& row, const char* orderBy = nullptr);
+    // The first and last rowid of Files; nothing when it has no rows, or when its rows are not kept by
+    // rowid or a column takes a rowid's name.
+    std::optional<std::pair<int64_t, int64_t>> RowidSpan();
+    // Calls row for every row of Files whose rowid lies in [first, last], in rowid order: a full scan's
+    // order. A row's index counts the rows of the call; its count is the width of the range.
+    void QueryRowRange(int64_t first, int64_t last, const RowFunction& row);
+    // A second connection that reads what this one reads, for another thread; it must not outlive this
+    // one. Throws when this one is not open for reading.
+    std::unique_ptr<ManifestDatabase> OpenAnotherReader() const;
     void BeginTransaction();
     void Commit();
     void Close();
@@ -90,6 +100,7 @@ public:
 
 private:
     void readUserVersion();
+    void readRows(SQLite::Statement& query, int64_t count, const RowFunction& each);
     void execAll(std::initializer_list<std::string> statements);
     void rewriteSchema();
 
@@ -99,6 +110,15 @@ private:
         void operator()(sqlite3_stmt* statement) const;
     };
     std::unique_ptr<sqlite3_stmt, StatementFinalizer> insert_;  // prepared once, reset per row
+    std::unique_ptr<SQLite::Statement> range_;                  // prepared once, reset per range
+    struct DomainStrings;
+    std::unique_ptr<DomainStrings> domains_;  // one string per domain text, shared by its rows
+    // How another reader opens what this one reads: a URI and its flags, or a database image that this
+    // connection owns.
+    std::string readerURI_;
+    int readerFlags_ = 0;
+    const unsigned char* image_ = nullptr;
+    int64_t imageSize_ = 0;
     std::filesystem::path path_;
     uint32_t userVersion_ = 0;
 };
