@@ -249,6 +249,7 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
             if (!backup->manifest)
                 throw Error(QVErrorInvalidBackup, CF::Error(),
                             "The backup manifest could not be loaded because it is corrupted.");
+            if (backup->countOnly) backup->contents = CountEntries(backup->manifest);
         } catch (const CF::Error& e) {
             throw Error(QVErrorLoadingExternalRepresentation, e, "An error ocurred while loading manifest file",
                         Quiver::ErrorContext::File("Manifest.mbdb"));
@@ -293,8 +294,21 @@ void loadManifestDatabase(const Backup& backup, const LoadProgress& progress) {
             }
         }
     }
+    const bool enciphered = encrypted && backup->manifestEncryption->HasManifestKey();
+    if (backup->countOnly) {
+        try {
+            backup->contents = enciphered ? QVManifestCountEncipheredManifestDatabase(
+                                                databasePath, backup->manifestEncryption->GetManifestKey(), progress)
+                                          : QVManifestCountManifestDatabase(databasePath, progress);
+        } catch (const CF::Error& e) {
+            throw AddErrorContext(e, Quiver::ErrorContext::File("Manifest.db"));
+        }
+        backup->manifest = QVManifestCreateEmpty();
+        backup->manifest->dataVersion = backup->manifestVersion;
+        return;
+    }
     CFErrorRef slot = nullptr;
-    if (encrypted && backup->manifestEncryption->HasManifestKey()) {
+    if (enciphered) {
         // The plaintext is the user's private data: deciphered page by page as SQLite reads it, never
         // to a file, and never the whole of it at once.
         log_fmt(log_level::debug, "(QVBackupContainer {}) Will read enciphered manifest version '{}'",
@@ -386,6 +400,11 @@ void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress)
     // carry wrapped keys tell, and the error names the file at fault rather than the contents.
     if (!encrypted && std::find(backup->unreadableMetadata.begin(), backup->unreadableMetadata.end(), "Manifest.plist") !=
                           backup->unreadableMetadata.end()) {
+        if (backup->countOnly && backup->contents.wrappedKeys)
+            throw Error(QVErrorInvalidBackup, CF::Error(),
+                        "Manifest.plist is not a property list, and the manifest's entries carry wrapped keys: "
+                        "without its key bag the encrypted backup cannot be read",
+                        ErrorContext::File("Manifest.plist", "not-a-property-list"));
         for (const Entry& entry : backup->manifest->entries)
             if (!entry->encryptionKey().empty())
                 throw Error(QVErrorInvalidBackup, CF::Error(),
@@ -418,8 +437,9 @@ Backup QVBackupContainerCreateEmpty(CFErrorRef* error) {
 namespace {
 
 Backup load(QVDataSourceType type, CFStringRef path, CFStringRef password, const LoadProgress& progress,
-            CFErrorRef* error) {
+            CFErrorRef* error, bool countOnly = false) {
     auto backup = std::make_shared<QVBackupContainerClass>();
+    backup->countOnly = countOnly;
     backup->sourceType = type;
     backup->path = CF::String::Retain(path);
     if (password) backup->password = CF::String::Retain(password);
@@ -475,6 +495,11 @@ Backup QVBackupContainerCreateFromZipFile(CFStringRef path, CFStringRef password
 
 Backup QVBackupContainerCreateFromZipFile(CFStringRef path, LoadProgress progress, CFErrorRef* error) {
     return QVBackupContainerCreateFromZipFile(path, nullptr, std::move(progress), error);
+}
+
+Backup QVBackupContainerCount(QVDataSourceType type, CFStringRef path, CFStringRef password, LoadProgress progress,
+                              CFErrorRef* error) {
+    return load(type, path, password, progress, error, true);
 }
 
 Backup QVBackupContainerCreateCopy(const Backup& source) {

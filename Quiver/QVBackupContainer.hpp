@@ -57,6 +57,10 @@ public:
     std::shared_ptr<const Quiver::QVExportCheck> exportCheck;
     // Set on a conversion's copy: the stored files it writes are another container's (see CarriedFiles).
     std::shared_ptr<const Quiver::CarriedFiles> carried;
+    // Set before loading by QVBackupContainerCount: a Manifest.db's entries are counted into `contents`
+    // and not kept (the manifest stays empty); a Manifest.mbdb, small, is loaded and counted.
+    bool countOnly = false;
+    Quiver::ManifestContents contents;
 };
 
 namespace Quiver {
@@ -91,6 +95,12 @@ bool QVBackupContainerCopyMetadata(CFStringRef path, QVDataSourceType type, QVBa
                                    CFErrorRef* error);
 
 const CF::Dictionary& QVBackupContainerGetManifestDict(const Backup& backup);
+
+// Opens a backup as QVBackupContainerCreateFromDirectory or QVBackupContainerCreateFromZipFile do, with
+// the same checks and failures, but counts the manifest's entries into `contents` instead of keeping
+// them. The container returned is for its metadata and `contents` alone: its manifest is empty.
+Backup QVBackupContainerCount(QVDataSourceType type, CFStringRef path, CFStringRef password, LoadProgress progress,
+                              CFErrorRef* error);
 
 // ---- Internal, shared by the container's parts ----
 

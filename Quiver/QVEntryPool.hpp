@@ -36,6 +36,10 @@ private:
     char* chunkNext_ = nullptr;
 };
 
+// A Manifest.db row's MBFile blob decoded into `scratch`, with the checks of DecodeManifestRow. False
+// when it does not decode (logged).
+bool DecodeManifestRecord(std::span<const uint8_t> blob, MB::FileView& scratch);
+
 // One Manifest.db row decoded into `entry`, a record of `pool`: the MBFile blob read in place, the row's
 // file ID kept as stored. False when the blob does not decode (logged). `scratch` is reused from row
 // to row.

@@ -302,6 +302,23 @@ void QVManifestRemoveEntries(const Manifest& manifest, const std::vector<Entry>&
     m.totalFileSize = static_cast<int64_t>(size);
 }
 
+ManifestContents CountEntries(const Manifest& manifest) {
+    QV_ASSERT(manifest);
+    ManifestContents contents;
+    std::unordered_set<std::string_view> domains;
+    for (const Entry& entry : manifest->entries) {
+        switch (entry->mode & 0xE000) {
+            case 0x4000: ++contents.directories; break;
+            case 0xA000: ++contents.symlinks; break;
+            default: ++contents.files, contents.totalSize += entry->size;
+        }
+        if (!entry->domainText.empty()) domains.insert(entry->domainText);
+        if (!entry->encryptionKey().empty()) contents.wrappedKeys = true;
+    }
+    contents.domains = domains.size();
+    return contents;
+}
+
 Manifest MakeManifest(std::vector<Entry> entries, QVManifestDataVersion version, CF::Dictionary flagOnlyRecords,
                       QVGetFileFunction getFile) {
     auto manifest = std::make_shared<QVManifestClass>();

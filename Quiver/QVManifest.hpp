@@ -47,6 +47,18 @@ public:
 
 namespace Quiver {
 
+// What a manifest holds, counted by the kind its mode gives each entry; entries of no known kind count
+// as files, as listings show them.
+struct ManifestContents {
+    uint64_t files = 0, directories = 0, symlinks = 0;
+    uint64_t totalSize = 0;  // of the files, as recorded
+    uint64_t domains = 0;    // distinct domains that are not empty
+    bool wrappedKeys = false;  // an entry carries a wrapped key
+};
+
+// Counts a loaded manifest's entries.
+ManifestContents CountEntries(const Manifest& manifest);
+
 // A manifest made by a loader: the entries in order, the totals computed from them.
 Manifest MakeManifest(std::vector<Entry> entries, QVManifestDataVersion version, CF::Dictionary flagOnlyRecords,
                       QVGetFileFunction getFile);

@@ -18,6 +18,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <unordered_map>
+#include <unordered_set>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -708,11 +709,12 @@ namespace {
 // second one, each with a connection of its own, take the next run until none is left: both cores read
 // (and decipher) pages and decode records, with nothing copied between them. Each run keeps its
 // entries apart, in a pool of the thread that read it, and the runs are joined in order, which is the
-// order of a full scan. Progress is reported on the calling thread.
+// order of a full scan. Progress is reported on the calling thread. A loader that counts decodes and
+// checks every record as one that keeps entries does, and keeps nothing of them.
 class RowLoader {
 public:
-    RowLoader(std::shared_ptr<const QVGetFileFunction> getter, QVProgressFunction progress)
-        : getter_(std::move(getter)), progress_(std::move(progress)) {}
+    RowLoader(std::shared_ptr<const QVGetFileFunction> getter, QVProgressFunction progress, bool counting = false)
+        : getter_(std::move(getter)), progress_(std::move(progress)), counting_(counting) {}
     ~RowLoader() { Join(); }
     RowLoader(const RowLoader&) = delete;
     RowLoader& operator=(const RowLoader&) = delete;
@@ -757,6 +759,21 @@ public:
         for (const Run& run : runs_)
             for (const std::string& fileID : run.flagOnly) each(fileID);
     }
+    ManifestContents Contents() const {
+        ManifestContents total;
+        std::unordered_set<std::string> domains;
+        for (const Run& run : runs_) {
+            total.files += run.contents.files;
+            total.directories += run.contents.directories;
+            total.symlinks += run.contents.symlinks;
+            total.totalSize += run.contents.totalSize;
+            total.wrappedKeys = total.wrappedKeys || run.contents.wrappedKeys;
+            for (const CF::String& domain : run.domains)
+                if (domain.length() > 0) domains.insert(domain.utf8());
+        }
+        total.domains = domains.size();
+        return total;
+    }
     std::vector<std::string> Invalid() const {
         std::vector<std::string> invalid;
         for (const Run& run : runs_) invalid.insert(invalid.end(), run.invalid.begin(), run.invalid.end());
@@ -775,6 +792,8 @@ private:
         std::vector<Entry> entries;
         std::vector<std::string> flagOnly, invalid;
         std::exception_ptr failure;
+        ManifestContents contents;      // when counting
+        std::vector<CF::String> domains;  // when counting: one string per domain of the connection
     };
 
     void Second(const ManifestDatabase& database) {
@@ -821,20 +840,43 @@ private:
 
     void Add(Run& run, EntryPool& pool, MB::FileView& scratch, const ManifestDatabase::Row& row) {
         if (!row.fileID.empty() && !row.data.empty()) {
-            Entry entry = pool.NewEntry();
-            if (DecodeManifestRow(pool, entry, row.fileID, row.domain, row.relativePath, row.flags, row.data, getter_,
-                                  scratch)) {
-                run.entries.push_back(std::move(entry));
-            } else {
-                log_fmt(log_level::warning, "Parse error: fileID '{}'", row.fileID);
-                run.invalid.emplace_back(row.fileID);
-            }
+            if (counting_ ? Count(run, scratch, row) : Keep(run, pool, scratch, row)) return;
+            log_fmt(log_level::warning, "Parse error: fileID '{}'", row.fileID);
+            run.invalid.emplace_back(row.fileID);
         } else if (row.flags == kFlagOnlyRecord && !row.fileID.empty()) {
             run.flagOnly.emplace_back(row.fileID);
         } else {
             log_fmt(log_level::warning, "Unknown entry format: fileID '{}' fileType '{:x}'", row.fileID, row.flags);
             run.invalid.emplace_back(row.fileID);
         }
+    }
+
+    bool Keep(Run& run, EntryPool& pool, MB::FileView& scratch, const ManifestDatabase::Row& row) {
+        Entry entry = pool.NewEntry();
+        if (!DecodeManifestRow(pool, entry, row.fileID, row.domain, row.relativePath, row.flags, row.data, getter_,
+                               scratch))
+            return false;
+        run.entries.push_back(std::move(entry));
+        return true;
+    }
+
+    bool Count(Run& run, MB::FileView& scratch, const ManifestDatabase::Row& row) {
+        if (!DecodeManifestRecord(row.data, scratch)) return false;
+        ManifestContents& c = run.contents;
+        // The mode as an entry keeps it.
+        switch (static_cast<uint16_t>(scratch.Mode) & 0xE000) {
+            case 0x4000: ++c.directories; break;
+            case 0xA000: ++c.symlinks; break;
+            default: ++c.files, c.totalSize += scratch.Size;
+        }
+        if (!scratch.EncryptionKey.empty()) c.wrappedKeys = true;
+        // Rows come grouped by domain, and a connection gives each domain one string.
+        if (run.domains.empty() || run.domains.back().get() != row.domain.get()) {
+            const bool seen = std::any_of(run.domains.begin(), run.domains.end(),
+                                          [&](const CF::String& d) { return d.get() == row.domain.get(); });
+            if (!seen) run.domains.push_back(row.domain);
+        }
+        return true;
     }
 
     // Also when the calling thread leaves by an exception (a progress function may throw).
@@ -845,6 +887,7 @@ private:
 
     std::shared_ptr<const QVGetFileFunction> getter_;
     QVProgressFunction progress_;
+    bool counting_;
     std::vector<Run> runs_;
     int64_t total_ = 0;
     std::atomic<size_t> next_{0};
@@ -853,6 +896,26 @@ private:
     std::thread second_;
 };
 
+// Reads every row with `loader`; throws the load's failure, the same whether the loader keeps the
+// entries or counts them.
+void readRows(const std::function<void(ManifestDatabase&)>& open, RowLoader& loader) {
+    try {
+        ManifestDatabase database;
+        open(database);
+        loader.Load(database);
+    } catch (const CF::Error& e) {
+        CF::Error failure = Error(QVErrorInvalidManifestDatabase, e, "Failed to parse records from manifest database");
+        LogError(log_level::error, failure);
+        throw failure;
+    }
+    if (const std::vector<std::string> invalid = loader.Invalid(); !invalid.empty()) {
+        CF::Error failure = Error(QVErrorInvalidManifestDatabase, CF::Error(),
+                                  fmt::format("Database contains {} invalid entries", invalid.size()));
+        LogError(log_level::error, failure);
+        throw failure;
+    }
+}
+
 Manifest loadManifest(const std::function<void(ManifestDatabase&)>& open, QVManifestDataVersion version,
                       QVGetFileFunction getFile, QVProgressFunction progress, CFErrorRef* error) {
     if (!versionAccepted(version)) {
@@ -860,34 +923,27 @@ Manifest loadManifest(const std::function<void(ManifestDatabase&)>& open, QVMani
         return nullptr;
     }
     return Boundary(error, [&]() -> Manifest {
-        std::vector<Entry> entries;
-        CF::Dictionary flagOnly = CF::Dictionary::CreateMutable();
-        std::vector<std::string> invalid;
         auto sharedGetter = getFile ? std::make_shared<const QVGetFileFunction>(getFile) : nullptr;
-        try {
-            ManifestDatabase database;
-            open(database);
-            RowLoader loader(sharedGetter, progress);
-            loader.Load(database);
-            entries = loader.TakeEntries();
-            loader.ForEachFlagOnly([&](const std::string& fileID) {
-                flagOnly.Set(CF::String(fileID).get(), CF::Number(int64_t{kFlagOnlyRecord}));
-            });
-            invalid = loader.Invalid();
-        } catch (const CF::Error& e) {
-            CF::Error failure =
-                Error(QVErrorInvalidManifestDatabase, e, "Failed to parse records from manifest database");
-            LogError(log_level::error, failure);
-            throw failure;
-        }
-        if (!invalid.empty()) {
-            CF::Error failure = Error(QVErrorInvalidManifestDatabase, CF::Error(),
-                                      fmt::format("Database contains {} invalid entries", invalid.size()));
-            LogError(log_level::error, failure);
-            throw failure;
-        }
-        return MakeManifest(std::move(entries), version, flagOnly, std::move(getFile));
+        RowLoader loader(sharedGetter, progress);
+        readRows(open, loader);
+        CF::Dictionary flagOnly = CF::Dictionary::CreateMutable();
+        loader.ForEachFlagOnly([&](const std::string& fileID) {
+            flagOnly.Set(CF::String(fileID).get(), CF::Number(int64_t{kFlagOnlyRecord}));
+        });
+        return MakeManifest(loader.TakeEntries(), version, flagOnly, std::move(getFile));
     });
+}
+
+ManifestContents countManifest(const std::function<void(ManifestDatabase&)>& open, QVProgressFunction progress) {
+    // Failures are those of a load, made at the same boundary.
+    CFErrorRef error = nullptr;
+    std::optional<ManifestContents> contents = Boundary(&error, [&]() -> std::optional<ManifestContents> {
+        RowLoader loader(nullptr, progress, true);
+        readRows(open, loader);
+        return loader.Contents();
+    });
+    if (!contents) throw CF::Error::Adopt(error);
+    return *contents;
 }
 
 }  // namespace
@@ -906,6 +962,15 @@ Manifest QVManifestCreateFromEncipheredManifestDatabase(CFStringRef path, const 
     const fs::path source(CF::UTF8(path));
     return loadManifest([&](ManifestDatabase& database) { database.OpenEnciphered(source, key); }, version,
                         std::move(getFile), std::move(progress), error);
+}
+
+ManifestContents QVManifestCountManifestDatabase(const fs::path& path, QVProgressFunction progress) {
+    return countManifest([&](ManifestDatabase& database) { database.OpenForReading(path); }, std::move(progress));
+}
+
+ManifestContents QVManifestCountEncipheredManifestDatabase(const fs::path& path, const std::array<uint8_t, 32>& key,
+                                                           QVProgressFunction progress) {
+    return countManifest([&](ManifestDatabase& database) { database.OpenEnciphered(path, key); }, std::move(progress));
 }
 
 Manifest QVManifestCreateFromManifestDatabaseImage(DatabaseImage image, QVManifestDataVersion version,

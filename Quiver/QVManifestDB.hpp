@@ -123,6 +123,14 @@ private:
     uint32_t userVersion_ = 0;
 };
 
+// Counts the entries of a Manifest.db, plain or enciphered, with every check that loading it makes,
+// keeping none of them: a fraction of a load's memory and time. Throws the CF::Error of the load's
+// failure.
+ManifestContents QVManifestCountManifestDatabase(const std::filesystem::path& path, QVProgressFunction progress);
+ManifestContents QVManifestCountEncipheredManifestDatabase(const std::filesystem::path& path,
+                                                           const std::array<uint8_t, 32>& key,
+                                                           QVProgressFunction progress);
+
 // "QVManifestDB" below the temporary storage path, created once.
 std::filesystem::path ManifestDatabaseDirectory();
 

@@ -45,11 +45,21 @@ void fillFromRecord(QVManifestEntryClass& entry, MB::FileView& record, int flags
 
 }  // namespace
 
+bool DecodeManifestRecord(std::span<const uint8_t> blob, MB::FileView& scratch) {
+    try {
+        if (MB::File::DecodeView(blob, scratch)) return true;
+        log_fmt(log_level::warning, "Failed to deserialize MBFile: Missing or invalid MBFile structure");
+    } catch (const std::exception& e) {
+        log_fmt(log_level::warning, "Failed to deserialize MBFile: {}", e.what());
+    }
+    return false;
+}
+
 bool DecodeManifestRow(EntryPool& pool, const Entry& entry, std::string_view fileID, const CF::String& domain,
                        std::string_view relativePath, int flags, std::span<const uint8_t> blob,
                        std::shared_ptr<const QVGetFileFunction> getFileFunc, MB::FileView& scratch) {
+    if (!DecodeManifestRecord(blob, scratch)) return false;
     try {
-        if (!MB::File::DecodeView(blob, scratch)) throw std::runtime_error("Missing or invalid MBFile structure");
         fillFromRecord(*entry, scratch, flags);
         entry->SetDomain(domain);
         entry->fileIDIsHex = FileIDBytesFromText(fileID, entry->fileIDBytes);

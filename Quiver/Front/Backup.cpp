@@ -197,13 +197,17 @@ std::vector<Entry> EntryRange::toVector() const {
 
 // ---- Backup: opening and metadata ----
 
-Backup Backup::open(const fs::path& path, const std::optional<std::string>& password, const Progress& progress) {
+namespace {
+
+// Opens the container behind open() and summarize(): one that keeps its entries, or one that counts them.
+Quiver::Backup openContainer(const fs::path& path, const std::optional<std::string>& password, const Progress& progress,
+                             bool count) {
     std::error_code ec;
     const fs::file_status status = fs::status(path, ec);
     if (!fs::exists(status))
         throw Error(Error::Details{ErrorCode::NoItemAtPath, "Quiver.ErrorDomain",
                                    {path.string() + ": no such file or directory"}, {}, {}, {}, {}, "missing", {}});
-    const bool zip = !fs::is_directory(status);
+    const QVDataSourceType type = fs::is_directory(status) ? QVDataSourceTypeDirectory : QVDataSourceTypeZip;
     EnsureTemporaryFolder();
     if (password && !password->empty() && !CF::String(*password))
         throw Error(Error::Details{ErrorCode::InvalidArgument, "Quiver.ErrorDomain",
@@ -213,7 +217,9 @@ Backup Backup::open(const fs::path& path, const std::optional<std::string>& pass
     const CF::String pathText = Text(path.string());
     auto load = [&](const std::optional<std::string>& secret, CFErrorRef* error) {
         const CF::String secretText = secret ? Text(*secret) : CF::String();
-        return zip ? Quiver::QVBackupContainerCreateFromZipFile(pathText.get(), secretText.get(), report, error)
+        if (count) return Quiver::QVBackupContainerCount(type, pathText.get(), secretText.get(), report, error);
+        return type == QVDataSourceTypeZip
+                   ? Quiver::QVBackupContainerCreateFromZipFile(pathText.get(), secretText.get(), report, error)
                    : Quiver::QVBackupContainerCreateFromDirectory(pathText.get(), secretText.get(), report, error);
     };
     CFErrorRef error = nullptr;
@@ -226,7 +232,35 @@ Backup Backup::open(const fs::path& path, const std::optional<std::string>& pass
         failure = CF::Error::Adopt(error);
     }
     if (!backup) front::Throw(failure);
-    return Backup(std::make_shared<Impl>(Impl{std::move(backup), path}));
+    return backup;
+}
+
+Contents ContentsOf(const Quiver::ManifestContents& c) {
+    return Contents{c.files, c.directories, c.symlinks, c.totalSize, c.domains};
+}
+
+}  // namespace
+
+Backup Backup::open(const fs::path& path, const std::optional<std::string>& password, const Progress& progress) {
+    return Backup(std::make_shared<Impl>(Impl{openContainer(path, password, progress, false), path}));
+}
+
+Summary Backup::summarize(const fs::path& path, const std::optional<std::string>& password, const Progress& progress) {
+    // Read through a handle of its own, which never leaves here: its manifest is empty.
+    const Backup counted(std::make_shared<Impl>(Impl{openContainer(path, password, progress, true), path}));
+    Summary summary;
+    summary.metadata = Metadata{counted.info(),
+                                counted.status(),
+                                counted.manifestProperties(),
+                                counted.missingMetadata(),
+                                counted.unreadableMetadata(),
+                                counted.manifestFormat()};
+    summary.manifestVersion = counted.manifestVersion();
+    summary.encrypted = counted.encrypted();
+    summary.manifestEnciphered = counted.manifestEnciphered();
+    summary.loadWarnings = counted.loadWarnings();
+    summary.contents = ContentsOf(counted.impl_->backup->contents);
+    return summary;
 }
 
 Backup Backup::create() {
@@ -296,6 +330,9 @@ std::vector<std::string> Backup::unreadableMetadata() const {
 std::vector<std::string> Backup::loadWarnings() const { return Quiver::QVBackupContainerCopyLoadWarnings(impl_->backup); }
 uint64_t Backup::fileCount() const {
     return static_cast<uint64_t>(Quiver::QVManifestGetTotalFileCount(Quiver::QVBackupContainerGetManifest(impl_->backup)));
+}
+Contents Backup::contents() const {
+    return ContentsOf(Quiver::CountEntries(Quiver::QVBackupContainerGetManifest(impl_->backup)));
 }
 uint64_t Backup::totalSize() const {
     return static_cast<uint64_t>(Quiver::QVManifestGetTotalFileSize(Quiver::QVBackupContainerGetManifest(impl_->backup)));

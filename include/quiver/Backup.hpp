@@ -138,6 +138,25 @@ struct Metadata {
     bool encrypted() const { return manifest["IsEncrypted"].asBoolean(); }
 };
 
+// What a backup holds, counted from its manifest by the kind each entry's mode gives it.
+struct Contents {
+    uint64_t files = 0;  // regular files, and entries of no other kind (as listings show them)
+    uint64_t directories = 0;
+    uint64_t symlinks = 0;
+    uint64_t totalSize = 0;  // of the files, as recorded
+    uint64_t domains = 0;    // distinct, not counting an empty one
+};
+
+// A backup as Backup::open finds it, its entries counted rather than kept.
+struct Summary {
+    Metadata metadata;            // what open() read; manifestFile names the manifest it read
+    std::string manifestVersion;  // as Backup::manifestVersion()
+    bool encrypted = false;
+    bool manifestEnciphered = false;
+    std::vector<std::string> loadWarnings;
+    Contents contents;
+};
+
 // One problem verification found (see Backup::verify).
 struct Problem {
     std::string kind;  // "stored-file-missing", "digest-mismatch", "bad-padding", "size-disagrees", ...
@@ -217,6 +236,11 @@ public:
     // Progress covers the manifest's load.
     static Backup open(const std::filesystem::path& path, const std::optional<std::string>& password = {},
                        const Progress& progress = {});
+    // Opens the backup as open() does, with the same checks of its metadata, of the password and of
+    // every record of its manifest, and fails as open() would, but counts the entries instead of
+    // keeping them: a program that shows what many backups hold needs none of their entries in memory.
+    static Summary summarize(const std::filesystem::path& path, const std::optional<std::string>& password = {},
+                             const Progress& progress = {});
     // A new backup with no entries and no metadata; give it metadata before writing it.
     static Backup create();
     // The metadata files of a backup directory or zip, without its password or manifest.
@@ -238,6 +262,7 @@ public:
     std::vector<std::string> loadWarnings() const;
     uint64_t fileCount() const;  // regular files
     uint64_t totalSize() const;  // of the regular files, as recorded
+    Contents contents() const;   // of the entries now, edits included
 
     // ---- Entries ----
     EntryRange entries() const;

@@ -2,7 +2,10 @@
 // plain values and errors that carry their context). What the layer below does is tested there.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <sstream>
+
+#include <SQLiteCpp/SQLiteCpp.h>
 
 #include "ScratchDirectory.hpp"
 #include "support/BackupBuilder.hpp"
@@ -10,6 +13,7 @@
 #include "quiver/quiver.hpp"
 
 using namespace QuiverTest;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -143,6 +147,66 @@ TEST_F(FrontTest, EditsMakeParentsAndRefuseUnsafeNames) {
         EXPECT_EQ(std::filesystem::hard_link_count(item.path()), 1u) << item.path();
     }
     EXPECT_EQ(quiver::Backup::open(root / "two").readAll(*backup.find("HomeDomain", "Library/New/deep/file.txt")), text);
+}
+
+// A summary counts what opening keeps, and fails where opening fails, however large the manifest (a
+// large one is read on two threads) and whatever its kind.
+TEST_F(FrontTest, ASummaryCountsWhatOpeningKeepsAndFailsWhereOpeningFails) {
+    std::vector<BackupItem> items = SampleItems();
+    for (int i = 0; i < 20000; ++i)
+        items.push_back(BackupItem::Directory(i % 3 ? "HomeDomain" : "AppDomain-com.x", "d/" + std::to_string(i)));
+    BackupItem fifo = BackupItem::File("MediaDomain", "odd", "x");  // no kind a listing names: a file
+    fifo.mode = 0010644;
+    items.push_back(fifo);
+    auto fields = [](const quiver::Contents& c) {
+        return std::array<uint64_t, 5>{c.files, c.directories, c.symlinks, c.totalSize, c.domains};
+    };
+    for (const auto& [encrypted, version] : {std::pair(false, "3.3"), std::pair(true, "3.3"), std::pair(true, "2.4")}) {
+        SCOPED_TRACE(std::string(version) + (encrypted ? " encrypted" : ""));
+        const BuiltBackup built = BuildBackup(root / (encrypted ? "enc" : "plain") / version,
+                                              {.items = items, .manifestVersion = version, .encrypted = encrypted});
+        const quiver::Backup backup = quiver::Backup::open(built.directory, "password");
+        quiver::Contents expected;
+        for (const quiver::Entry& entry : backup.entries()) {
+            if (entry.isDirectory()) ++expected.directories;
+            else if (entry.isSymlink()) ++expected.symlinks;
+            else ++expected.files, expected.totalSize += entry.size();
+        }
+        expected.domains = backup.domains().size();
+        EXPECT_EQ(fields(backup.contents()), fields(expected));
+        const quiver::Summary summary = quiver::Backup::summarize(built.directory, "password");
+        EXPECT_EQ(fields(summary.contents), fields(expected));
+        EXPECT_EQ(summary.encrypted, encrypted);
+        EXPECT_EQ(summary.manifestEnciphered, backup.manifestEnciphered());
+        EXPECT_EQ(summary.manifestVersion, version);
+        EXPECT_EQ(summary.metadata.manifestFile, backup.manifestFormat());
+        if (!encrypted) continue;
+        for (auto open : {+[](const fs::path& p) { (void)quiver::Backup::open(p, "wrong"); },
+                          +[](const fs::path& p) { (void)quiver::Backup::summarize(p, "wrong"); }}) {
+            try {
+                open(built.directory);
+                ADD_FAILURE() << "a wrong password opened the backup";
+            } catch (const quiver::Error& e) {
+                EXPECT_TRUE(e.isPasswordProblem()) << e.what();
+            }
+        }
+    }
+    // One record near the end that does not decode.
+    const fs::path plain = root / "plain" / "3.3";
+    SQLite::Database((plain / "Manifest.db").string(), SQLite::OPEN_READWRITE)
+        .exec("UPDATE Files SET file = x'0102' WHERE rowid = (SELECT max(rowid) - 3 FROM Files);");
+    std::vector<std::string> failures;
+    for (auto open : {+[](const fs::path& p) { (void)quiver::Backup::open(p); },
+                      +[](const fs::path& p) { (void)quiver::Backup::summarize(p); }}) {
+        try {
+            open(plain);
+            ADD_FAILURE() << "a damaged manifest opened";
+        } catch (const quiver::Error& e) {
+            failures.push_back(e.what());
+        }
+    }
+    ASSERT_EQ(failures.size(), 2u);
+    EXPECT_EQ(failures[0], failures[1]);
 }
 
 TEST(FrontValue, PropertyListsRoundTrip) {

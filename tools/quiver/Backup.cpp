@@ -110,9 +110,16 @@ Failure LoadFailure(const std::string& path, const quiver::Error& error) {
     }
 }
 
+// What an opening gives: a backup, or its summary.
+bool IsEncrypted(const quiver::Backup& backup) { return backup.encrypted(); }
+bool IsEncrypted(const quiver::Summary& summary) { return summary.encrypted; }
+std::vector<std::string> WarningsOf(const quiver::Backup& backup) { return backup.loadWarnings(); }
+std::vector<std::string> WarningsOf(const quiver::Summary& summary) { return summary.loadWarnings; }
+
 // One attempt to open the backup; nothing, and the error in `failure`, when it fails.
-std::optional<quiver::Backup> TryLoad(const std::string& path, const std::optional<std::string>& password,
-                                      std::optional<quiver::Error>& failure) {
+template <class Opened, class Open>
+std::optional<Opened> TryLoad(const std::string& path, const std::optional<std::string>& password,
+                              std::optional<quiver::Error>& failure, const Open& open) {
     Progress progress(password ? "Deriving the key from the password" : "Opening the backup");
     bool loading = false;
     auto report = [&](double fraction) {
@@ -123,7 +130,7 @@ std::optional<quiver::Backup> TryLoad(const std::string& path, const std::option
         progress.Update(fraction);
     };
     try {
-        return quiver::Backup::open(path, password, report);
+        return open(path, password, report);
     } catch (const quiver::Error& e) {
         if (e.code() == ErrorCode::InvalidArgument && e.check() == "password")
             throw Failure(kPasswordProblem, "the password is not valid UTF-8 text");
@@ -184,7 +191,12 @@ std::optional<std::string> GivenPassword(const GlobalOptions& options) {
     return given->text;
 }
 
-OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
+namespace {
+
+// Opens the backup with `open` (Backup::open or Backup::summarize), asking for the password when it
+// turns out to need one; see LoadBackup.
+template <class Opened, class Open>
+Opened LoadWith(const std::string& path, const GlobalOptions& options, const Open& open) {
     std::error_code ec;
     fs::file_status status = fs::status(path, ec);
     if (!fs::exists(status)) throw Failure(kFailure, fmt::format("{}: no such file or directory", path));
@@ -195,8 +207,8 @@ OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
     if (given) password = given->text;
     std::optional<quiver::Error> failure;
     // The library opens a plain backup without the password it was given.
-    std::optional<quiver::Backup> backup = TryLoad(path, password, failure);
-    if (backup && password && !backup->encrypted())
+    std::optional<Opened> backup = TryLoad<Opened>(path, password, failure, open);
+    if (backup && password && !IsEncrypted(*backup))
         Detail(options.verbosity, fmt::format("{} is not encrypted; the password from {} is not needed", path,
                                               given->origin));
     if (!backup && failure->code() == ErrorCode::PasswordRequired) {
@@ -208,7 +220,7 @@ OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
                 break;
             }
             if (typed->empty()) throw Failure(kPasswordProblem, fmt::format("the password typed for {} is empty", path));
-            backup = TryLoad(path, typed, failure);
+            backup = TryLoad<Opened>(path, typed, failure, open);
             if (!backup && !IsWrongPassword(*failure)) break;
             if (!backup && attempt < 2) Warn("incorrect password, try again");
         }
@@ -218,8 +230,24 @@ OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
         throw LoadFailure(path, *failure);
     }
     // A partial copy reads; what the library had to make up is said once, on standard error.
-    for (const std::string& warning : backup->loadWarnings()) Warn(fmt::format("{}: {}", path, warning));
-    return OpenBackup(std::move(*backup));
+    for (const std::string& warning : WarningsOf(*backup)) Warn(fmt::format("{}: {}", path, warning));
+    return std::move(*backup);
+}
+
+}  // namespace
+
+OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options) {
+    return OpenBackup(LoadWith<quiver::Backup>(
+        path, options, [](const std::string& p, const std::optional<std::string>& password, const quiver::Progress& progress) {
+            return quiver::Backup::open(p, password, progress);
+        }));
+}
+
+quiver::Summary SummarizeBackup(const std::string& path, const GlobalOptions& options) {
+    return LoadWith<quiver::Summary>(
+        path, options, [](const std::string& p, const std::optional<std::string>& password, const quiver::Progress& progress) {
+            return quiver::Backup::summarize(p, password, progress);
+        });
 }
 
 const char* EntryTypeName(const quiver::Entry& entry) {

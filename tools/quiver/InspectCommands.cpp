@@ -35,29 +35,23 @@ struct InfoOptions {
     bool local = false;
 };
 
-// What only the manifest tells: read when the backup is plain or a password was given.
-struct Contents {
-    int64_t files = 0, directories = 0, symlinks = 0;
-    uint64_t totalSize = 0;
-    size_t domains = 0;
-};
-
 int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
     std::error_code ec;
     if (!fs::exists(o.backup, ec)) throw Failure(kFailure, fmt::format("{}: no such file or directory", o.backup));
     RefuseFolderOfBackups(o.backup);
     // The metadata files say what a person needs to tell backups apart, and say it without the
-    // password. Whatever they cannot be read for, loading the backup says best.
+    // password. Whatever they cannot be read for, opening the backup says best.
     quiver::Metadata metadata;
-    OpenBackup open;
+    std::optional<quiver::Summary> summary;
     std::string metadataError;
     if (std::optional<FoundBackup> found = ReadFoundBackup(o.backup, metadataError)) {
         metadata = std::move(found->metadata);
     } else {
-        open = LoadBackup(o.backup, global);
+        summary = SummarizeBackup(o.backup, global);
     }
     const bool encryptedByMetadata = metadata.encrypted();
-    if (!open && (!encryptedByMetadata || PasswordGiven(global))) open = LoadBackup(o.backup, global);
+    // The contents are counted, not kept: the checks are those of loading, the memory a fraction.
+    if (!summary && (!encryptedByMetadata || PasswordGiven(global))) summary = SummarizeBackup(o.backup, global);
 
     std::string version = StringValue(metadata.status, "Version");
     std::string manifestFile = metadata.manifestFile;
@@ -66,31 +60,16 @@ int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
     bool enciphered = encrypted && metadata.manifest["ManifestKey"].type() == quiver::Value::Type::Data &&
                       manifestFile == "Manifest.db";
     std::vector<std::string> missing = metadata.missing;
-    std::optional<Contents> contents;
-    if (open) {
-        const quiver::Backup& backup = open.get();
-        metadata.info = backup.info();
-        metadata.status = backup.status();
-        metadata.manifest = backup.manifestProperties();
+    std::optional<quiver::Contents> contents;
+    if (summary) {
         // A partial copy may lack the version; the library took it from the kind of manifest present.
-        version = backup.manifestVersion();
-        manifestFile = version == "2.4" ? "Manifest.mbdb" : "Manifest.db";
-        encrypted = backup.encrypted();
-        enciphered = backup.manifestEnciphered();
-        missing = backup.missingMetadata();
-        Contents c;
-        for (const quiver::Entry e : backup.entries()) {
-            if (e.isDirectory()) {
-                ++c.directories;
-            } else if (e.isSymlink()) {
-                ++c.symlinks;
-            } else {
-                ++c.files;
-                c.totalSize += e.size();
-            }
-        }
-        c.domains = backup.domains().size();
-        contents = c;
+        version = summary->manifestVersion;
+        manifestFile = summary->metadata.manifestFile;
+        encrypted = summary->encrypted;
+        enciphered = summary->manifestEnciphered;
+        missing = summary->metadata.missing;
+        metadata = std::move(summary->metadata);
+        contents = summary->contents;
     }
     const DeviceFacts device = DeviceFactsOf(metadata);
     const std::optional<int64_t> date = BackupDateOf(metadata);
@@ -118,7 +97,7 @@ int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
                           {"passes", keyBag->dpIterations ? 2 : 1},
                           {"iterations", keyBag->iterations},
                           {"dpIterations", keyBag->dpIterations ? json(*keyBag->dpIterations) : json(nullptr)}};
-        auto count = [&](auto Contents::*field) { return contents ? json((*contents).*field) : json(nullptr); };
+        auto count = [&](auto quiver::Contents::*field) { return contents ? json((*contents).*field) : json(nullptr); };
         json out = {
             {"path", o.backup},
             {"deviceName", orNull(device.name)},
@@ -135,11 +114,11 @@ int RunInfo(const InfoOptions& o, const GlobalOptions& global) {
             {"missing", missing},
             {"date", date ? json(IsoTimeText(*date)) : json(nullptr)},
             {"manifestRead", contents.has_value()},
-            {"files", count(&Contents::files)},
-            {"directories", count(&Contents::directories)},
-            {"symlinks", count(&Contents::symlinks)},
-            {"totalSize", count(&Contents::totalSize)},
-            {"domains", count(&Contents::domains)},
+            {"files", count(&quiver::Contents::files)},
+            {"directories", count(&quiver::Contents::directories)},
+            {"symlinks", count(&quiver::Contents::symlinks)},
+            {"totalSize", count(&quiver::Contents::totalSize)},
+            {"domains", count(&quiver::Contents::domains)},
         };
         WriteAll(STDOUT_FILENO, out.dump(2) + "\n");
         return kSuccess;

@@ -133,6 +133,8 @@ std::string StringValue(const quiver::Value& dict, const char* key);
 // a prompt on the terminal, and only when the backup turns out to need one. Throws Failure with
 // status 3 for a missing or wrong password, 4 for what is not a readable backup, 1 otherwise.
 OpenBackup LoadBackup(const std::string& path, const GlobalOptions& options);
+// Summarizes a backup (Backup::summarize) the same way, with the same password and failures.
+quiver::Summary SummarizeBackup(const std::string& path, const GlobalOptions& options);
 
 // The causes of an error without its outermost reason (what a failure to write names as its cause);
 // the whole text when there is no cause.
