@@ -9,6 +9,7 @@
 #include <cctype>
 #include <utility>
 #include <cstring>
+#include <deque>
 #include <exception>
 #include <iterator>
 #include <future>
@@ -1072,50 +1073,93 @@ void writeDatabase(ManifestDatabase& database, const Manifest& manifest, QVManif
                                static_cast<int32_t>(number.Int64Or(kFlagOnlyRecord)), nullptr);
         }
         std::vector<Entry> failed;
-        // The records are encoded a batch ahead on a second thread while SQLite stores the batch before.
-        // Each thread reads only its own entries.
+        // The rows are made two batches ahead on other threads while SQLite stores the batch before:
+        // each record encoded, and the file ID, domain and path copied beside it, so that the storing
+        // thread reads the batch alone and never waits on an entry's memory (entries lie wherever they
+        // were made; the rows go in domain-path order). Two batches ahead absorb the batches that
+        // take longer to make than to store.
         constexpr size_t kBatch = 2048;
-        static constexpr size_t kFailed = SIZE_MAX;
-        struct Blobs {
+        struct Span {
+            uint32_t offset = 0, length = 0;
+            std::string_view in(const std::vector<uint8_t>& bytes) const {
+                return {reinterpret_cast<const char*>(bytes.data()) + offset, length};
+            }
+        };
+        struct Row {
+            Span fileID, domain, path, blob;
+            int32_t flags = 0;
+            bool failed = false;  // the record could not be encoded
+        };
+        struct Batch {
             std::vector<uint8_t> bytes;
-            std::vector<std::pair<size_t, size_t>> spans;  // offset and length; kFailed as offset for none
+            std::vector<Row> rows;
         };
         auto encode = [&sorted](size_t begin) {
-            Blobs blobs;
+            Batch batch;
             MB::FileWriter writer;
             const size_t end = std::min(sorted.size(), begin + kBatch);
-            blobs.spans.reserve(end - begin);
-            blobs.bytes.reserve((end - begin) * 512);
+            batch.rows.reserve(end - begin);
+            batch.bytes.reserve((end - begin) * 640);
+            auto append = [&](std::string_view text) {
+                const Span span{static_cast<uint32_t>(batch.bytes.size()), static_cast<uint32_t>(text.size())};
+                batch.bytes.insert(batch.bytes.end(), text.begin(), text.end());
+                return span;
+            };
+            char hex[40];
+            // Entries lie wherever they were made: ask for the next ones' records, and then their texts,
+            // while this one is encoded.
+            constexpr size_t kRecordsAhead = 8, kTextsAhead = 4;
+            auto prefetchRecord = [&](size_t i) {
+                const auto* record = reinterpret_cast<const char*>((*sorted[i].entry).get());
+                for (size_t line = 0; line < sizeof(QVManifestEntryClass); line += 64) __builtin_prefetch(record + line);
+            };
+            for (size_t i = begin; i < std::min(end, begin + kRecordsAhead); ++i) prefetchRecord(i);
             for (size_t i = begin; i < end; ++i) {
-                const size_t offset = blobs.bytes.size();
+                if (i + kRecordsAhead < end) prefetchRecord(i + kRecordsAhead);
+                if (i + kTextsAhead < end) __builtin_prefetch((*sorted[i + kTextsAhead].entry)->path().data());
+                const QVManifestEntryClass& entry = **sorted[i].entry;
+                Row row;
+                row.flags = entry.fileType;
+                const size_t offset = batch.bytes.size();
                 try {
-                    AppendMBFileData(writer, **sorted[i].entry, blobs.bytes);
-                    blobs.spans.emplace_back(offset, blobs.bytes.size() - offset);
+                    AppendMBFileData(writer, entry, batch.bytes);
+                    row.blob = {static_cast<uint32_t>(offset), static_cast<uint32_t>(batch.bytes.size() - offset)};
+                    row.fileID = append(fileIDText(entry, hex));
+                    row.domain = append(entry.domainText);
+                    row.path = append(entry.path());
                 } catch (const std::exception& e) {
                     log_fmt(log_level::warning, "Failed to serialize MBFile -- {}", e.what());
-                    blobs.bytes.resize(offset);
-                    blobs.spans.emplace_back(kFailed, 0);
+                    batch.bytes.resize(offset);
+                    row.failed = true;
                 }
+                batch.rows.push_back(row);
             }
-            return blobs;
+            return batch;
         };
-        char hex[40];
-        std::future<Blobs> ahead;
-        if (!sorted.empty()) ahead = std::async(std::launch::async, encode, 0);
+        std::deque<std::future<Batch>> ahead;
+        size_t next = 0;
+        auto encodeNext = [&] {
+            if (next < sorted.size()) ahead.push_back(std::async(std::launch::async, encode, next));
+            next += kBatch;
+        };
+        encodeNext();
+        encodeNext();
         for (size_t begin = 0; begin < sorted.size(); begin += kBatch) {
-            const Blobs blobs = ahead.get();
-            if (begin + kBatch < sorted.size()) ahead = std::async(std::launch::async, encode, begin + kBatch);
-            for (size_t i = 0; i < blobs.spans.size(); ++i) {
-                const Entry& entry = *sorted[begin + i].entry;
-                const auto [offset, length] = blobs.spans[i];
-                if (offset == kFailed) {
-                    failed.push_back(entry);
+            const Batch batch = ahead.front().get();
+            ahead.pop_front();
+            encodeNext();
+            for (size_t i = 0; i < batch.rows.size(); ++i) {
+                const Row& row = batch.rows[i];
+                if (row.failed) {
+                    failed.push_back(*sorted[begin + i].entry);
                     continue;
                 }
                 try {
-                    database.InsertRow(fileIDText(*entry, hex), entry->domainText, entry->path(), entry->fileType,
-                                       std::span<const uint8_t>(blobs.bytes.data() + offset, length));
+                    const std::string_view blob = row.blob.in(batch.bytes);
+                    database.InsertRow(row.fileID.in(batch.bytes), row.domain.in(batch.bytes), row.path.in(batch.bytes),
+                                       row.flags, std::span(reinterpret_cast<const uint8_t*>(blob.data()), blob.size()));
                 } catch (const CF::Error& e) {
+                    const Entry& entry = *sorted[begin + i].entry;
                     LogErrorFmt(log_level::error, e.get(), "Failed to insert {}", entry);
                     failed.push_back(entry);
                 }
