@@ -53,6 +53,16 @@ protected:
         return p;
     }
 
+    // `count` directories of HomeDomain, named `prefix` and a number.
+    Manifest directories(int count, const std::string& prefix) {
+        Manifest m = QVManifestCreateEmpty();
+        std::vector<Entry> entries;
+        for (int i = 0; i < count; ++i)
+            entries.push_back(QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CF::String(prefix + std::to_string(i)).get()));
+        QVManifestUpdateEntries(m, entries);
+        return m;
+    }
+
     Manifest sample() {
         Manifest m = QVManifestCreateEmpty();
         auto content = QVFileCreateFromData(std::vector<uint8_t>{'d', 'a', 't', 'a'}, nullptr);
@@ -322,17 +332,10 @@ TEST_F(ManifestDBTest, RealDeviceDatabaseLoadsWholeAndSurvivesARoundTrip) {
     }
 }
 
-// An enciphered database reads where it lies, page by page, whether or not its writer added a padding
-// block, and leaves nothing behind; a wrong key or a file cut short of a block fails with an error.
 // A large table is read in runs of rowids on two connections: whatever the source, the entries come in
 // the order of a full scan, across gaps in the rowids, and a bad row in any run fails the load.
 TEST_F(ManifestDBTest, ALargeTableLoadsInRowOrderFromEverySource) {
-    Manifest m = QVManifestCreateEmpty();
-    std::vector<Entry> entries;
-    for (int i = 0; i < 20000; ++i)
-        entries.push_back(QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CF::String(fmt::format("d/{}", i)).get()));
-    QVManifestUpdateEntries(m, entries);
-    const fs::path plain = save(QVManifestCreateManifestDBRepresentation(m, QVManifestDataVersion33));
+    const fs::path plain = save(QVManifestCreateManifestDBRepresentation(directories(20000, "d/"), QVManifestDataVersion33));
     std::vector<std::string> expected;
     {
         SQLite::Database db(plain.string(), SQLite::OPEN_READWRITE);
@@ -403,14 +406,12 @@ TEST_F(ManifestDBTest, ALargeTableLoadsInRowOrderFromEverySource) {
     EXPECT_EQ(whole->entries.size(), 42u);
 }
 
+// An enciphered database reads where it lies, page by page, whether or not its writer added a padding
+// block, and leaves nothing behind; a wrong key or a file cut short of a block fails with an error.
 TEST_F(ManifestDBTest, EncipheredDatabaseReadsInPlaceWithOrWithoutPadding) {
     // Enough rows for several pages, so that reads land across many blocks.
-    Manifest m = QVManifestCreateEmpty();
-    std::vector<Entry> entries;
-    for (int i = 0; i < 400; ++i)
-        entries.push_back(QVManifestEntryCreateForDirectory(CFSTR("HomeDomain"), CF::String(fmt::format("Library/d{}", i)).get()));
-    QVManifestUpdateEntries(m, entries);
-    const fs::path plain = save(QVManifestCreateManifestDBRepresentation(m, QVManifestDataVersion33), "plain.db");
+    const fs::path plain =
+        save(QVManifestCreateManifestDBRepresentation(directories(400, "Library/d"), QVManifestDataVersion33), "plain.db");
     std::array<uint8_t, 32> key{};
     for (size_t i = 0; i < key.size(); ++i) key[i] = static_cast<uint8_t>(3 * i + 1);
 
