@@ -797,16 +797,16 @@ private:
         std::vector<CF::String> domains;  // when counting: one string per domain of the connection
     };
 
-    void Second(const ManifestDatabase& database) {
-        std::unique_ptr<ManifestDatabase> reader;
+    // Whatever keeps this thread from reading (no second connection, no memory), the calling thread
+    // reads every run itself; a run that fails keeps its failure.
+    void Second(const ManifestDatabase& database) noexcept {
         try {
-            reader = database.OpenAnotherReader();
-        } catch (const CF::Error& e) {
-            // The calling thread reads every run itself.
+            std::unique_ptr<ManifestDatabase> reader = database.OpenAnotherReader();
+            Take(*reader, false);
+        } catch (const std::exception& e) {
             log_fmt(log_level::debug, "No second reader for the manifest ({})", e.what());
-            return;
+        } catch (...) {
         }
-        Take(*reader, false);
     }
 
     void Take(ManifestDatabase& database, bool calling) {
