@@ -400,17 +400,16 @@ void SourceLoadMetadataFiles(const Backup& backup, const LoadProgress& progress)
     // carry wrapped keys tell, and the error names the file at fault rather than the contents.
     if (!encrypted && std::find(backup->unreadableMetadata.begin(), backup->unreadableMetadata.end(), "Manifest.plist") !=
                           backup->unreadableMetadata.end()) {
-        if (backup->countOnly && backup->contents.wrappedKeys)
+        const auto& entries = backup->manifest->entries;
+        const bool wrappedKeys =
+            backup->countOnly ? backup->contents.wrappedKeys
+                              : std::any_of(entries.begin(), entries.end(),
+                                            [](const Entry& entry) { return !entry->encryptionKey().empty(); });
+        if (wrappedKeys)
             throw Error(QVErrorInvalidBackup, CF::Error(),
                         "Manifest.plist is not a property list, and the manifest's entries carry wrapped keys: "
                         "without its key bag the encrypted backup cannot be read",
                         ErrorContext::File("Manifest.plist", "not-a-property-list"));
-        for (const Entry& entry : backup->manifest->entries)
-            if (!entry->encryptionKey().empty())
-                throw Error(QVErrorInvalidBackup, CF::Error(),
-                            "Manifest.plist is not a property list, and the manifest's entries carry wrapped keys: "
-                            "without its key bag the encrypted backup cannot be read",
-                            ErrorContext::File("Manifest.plist", "not-a-property-list"));
     }
 }
 

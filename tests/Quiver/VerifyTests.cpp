@@ -64,7 +64,7 @@ TEST_F(VerifyTest, EachFaultOfTheCollectionIsReportedAsItsKindAndNothingElseIsDa
 }
 
 // A program tells load failures apart by the keys of the error, not its text: which file of the backup,
-// and what failed where that is more than the code says.
+// and what failed where that is more than the code says. Counting a backup's entries fails alike.
 TEST_F(VerifyTest, LoadFailuresNameTheFileOfTheBackupAndTheCheckThatFailed) {
     const std::vector<QuiverTest::DamagedBackup> backups = QuiverTest::BuildDamagedBackups(root / "damaged");
     const std::map<std::string, std::pair<std::string, std::string>> expected{
@@ -80,13 +80,21 @@ TEST_F(VerifyTest, LoadFailuresNameTheFileOfTheBackupAndTheCheckThatFailed) {
         auto want = expected.find(b.name);
         if (want == expected.end()) continue;
         ++seen;
-        CFErrorRef error = nullptr;
-        CF::String pw(b.password);
-        EXPECT_FALSE(QVBackupContainerCreateFromDirectory(CF::String(b.path.string()).get(),
-                                                          b.password.empty() ? nullptr : pw.get(), nullptr, &error));
-        const CF::Error failure = CF::Error::Adopt(error);
-        EXPECT_EQ(ErrorContextValue(failure, kQVErrorBackupFileKey), want->second.first) << b.name;
-        EXPECT_EQ(ErrorContextValue(failure, kQVErrorCheckKey), want->second.second) << b.name;
+        const CF::String path(b.path.string()), pw(b.password);
+        // A backup whose Manifest.plist is unreadable fails with or without the password: with it, as
+        // the password has no key bag to open; without it, by its enciphered manifest or wrapped keys.
+        std::vector<CFStringRef> passwords{b.password.empty() ? nullptr : pw.get()};
+        if (b.name.starts_with("ManifestPlistGarbage")) passwords.push_back(nullptr);
+        for (CFStringRef password : passwords) {
+            for (bool count : {false, true}) {
+                CFErrorRef error = nullptr;
+                EXPECT_FALSE(count ? QVBackupContainerCount(QVDataSourceTypeDirectory, path.get(), password, nullptr, &error)
+                                   : QVBackupContainerCreateFromDirectory(path.get(), password, nullptr, &error));
+                const CF::Error failure = CF::Error::Adopt(error);
+                EXPECT_EQ(ErrorContextValue(failure, kQVErrorBackupFileKey), want->second.first) << b.name << count;
+                EXPECT_EQ(ErrorContextValue(failure, kQVErrorCheckKey), want->second.second) << b.name << count;
+            }
+        }
     }
     EXPECT_EQ(seen, expected.size());
 
