@@ -1080,7 +1080,7 @@ void writeDatabase(ManifestDatabase& database, const Manifest& manifest, QVManif
         // take longer to make than to store.
         constexpr size_t kBatch = 2048;
         struct Span {
-            uint32_t offset = 0, length = 0;
+            size_t offset = 0, length = 0;
             std::string_view in(const std::vector<uint8_t>& bytes) const {
                 return {reinterpret_cast<const char*>(bytes.data()) + offset, length};
             }
@@ -1101,7 +1101,7 @@ void writeDatabase(ManifestDatabase& database, const Manifest& manifest, QVManif
             batch.rows.reserve(end - begin);
             batch.bytes.reserve((end - begin) * 640);
             auto append = [&](std::string_view text) {
-                const Span span{static_cast<uint32_t>(batch.bytes.size()), static_cast<uint32_t>(text.size())};
+                const Span span{batch.bytes.size(), text.size()};
                 batch.bytes.insert(batch.bytes.end(), text.begin(), text.end());
                 return span;
             };
@@ -1123,7 +1123,7 @@ void writeDatabase(ManifestDatabase& database, const Manifest& manifest, QVManif
                 const size_t offset = batch.bytes.size();
                 try {
                     AppendMBFileData(writer, entry, batch.bytes);
-                    row.blob = {static_cast<uint32_t>(offset), static_cast<uint32_t>(batch.bytes.size() - offset)};
+                    row.blob = {offset, batch.bytes.size() - offset};
                     row.fileID = append(fileIDText(entry, hex));
                     row.domain = append(entry.domainText);
                     row.path = append(entry.path());
