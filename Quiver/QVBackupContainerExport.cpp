@@ -277,8 +277,6 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
             }
             return context;
         };
-        // The checks before the copy: the digest is taken in a pass of its own only where the copy
-        // cannot be taken back.
         // A source file is fetched again if asked for: keeping every one would cost memory in
         // proportion to the backup. The checks and the copy share the one fetched here.
         const Entry source = sourceOf(entry);
@@ -288,6 +286,8 @@ void writeEachName(const Backup& backup, const ExportProgress& progress, const c
                 if (fetched) QVManifestEntryForgetFetchedFile(fetched);
             }
         } forgetFetched{source ? source : entry};
+        // The checks before the copy: the digest is taken in a pass of its own only where the copy
+        // cannot be taken back.
         std::vector<uint8_t> recorded;
         if (entry && check.enabled() && checkInline &&
             !check.Before(entry, source, sharing, mode == QVVerifyMode::Full ? mode : QVVerifyMode::Quick, recorded))

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <system_error>
@@ -49,9 +50,8 @@ struct CipherFile {
     sqlite3_file base;  // first: SQLite sees only this
     int fd;
     sqlite3_int64 size;  // of the database, padding left out
-    std::array<uint8_t, 32> key;
     std::vector<uint8_t>* buffer;
-    Cryptor* cryptor;  // under the key, restarted for each read
+    Cryptor* cryptor;  // under the file's key, restarted for each read
 };
 
 CipherFile& self(sqlite3_file* file) { return *reinterpret_cast<CipherFile*>(file); }
@@ -59,7 +59,6 @@ CipherFile& self(sqlite3_file* file) { return *reinterpret_cast<CipherFile*>(fil
 int cipherClose(sqlite3_file* file) {
     CipherFile& f = self(file);
     ::close(f.fd);
-    OPENSSL_cleanse(f.key.data(), f.key.size());
     if (f.buffer) OPENSSL_cleanse(f.buffer->data(), f.buffer->size());
     delete f.buffer;
     delete f.cryptor;
@@ -164,12 +163,19 @@ int cipherOpen(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags
     if (flags & (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)) return SQLITE_READONLY;
     CipherFile& f = self(file);
     f.base.pMethods = nullptr;  // SQLite calls no method of a file whose open failed
+    // The file keeps no copy of the key: the cipher context holds its schedule.
+    std::unique_ptr<Cryptor> cryptor;
     {
         KeyRegistry& keys = registry();
         std::lock_guard lock(keys.mutex);
         auto found = keys.keys.find(std::strtoull(id, nullptr, 10));
         if (found == keys.keys.end()) return SQLITE_CANTOPEN;
-        f.key = found->second;
+        try {
+            cryptor = std::make_unique<Cryptor>(Cryptor::Operation::Decrypt, Cryptor::Algorithm::AES256, found->second);
+            cryptor->DisablePadding();
+        } catch (const std::exception&) {
+            return SQLITE_NOMEM;
+        }
     }
     f.fd = ::open(name, O_RDONLY | O_CLOEXEC);
     if (f.fd < 0) return SQLITE_CANTOPEN;
@@ -180,19 +186,11 @@ int cipherOpen(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags
     }
     f.size = length / kSmallestPage * kSmallestPage;
     f.buffer = new (std::nothrow) std::vector<uint8_t>();
-    f.cryptor = nullptr;
-    try {
-        f.cryptor = new Cryptor(Cryptor::Operation::Decrypt, Cryptor::Algorithm::AES256, f.key);
-        f.cryptor->DisablePadding();
-    } catch (const std::exception&) {
-    }
-    if (!f.buffer || !f.cryptor) {
-        delete f.buffer;
-        delete f.cryptor;
-        OPENSSL_cleanse(f.key.data(), f.key.size());
+    if (!f.buffer) {
         ::close(f.fd);
         return SQLITE_NOMEM;
     }
+    f.cryptor = cryptor.release();
     f.base.pMethods = &kMethods;
     if (outFlags) *outFlags = SQLITE_OPEN_READONLY;
     return SQLITE_OK;

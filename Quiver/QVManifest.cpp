@@ -14,6 +14,13 @@ namespace {
 
 constexpr unsigned kScansBeforeIndex = 2;
 
+// The entries of a domain in the index, made empty when the domain is new to it.
+std::vector<Entry>& domainEntries(QVManifestClass& manifest, std::string_view domain) {
+    auto found = manifest.domainIndex.find(domain);
+    if (found == manifest.domainIndex.end()) found = manifest.domainIndex.emplace(domain, std::vector<Entry>()).first;
+    return found->second;
+}
+
 void buildDomainIndex(QVManifestClass& manifest) {
     if (!manifest.domainIndex.empty()) return;
     // Rows come grouped by domain: the domain of the entry before is looked up again only when it changes.
@@ -23,10 +30,8 @@ void buildDomainIndex(QVManifestClass& manifest) {
         const std::string_view domain = entry->domainText;
         if (domain.empty()) continue;
         if (!lastEntries || domain != last) {
-            auto found = manifest.domainIndex.find(domain);
-            if (found == manifest.domainIndex.end()) found = manifest.domainIndex.emplace(domain, std::vector<Entry>()).first;
-            last = found->first;
-            lastEntries = &found->second;
+            last = domain;
+            lastEntries = &domainEntries(manifest, domain);
         }
         lastEntries->push_back(entry);
     }
@@ -238,12 +243,7 @@ void QVManifestAddEntries(const Manifest& manifest, const std::vector<Entry>& ad
         m.entries.push_back(entry);
         // Each index that exists takes the entry as a rebuild would (the first entry of a key wins).
         if (!m.domainIndex.empty()) {
-            if (!entry->domainText.empty()) {
-                auto found = m.domainIndex.find(entry->domainText);
-                if (found == m.domainIndex.end())
-                    found = m.domainIndex.emplace(entry->domainText, std::vector<Entry>()).first;
-                found->second.push_back(entry);
-            }
+            if (!entry->domainText.empty()) domainEntries(m, entry->domainText).push_back(entry);
         }
         if (!m.fileIDIndex.empty() && hasAnyFileID(*entry) && !indexFileID(m, entry)) m.duplicateKeys = true;
         if (!m.pathIndex.empty() && !indexPath(m, entry)) m.duplicateKeys = true;
@@ -307,13 +307,8 @@ ManifestContents CountEntries(const Manifest& manifest) {
     ManifestContents contents;
     std::unordered_set<std::string_view> domains;
     for (const Entry& entry : manifest->entries) {
-        switch (entry->mode & 0xE000) {
-            case 0x4000: ++contents.directories; break;
-            case 0xA000: ++contents.symlinks; break;
-            default: ++contents.files, contents.totalSize += entry->size;
-        }
+        contents.Add(entry->mode, entry->size, !entry->encryptionKey().empty());
         if (!entry->domainText.empty()) domains.insert(entry->domainText);
-        if (!entry->encryptionKey().empty()) contents.wrappedKeys = true;
     }
     contents.domains = domains.size();
     return contents;

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -20,14 +21,22 @@
 #include "Quiver/QVEntryIndex.hpp"
 #include "Quiver/QVManifestEntry.hpp"
 
+namespace Quiver {
+
+// Maps keyed by text, looked up by a view of the text without making a string of it.
+struct TextHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+};
+template <class Value>
+using TextMap = std::unordered_map<std::string, Value, TextHash, std::equal_to<>>;
+
+}  // namespace Quiver
+
 class QVManifestClass {
 public:
     std::vector<Quiver::Entry> entries;
-    struct TextHash {
-        using is_transparent = void;
-        size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
-    };
-    std::unordered_map<std::string, std::vector<Quiver::Entry>, TextHash, std::equal_to<>> domainIndex;
+    Quiver::TextMap<std::vector<Quiver::Entry>> domainIndex;
     Quiver::EntryIndex fileIDIndex;
     // Domain and path to the entry; built on the first path lookup like the other indexes, and, like
     // them, kept up to date by the edits below once built.
@@ -54,6 +63,16 @@ struct ManifestContents {
     uint64_t totalSize = 0;  // of the files, as recorded
     uint64_t domains = 0;    // distinct domains that are not empty
     bool wrappedKeys = false;  // an entry carries a wrapped key
+
+    // Counts one entry (its domain aside).
+    void Add(uint16_t mode, uint64_t size, bool wrappedKey) {
+        switch (mode & 0xE000) {
+            case 0x4000: ++directories; break;
+            case 0xA000: ++symlinks; break;
+            default: ++files, totalSize += size;
+        }
+        wrappedKeys = wrappedKeys || wrappedKey;
+    }
 };
 
 // Counts a loaded manifest's entries.

@@ -579,11 +579,7 @@ void ManifestDatabase::InsertRow(std::string_view fileID, std::optional<std::str
 // Devices name a few dozen domains for hundreds of thousands of rows: one string each, kept for as
 // long as the connection reads.
 struct ManifestDatabase::DomainStrings {
-    struct TextHash {
-        using is_transparent = void;
-        size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
-    };
-    std::unordered_map<std::string, CF::String, TextHash, std::equal_to<>> strings;
+    TextMap<CF::String> strings;
     std::string spareID, sparePath;
 
     const CF::String& Of(const SQLite::Column& column) {
@@ -863,14 +859,8 @@ private:
 
     bool Count(Run& run, MB::FileView& scratch, const ManifestDatabase::Row& row) {
         if (!DecodeManifestRecord(row.data, scratch)) return false;
-        ManifestContents& c = run.contents;
         // The mode as an entry keeps it.
-        switch (static_cast<uint16_t>(scratch.Mode) & 0xE000) {
-            case 0x4000: ++c.directories; break;
-            case 0xA000: ++c.symlinks; break;
-            default: ++c.files, c.totalSize += scratch.Size;
-        }
-        if (!scratch.EncryptionKey.empty()) c.wrappedKeys = true;
+        run.contents.Add(static_cast<uint16_t>(scratch.Mode), scratch.Size, !scratch.EncryptionKey.empty());
         // Rows come grouped by domain, and a connection gives each domain one string.
         if (run.domains.empty() || run.domains.back().get() != row.domain.get()) {
             const bool seen = std::any_of(run.domains.begin(), run.domains.end(),
